@@ -1,0 +1,49 @@
+# Set-up from nothing: `make install` installs the missing Debian packages,
+# creates .venv and installs the package with its test extras there;
+# `make test` does the same and runs the C++ and Python test suites.
+
+PYTHON ?= python3
+VENV := .venv
+VPY := $(VENV)/bin/python
+PIP := $(VPY) -m pip
+JOBS ?= 2
+
+APT_PACKAGES := g++ make curl ca-certificates libboost-json1.81-dev libcurl4-openssl-dev libssl-dev libgtest-dev
+BUILD_DEPS := scikit-build-core nanobind==2.10.2 cmake ninja
+SUDO := $(shell [ "$$(id -u)" = 0 ] || echo sudo)
+
+.PHONY: install apt-deps venv package test cpp-test py-test clean
+
+install: apt-deps venv package
+
+apt-deps:
+	@missing=""; for p in $(APT_PACKAGES); do \
+	  dpkg-query -W -f='$${Status}' $$p 2>/dev/null | grep -q "install ok installed" || missing="$$missing $$p"; \
+	done; \
+	if [ -n "$$missing" ]; then \
+	  echo "installing Debian packages:$$missing"; \
+	  $(SUDO) apt-get update -qq && DEBIAN_FRONTEND=noninteractive $(SUDO) apt-get install -y -qq $$missing; \
+	fi
+
+$(VPY):
+	$(PYTHON) -m venv $(VENV)
+
+venv: $(VPY)
+	@$(PIP) install -q --disable-pip-version-check $(BUILD_DEPS) pytest hypothesis tqdm
+
+# Incremental: the CMake build directory under build/ is kept between runs.
+package: venv
+	$(PIP) install -q --disable-pip-version-check --no-build-isolation --no-deps ".[test]"
+
+cpp-test: apt-deps venv
+	PATH="$(CURDIR)/$(VENV)/bin:$$PATH" cmake -S . -B build/cpp -G Ninja -DTW_BUILD_TESTS=ON -DCMAKE_BUILD_TYPE=Debug >/dev/null
+	PATH="$(CURDIR)/$(VENV)/bin:$$PATH" cmake --build build/cpp -j $(JOBS)
+	PATH="$(CURDIR)/$(VENV)/bin:$$PATH" ctest --test-dir build/cpp --output-on-failure -j $(JOBS)
+
+py-test: install
+	$(VPY) -m pytest -q tests
+
+test: install cpp-test py-test
+
+clean:
+	rm -rf build $(VENV)

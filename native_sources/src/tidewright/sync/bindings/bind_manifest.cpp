@@ -1,0 +1,7 @@
+#include "tidewright/sync/bindings/bindings.hpp"
+
+namespace tidewright::sync::bindings {
+
+void bind_manifest(nb::module_& m) { (void)m; }
+
+}  // namespace tidewright::sync::bindings

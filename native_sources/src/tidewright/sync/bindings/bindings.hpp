@@ -1,0 +1,22 @@
+// The pieces of the tidewright.sync module, one function per concept; each
+// lives in its own bind_<concept>.cpp and is called once from module.cpp.
+#pragma once
+
+#include <nanobind/nanobind.h>
+
+namespace tidewright::sync::bindings {
+
+namespace nb = nanobind;
+
+void bind_errors(nb::module_& m);               // errors.cpp
+void bind_paths(nb::module_& m);                // bind_paths.cpp: paths, URLs, platform
+void bind_sanitize(nb::module_& m);             // bind_sanitize.cpp: sanitisation predicates/filters
+void bind_transport_settings(nb::module_& m);   // bind_transport_settings.cpp: knobs, status policy
+void bind_files(nb::module_& m);                // bind_files.cpp: hashing, atomic writes, progress, manifest files
+void bind_manifest(nb::module_& m);             // bind_manifest.cpp: Manifest
+void bind_manager(nb::module_& m);              // bind_manager.cpp: SyncManager, results, registry
+
+// Stops every live manager; called at interpreter exit (bind_manager.cpp).
+void shutdown_all_managers();
+
+}  // namespace tidewright::sync::bindings

@@ -1,0 +1,336 @@
+#include "tidewright/sync/bindings/python_host.hpp"
+
+#include "tidewright/sync/bindings/convert.hpp"
+#include "tidewright/sync/reporting/errors.hpp"
+
+#include <Python.h>
+
+#include <atomic>
+
+namespace tidewright::sync::bindings {
+
+using namespace nanobind::literals;
+
+namespace {
+
+std::atomic<bool> g_exiting{false};
+
+// Thrown when the interpreter is shutting down and a call cannot be made.
+[[noreturn]] void throw_shutting_down() {
+  throw StateError("interpreter is shutting down");
+}
+
+bool isinstance_of(nb::handle obj, const char* module, const char* name) {
+  PyObject* mod = PyImport_GetModule(nb::str(module).ptr());  // new ref or NULL, never imports
+  if (!mod) {
+    PyErr_Clear();
+    return false;
+  }
+  nb::object m = nb::steal(mod);
+  if (!nb::hasattr(m, name)) return false;
+  nb::object cls = m.attr(name);
+  int r = PyObject_IsInstance(obj.ptr(), cls.ptr());
+  if (r < 0) {
+    PyErr_Clear();
+    return false;
+  }
+  return r == 1;
+}
+
+nb::object import_module(std::string_view name) {
+  nb::object importlib = nb::module_::import_("importlib");
+  return importlib.attr("import_module")(nb::str(name.data(), name.size()));
+}
+
+nb::object loaded_module(const char* name) {
+  PyObject* mod = PyImport_GetModule(nb::str(name).ptr());
+  if (!mod) {
+    PyErr_Clear();
+    return nb::object();
+  }
+  return nb::steal(mod);
+}
+
+bool is_native_default(nb::handle fn, const char* name) {
+  if (!nb::hasattr(fn, "__tidewright_native__")) return false;
+  try {
+    return nb::cast<std::string>(fn.attr("__tidewright_native__")) == name;
+  } catch (...) {
+    return false;
+  }
+}
+
+nb::object kwargs_dict(const json::object& kwargs) {
+  nb::dict d;
+  for (const auto& kv : kwargs) d[nb::str(kv.key().data(), kv.key().size())] = from_json(kv.value());
+  return d;
+}
+
+nb::object args_tuple(const json::array& args) {
+  return nb::steal(PySequence_Tuple(from_json_array(args).ptr()));
+}
+
+// Runs `fn` with the GIL held, turning a Python exception into a HostError.
+template <typename F>
+auto with_gil(F&& fn) -> decltype(fn()) {
+  if (PythonHost::interpreter_exiting() || !Py_IsInitialized()) throw_shutting_down();
+  nb::gil_scoped_acquire gil;
+  try {
+    return fn();
+  } catch (nb::python_error& e) {
+    e.restore();
+    throw_host_error_from_python();
+  }
+}
+
+json::value result_to_json(nb::handle result) {
+  try {
+    return to_json(result);
+  } catch (nb::python_error&) {
+    PyErr_Clear();
+    return nullptr;
+  }
+}
+
+}  // namespace
+
+[[noreturn]] void throw_host_error_from_python() {
+  nb::python_error err;  // fetches and clears the current exception
+  nb::handle value = err.value();
+  unsigned flags = 0;
+  auto mark = [&](PyObject* cls, unsigned flag) {
+    if (PyObject_IsInstance(value.ptr(), cls) == 1) flags |= flag;
+  };
+  mark(PyExc_ValueError, HostError::kIsValueError);
+  mark(PyExc_TypeError, HostError::kIsTypeError);
+  mark(PyExc_OSError, HostError::kIsOSError);
+  mark(PyExc_ConnectionError, HostError::kIsConnectionError);
+  mark(PyExc_TimeoutError, HostError::kIsTimeoutError);
+  mark(PyExc_KeyboardInterrupt, HostError::kIsKeyboardInterrupt);
+  PyErr_Clear();
+  if (isinstance_of(value, "tidewright.auth", "AuthError")) flags |= HostError::kIsAuthError;
+  if (isinstance_of(value, "tidewright.sync_backoff", "SyncBackoffCancelled")) flags |= HostError::kIsSyncBackoffCancelled;
+  if (isinstance_of(value, "tidewright.deployment", "LibraryUpdateRequired")) flags |= HostError::kIsLibraryUpdateRequired;
+  if (isinstance_of(value, "tidewright.sync", "SyncError")) flags |= HostError::kIsSyncError;
+  if (isinstance_of(value, "tidewright._artifact_rotation", "RotationStatePayloadError")) {
+    flags |= HostError::kIsRotationStatePayloadError;
+  }
+  std::string message;
+  try {
+    message = to_text(value);
+  } catch (...) {
+    PyErr_Clear();
+  }
+  std::string type_name = nb::type_name(value.type()).c_str();
+  auto payload = std::make_shared<nb::python_error>(std::move(err));
+  throw HostError(message, type_name, flags, std::static_pointer_cast<void>(payload));
+}
+
+void PythonHost::mark_interpreter_exiting() { g_exiting.store(true); }
+bool PythonHost::interpreter_exiting() { return g_exiting.load(); }
+
+bool PythonHost::shutting_down() {
+  return interpreter_exiting() || !Py_IsInitialized();
+}
+
+bool PythonHost::log_enabled(LogLevel level) {
+  if (shutting_down()) return false;
+  try {
+    return with_gil([&] {
+      nb::object logger = nb::module_::import_("logging").attr("getLogger")("tidewright.sync");
+      return nb::cast<bool>(logger.attr("isEnabledFor")(static_cast<int>(level)));
+    });
+  } catch (...) {
+    return false;
+  }
+}
+
+void PythonHost::log(LogLevel level, std::string_view format, const json::array& args,
+                     const json::object* event, bool with_traceback) {
+  if (shutting_down()) return;
+  try {
+    with_gil([&] {
+      nb::object logger = nb::module_::import_("logging").attr("getLogger")("tidewright.sync");
+      nb::dict kwargs;
+      if (event) {
+        nb::dict extra;
+        extra["tidewright_sync_event"] = from_json(json::value(*event));
+        kwargs["extra"] = extra;
+      }
+      if (with_traceback) kwargs["exc_info"] = true;
+      nb::list call_args;
+      call_args.append(static_cast<int>(level));
+      call_args.append(nb::str(format.data(), format.size()));
+      for (const auto& a : args) call_args.append(from_json(a));
+      logger.attr("log")(*nb::tuple(call_args), **kwargs);
+      return 0;
+    });
+  } catch (...) {
+    // Logging never fails the caller.
+  }
+}
+
+bool PythonHost::is_callable(const HostRef& fn) {
+  return with_gil([&] { return PyCallable_Check(ref_object(fn).ptr()) == 1; });
+}
+
+std::string PythonHost::type_repr(const HostRef& object) {
+  return with_gil([&] { return to_text(nb::repr(ref_object(object).type())); });
+}
+
+std::string PythonHost::call_for_text(const HostRef& fn) {
+  return with_gil([&] { return to_text(ref_object(fn)()); });
+}
+
+json::value PythonHost::call(const HostRef& fn, const json::array& args) {
+  return with_gil([&] {
+    nb::object result = ref_object(fn)(*args_tuple(args));
+    return result_to_json(result);
+  });
+}
+
+std::string PythonHost::validate_bearer_transport_url(const std::string& url) {
+  return with_gil([&] {
+    nb::object mod = import_module("tidewright._transport_security");
+    nb::object result = mod.attr("validate_bearer_transport_url")(nb::str(url.data(), url.size()));
+    return to_text(result);
+  });
+}
+
+ManifestSiblings PythonHost::manifest_siblings() {
+  ManifestSiblings s = default_manifest_siblings();
+  if (shutting_down()) return s;
+  with_gil([&] {
+    nb::object rotation = import_module("tidewright._artifact_rotation");
+    nb::object freshness = import_module("tidewright.runtime_module_freshness");
+    nb::object progress = import_module("tidewright._sync_progress");
+    nb::object tokens = import_module("tidewright._function_token_safety");
+    nb::object era_config = import_module("tidewright.era_config");
+
+    nb::object kind_fn = rotation.attr("manifest_file_kind");
+    if (!is_native_default(kind_fn, "manifest_file_kind")) {
+      HostRef ref = make_ref(kind_fn);
+      s.manifest_file_kind = [ref](std::string_view path, const json::value& info) {
+        return with_gil([&] {
+          return to_text(ref_object(ref)(nb::str(path.data(), path.size()), from_json(info)));
+        });
+      };
+    }
+    nb::object runtime_fn = freshness.attr("is_runtime_module_kind");
+    if (!is_native_default(runtime_fn, "is_runtime_module_kind")) {
+      HostRef ref = make_ref(runtime_fn);
+      s.is_runtime_module_kind = [ref](std::string_view kind) {
+        return with_gil([&] { return nb::bool_(ref_object(ref)(nb::str(kind.data(), kind.size()))).operator bool(); });
+      };
+    }
+    s.runtime_module_kind_suffix = to_text(freshness.attr("RUNTIME_MODULE_KIND_SUFFIX"));
+    nb::object size_fn = progress.attr("manifest_file_size");
+    if (!is_native_default(size_fn, "manifest_file_size")) {
+      HostRef ref = make_ref(size_fn);
+      s.manifest_file_size = [ref](const json::value& entry) -> std::optional<std::int64_t> {
+        return with_gil([&]() -> std::optional<std::int64_t> {
+          nb::object r = ref_object(ref)(from_json(entry));
+          if (r.is_none()) return std::nullopt;
+          return nb::cast<std::int64_t>(r);
+        });
+      };
+    }
+    nb::object token_fn = tokens.attr("is_retired_public_function_token_name");
+    if (!is_native_default(token_fn, "is_retired_public_function_token_name")) {
+      HostRef ref = make_ref(token_fn);
+      s.is_retired_public_function_token_name = [ref](std::string_view name) {
+        return with_gil([&] { return nb::bool_(ref_object(ref)(nb::str(name.data(), name.size()))).operator bool(); });
+      };
+    }
+    s.feature_artifact_kinds.clear();
+    for (nb::handle k : rotation.attr("FEATURE_ARTIFACT_KINDS")) s.feature_artifact_kinds.insert(to_text(k));
+    nb::object epoch = era_config.attr("EpochName");
+    s.epochs.signal_is = to_text(epoch.attr("SIGNAL_IS").attr("value"));
+    s.epochs.strategy_is = to_text(epoch.attr("STRATEGY_IS").attr("value"));
+    s.epochs.signal_os = to_text(epoch.attr("SIGNAL_OS").attr("value"));
+    return 0;
+  });
+  return s;
+}
+
+json::value PythonHost::call_module_function(std::string_view module, std::string_view function,
+                                             const json::array& args, const json::object& kwargs) {
+  return with_gil([&] {
+    nb::object mod = import_module(module);
+    nb::object fn = mod.attr(nb::str(function.data(), function.size()));
+    nb::object result = PyCallable_Check(fn.ptr()) ? fn(*args_tuple(args), **kwargs_dict(kwargs)) : fn;
+    return result_to_json(result);
+  });
+}
+
+HostRef PythonHost::call_module_function_ref(std::string_view module, std::string_view function,
+                                             const json::array& args, const json::object& kwargs) {
+  return with_gil([&] {
+    nb::object mod = import_module(module);
+    nb::object fn = mod.attr(nb::str(function.data(), function.size()));
+    nb::object result = PyCallable_Check(fn.ptr()) ? fn(*args_tuple(args), **kwargs_dict(kwargs)) : fn;
+    return make_ref(result);
+  });
+}
+
+json::value PythonHost::call_method(const HostRef& object, std::string_view method,
+                                    const json::array& args, const json::object& kwargs) {
+  return with_gil([&] {
+    nb::object fn = ref_object(object).attr(nb::str(method.data(), method.size()));
+    return result_to_json(fn(*args_tuple(args), **kwargs_dict(kwargs)));
+  });
+}
+
+double PythonHost::backoff_delay_seconds(std::int64_t attempt_index) {
+  return with_gil([&] {
+    nb::object mod = loaded_module("tidewright.sync_backoff");
+    if (!mod.is_valid()) mod = import_module("tidewright.sync_backoff");
+    return nb::cast<double>(nb::float_(mod.attr("SyncBackoffPolicy").attr("delay_seconds")(attempt_index)));
+  });
+}
+
+bool PythonHost::backoff_sleep(double wait_seconds, const std::function<bool()>& stop_requested) {
+  // The policy's sleep runs in Python; it calls back into stop_requested,
+  // which may itself call the host, so the GIL is released around it.
+  return with_gil([&] {
+    nb::object mod = loaded_module("tidewright.sync_backoff");
+    if (!mod.is_valid()) mod = import_module("tidewright.sync_backoff");
+    nb::object time_sleep = nb::module_::import_("time").attr("sleep");
+    nb::object stop = nb::cpp_function([stop_requested]() {
+      nb::gil_scoped_release release;
+      return stop_requested ? stop_requested() : false;
+    });
+    nb::object r = mod.attr("SyncBackoffPolicy").attr("sleep")(wait_seconds, "sleep"_a = time_sleep,
+                                                                "stop_requested"_a = stop);
+    return PyObject_IsTrue(r.ptr()) == 1;
+  });
+}
+
+HostRef PythonHost::current_backoff_context() {
+  if (shutting_down()) return nullptr;
+  try {
+    return with_gil([&] {
+      nb::object mod = loaded_module("tidewright.sync_backoff");
+      if (!mod.is_valid()) return HostRef();
+      return make_ref(mod.attr("current_context")());
+    });
+  } catch (...) {
+    return nullptr;
+  }
+}
+
+bool PythonHost::backoff_context_stop_requested(const HostRef& context) {
+  if (!context || shutting_down()) return false;
+  try {
+    return with_gil([&] {
+      nb::handle ctx = ref_object(context);
+      nb::object fn = ctx.attr("get")("stop_requested");
+      if (fn.is_none()) return false;
+      return PyObject_IsTrue(fn().ptr()) == 1;
+    });
+  } catch (...) {
+    return false;
+  }
+}
+
+}  // namespace tidewright::sync::bindings

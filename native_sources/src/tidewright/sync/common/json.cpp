@@ -1,0 +1,336 @@
+#include "tidewright/sync/common/json.hpp"
+
+#include <algorithm>
+#include <charconv>
+#include <cmath>
+#include <cstring>
+#include <vector>
+
+namespace tidewright::sync {
+
+json::value parse_json(std::string_view text) {
+  boost::system::error_code ec;
+  json::parse_options options;
+  options.max_depth = 1024;
+  json::value value = json::parse(text, ec, {}, options);
+  if (ec) {
+    throw JsonParseError(ec.message());
+  }
+  return value;
+}
+
+std::string format_float(double value) {
+  if (std::isnan(value)) return "NaN";
+  if (std::isinf(value)) return value > 0 ? "Infinity" : "-Infinity";
+  char buf[64];
+  auto res = std::to_chars(buf, buf + sizeof buf, value, std::chars_format::scientific);
+  std::string sci(buf, res.ptr);
+  // sci is "[-]d[.ddd]e[+-]XX"
+  bool negative = false;
+  std::size_t pos = 0;
+  if (sci[0] == '-') {
+    negative = true;
+    pos = 1;
+  }
+  std::size_t epos = sci.find('e');
+  std::string mantissa = sci.substr(pos, epos - pos);
+  int exponent = std::stoi(sci.substr(epos + 1));
+  std::string digits;
+  for (char c : mantissa) {
+    if (c != '.') digits.push_back(c);
+  }
+  while (digits.size() > 1 && digits.back() == '0') digits.pop_back();
+  std::string out = negative ? "-" : "";
+  if (exponent >= -4 && exponent < 16) {
+    if (exponent >= 0) {
+      std::string int_part, frac_part;
+      if (static_cast<int>(digits.size()) <= exponent + 1) {
+        int_part = digits + std::string(exponent + 1 - digits.size(), '0');
+        frac_part = "0";
+      } else {
+        int_part = digits.substr(0, exponent + 1);
+        frac_part = digits.substr(exponent + 1);
+      }
+      out += int_part + "." + frac_part;
+    } else {
+      out += "0." + std::string(-exponent - 1, '0') + digits;
+    }
+  } else {
+    out += digits.substr(0, 1);
+    if (digits.size() > 1) out += "." + digits.substr(1);
+    char ebuf[16];
+    std::snprintf(ebuf, sizeof ebuf, "e%c%02d", exponent < 0 ? '-' : '+', std::abs(exponent));
+    out += ebuf;
+  }
+  return out;
+}
+
+namespace {
+
+// Decodes one UTF-8 code point starting at s[i]; advances i. Invalid bytes
+// decode as themselves (U+0080..U+00FF) so that writing never fails.
+std::uint32_t next_code_point(std::string_view s, std::size_t& i) {
+  auto b0 = static_cast<unsigned char>(s[i]);
+  if (b0 < 0x80) {
+    ++i;
+    return b0;
+  }
+  int len = (b0 >> 5) == 0x6 ? 2 : (b0 >> 4) == 0xE ? 3 : (b0 >> 3) == 0x1E ? 4 : 0;
+  if (len == 0 || i + len > s.size()) {
+    ++i;
+    return b0;
+  }
+  std::uint32_t cp = b0 & (0xFF >> (len + 1));
+  for (int k = 1; k < len; ++k) {
+    auto b = static_cast<unsigned char>(s[i + k]);
+    if ((b & 0xC0) != 0x80) {
+      ++i;
+      return b0;
+    }
+    cp = (cp << 6) | (b & 0x3F);
+  }
+  i += len;
+  return cp;
+}
+
+void append_u_escape(std::string& out, std::uint32_t unit) {
+  char buf[8];
+  std::snprintf(buf, sizeof buf, "\\u%04x", unit);
+  out += buf;
+}
+
+void write_string(std::string& out, std::string_view s) {
+  out.push_back('"');
+  std::size_t i = 0;
+  while (i < s.size()) {
+    std::uint32_t cp = next_code_point(s, i);
+    switch (cp) {
+      case '"': out += "\\\""; continue;
+      case '\\': out += "\\\\"; continue;
+      case '\n': out += "\\n"; continue;
+      case '\r': out += "\\r"; continue;
+      case '\t': out += "\\t"; continue;
+      case '\b': out += "\\b"; continue;
+      case '\f': out += "\\f"; continue;
+      default: break;
+    }
+    if (cp < 0x20 || (cp >= 0x7F && cp < 0x10000)) {
+      if (cp == 0x7F) {
+        out.push_back(static_cast<char>(cp));
+      } else {
+        append_u_escape(out, cp);
+      }
+    } else if (cp >= 0x10000) {
+      std::uint32_t v = cp - 0x10000;
+      append_u_escape(out, 0xD800 + (v >> 10));
+      append_u_escape(out, 0xDC00 + (v & 0x3FF));
+    } else {
+      out.push_back(static_cast<char>(cp));
+    }
+  }
+  out.push_back('"');
+}
+
+void write_value(std::string& out, const json::value& v, const JsonWriteOptions& o) {
+  const char* item_sep = o.compact ? "," : ", ";
+  const char* key_sep = o.compact ? ":" : ": ";
+  switch (v.kind()) {
+    case json::kind::null: out += "null"; break;
+    case json::kind::bool_: out += v.get_bool() ? "true" : "false"; break;
+    case json::kind::int64: out += std::to_string(v.get_int64()); break;
+    case json::kind::uint64: out += std::to_string(v.get_uint64()); break;
+    case json::kind::double_: out += format_float(v.get_double()); break;
+    case json::kind::string: write_string(out, v.get_string()); break;
+    case json::kind::array: {
+      out.push_back('[');
+      bool first = true;
+      for (const auto& item : v.get_array()) {
+        if (!first) out += item_sep;
+        first = false;
+        write_value(out, item, o);
+      }
+      out.push_back(']');
+      break;
+    }
+    case json::kind::object: {
+      const auto& obj = v.get_object();
+      out.push_back('{');
+      bool first = true;
+      auto emit = [&](const json::key_value_pair& kv) {
+        if (!first) out += item_sep;
+        first = false;
+        write_string(out, kv.key());
+        out += key_sep;
+        write_value(out, kv.value(), o);
+      };
+      if (o.sort_keys) {
+        std::vector<const json::key_value_pair*> items;
+        items.reserve(obj.size());
+        for (const auto& kv : obj) items.push_back(&kv);
+        std::sort(items.begin(), items.end(), [](auto* a, auto* b) {
+          return std::string_view(a->key()) < std::string_view(b->key());
+        });
+        for (auto* kv : items) emit(*kv);
+      } else {
+        for (const auto& kv : obj) emit(kv);
+      }
+      out.push_back('}');
+      break;
+    }
+  }
+}
+
+}  // namespace
+
+std::string dump_json(const json::value& value, const JsonWriteOptions& options) {
+  std::string out;
+  write_value(out, value, options);
+  return out;
+}
+
+std::string python_repr(std::string_view text) {
+  bool has_single = text.find('\'') != std::string_view::npos;
+  bool has_double = text.find('"') != std::string_view::npos;
+  char quote = (has_single && !has_double) ? '"' : '\'';
+  std::string out(1, quote);
+  std::size_t i = 0;
+  while (i < text.size()) {
+    std::size_t start = i;
+    std::uint32_t cp = next_code_point(text, i);
+    if (cp == static_cast<std::uint32_t>(quote) || cp == '\\') {
+      out.push_back('\\');
+      out.push_back(static_cast<char>(cp));
+    } else if (cp == '\n') {
+      out += "\\n";
+    } else if (cp == '\r') {
+      out += "\\r";
+    } else if (cp == '\t') {
+      out += "\\t";
+    } else if (cp < 0x20 || cp == 0x7F || (cp >= 0x80 && cp < 0xA0)) {
+      char buf[8];
+      std::snprintf(buf, sizeof buf, "\\x%02x", cp);
+      out += buf;
+    } else {
+      out.append(text.substr(start, i - start));
+    }
+  }
+  out.push_back(quote);
+  return out;
+}
+
+std::string python_repr(const json::value& value) {
+  switch (value.kind()) {
+    case json::kind::null: return "None";
+    case json::kind::bool_: return value.get_bool() ? "True" : "False";
+    case json::kind::int64: return std::to_string(value.get_int64());
+    case json::kind::uint64: return std::to_string(value.get_uint64());
+    case json::kind::double_: {
+      double d = value.get_double();
+      if (std::isnan(d)) return "nan";
+      if (std::isinf(d)) return d > 0 ? "inf" : "-inf";
+      return format_float(d);
+    }
+    case json::kind::string: return python_repr(std::string_view(value.get_string()));
+    case json::kind::array: {
+      std::string out = "[";
+      bool first = true;
+      for (const auto& item : value.get_array()) {
+        if (!first) out += ", ";
+        first = false;
+        out += python_repr(item);
+      }
+      return out + "]";
+    }
+    case json::kind::object: {
+      std::string out = "{";
+      bool first = true;
+      for (const auto& kv : value.get_object()) {
+        if (!first) out += ", ";
+        first = false;
+        out += python_repr(std::string_view(kv.key())) + ": " + python_repr(kv.value());
+      }
+      return out + "}";
+    }
+  }
+  return "";
+}
+
+std::string python_str(const json::value& value) {
+  if (value.is_string()) return std::string(value.get_string());
+  return python_repr(value);
+}
+
+const json::object* as_object(const json::value* value) {
+  return (value && value->is_object()) ? &value->get_object() : nullptr;
+}
+
+const json::value* find_key(const json::object& object, std::string_view key) {
+  return object.if_contains(key);
+}
+
+std::string string_or(const json::value* value, std::string_view fallback) {
+  if (value && value->is_string()) return std::string(value->get_string());
+  return std::string(fallback);
+}
+
+std::optional<std::int64_t> to_int(const json::value& value) {
+  switch (value.kind()) {
+    case json::kind::int64: return value.get_int64();
+    case json::kind::uint64:
+      if (value.get_uint64() > static_cast<std::uint64_t>(INT64_MAX)) return std::nullopt;
+      return static_cast<std::int64_t>(value.get_uint64());
+    case json::kind::bool_: return value.get_bool() ? 1 : 0;
+    case json::kind::double_: {
+      double d = value.get_double();
+      if (!std::isfinite(d) || std::fabs(d) >= 9.2e18) return std::nullopt;
+      return static_cast<std::int64_t>(std::trunc(d));
+    }
+    case json::kind::string: {
+      std::string_view s = value.get_string();
+      auto is_space = [](char c) { return c == ' ' || c == '\t' || c == '\n' || c == '\r' || c == '\f' || c == '\v'; };
+      while (!s.empty() && is_space(s.front())) s.remove_prefix(1);
+      while (!s.empty() && is_space(s.back())) s.remove_suffix(1);
+      if (s.empty()) return std::nullopt;
+      std::string cleaned;
+      std::size_t start = 0;
+      if (s[0] == '+' || s[0] == '-') {
+        if (s[0] == '-') cleaned.push_back('-');
+        start = 1;
+      }
+      bool prev_digit = false;
+      for (std::size_t k = start; k < s.size(); ++k) {
+        char c = s[k];
+        if (c >= '0' && c <= '9') {
+          cleaned.push_back(c);
+          prev_digit = true;
+        } else if (c == '_' && prev_digit && k + 1 < s.size() && s[k + 1] >= '0' && s[k + 1] <= '9') {
+          prev_digit = false;
+        } else {
+          return std::nullopt;
+        }
+      }
+      if (cleaned.empty() || cleaned == "-") return std::nullopt;
+      std::int64_t out = 0;
+      auto [p, ec] = std::from_chars(cleaned.data(), cleaned.data() + cleaned.size(), out);
+      if (ec != std::errc() || p != cleaned.data() + cleaned.size()) return std::nullopt;
+      return out;
+    }
+    default: return std::nullopt;
+  }
+}
+
+bool truthy(const json::value& value) {
+  switch (value.kind()) {
+    case json::kind::null: return false;
+    case json::kind::bool_: return value.get_bool();
+    case json::kind::int64: return value.get_int64() != 0;
+    case json::kind::uint64: return value.get_uint64() != 0;
+    case json::kind::double_: return value.get_double() != 0.0;
+    case json::kind::string: return !value.get_string().empty();
+    case json::kind::array: return !value.get_array().empty();
+    case json::kind::object: return !value.get_object().empty();
+  }
+  return false;
+}
+
+}  // namespace tidewright::sync

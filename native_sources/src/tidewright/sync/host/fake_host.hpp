@@ -1,0 +1,67 @@
+// FakeHost: a Host for C++ tests and for code that runs before the binding
+// installs its own. It behaves like the package's default sibling modules,
+// records log lines, and lets a test install module functions by name.
+//
+// Thread-safe: every member is guarded by mu_.
+#pragma once
+
+#include "tidewright/sync/host/host.hpp"
+
+#include <map>
+#include <mutex>
+
+namespace tidewright::sync {
+
+class FakeHost : public Host {
+ public:
+  struct LogLine {
+    LogLevel level;
+    std::string message;  // the format with its arguments filled in
+    std::optional<json::object> event;
+  };
+  using ModuleFunction = std::function<json::value(const json::array&, const json::object&)>;
+
+  bool log_enabled(LogLevel level) override;
+  void log(LogLevel level, std::string_view format, const json::array& args,
+           const json::object* event, bool with_traceback) override;
+  bool is_callable(const HostRef& fn) override;
+  std::string type_repr(const HostRef& object) override;
+  std::string call_for_text(const HostRef& fn) override;
+  json::value call(const HostRef& fn, const json::array& args) override;
+  std::string validate_bearer_transport_url(const std::string& url) override;
+  ManifestSiblings manifest_siblings() override;
+  json::value call_module_function(std::string_view module, std::string_view function,
+                                   const json::array& args, const json::object& kwargs) override;
+  HostRef call_module_function_ref(std::string_view module, std::string_view function,
+                                   const json::array& args, const json::object& kwargs) override;
+  json::value call_method(const HostRef& object, std::string_view method, const json::array& args,
+                          const json::object& kwargs) override;
+  double backoff_delay_seconds(std::int64_t attempt_index) override;
+  bool backoff_sleep(double wait_seconds, const std::function<bool()>& stop_requested) override;
+  HostRef current_backoff_context() override;
+  bool backoff_context_stop_requested(const HostRef& context) override;
+  bool shutting_down() override { return false; }
+
+  // Test hooks.
+  std::vector<LogLine> log_lines();
+  void set_module_function(const std::string& module, const std::string& function, ModuleFunction fn);
+  void set_manifest_siblings(ManifestSiblings siblings);
+  // Backoff delays returned by backoff_delay_seconds (default 0: no waiting).
+  void set_backoff_delay(double seconds);
+
+  // Fills %s/%d/%r placeholders the way the host's logger does.
+  static std::string format_message(std::string_view format, const json::array& args);
+
+  // A callable host object for tests: wraps a C++ function.
+  using Callable = std::function<json::value(const json::array&)>;
+  static HostRef make_callable(Callable fn);
+
+ private:
+  std::mutex mu_;
+  std::vector<LogLine> lines_;                                   // guarded by mu_
+  std::map<std::string, ModuleFunction> functions_;              // guarded by mu_
+  std::optional<ManifestSiblings> siblings_;                     // guarded by mu_
+  double backoff_delay_ = 0.0;                                   // guarded by mu_
+};
+
+}  // namespace tidewright::sync

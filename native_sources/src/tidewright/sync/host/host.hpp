@@ -1,0 +1,123 @@
+// Host: the one interface between the core and the process that loaded it.
+//
+// The core never touches the host's objects directly. Everything it needs
+// from the host (bearer tokens, logging, the sibling modules of the package,
+// callbacks) goes through the Host installed with set_host(). The Python
+// binding implements it (taking the GIL for each call); the C++ tests use
+// FakeHost. Implementations must be callable from any thread.
+#pragma once
+
+#include "tidewright/sync/common/json.hpp"
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <set>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace tidewright::sync {
+
+enum class LogLevel : int { kDebug = 10, kInfo = 20, kWarning = 30, kError = 40 };
+
+// An opaque reference to a host object (a callable, a context, an instance).
+// Copies share it; dropping the last copy is safe on any thread.
+using HostRef = std::shared_ptr<void>;
+
+// The epoch names of the era-configuration module (EpochName values).
+struct EpochNames {
+  std::string signal_is = "signal_is";
+  std::string strategy_is = "strategy_is";
+  std::string signal_os = "signal_os";
+};
+
+// The sibling-module functions that the manifest code calls per file. A
+// snapshot is taken once per operation (modules are looked up at call time,
+// not per file); where the package's default implementations are installed
+// the snapshot calls native equivalents instead of the host.
+struct ManifestSiblings {
+  // tidewright._artifact_rotation.manifest_file_kind(path, info)
+  std::function<std::string(std::string_view path, const json::value& info)> manifest_file_kind;
+  // tidewright.runtime_module_freshness.is_runtime_module_kind(kind)
+  std::function<bool(std::string_view kind)> is_runtime_module_kind;
+  // tidewright.runtime_module_freshness.RUNTIME_MODULE_KIND_SUFFIX
+  std::string runtime_module_kind_suffix = "_module";
+  // tidewright._sync_progress.manifest_file_size(entry)
+  std::function<std::optional<std::int64_t>(const json::value& entry)> manifest_file_size;
+  // tidewright._function_token_safety.is_retired_public_function_token_name(name)
+  std::function<bool(std::string_view name)> is_retired_public_function_token_name;
+  // tidewright._artifact_rotation.FEATURE_ARTIFACT_KINDS
+  std::set<std::string> feature_artifact_kinds = {"feature"};
+  // tidewright.era_config.EpochName values
+  EpochNames epochs;
+};
+
+// The package's default sibling behaviour, natively (also what FakeHost uses).
+ManifestSiblings default_manifest_siblings();
+
+class Host {
+ public:
+  virtual ~Host() = default;
+
+  // --- logging on the module's logger ("tidewright.sync") ---
+  virtual bool log_enabled(LogLevel level) = 0;
+  // `format` is a printf-style text with %s/%d placeholders filled from `args`
+  // by the host's logger. `event`, when given, is attached to the record as
+  // its "tidewright_sync_event" attribute. `exc_info` attaches the exception
+  // being handled (where the host has one).
+  virtual void log(LogLevel level, std::string_view format, const json::array& args,
+                   const json::object* event = nullptr, bool with_traceback = false) = 0;
+
+  // --- callables handed over by the host ---
+  virtual bool is_callable(const HostRef& fn) = 0;
+  // The type of a host object, as the host prints it (for error messages).
+  virtual std::string type_repr(const HostRef& object) = 0;
+  // fn() -> text (a token provider); the result's text form.
+  virtual std::string call_for_text(const HostRef& fn) = 0;
+  // fn(*args) with plain-data arguments; the result as plain data (null when
+  // it is not representable).
+  virtual json::value call(const HostRef& fn, const json::array& args) = 0;
+
+  // --- sibling modules, looked up at call time ---
+  // tidewright._transport_security.validate_bearer_transport_url(url)
+  virtual std::string validate_bearer_transport_url(const std::string& url) = 0;
+  virtual ManifestSiblings manifest_siblings() = 0;
+  // A module-level function or attribute of a sibling module called with
+  // plain data; returns plain data. Raises HostError for errors in the call.
+  virtual json::value call_module_function(std::string_view module, std::string_view function,
+                                           const json::array& args,
+                                           const json::object& kwargs = {}) = 0;
+  // Like call_module_function, but keeps the result as a host object.
+  virtual HostRef call_module_function_ref(std::string_view module, std::string_view function,
+                                           const json::array& args,
+                                           const json::object& kwargs = {}) = 0;
+  // obj.method(*args, **kwargs) with plain data in and out.
+  virtual json::value call_method(const HostRef& object, std::string_view method,
+                                  const json::array& args, const json::object& kwargs = {}) = 0;
+
+  // --- backoff (tidewright.sync_backoff) ---
+  virtual double backoff_delay_seconds(std::int64_t attempt_index) = 0;
+  // Sleeps `wait_seconds` under the policy; false when cut short because
+  // `stop_requested` answered true.
+  virtual bool backoff_sleep(double wait_seconds, const std::function<bool()>& stop_requested) = 0;
+  // The calling thread's backoff context (an empty reference when none).
+  virtual HostRef current_backoff_context() = 0;
+  // Truth of context["stop_requested"](); false when absent or failing.
+  virtual bool backoff_context_stop_requested(const HostRef& context) = 0;
+
+  // True once the host is shutting down: no further calls should be made.
+  virtual bool shutting_down() = 0;
+};
+
+// The process-wide host. set_host() is called once at load (and by tests).
+Host& host();
+void set_host(std::shared_ptr<Host> host);
+
+// Logging shorthands that skip formatting when the level is disabled.
+void log_debug(std::string_view format, const json::array& args = {});
+void log_info(std::string_view format, const json::array& args = {});
+void log_warning(std::string_view format, const json::array& args = {}, bool with_traceback = false);
+
+}  // namespace tidewright::sync
