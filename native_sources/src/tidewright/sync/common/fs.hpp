@@ -1,0 +1,71 @@
+// File-system primitives with the host's path semantics. Functions that
+// report OS failures throw OSError (or FileNotFoundError) with errno and the
+// path; those documented as lenient never throw.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <utility>
+
+namespace tidewright::sync {
+
+// A file's identity for the hash cache.
+struct StatKey {
+  std::int64_t size = 0;
+  std::int64_t mtime_ns = 0;
+  std::int64_t ctime_ns = 0;
+  std::int64_t inode = 0;
+  bool operator==(const StatKey&) const = default;
+};
+
+// An owned file descriptor, closed on destruction.
+class UniqueFd {
+ public:
+  UniqueFd() = default;
+  explicit UniqueFd(int fd) : fd_(fd) {}
+  UniqueFd(UniqueFd&& other) noexcept : fd_(std::exchange(other.fd_, -1)) {}
+  UniqueFd& operator=(UniqueFd&& other) noexcept;
+  UniqueFd(const UniqueFd&) = delete;
+  UniqueFd& operator=(const UniqueFd&) = delete;
+  ~UniqueFd();
+  int get() const { return fd_; }
+  bool valid() const { return fd_ >= 0; }
+  int release() { return std::exchange(fd_, -1); }
+  // Closes now; returns the close() result (0 when nothing was open).
+  int reset();
+
+ private:
+  int fd_ = -1;
+};
+
+// os.path.join(a, b): b when it is absolute, else a + "/" + b (no doubled /).
+std::string path_join(std::string_view a, std::string_view b);
+// os.path.dirname / basename.
+std::string path_dirname(std::string_view path);
+std::string path_basename(std::string_view path);
+// os.path.expanduser + abspath + realpath (non-strict: missing tails kept).
+std::string real_path(std::string_view path);
+// os.path.abspath (lexical, no link resolution).
+std::string abs_path(std::string_view path);
+
+// Lenient predicates (never throw).
+bool path_exists(const std::string& path);  // follows links
+bool is_directory(const std::string& path);
+bool is_regular_file(const std::string& path);
+
+// Throwing operations.
+StatKey stat_key(const std::string& path);
+std::int64_t file_size(const std::string& path);
+std::string read_file(const std::string& path);
+void make_dirs(const std::string& path);  // exist-ok
+void remove_file(const std::string& path);  // FileNotFoundError when missing
+void rename_file(const std::string& from, const std::string& to);
+// Free bytes available to this user on the file system holding `path`.
+std::int64_t free_disk_bytes(const std::string& path);
+
+// [[noreturn]] helper: OSError/FileNotFoundError from errno for `path`.
+[[noreturn]] void throw_os_error(int error_number, const std::string& path);
+
+}  // namespace tidewright::sync
