@@ -1,7 +1,241 @@
+// Python face of the file utilities (hashing, atomic writes, the progress
+// file) and of the manifest files. Arguments are converted with the GIL held;
+// hashing and file I/O then run without it.
 #include "tidewright/sync/bindings/bindings.hpp"
+#include "tidewright/sync/bindings/convert.hpp"
+#include "tidewright/sync/bindings/python_host.hpp"
+#include "tidewright/sync/manifest/manifest_files.hpp"
+#include "tidewright/sync/reporting/errors.hpp"
+#include "tidewright/sync/transport/files.hpp"
+
+#include <nanobind/stl/optional.h>
+#include <nanobind/stl/string.h>
+
+#include <Python.h>
 
 namespace tidewright::sync::bindings {
 
-void bind_files(nb::module_& m) { (void)m; }
+namespace {
+
+[[noreturn]] void raise_from_python() { throw nb::python_error(); }
+
+// A file-system path argument (str, bytes or path-like) in the file system's
+// encoding.
+std::string fs_path(nb::handle object) {
+  PyObject* raw = PyOS_FSPath(object.ptr());
+  if (!raw) raise_from_python();
+  nb::object path = nb::steal(raw);
+  if (PyUnicode_Check(raw)) {
+    path = nb::steal(PyUnicode_EncodeFSDefault(raw));
+    if (!path.is_valid()) raise_from_python();
+  }
+  char* data = nullptr;
+  Py_ssize_t size = 0;
+  if (PyBytes_AsStringAndSize(path.ptr(), &data, &size) != 0) raise_from_python();
+  return std::string(data, static_cast<std::size_t>(size));
+}
+
+nb::str path_result(const std::string& path) {
+  PyObject* text = PyUnicode_DecodeFSDefaultAndSize(path.data(), static_cast<Py_ssize_t>(path.size()));
+  if (!text) raise_from_python();
+  return nb::steal<nb::str>(text);
+}
+
+// A read-only view of a bytes-like argument. The buffer stays exported (and
+// so unchanged in size) until the view is destroyed, which must happen with
+// the GIL held: declare it before any gil_scoped_release.
+class BytesView {
+ public:
+  explicit BytesView(nb::handle object) {
+    if (PyObject_GetBuffer(object.ptr(), &view_, PyBUF_SIMPLE) != 0) raise_from_python();
+  }
+  BytesView(const BytesView&) = delete;
+  BytesView& operator=(const BytesView&) = delete;
+  ~BytesView() { PyBuffer_Release(&view_); }
+  std::string_view data() const {
+    return std::string_view(static_cast<const char*>(view_.buf), static_cast<std::size_t>(view_.len));
+  }
+
+ private:
+  Py_buffer view_{};
+};
+
+bool is_true(nb::handle object) {
+  int truth = PyObject_IsTrue(object.ptr());
+  if (truth < 0) raise_from_python();
+  return truth == 1;
+}
+
+// The text form of a truthy argument; empty for a falsy one.
+std::optional<std::string> truthy_text(nb::handle object) {
+  if (!is_true(object)) return std::nullopt;
+  return to_text(object);
+}
+
+// int(object) as a 64-bit integer.
+std::int64_t python_int(nb::handle object) {
+  PyObject* converted = PyNumber_Long(object.ptr());
+  if (!converted) raise_from_python();
+  return nb::cast<std::int64_t>(nb::steal(converted));
+}
+
+json::object mapping_arg(nb::handle object, const char* name) {
+  json::value value = to_json(object);
+  if (!value.is_object()) throw TypeError(std::string(name) + " must be a mapping");
+  return std::move(value.get_object());
+}
+
+// An integer attribute of the manifest: absent or empty gives 0.
+std::int64_t manifest_number(nb::handle manifest, const char* name) {
+  nb::object value = nb::getattr(manifest, name, nb::none());
+  return is_true(value) ? python_int(value) : 0;
+}
+
+// The size function of tidewright._sync_progress, looked up now so that a
+// replaced one is honoured. It is called per file from the core, which runs
+// without the GIL.
+ManifestSiblings progress_siblings() {
+  ManifestSiblings siblings = default_manifest_siblings();
+  nb::object module = nb::module_::import_("importlib").attr("import_module")("tidewright._sync_progress");
+  nb::object size_fn = module.attr("manifest_file_size");
+  nb::object native = nb::getattr(size_fn, "__tidewright_native__", nb::none());
+  if (!native.is_none() && to_text(native) == "manifest_file_size") return siblings;
+  HostRef ref = make_ref(size_fn);
+  siblings.manifest_file_size = [ref](const json::value& entry) -> std::optional<std::int64_t> {
+    nb::gil_scoped_acquire gil;
+    try {
+      nb::object size = ref_object(ref)(from_json(entry));
+      if (size.is_none()) return std::nullopt;
+      std::int64_t out = 0;
+      if (!nb::try_cast(size, out)) throw TypeError("manifest_file_size must return an int or None");
+      return out;
+    } catch (nb::python_error& e) {
+      e.restore();
+      throw_host_error_from_python();
+    }
+  };
+  return siblings;
+}
+
+constexpr const char* kSha256FileDoc = "Return SHA256 for a file without reading it all into memory.";
+constexpr const char* kAtomicWriteDoc = "Write data to filepath via a per-write temp file + rename.";
+
+}  // namespace
+
+void bind_files(nb::module_& m) {
+  m.attr("_SYNC_PROGRESS_FILENAME") = nb::str(SYNC_PROGRESS_FILENAME.data(), SYNC_PROGRESS_FILENAME.size());
+  m.attr("_MANIFEST_SYNC_METADATA_FILENAME") =
+      nb::str(MANIFEST_SYNC_METADATA_FILENAME.data(), MANIFEST_SYNC_METADATA_FILENAME.size());
+
+  m.def(
+      "_sha256",
+      [](nb::handle data) {
+        BytesView bytes(data);
+        nb::gil_scoped_release release;
+        return sha256(bytes.data());
+      },
+      nb::arg("data"));
+  m.def(
+      "_sha256_file",
+      [](nb::handle filepath, std::int64_t chunk_bytes) {
+        std::string path = fs_path(filepath);
+        nb::gil_scoped_release release;
+        return sha256_file(path, chunk_bytes);
+      },
+      nb::arg("filepath"), nb::arg("chunk_bytes") = SYNC_HASH_FILE_CHUNK_BYTES, kSha256FileDoc);
+  m.def(
+      "_atomic_write",
+      [](nb::handle filepath, nb::handle data) {
+        std::string path = fs_path(filepath);
+        BytesView bytes(data);
+        nb::gil_scoped_release release;
+        atomic_write(path, bytes.data());
+      },
+      nb::arg("filepath"), nb::arg("data"), kAtomicWriteDoc);
+
+  m.def(
+      "_sync_progress_path", [](nb::handle data_dir) { return path_result(sync_progress_path(fs_path(data_dir))); },
+      nb::arg("data_dir"));
+  m.def(
+      "_write_sync_progress_json",
+      [](nb::handle data_dir, nb::handle manifest, nb::handle files_to_download) {
+        std::string dir = fs_path(data_dir);
+        std::int64_t era_number = manifest_number(manifest, "era_number");
+        std::int64_t version = manifest_number(manifest, "version");
+        json::object files = mapping_arg(files_to_download, "files_to_download");
+        ManifestSiblings siblings = progress_siblings();
+        nb::gil_scoped_release release;
+        write_sync_progress_json(dir, era_number, version, files, siblings);
+      },
+      nb::arg("data_dir"), nb::arg("manifest").none(), nb::arg("files_to_download"));
+  m.def(
+      "_remove_sync_progress_json",
+      [](nb::handle data_dir) {
+        std::string dir = fs_path(data_dir);
+        nb::gil_scoped_release release;
+        remove_sync_progress_json(dir);
+      },
+      nb::arg("data_dir"));
+
+  m.def(
+      "_write_manifest_json",
+      [](nb::handle data_dir, nb::handle manifest_data, nb::handle server_manifest_sha256,
+         nb::handle server_manifest_body_sha256) {
+        std::string dir = fs_path(data_dir);
+        json::object data = mapping_arg(manifest_data, "manifest_data");
+        std::optional<std::string> sha = truthy_text(server_manifest_sha256);
+        std::optional<std::string> body_sha = truthy_text(server_manifest_body_sha256);
+        nb::gil_scoped_release release;
+        write_manifest_json(dir, data, sha, body_sha);
+      },
+      nb::arg("data_dir"), nb::arg("manifest_data"), nb::kw_only(),
+      nb::arg("server_manifest_sha256").none() = nb::none(),
+      nb::arg("server_manifest_body_sha256").none() = nb::none());
+  m.def(
+      "_manifest_sync_metadata_path",
+      [](nb::handle data_dir) { return path_result(manifest_sync_metadata_path(fs_path(data_dir))); },
+      nb::arg("data_dir"));
+  m.def(
+      "_load_manifest_sync_metadata",
+      [](nb::handle data_dir) {
+        std::string dir = fs_path(data_dir);
+        json::object metadata;
+        {
+          nb::gil_scoped_release release;
+          metadata = load_manifest_sync_metadata(dir);
+        }
+        return from_json(json::value(std::move(metadata)));
+      },
+      nb::arg("data_dir"));
+  m.def(
+      "_write_manifest_sync_metadata",
+      [](nb::handle data_dir, nb::handle manifest_data, nb::handle server_manifest_sha256,
+         nb::handle server_manifest_body_sha256) {
+        std::string dir = fs_path(data_dir);
+        json::object data = mapping_arg(manifest_data, "manifest_data");
+        std::optional<std::string> sha = truthy_text(server_manifest_sha256);
+        std::optional<std::string> body_sha = truthy_text(server_manifest_body_sha256);
+        nb::gil_scoped_release release;
+        write_manifest_sync_metadata(dir, data, sha, body_sha);
+      },
+      nb::arg("data_dir"), nb::arg("manifest_data"), nb::kw_only(),
+      nb::arg("server_manifest_sha256").none() = nb::none(),
+      nb::arg("server_manifest_body_sha256").none() = nb::none());
+  m.def(
+      "_manifest_hash_hint_matches_local_state",
+      [](nb::handle data_dir, nb::handle local_version, nb::handle local_era_number,
+         nb::handle server_manifest_sha_hint) {
+        std::string dir = fs_path(data_dir);
+        std::optional<std::string> hint = truthy_text(server_manifest_sha_hint);
+        // Without a hint there is nothing to compare, whatever the local values are.
+        if (!hint) return false;
+        std::int64_t version = python_int(local_version);
+        std::int64_t era_number = python_int(local_era_number);
+        nb::gil_scoped_release release;
+        return manifest_hash_hint_matches_local_state(dir, version, era_number, hint);
+      },
+      nb::arg("data_dir"), nb::arg("local_version").none(), nb::arg("local_era_number").none(),
+      nb::arg("server_manifest_sha_hint").none());
+}
 
 }  // namespace tidewright::sync::bindings

@@ -1,0 +1,105 @@
+#include "tidewright/sync/manifest/manifest_files.hpp"
+
+#include "tidewright/sync/common/fs.hpp"
+#include "tidewright/sync/reporting/errors.hpp"
+#include "tidewright/sync/transport/files.hpp"
+
+#include <chrono>
+#include <set>
+
+namespace tidewright::sync {
+
+namespace {
+
+constexpr std::string_view kManifestFilename = "manifest.json";
+
+std::string manifest_json_path(const std::string& data_dir) { return path_join(data_dir, kManifestFilename); }
+
+bool given(const std::optional<std::string>& value) { return value && !value->empty(); }
+
+json::value get_or_null(const json::object& object, std::string_view key) {
+  const json::value* value = object.if_contains(key);
+  return value ? *value : json::value(nullptr);
+}
+
+// The hash of manifest.json, or empty when it cannot be read.
+std::optional<std::string> local_manifest_sha256(const std::string& data_dir) {
+  try {
+    return sha256_file(manifest_json_path(data_dir));
+  } catch (const OSError&) {
+    return std::nullopt;
+  }
+}
+
+}  // namespace
+
+void write_manifest_json(const std::string& data_dir, const json::object& manifest_data,
+                         const std::optional<std::string>& server_manifest_sha256,
+                         const std::optional<std::string>& server_manifest_body_sha256) {
+  atomic_write(manifest_json_path(data_dir), dump_json(manifest_data));
+  if (given(server_manifest_sha256) || given(server_manifest_body_sha256)) {
+    write_manifest_sync_metadata(data_dir, manifest_data, server_manifest_sha256, server_manifest_body_sha256);
+  }
+}
+
+std::string manifest_sync_metadata_path(const std::string& data_dir) {
+  return path_join(data_dir, MANIFEST_SYNC_METADATA_FILENAME);
+}
+
+json::object load_manifest_sync_metadata(const std::string& data_dir) {
+  json::value decoded;
+  try {
+    decoded = parse_json(read_file(manifest_sync_metadata_path(data_dir)));
+  } catch (const OSError&) {
+    return {};
+  } catch (const JsonParseError&) {
+    return {};
+  }
+  if (!decoded.is_object()) return {};
+  return std::move(decoded.get_object());
+}
+
+void write_manifest_sync_metadata(const std::string& data_dir, const json::object& manifest_data,
+                                  const std::optional<std::string>& server_manifest_sha256,
+                                  const std::optional<std::string>& server_manifest_body_sha256) {
+  std::optional<std::string> local_sha256 = local_manifest_sha256(data_dir);
+  if (!local_sha256) return;
+  json::object metadata;
+  metadata["version"] = get_or_null(manifest_data, "version");
+  metadata["era_number"] = get_or_null(manifest_data, "era_number");
+  metadata["server_manifest_sha256"] = given(server_manifest_sha256) ? *server_manifest_sha256 : "";
+  metadata["server_manifest_body_sha256"] = given(server_manifest_body_sha256) ? *server_manifest_body_sha256 : "";
+  metadata["local_manifest_sha256"] = *local_sha256;
+  metadata["updated_at"] =
+      std::chrono::duration<double>(std::chrono::system_clock::now().time_since_epoch()).count();
+  atomic_write(manifest_sync_metadata_path(data_dir), dump_json(metadata, {.sort_keys = true}));
+}
+
+bool manifest_hash_hint_matches_local_state(const std::string& data_dir, std::int64_t local_version,
+                                            std::int64_t local_era_number,
+                                            const std::optional<std::string>& server_manifest_sha_hint) {
+  if (!given(server_manifest_sha_hint)) return false;
+  std::optional<std::string> local_sha256 = local_manifest_sha256(data_dir);
+  if (!local_sha256) return false;
+  json::object metadata = load_manifest_sync_metadata(data_dir);
+
+  const json::value* version_value = metadata.if_contains("version");
+  const json::value* era_value = metadata.if_contains("era_number");
+  std::optional<std::int64_t> version = version_value ? to_int(*version_value) : std::nullopt;
+  std::optional<std::int64_t> era_number = era_value ? to_int(*era_value) : std::nullopt;
+  if (!version || !era_number) return false;
+
+  std::set<std::string> known_server_hashes;
+  for (std::string_view key : {"server_manifest_sha256", "server_manifest_body_sha256"}) {
+    const json::value* value = metadata.if_contains(key);
+    if (value && truthy(*value)) known_server_hashes.insert(python_str(*value));
+  }
+  if (*version != local_version || *era_number != local_era_number) return false;
+  // Either the hash of the raw response or of its body names the manifest.
+  if (!known_server_hashes.contains(*server_manifest_sha_hint)) return false;
+  // The side file only vouches for the manifest.json it was written for.
+  const json::value* recorded = metadata.if_contains("local_manifest_sha256");
+  return recorded && recorded->is_string() && recorded->get_string() == *local_sha256;
+}
+
+}  // namespace tidewright::sync

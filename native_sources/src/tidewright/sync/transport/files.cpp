@@ -1,0 +1,227 @@
+#include "tidewright/sync/transport/files.hpp"
+
+#include "tidewright/sync/common/fs.hpp"
+#include "tidewright/sync/reporting/errors.hpp"
+
+#include <openssl/evp.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <cstring>
+#include <fcntl.h>
+#include <new>
+#include <pthread.h>
+#include <stdexcept>
+#include <sys/stat.h>
+#include <unistd.h>
+#include <vector>
+
+namespace tidewright::sync {
+
+namespace {
+
+constexpr char kHexDigits[] = "0123456789abcdef";
+
+std::string hex(const unsigned char* bytes, unsigned int size) {
+  std::string out;
+  out.reserve(size * 2);
+  for (unsigned int i = 0; i < size; ++i) {
+    out.push_back(kHexDigits[bytes[i] >> 4]);
+    out.push_back(kHexDigits[bytes[i] & 0xF]);
+  }
+  return out;
+}
+
+[[noreturn]] void throw_digest_failure() { throw std::runtime_error("SHA-256 digest operation failed"); }
+
+// The host's printed form of an OS error ("[Errno 2] No such file or
+// directory: 'path'"), for log lines.
+std::string os_error_text(int error_number, const std::string& path) {
+  return "[Errno " + std::to_string(error_number) + "] " + std::strerror(error_number) + ": " +
+         python_repr(std::string_view(path));
+}
+
+std::string temporary_name(const std::string& path) {
+  auto now = std::chrono::steady_clock::now().time_since_epoch();
+  auto nanos = std::chrono::duration_cast<std::chrono::nanoseconds>(now).count();
+  return path + "." + std::to_string(::getpid()) + "." +
+         std::to_string(static_cast<unsigned long>(::pthread_self())) + "." + std::to_string(nanos) + ".tmp";
+}
+
+// Removes the temporary file of an atomic write unless the write got as far
+// as renaming it over the target.
+class TemporaryFileGuard {
+ public:
+  explicit TemporaryFileGuard(std::string path) : path_(std::move(path)) {}
+  TemporaryFileGuard(const TemporaryFileGuard&) = delete;
+  TemporaryFileGuard& operator=(const TemporaryFileGuard&) = delete;
+  ~TemporaryFileGuard() {
+    if (dismissed_) return;
+    if (::unlink(path_.c_str()) != 0 && errno != ENOENT) {
+      int error_number = errno;
+      try {
+        log_debug("best-effort tmp cleanup failed for %s: %s",
+                  json::array{json::value(path_), json::value(os_error_text(error_number, path_))});
+      } catch (...) {
+        // Never let clean-up replace the error that is propagating.
+      }
+    }
+  }
+  void dismiss() { dismissed_ = true; }
+
+ private:
+  std::string path_;
+  bool dismissed_ = false;
+};
+
+void write_all(int fd, std::string_view data, const std::string& path) {
+  while (!data.empty()) {
+    ssize_t n = ::write(fd, data.data(), data.size());
+    if (n < 0) {
+      if (errno == EINTR) continue;
+      throw_os_error(errno, path);
+    }
+    data.remove_prefix(static_cast<std::size_t>(n));
+  }
+}
+
+json::value text_form_or_empty(const json::object* entry, std::string_view key) {
+  if (entry == nullptr) return "";
+  const json::value* value = entry->if_contains(key);
+  if (value == nullptr || value->is_null()) return "";
+  return json::value(python_str(*value));
+}
+
+double wall_clock_seconds() {
+  return std::chrono::duration<double>(std::chrono::system_clock::now().time_since_epoch()).count();
+}
+
+}  // namespace
+
+void Sha256::ContextDeleter::operator()(evp_md_ctx_st* context) const { EVP_MD_CTX_free(context); }
+
+Sha256::Sha256() : context_(EVP_MD_CTX_new()) {
+  if (!context_) throw std::bad_alloc();
+  reset();
+}
+
+void Sha256::update(std::string_view data) { update(data.data(), data.size()); }
+
+void Sha256::update(const void* data, std::size_t size) {
+  if (size == 0) return;
+  if (EVP_DigestUpdate(context_.get(), data, size) != 1) throw_digest_failure();
+}
+
+std::string Sha256::hexdigest() const {
+  // Finalise a copy so the running state can keep going.
+  std::unique_ptr<evp_md_ctx_st, ContextDeleter> copy(EVP_MD_CTX_new());
+  if (!copy) throw std::bad_alloc();
+  if (EVP_MD_CTX_copy_ex(copy.get(), context_.get()) != 1) throw_digest_failure();
+  unsigned char digest[EVP_MAX_MD_SIZE];
+  unsigned int size = 0;
+  if (EVP_DigestFinal_ex(copy.get(), digest, &size) != 1) throw_digest_failure();
+  return hex(digest, size);
+}
+
+void Sha256::reset() {
+  if (EVP_DigestInit_ex(context_.get(), EVP_sha256(), nullptr) != 1) throw_digest_failure();
+}
+
+std::string sha256(std::string_view data) {
+  unsigned char digest[EVP_MAX_MD_SIZE];
+  unsigned int size = 0;
+  if (EVP_Digest(data.data(), data.size(), digest, &size, EVP_sha256(), nullptr) != 1) throw_digest_failure();
+  return hex(digest, size);
+}
+
+std::string sha256_file(const std::string& path, std::int64_t chunk_bytes) {
+  UniqueFd fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+  if (!fd.valid()) throw_os_error(errno, path);
+  struct stat st;
+  if (::fstat(fd.get(), &st) != 0) throw_os_error(errno, path);
+  if (S_ISDIR(st.st_mode)) throw_os_error(EISDIR, path);
+  if (chunk_bytes <= 0) chunk_bytes = SYNC_HASH_FILE_CHUNK_BYTES;
+  // A block larger than the file would only waste memory; the loop still
+  // reads to the end if the file grows meanwhile.
+  std::int64_t block = std::min<std::int64_t>(chunk_bytes, std::max<std::int64_t>(st.st_size, 65536));
+  std::vector<char> buffer(static_cast<std::size_t>(block));
+  Sha256 state;
+  while (true) {
+    ssize_t n = ::read(fd.get(), buffer.data(), buffer.size());
+    if (n < 0) {
+      if (errno == EINTR) continue;
+      throw_os_error(errno, path);
+    }
+    if (n == 0) break;
+    state.update(buffer.data(), static_cast<std::size_t>(n));
+  }
+  return state.hexdigest();
+}
+
+void atomic_write(const std::string& path, std::string_view data) {
+  std::string parent = path_dirname(path);
+  if (!parent.empty()) make_dirs(parent);
+  std::string temporary = temporary_name(path);
+  TemporaryFileGuard guard(temporary);
+  UniqueFd fd(::open(temporary.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666));
+  if (!fd.valid()) throw_os_error(errno, temporary);
+  write_all(fd.get(), data, temporary);
+  // A failing close can mean lost data (e.g. on network file systems).
+  if (fd.reset() != 0) throw_os_error(errno, temporary);
+  rename_file(temporary, path);
+  guard.dismiss();
+}
+
+std::string sync_progress_path(const std::string& data_dir) {
+  return path_join(data_dir, SYNC_PROGRESS_FILENAME);
+}
+
+void write_sync_progress_json(const std::string& data_dir, std::int64_t era_number, std::int64_t version,
+                              const json::object& files_to_download, const ManifestSiblings& siblings) {
+  std::int64_t total_bytes = 0;
+  json::array unknown_size_files;
+  json::object files;
+  files.reserve(files_to_download.size());
+  for (const auto& kv : files_to_download) {
+    const json::object* entry = as_object(&kv.value());
+    std::optional<std::int64_t> size;
+    if (siblings.manifest_file_size) {
+      size = siblings.manifest_file_size(kv.value());
+    }
+    json::object info;
+    info["kind"] = text_form_or_empty(entry, "kind");
+    info["platform"] = text_form_or_empty(entry, "platform");
+    if (size) {
+      total_bytes += *size;
+      info["size_bytes"] = *size;
+    } else {
+      unknown_size_files.emplace_back(kv.key());
+    }
+    files.insert_or_assign(kv.key(), std::move(info));
+  }
+  json::object progress;
+  progress["phase"] = "syncing";
+  progress["era_number"] = era_number;
+  progress["version"] = version;
+  progress["updated_at"] = wall_clock_seconds();
+  progress["total_bytes"] = total_bytes;
+  progress["total_bytes_known"] = unknown_size_files.empty();
+  progress["unknown_size_files"] = std::move(unknown_size_files);
+  progress["files"] = std::move(files);
+  atomic_write(sync_progress_path(data_dir), dump_json(progress, {.sort_keys = true}));
+}
+
+void remove_sync_progress_json(const std::string& data_dir) {
+  std::string path = sync_progress_path(data_dir);
+  if (::unlink(path.c_str()) == 0 || errno == ENOENT) return;
+  int error_number = errno;
+  try {
+    log_debug("best-effort sync progress cleanup failed for %s: %s",
+              json::array{json::value(path), json::value(os_error_text(error_number, path))});
+  } catch (...) {
+    // Clean-up never fails the caller.
+  }
+}
+
+}  // namespace tidewright::sync

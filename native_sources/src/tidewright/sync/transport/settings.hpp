@@ -1,0 +1,94 @@
+// Tuning of the HTTP layer: the module-wide constants, the three knobs a
+// caller may override when it builds a SyncManager (transport, chunk size,
+// worker count), the parallel-download timeout, and the policy that turns a
+// file download's HTTP status into a retry or a final error.
+//
+// Other transport code reads its timeouts, chunk size, read size and worker
+// count through the functions here rather than through the constants, so that
+// one place governs them. Everything here is stateless and thread-safe.
+#pragma once
+
+#include "tidewright/sync/common/json.hpp"
+
+#include <array>
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+
+namespace tidewright::sync {
+
+// User-Agent sent on every request.
+inline constexpr std::string_view SYNC_USER_AGENT = "tidewright-sync/0.0.3";
+// Transport used when no override is given ("auto", "urllib" or "curl").
+inline constexpr std::string_view SYNC_HTTP_TRANSPORT = "auto";
+// Settings handed to the external curl program.
+inline constexpr double SYNC_CURL_CONNECT_TIMEOUT_SECONDS = 5.0;
+inline constexpr std::int64_t SYNC_CURL_LOW_SPEED_LIMIT_BYTES_PER_SECOND = 1024;
+inline constexpr std::int64_t SYNC_CURL_RETRIES = 4;
+inline constexpr std::int64_t SYNC_CURL_RETRY_DELAY_SECONDS = 0;
+// Per-request timeout of ordinary GETs, and of the lightweight version poll.
+inline constexpr double SYNC_HTTP_TIMEOUT_SECONDS = 30.0;
+inline constexpr double SYNC_MANIFEST_VERSION_HTTP_TIMEOUT_SECONDS = 30.0;
+// Public latency bound for found-payload availability (era artifacts).
+inline constexpr double SYNC_FOUND_PAYLOAD_LATENCY_BOUND_SECONDS = 6.0;
+// Size of one ranged download request (64 MiB).
+inline constexpr std::int64_t SYNC_HTTP_CHUNK_BYTES = 67108864;
+// Size of one read from a response body (64 KiB).
+inline constexpr std::int64_t SYNC_HTTP_RESPONSE_READ_BYTES = 65536;
+// Read size when hashing a file (8 MiB).
+inline constexpr std::int64_t SYNC_HASH_FILE_CHUNK_BYTES = 8388608;
+// Default number of parallel download workers.
+inline constexpr std::int64_t SYNC_MAX_CONCURRENCY = 8;
+// Kept for reference only: parallel batches are deliberately unbounded (see
+// sync_parallel_timeout_seconds).
+inline constexpr double SYNC_PARALLEL_TIMEOUT_SECONDS = 300.0;
+// How often a running manager re-checks the manifest version.
+inline constexpr double SYNC_MANIFEST_POLL_INTERVAL_SECONDS = 5.0;
+// Whole-sync restarts allowed when a newer manifest supersedes a download.
+inline constexpr std::int64_t SYNC_MANIFEST_SUPERSEDE_RESTART_LIMIT = 3;
+// Repairs of a file whose checksum stays wrong before giving up on it.
+inline constexpr std::int64_t SYNC_MAX_UNCHANGED_CHECKSUM_REPAIRS = 3;
+inline constexpr std::int64_t DEFAULT_AGENT_MARKET_ID = 1;
+inline constexpr std::int64_t FEATURE_ROTATION_BYTES_PER_GB = 1073741824;
+// Statuses that are retried.
+inline constexpr std::array<std::int64_t, 7> TRANSIENT_HTTP_STATUSES = {408, 425, 429, 500, 502, 503, 504};
+
+double sync_http_timeout_seconds();
+double sync_manifest_version_http_timeout_seconds();
+std::int64_t sync_http_response_read_bytes();
+
+// The knobs. `raw` is the caller's override: nullptr (or a JSON null) and a
+// value whose text form is blank after stripping white space both mean "use
+// the default". Integers are converted the way the host's int() converts
+// (12, 12.7, "12" and " 12 " are accepted; "1.5" and "abc" are not). Invalid
+// values throw ValueError with a fixed message:
+//   "invalid sync_http_transport: expected auto, urllib, or curl"
+//   "invalid sync_http_chunk_bytes: expected a positive integer"
+//   "invalid sync_max_concurrency: expected a positive integer"
+// The transport is returned stripped and lower-cased. Neither integer knob
+// has an upper bound.
+std::string sync_http_transport(const json::value* raw);
+std::int64_t sync_http_chunk_bytes(const json::value* raw);
+std::int64_t sync_max_concurrency(const json::value* raw);
+
+// Always empty: a parallel download batch is never cut off by a wall-clock
+// limit, whatever its size. Callers wait without a limit.
+std::optional<double> sync_parallel_timeout_seconds(std::int64_t file_count, std::int64_t max_workers);
+// "unbounded" for no timeout, else the seconds with one decimal and "s" ("300.0s").
+std::string sync_parallel_timeout_description(std::optional<double> timeout_seconds);
+
+// Whether a status (an integer, or anything int() accepts) is one of
+// TRANSIENT_HTTP_STATUSES. Unconvertible statuses are not retried.
+bool should_retry_http_status(const json::value& status);
+
+// Turns a failed download status into its error and throws it:
+//   401        -> AuthError "Authentication failed while downloading <path>: HTTP 401"
+//   transient  -> SyncError "Download failed for <path>: HTTP <status>" (the
+//                 download retry loop retries a plain SyncError)
+//   otherwise  -> PermanentDownloadError with the same text, file_path and status.
+// A status that does not convert to an integer is written as -1 and leaves
+// the error's status empty.
+[[noreturn]] void raise_download_http_status(const std::string& file_path, const json::value& status);
+
+}  // namespace tidewright::sync

@@ -1,0 +1,197 @@
+#include "tidewright/sync/transport/files.hpp"
+
+#include "tidewright/sync/common/fs.hpp"
+#include "tidewright/sync/manifest/manifest_files.hpp"
+#include "tidewright/sync/reporting/errors.hpp"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <cerrno>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <thread>
+#include <vector>
+
+namespace tidewright::sync {
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr const char* kEmptySha256 = "e3b0c44298fc1c149afbf4c8996fb92427ae41e4649b934ca495991b7852b855";
+constexpr const char* kAbcSha256 = "ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad";
+
+class TempDir {
+ public:
+  TempDir() {
+    std::string pattern = (fs::temp_directory_path() / "tw-files-XXXXXX").string();
+    if (!::mkdtemp(pattern.data())) throw std::runtime_error("mkdtemp failed");
+    path_ = pattern;
+  }
+  ~TempDir() {
+    std::error_code ignored;
+    fs::remove_all(path_, ignored);
+  }
+  const std::string& path() const { return path_; }
+  std::string operator/(std::string_view name) const { return path_join(path_, name); }
+
+ private:
+  std::string path_;
+};
+
+void write_plain(const std::string& path, std::string_view data) {
+  std::ofstream out(path, std::ios::binary);
+  out.write(data.data(), static_cast<std::streamsize>(data.size()));
+}
+
+// Everything in `dir` whose name ends in ".tmp".
+std::vector<std::string> leftover_temporaries(const std::string& dir) {
+  std::vector<std::string> out;
+  for (const auto& entry : fs::recursive_directory_iterator(dir)) {
+    if (entry.path().extension() == ".tmp") out.push_back(entry.path().string());
+  }
+  return out;
+}
+
+TEST(Sha256, OneShotAndIncrementalDigestsAgree) {
+  EXPECT_EQ(sha256(""), kEmptySha256);
+  EXPECT_EQ(sha256("abc"), kAbcSha256);
+
+  Sha256 state;
+  EXPECT_EQ(state.hexdigest(), kEmptySha256);
+  state.update("a");
+  state.update("");
+  state.update("bc");
+  // Reading the digest does not finish the state: more data may follow.
+  EXPECT_EQ(state.hexdigest(), kAbcSha256);
+  state.update("def");
+  EXPECT_EQ(state.hexdigest(), sha256("abcdef"));
+  state.reset();
+  state.update("abc");
+  EXPECT_EQ(state.hexdigest(), kAbcSha256);
+
+  Sha256 moved = std::move(state);
+  EXPECT_EQ(moved.hexdigest(), kAbcSha256);
+}
+
+TEST(Sha256File, MatchesTheDigestOfTheBytesForAnyBlockSize) {
+  TempDir dir;
+  std::string content;
+  for (int i = 0; i < 200000; ++i) content.push_back(static_cast<char>(i * 31 % 251));
+  write_plain(dir / "data.bin", content);
+  write_plain(dir / "empty.bin", "");
+
+  std::string expected = sha256(content);
+  for (std::int64_t chunk : {std::int64_t{1} << 3, std::int64_t{4093}, std::int64_t{65536}, std::int64_t{200000},
+                             SYNC_HASH_FILE_CHUNK_BYTES, std::int64_t{0}, std::int64_t{1} << 40}) {
+    EXPECT_EQ(sha256_file(dir / "data.bin", chunk), expected) << chunk;
+  }
+  EXPECT_EQ(sha256_file(dir / "empty.bin"), kEmptySha256);
+}
+
+TEST(AtomicWrite, FailuresLeaveNoTemporaryAndNoChangedTarget) {
+  TempDir dir;
+  // Renaming a file over a non-empty directory fails after the temporary
+  // file has been written.
+  std::string target = dir / "occupied";
+  fs::create_directories(fs::path(target) / "child");
+  EXPECT_THROW(atomic_write(target, "data"), OSError);
+  EXPECT_TRUE(fs::is_directory(fs::path(target) / "child"));
+  EXPECT_TRUE(leftover_temporaries(dir.path()).empty());
+
+  // A parent that is a regular file cannot be created.
+  write_plain(dir / "plain", "keep");
+  try {
+    atomic_write(dir / "plain/inner.json", "data");
+    FAIL() << "no error";
+  } catch (const OSError& e) {
+    EXPECT_EQ(e.error_number, ENOTDIR);
+  }
+  EXPECT_EQ(read_file(dir / "plain"), "keep");
+}
+
+TEST(AtomicWrite, ConcurrentWritersAndReadersNeverSeeATornFile) {
+  TempDir dir;
+  std::string target = dir / "shared.bin";
+  atomic_write(target, std::string(1000, 'a'));
+  // Each payload is one repeated letter, so a reader can tell a whole file
+  // from a mix of two.
+  auto whole = [](const std::string& data) {
+    return !data.empty() && data.find_first_not_of(data[0]) == std::string::npos;
+  };
+  std::atomic<bool> done{false};
+  std::atomic<int> torn{0};
+  std::thread reader([&] {
+    while (!done.load()) {
+      if (!whole(read_file(target))) torn.fetch_add(1);
+    }
+  });
+  std::vector<std::thread> writers;
+  for (int w = 0; w < 4; ++w) {
+    writers.emplace_back([&, w] {
+      for (int i = 0; i < 100; ++i) {
+        atomic_write(target, std::string(1000 + 5000 * ((i + w) % 7), static_cast<char>('b' + w)));
+      }
+    });
+  }
+  for (auto& t : writers) t.join();
+  done.store(true);
+  reader.join();
+  EXPECT_EQ(torn.load(), 0);
+  EXPECT_TRUE(whole(read_file(target)));
+  EXPECT_TRUE(leftover_temporaries(dir.path()).empty());
+}
+
+TEST(SyncProgress, SizesComeFromTheSiblingsAndUnknownOnesAreListed) {
+  TempDir dir;
+  json::object files = parse_json(R"({"b.arrow": {"kind": "feature", "platform": null},
+                                      "a.arrow": {"kind": 7, "size_bytes": 10}})").as_object();
+  ManifestSiblings siblings = default_manifest_siblings();
+  siblings.manifest_file_size = [](const json::value& entry) -> std::optional<std::int64_t> {
+    if (entry.as_object().contains("size_bytes")) return 4;
+    return std::nullopt;
+  };
+  write_sync_progress_json(dir.path(), 3, 0, files, siblings);
+  std::string text = read_file(sync_progress_path(dir.path()));
+  json::object progress = parse_json(text).as_object();
+  EXPECT_EQ(text.rfind(R"({"era_number": 3, "files": {"a.arrow": {"kind": "7", "platform": "", "size_bytes": 4}, )", 0),
+            0u) << text;
+  EXPECT_EQ(progress["total_bytes"], 4);
+  EXPECT_EQ(progress["total_bytes_known"], false);
+  EXPECT_EQ(progress["unknown_size_files"], json::array{"b.arrow"});
+}
+
+TEST(ManifestFiles, HintMatchesOnlyTheManifestTheSideFileWasWrittenFor) {
+  TempDir dir;
+  json::object manifest = parse_json(R"({"era_number": 4, "version": 2, "files": {}})").as_object();
+  auto matches = [&](std::int64_t version, std::int64_t era, std::optional<std::string> hint) {
+    return manifest_hash_hint_matches_local_state(dir.path(), version, era, hint);
+  };
+  write_manifest_sync_metadata(dir.path(), manifest, std::string("raw"), std::nullopt);
+  EXPECT_FALSE(path_exists(manifest_sync_metadata_path(dir.path()))) << "no manifest.json to vouch for";
+
+  write_manifest_json(dir.path(), manifest, std::string("raw"), std::string("body"));
+  EXPECT_TRUE(matches(2, 4, "raw"));
+  EXPECT_TRUE(matches(2, 4, "body"));
+  EXPECT_FALSE(matches(2, 4, "other"));
+  EXPECT_FALSE(matches(2, 4, std::nullopt));
+  EXPECT_FALSE(matches(3, 4, "raw"));
+  EXPECT_FALSE(matches(2, 5, "raw"));
+
+  // Writing without server hashes keeps the old side file, which then no
+  // longer matches the new bytes.
+  manifest["files"] = json::object{{"x", 1}};
+  write_manifest_json(dir.path(), manifest);
+  EXPECT_FALSE(matches(2, 4, "raw"));
+
+  // Recorded numbers are converted the way int() converts them.
+  std::string local = sha256_file(path_join(dir.path(), "manifest.json"));
+  write_plain(manifest_sync_metadata_path(dir.path()),
+              R"({"version": " 2 ", "era_number": 4.0, "server_manifest_sha256": "raw", "local_manifest_sha256": ")" +
+                  local + "\"}");
+  EXPECT_TRUE(matches(2, 4, "raw"));
+}
+
+}  // namespace
+}  // namespace tidewright::sync

@@ -1,0 +1,149 @@
+"""Transport constants, knob parsing and the download status policy."""
+
+import importlib
+import sys
+import types
+from decimal import Decimal
+from http import HTTPStatus
+
+import pytest
+
+import tidewright.sync as sync
+
+TRANSPORT_MESSAGE = "invalid sync_http_transport: expected auto, urllib, or curl"
+CHUNK_MESSAGE = "invalid sync_http_chunk_bytes: expected a positive integer"
+CONCURRENCY_MESSAGE = "invalid sync_max_concurrency: expected a positive integer"
+
+
+@pytest.fixture
+def auth_module(monkeypatch):
+    """The authentication module, or a minimal stand-in while it is missing."""
+    try:
+        return importlib.import_module("tidewright.auth")
+    except ModuleNotFoundError:
+        module = types.ModuleType("tidewright.auth")
+
+        class AuthError(Exception):
+            pass
+
+        module.AuthError = AuthError
+        monkeypatch.setitem(sys.modules, "tidewright.auth", module)
+        return module
+
+
+def test_constants_have_their_values_and_types():
+    expected = {
+        "_SYNC_USER_AGENT": "tidewright-sync/0.0.3",
+        "_SYNC_HTTP_TRANSPORT": "auto",
+        "_SYNC_CURL_CONNECT_TIMEOUT_SECONDS": 5.0,
+        "_SYNC_CURL_LOW_SPEED_LIMIT_BYTES_PER_SECOND": 1024,
+        "_SYNC_CURL_RETRIES": 4,
+        "_SYNC_CURL_RETRY_DELAY_SECONDS": 0,
+        "_SYNC_HTTP_TIMEOUT_SECONDS": 30.0,
+        "_SYNC_MANIFEST_VERSION_HTTP_TIMEOUT_SECONDS": 30.0,
+        "SYNC_FOUND_PAYLOAD_LATENCY_BOUND_SECONDS": 6.0,
+        "_SYNC_HTTP_CHUNK_BYTES": 67108864,
+        "_SYNC_HTTP_RESPONSE_READ_BYTES": 65536,
+        "_SYNC_HASH_FILE_CHUNK_BYTES": 8388608,
+        "_SYNC_MAX_CONCURRENCY": 8,
+        "_SYNC_PARALLEL_TIMEOUT_SECONDS": 300.0,
+        "_SYNC_MANIFEST_POLL_INTERVAL_SECONDS": 5.0,
+        "_SYNC_MANIFEST_SUPERSEDE_RESTART_LIMIT": 3,
+        "_SYNC_MAX_UNCHANGED_CHECKSUM_REPAIRS": 3,
+        "_DEFAULT_AGENT_MARKET_ID": 1,
+        "_FEATURE_ROTATION_BYTES_PER_GB": 1073741824,
+        "_TRANSIENT_HTTP_STATUSES": (408, 425, 429, 500, 502, 503, 504),
+    }
+    for name, value in expected.items():
+        actual = getattr(sync, name)
+        assert (actual, type(actual)) == (value, type(value)), name
+
+    assert sync._sync_http_timeout_seconds() == 30.0
+    assert sync._sync_manifest_version_http_timeout_seconds() == 30.0
+    assert sync._sync_http_response_read_bytes() == 65536
+
+
+class _Text:
+    def __init__(self, text):
+        self.text = text
+
+    def __str__(self):
+        return self.text
+
+
+@pytest.mark.parametrize(
+    "raw, expected",
+    [(None, "auto"), ("", "auto"), ("   ", "auto"), ("  CURL ", "curl"), ("urllib", "urllib"),
+     ("Auto\n", "auto"), (_Text(" Curl "), "curl")],
+)
+def test_transport_knob_normalises_and_defaults(raw, expected):
+    assert sync._sync_http_transport(raw) == expected
+
+
+@pytest.mark.parametrize("raw", ["http2", "curl urllib", 1, True, _Text("h2")])
+def test_transport_knob_rejects_unknown_transports(raw):
+    with pytest.raises(ValueError) as excinfo:
+        sync._sync_http_transport(raw)
+    assert str(excinfo.value) == TRANSPORT_MESSAGE
+
+
+@pytest.mark.parametrize(
+    "raw, chunk, concurrency",
+    [(None, 67108864, 8), ("", 67108864, 8), ("  ", 67108864, 8), (_Text(" "), 67108864, 8),
+     ("12", 12, 12), (" 12 ", 12, 12), (12.7, 12, 12), (Decimal("7"), 7, 7), (True, 1, 1),
+     (2**40, 2**40, 2**40)],
+)
+def test_integer_knobs_convert_like_int(raw, chunk, concurrency):
+    assert sync._sync_http_chunk_bytes(raw) == chunk
+    assert sync._sync_max_concurrency(raw) == concurrency
+
+
+@pytest.mark.parametrize("raw", ["0", "-5", "abc", "1.5", 0, -1, 0.5, [], {"a": 1}, object()])
+def test_integer_knobs_reject_values_that_are_not_positive_integers(raw):
+    for parse, message in ((sync._sync_http_chunk_bytes, CHUNK_MESSAGE),
+                           (sync._sync_max_concurrency, CONCURRENCY_MESSAGE)):
+        with pytest.raises(ValueError) as excinfo:
+            parse(raw)
+        assert str(excinfo.value) == message
+        assert excinfo.value.__cause__ is None and excinfo.value.__context__ is None
+
+
+def test_parallel_batches_are_unbounded():
+    assert sync._sync_parallel_timeout_seconds(10000, 1) is None
+    assert sync._sync_parallel_timeout_seconds(0, 0) is None
+    assert sync._sync_parallel_timeout_description(None) == "unbounded"
+    assert sync._sync_parallel_timeout_description(300.0) == "300.0s"
+    assert sync._sync_parallel_timeout_description(5) == "5.0s"
+
+
+@pytest.mark.parametrize(
+    "status, retried",
+    [(503, True), ("503", True), (" 429 ", True), (408, True), (504.0, True),
+     (HTTPStatus.BAD_GATEWAY, True), (404, False), (416, False), (401, False), (501, False),
+     (None, False), ("unavailable", False), (object(), False)],
+)
+def test_only_transient_statuses_are_retried(status, retried):
+    assert sync._should_retry_http_status(status) is retried
+
+
+def test_401_is_an_authentication_failure(auth_module):
+    with pytest.raises(auth_module.AuthError) as excinfo:
+        sync._raise_download_http_status("features/u/x.arrow", "401")
+    assert str(excinfo.value) == "Authentication failed while downloading features/u/x.arrow: HTTP 401"
+
+
+def test_transient_statuses_raise_a_retryable_sync_error():
+    with pytest.raises(sync.SyncError) as excinfo:
+        sync._raise_download_http_status("a/b.arrow", HTTPStatus.SERVICE_UNAVAILABLE)
+    assert type(excinfo.value) is sync.SyncError
+    assert str(excinfo.value) == "Download failed for a/b.arrow: HTTP 503"
+
+
+@pytest.mark.parametrize("status, shown, field", [(404, "404", 404), ("416", "416", 416), ("x", "-1", None),
+                                                  (None, "-1", None)])
+def test_other_statuses_are_permanent_for_the_file(status, shown, field):
+    with pytest.raises(sync.PermanentDownloadError) as excinfo:
+        sync._raise_download_http_status("a/b.parquet", status)
+    assert str(excinfo.value) == f"Download failed for a/b.parquet: HTTP {shown}"
+    assert excinfo.value.file_path == "a/b.parquet"
+    assert excinfo.value.status == field
