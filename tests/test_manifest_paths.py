@@ -1,0 +1,182 @@
+"""Manifest paths, local files, feature lookups and data-file URLs (Python face)."""
+
+import enum
+import importlib
+import os
+import re
+import sys
+import types
+import urllib.parse
+from pathlib import PurePosixPath
+
+import pytest
+from hypothesis import given, strategies as st
+
+from tidewright import sync
+
+
+def _validate_bearer_transport_url(url):
+    url = str(url).strip()
+    parts = urllib.parse.urlsplit(url)
+    if not parts.scheme or not parts.hostname:
+        raise ValueError(f"bearer transport URL needs a scheme and host: {url!r}")
+    if parts.scheme == "http" and parts.hostname not in ("localhost", "::1") and not parts.hostname.startswith("127."):
+        raise ValueError(f"refusing to send a bearer token over plain http to {parts.hostname}")
+    return url
+
+
+# Stand-ins for sibling modules the package does not provide (yet).
+SIBLING_FAKES = {
+    "tidewright._transport_security": {"validate_bearer_transport_url": _validate_bearer_transport_url},
+    "tidewright.era_config": {
+        "EpochName": enum.Enum("EpochName", {"SIGNAL_IS": "signal_is", "STRATEGY_IS": "strategy_is", "SIGNAL_OS": "signal_os"})
+    },
+    "tidewright._artifact_rotation": {
+        "manifest_file_kind": lambda path, info: str((info or {}).get("kind") or ""),
+        "FEATURE_ARTIFACT_KINDS": {"feature"},
+    },
+    "tidewright.runtime_module_freshness": {
+        "RUNTIME_MODULE_KIND_SUFFIX": "_module",
+        "is_runtime_module_kind": lambda kind: kind == "vault_module",
+    },
+    "tidewright._sync_progress": {"manifest_file_size": lambda entry: entry.get("size_bytes")},
+    "tidewright._function_token_safety": {
+        "is_retired_public_function_token_name": lambda name: re.fullmatch(r"f[0-9]+", name) is not None
+    },
+}
+
+
+@pytest.fixture(autouse=True, scope="module")
+def sibling_modules():
+    with pytest.MonkeyPatch.context() as patch:
+        for name, attributes in SIBLING_FAKES.items():
+            try:
+                importlib.import_module(name)
+            except ImportError:
+                module = types.ModuleType(name)
+                module.__dict__.update(attributes)
+                patch.setitem(sys.modules, name, module)
+        yield
+
+
+def manifest(*paths):
+    return types.SimpleNamespace(files={p: {"size_bytes": 1, "kind": "feature"} for p in paths})
+
+
+@pytest.mark.parametrize(
+    "raw, message",
+    [
+        ("  \t ", "Manifest file path must be a non-empty relative path"),
+        ("a\x00b", "Manifest file path contains NUL byte: 'a\\x00b'"),
+        ("\\\\host\\share", "Manifest file path must be relative: '\\\\\\\\host\\\\share'"),
+        ("a/../b", "Manifest file path contains unsafe segments: 'a/../b'"),
+    ],
+)
+def test_unsafe_paths_raise_manifest_errors(raw, message):
+    with pytest.raises(sync.ManifestError) as caught:
+        sync._safe_manifest_relative_path(raw)
+    assert str(caught.value) == message
+    assert isinstance(caught.value, sync.SyncError)
+
+
+def _reference_safe_path(raw):
+    """The rule written with the host's own POSIX path type."""
+    text = raw.strip()
+    if not text or "\x00" in text:
+        return None
+    parsed = PurePosixPath(text.replace("\\", "/").strip())
+    if parsed.is_absolute() or not parsed.parts or any(p in ("", ".", "..") for p in parsed.parts):
+        return None
+    return "/".join(parsed.parts)
+
+
+@given(st.text(alphabet=["a", "é", ".", "/", "\\", " ", "\u3000", "\x00", "\t"], max_size=12))
+def test_safe_path_agrees_with_posix_path_semantics(raw):
+    expected = _reference_safe_path(raw)
+    if expected is None:
+        with pytest.raises(sync.ManifestError):
+            sync._safe_manifest_relative_path(raw)
+    else:
+        assert sync._safe_manifest_relative_path(raw) == expected
+
+
+def test_local_path_refuses_links_out_of_the_data_directory(tmp_path):
+    data, outside = tmp_path / "data", tmp_path / "outside"
+    data.mkdir()
+    outside.mkdir()
+    (data / "features").symlink_to(outside, target_is_directory=True)
+    root = os.path.realpath(data)
+    assert sync._manifest_local_path(data, "vault\\x.so") == f"{root}/vault/x.so"  # path-like data_dir
+    with pytest.raises(sync.ManifestError) as caught:
+        sync._manifest_local_path(str(data), "features/u/x.arrow")
+    assert str(caught.value) == "Manifest file path escapes data directory: 'features/u/x.arrow'"
+
+
+def test_platform_is_computed_once_at_load():
+    assert sync.CURRENT_PLATFORM == sync._detect_platform()
+    assert re.fullmatch(r"[a-z0-9_]+_[a-z0-9_]+", sync.CURRENT_PLATFORM)
+
+
+class ExpressionType(enum.Enum):
+    SIGNAL = "SIGNAL"
+    STRATEGY = "Strategy"
+
+
+def test_feature_lookups():
+    m = manifest(
+        "features/eu/signal_is/fam__k__main__0.arrow",
+        "features/eu/strategy_is/fam__k__main__0.arrow",
+        "features/eu/signal_is/fam__k__b__1.arrow",
+        "features/eu/signal_is/fam__k__a__1.arrow",
+        "features/signal_is/plain.arrow",
+    )
+    assert sync._feature_epoch_for_expression_type(ExpressionType.STRATEGY) == "strategy_is"
+    assert sync._feature_epoch_for_expression_type(None) == "signal_is"
+    find = sync._manifest_feature_relative_path
+    assert (
+        find(m, feature_name="fam__k__main__0", expression_type=ExpressionType.STRATEGY, named_universe="eu")
+        == "features/eu/strategy_is/fam__k__main__0.arrow"
+    )
+    assert find(m, feature_name="plain") == "features/signal_is/plain.arrow"
+    assert find(m, feature_name="missing", named_universe="eu") is None
+    with pytest.raises(TypeError):
+        find(m, "plain")  # keyword-only
+    assert sync._manifest_feature_prefetch_relative_paths(m, feature_name="fam__k__main__0", named_universe="eu") == (
+        "features/eu/signal_is/fam__k__main__0.arrow",
+        "features/eu/signal_is/fam__k__a__1.arrow",
+        "features/eu/signal_is/fam__k__b__1.arrow",
+    )
+    assert sync._manifest_feature_prefetch_relative_paths(m, feature_name="missing") == ()
+    assert sync._manifest_feature_companion_relative_paths(m, "../x.arrow") == ()
+    assert sync._feature_artifact_family_prefix("fam__k__main") is None
+
+
+def test_file_urls():
+    assert sync._manifest_file_url("http://127.0.0.1:8080/ ", "u\\f.arrow") == "http://127.0.0.1:8080/data/files/u/f.arrow"
+    assert sync._manifest_file_url("http://127.0.0.1", "a", base_url="https://cdn.example/x//") == "https://cdn.example/x/a"
+    with pytest.raises(sync.ManifestError, match="^Manifest base_url must be an absolute data-file URL$"):
+        sync._manifest_file_url("http://127.0.0.1", "a", base_url="cdn.example/x")
+    assert sync._manifest_base_url_uses_public_download("http://h:1/", " https://h:1/data/files/ ") is True
+    assert sync._manifest_base_url_uses_public_download("http://h:1", None) is False
+    assert sync._manifest_base_url_uses_public_download("http://h:1", "http://h:1/mirror") is False
+
+
+def test_transport_refusal_is_a_manifest_error_with_its_message(monkeypatch):
+    security = importlib.import_module("tidewright._transport_security")
+    with pytest.raises(ValueError) as refusal:
+        security.validate_bearer_transport_url("http://data.example.com/data/files")
+    with pytest.raises(sync.ManifestError) as caught:
+        sync._manifest_file_url("http://data.example.com", "a")
+    assert str(caught.value) == str(refusal.value)
+
+    # Looked up at call time: a replaced validator is obeyed.
+    seen = []
+    monkeypatch.setattr(security, "validate_bearer_transport_url", lambda url: seen.append(url) or url)
+    assert sync._manifest_file_url("http://data.example.com", "a") == "http://data.example.com/data/files/a"
+    assert seen == ["http://data.example.com/data/files"]
+
+
+def test_signal_group_key():
+    assert sync._agent_signal_group_key("era_2/found_strategies/p/7/strategy_is/pnl.arrow", "era_2") == "found_strategies/p/7"
+    assert sync._agent_signal_group_key("era_2/found_strategies/p/7/strategy_is/pnl.arrow", "era_3") is None
+    assert sync._agent_signal_group_key("useful_signals/p/7/signal_is/pnl.arrow", "") is None
