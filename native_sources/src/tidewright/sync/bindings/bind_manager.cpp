@@ -1,9 +1,344 @@
+// SyncManager, its result records and the registry, as seen from Python.
 #include "tidewright/sync/bindings/bindings.hpp"
+#include "tidewright/sync/bindings/convert.hpp"
+#include "tidewright/sync/era/market.hpp"
+#include "tidewright/sync/manager/cleanup.hpp"
+#include "tidewright/sync/manager/sync_manager.hpp"
+#include "tidewright/sync/reporting/errors.hpp"
+
+#include <nanobind/stl/optional.h>
+#include <nanobind/stl/shared_ptr.h>
+#include <nanobind/stl/string.h>
 
 namespace tidewright::sync::bindings {
 
-void bind_manager(nb::module_& m) { (void)m; }
+namespace {
 
-void shutdown_all_managers() {}
+// The result records are plain Python dataclasses: value semantics,
+// defaults, and tuples where the fields are tuples.
+constexpr const char* kResultSource = R"PY(
+import dataclasses as _dataclasses
+import typing as _typing
+
+
+@_dataclasses.dataclass
+class SyncResult:
+    """Result of a sync operation."""
+
+    features_downloaded: int = 0
+    useful_signals_downloaded: int = 0
+    bytes_downloaded: int = 0
+    era_number: int = 0
+    t_signal_is: int = 0
+    t_strategy_is: int = 0
+    n_instruments: int = 0
+    n_features: int = 0
+    n_useful_signals: int = 0
+    n_found_strategies: int = 0
+    pnl_column_count: int = 0
+    vocabulary_downloaded: bool = False
+    shuffle_seed_downloaded: bool = False
+    active_relative_paths: _typing.Tuple[str, ...] = ()
+    skipped_relative_paths: _typing.Tuple[str, ...] = ()
+    mandatory_relative_paths: _typing.Tuple[str, ...] = ()
+    found_pnl_paths_downloaded: _typing.Tuple[str, ...] = ()
+    rotation_seed: _typing.Optional[int] = None
+    feature_budget_bytes: _typing.Optional[int] = None
+
+
+@_dataclasses.dataclass
+class VerifyResult:
+    """Result of a verify operation."""
+
+    valid: bool = True
+    corrupted_files: _typing.List[str] = _dataclasses.field(default_factory=list)
+    missing_files: _typing.List[str] = _dataclasses.field(default_factory=list)
+
+
+def _constant_token_provider(token):
+    text = str(token)
+
+    def get_token():
+        return text
+
+    return get_token
+)PY";
+
+nb::handle g_module;
+
+std::optional<json::value> knob(nb::handle value) {
+  if (value.is_none()) return std::nullopt;
+  try {
+    return to_json(value);
+  } catch (nb::python_error&) {
+    return json::value(to_text(value));
+  }
+}
+
+std::string path_text(nb::handle value) {
+  return to_text(nb::module_::import_("os").attr("fspath")(value));
+}
+
+SyncManagerArgs make_args(nb::handle data_dir, nb::handle server_url, nb::handle get_token, nb::handle token,
+                          double poll_interval_s, nb::handle runtime_freshness_guard, nb::handle market_id,
+                          nb::handle sync_http_transport, nb::handle sync_http_chunk_bytes,
+                          nb::handle sync_max_concurrency) {
+  SyncManagerArgs args;
+  args.data_dir = path_text(data_dir);
+  args.server_url = to_text(server_url);
+  nb::object token_fn = nb::borrow(get_token);
+  if (token_fn.is_none() && !token.is_none()) token_fn = g_module.attr("_constant_token_provider")(token);
+  args.get_token = make_ref(token_fn);
+  if (!args.get_token) {
+    // Keep None as a host object so that the callable check can name its type.
+    args.get_token = make_ref(nb::module_::import_("builtins").attr("None"));
+  }
+  args.poll_interval_s = poll_interval_s;
+  args.runtime_freshness_guard = make_ref(runtime_freshness_guard);
+  try {
+    args.market_id = to_json(market_id);
+  } catch (nb::python_error&) {
+    args.market_id = nullptr;
+  }
+  args.market_id_repr = to_text(nb::repr(market_id));
+  args.knobs.sync_http_transport = knob(sync_http_transport);
+  args.knobs.sync_http_chunk_bytes = knob(sync_http_chunk_bytes);
+  args.knobs.sync_max_concurrency = knob(sync_max_concurrency);
+  return args;
+}
+
+nb::object tuple_of(const std::vector<std::string>& items) {
+  nb::list l;
+  for (const auto& s : items) l.append(nb::str(s.c_str(), s.size()));
+  return nb::tuple(l);
+}
+
+nb::object list_of(const std::vector<std::string>& items) {
+  nb::list l;
+  for (const auto& s : items) l.append(nb::str(s.c_str(), s.size()));
+  return l;
+}
+
+}  // namespace
+
+nb::object to_python(const SyncResult& r) {
+  nb::dict kw;
+  kw["features_downloaded"] = r.features_downloaded;
+  kw["useful_signals_downloaded"] = r.useful_signals_downloaded;
+  kw["bytes_downloaded"] = r.bytes_downloaded;
+  kw["era_number"] = r.era_number;
+  kw["t_signal_is"] = r.t_signal_is;
+  kw["t_strategy_is"] = r.t_strategy_is;
+  kw["n_instruments"] = r.n_instruments;
+  kw["n_features"] = r.n_features;
+  kw["n_useful_signals"] = r.n_useful_signals;
+  kw["n_found_strategies"] = r.n_found_strategies;
+  kw["pnl_column_count"] = r.pnl_column_count;
+  kw["vocabulary_downloaded"] = r.vocabulary_downloaded;
+  kw["shuffle_seed_downloaded"] = r.shuffle_seed_downloaded;
+  kw["active_relative_paths"] = tuple_of(r.active_relative_paths);
+  kw["skipped_relative_paths"] = tuple_of(r.skipped_relative_paths);
+  kw["mandatory_relative_paths"] = tuple_of(r.mandatory_relative_paths);
+  kw["found_pnl_paths_downloaded"] = tuple_of(r.found_pnl_paths_downloaded);
+  kw["rotation_seed"] = r.rotation_seed ? nb::object(nb::int_(*r.rotation_seed)) : nb::none();
+  kw["feature_budget_bytes"] = r.feature_budget_bytes ? nb::object(nb::int_(*r.feature_budget_bytes)) : nb::none();
+  return g_module.attr("SyncResult")(**kw);
+}
+
+// Reads a Python SyncResult (or None) into the core record.
+SyncResult from_python_result(nb::handle r) {
+  SyncResult out;
+  if (r.is_none()) return out;
+  auto i64 = [&](const char* name) { return nb::cast<std::int64_t>(r.attr(name)); };
+  auto strings = [&](const char* name) {
+    std::vector<std::string> v;
+    for (nb::handle item : r.attr(name)) v.push_back(to_text(item));
+    return v;
+  };
+  out.features_downloaded = i64("features_downloaded");
+  out.useful_signals_downloaded = i64("useful_signals_downloaded");
+  out.bytes_downloaded = i64("bytes_downloaded");
+  out.era_number = i64("era_number");
+  out.t_signal_is = i64("t_signal_is");
+  out.t_strategy_is = i64("t_strategy_is");
+  out.n_instruments = i64("n_instruments");
+  out.n_features = i64("n_features");
+  out.n_useful_signals = i64("n_useful_signals");
+  out.n_found_strategies = i64("n_found_strategies");
+  out.pnl_column_count = i64("pnl_column_count");
+  out.vocabulary_downloaded = nb::cast<bool>(r.attr("vocabulary_downloaded"));
+  out.shuffle_seed_downloaded = nb::cast<bool>(r.attr("shuffle_seed_downloaded"));
+  out.active_relative_paths = strings("active_relative_paths");
+  out.skipped_relative_paths = strings("skipped_relative_paths");
+  out.mandatory_relative_paths = strings("mandatory_relative_paths");
+  out.found_pnl_paths_downloaded = strings("found_pnl_paths_downloaded");
+  if (!r.attr("rotation_seed").is_none()) out.rotation_seed = i64("rotation_seed");
+  if (!r.attr("feature_budget_bytes").is_none()) out.feature_budget_bytes = i64("feature_budget_bytes");
+  return out;
+}
+
+// Writes the core record's fields back onto a Python SyncResult.
+void update_python_result(nb::handle target, const SyncResult& r) {
+  if (target.is_none()) return;
+  nb::object fresh = to_python(r);
+  for (nb::handle field : nb::module_::import_("dataclasses").attr("fields")(fresh)) {
+    nb::object name = field.attr("name");
+    nb::setattr(target, name, nb::getattr(fresh, name));
+  }
+}
+
+nb::object to_python(const VerifyResult& r) {
+  return g_module.attr("VerifyResult")(r.valid, list_of(r.corrupted_files), list_of(r.missing_files));
+}
+
+void shutdown_all_managers() { SyncManager::shutdown_all(); }
+
+namespace {
+
+nb::object http_triple(const HttpResult& r) {
+  nb::dict headers;
+  for (const auto& [k, v] : r.headers) headers[nb::str(k.c_str(), k.size())] = nb::str(v.c_str(), v.size());
+  return nb::make_tuple(r.status, headers, nb::bytes(r.body.data(), r.body.size()));
+}
+
+std::vector<std::pair<std::string, json::object>> file_items(nb::handle files) {
+  std::vector<std::pair<std::string, json::object>> out;
+  json::value v = to_json(files);
+  if (!v.is_object()) return out;
+  for (auto& kv : v.get_object()) {
+    out.emplace_back(std::string(kv.key()), kv.value().is_object() ? kv.value().get_object() : json::object());
+  }
+  return out;
+}
+
+}  // namespace
+
+void bind_manager(nb::module_& m) {
+  g_module = m;
+  nb::object builtins = nb::module_::import_("builtins");
+  nb::dict globals = nb::borrow<nb::dict>(m.attr("__dict__"));
+  builtins.attr("exec")(builtins.attr("compile")(kResultSource, "<tidewright.sync results>", "exec"), globals);
+
+  m.attr("_DEFAULT_AGENT_MARKET_ID") = DEFAULT_AGENT_MARKET_ID;
+  m.attr("_SYNC_HASH_CACHE_FILENAME") = SYNC_HASH_CACHE_FILENAME;
+  m.attr("_SYNC_HASH_CACHE_VERSION") = SYNC_HASH_CACHE_VERSION;
+
+  m.def(
+      "_coerce_agent_market_id",
+      [](nb::handle market_id) {
+        json::value value;
+        try {
+          value = to_json(market_id);
+        } catch (nb::python_error&) {
+          value = nullptr;
+        }
+        return coerce_agent_market_id(value, to_text(nb::repr(market_id)));
+      },
+      nb::arg("market_id"));
+  m.def("_remove_manifest_tmp_file", &remove_manifest_tmp_file, nb::call_guard<nb::gil_scoped_release>(),
+        nb::arg("data_dir"), nb::arg("file_path"));
+  m.def(
+      "_cleanup_sync_tmp_files",
+      [](const std::string& data_dir, nb::handle preserve) {
+        std::vector<std::string> paths;
+        if (!preserve.is_none()) {
+          for (nb::handle p : preserve) paths.push_back(to_text(p));
+        }
+        nb::gil_scoped_release release;
+        cleanup_sync_tmp_files(data_dir, paths);
+      },
+      nb::arg("data_dir"), nb::arg("preserve_relative_paths") = nb::none(),
+      "Remove orphan sync temp files while preserving resumable current downloads.");
+  m.def("_parse_era_directory_id", [](const std::string& name) { return parse_era_directory_id(name); },
+        nb::arg("name"));
+
+  nb::class_<SyncManager>(m, "SyncManager",
+                          "Keeps one local data directory in step with the Tidewright data service.")
+      .def(nb::new_([](nb::handle data_dir, nb::handle server_url, nb::handle get_token, double poll_interval_s,
+                       nb::handle runtime_freshness_guard, nb::handle token, nb::handle market_id,
+                       nb::handle sync_http_transport, nb::handle sync_http_chunk_bytes,
+                       nb::handle sync_max_concurrency) {
+             SyncManagerArgs args =
+                 make_args(data_dir, server_url, get_token, token, poll_interval_s, runtime_freshness_guard,
+                           market_id, sync_http_transport, sync_http_chunk_bytes, sync_max_concurrency);
+             nb::gil_scoped_release release;
+             return std::make_shared<SyncManager>(std::move(args));
+           }),
+           nb::arg("data_dir"), nb::arg("server_url"), nb::arg("get_token") = nb::none(),
+           nb::arg("poll_interval_s") = SYNC_MANIFEST_POLL_INTERVAL_SECONDS,
+           nb::arg("runtime_freshness_guard") = nb::none(), nb::arg("token") = nb::none(),
+           nb::arg("market_id").none() = DEFAULT_AGENT_MARKET_ID, nb::arg("sync_http_transport") = nb::none(),
+           nb::arg("sync_http_chunk_bytes") = nb::none(), nb::arg("sync_max_concurrency") = nb::none())
+      .def_static(
+          "get_or_create",
+          [](nb::handle data_dir, nb::handle server_url, nb::handle get_token, double poll_interval_s,
+             nb::handle runtime_freshness_guard, nb::handle market_id, nb::handle sync_http_transport,
+             nb::handle sync_http_chunk_bytes, nb::handle sync_max_concurrency) {
+            SyncManagerArgs args = make_args(data_dir, server_url, get_token, nb::none(), poll_interval_s,
+                                             runtime_freshness_guard, market_id, sync_http_transport,
+                                             sync_http_chunk_bytes, sync_max_concurrency);
+            nb::gil_scoped_release release;
+            return SyncManager::get_or_create(std::move(args));
+          },
+          nb::arg("data_dir"), nb::arg("server_url"), nb::arg("get_token").none(),
+          nb::arg("poll_interval_s") = SYNC_MANIFEST_POLL_INTERVAL_SECONDS,
+          nb::arg("runtime_freshness_guard") = nb::none(), nb::arg("market_id").none() = DEFAULT_AGENT_MARKET_ID,
+          nb::arg("sync_http_transport") = nb::none(), nb::arg("sync_http_chunk_bytes") = nb::none(),
+          nb::arg("sync_max_concurrency") = nb::none(), "Get existing or create new SyncManager for this data_dir.")
+      .def_static(
+          "_evict",
+          [](nb::handle data_dir) {
+            std::string dir = path_text(data_dir);
+            nb::gil_scoped_release release;
+            SyncManager::evict(dir);
+          },
+          nb::arg("data_dir"), "Remove instance from singleton registry (called on 1\u21920 release).")
+      .def_prop_ro_static("_instances",
+                          [](nb::handle) {
+                            nb::dict d;
+                            for (auto& [key, manager] : SyncManager::instances()) {
+                              d[nb::str(key.c_str())] = nb::cast(manager);
+                            }
+                            return d;
+                          })
+      .def(
+          "_set_sync_runtime_knobs",
+          [](SyncManager& self, nb::handle sync_http_transport, nb::handle sync_http_chunk_bytes,
+             nb::handle sync_max_concurrency) {
+            SyncKnobs knobs{knob(sync_http_transport), knob(sync_http_chunk_bytes), knob(sync_max_concurrency)};
+            nb::gil_scoped_release release;
+            self.set_sync_runtime_knobs(knobs);
+          },
+          nb::kw_only(), nb::arg("sync_http_transport") = nb::none(), nb::arg("sync_http_chunk_bytes") = nb::none(),
+          nb::arg("sync_max_concurrency") = nb::none())
+      .def("get_manifest", &SyncManager::get_manifest, nb::call_guard<nb::gil_scoped_release>(),
+           "Return current local Manifest or None.")
+      .def("status", &SyncManager::status, nb::call_guard<nb::gil_scoped_release>(),
+           "Return the current human-readable sync status, if any.")
+      .def("consumer_count", &SyncManager::consumer_count, nb::call_guard<nb::gil_scoped_release>())
+      .def_prop_ro("_manifest", &SyncManager::get_manifest)
+      .def_prop_ro("_status_message", &SyncManager::status)
+      .def_prop_ro("_consumer_count", &SyncManager::consumer_count)
+      .def_prop_ro("_data_dir", [](const SyncManager& s) { return s.data_dir(); })
+      .def_prop_ro("_server_url", [](const SyncManager& s) { return s.server_url(); })
+      .def_prop_ro("_market_id", [](const SyncManager& s) { return s.market_id(); })
+      .def_prop_ro("_poll_interval", [](const SyncManager& s) { return s.poll_interval(); })
+      .def_prop_ro("_sync_http_transport", &SyncManager::sync_http_transport)
+      .def_prop_ro("_sync_http_chunk_bytes", &SyncManager::sync_http_chunk_bytes)
+      .def_prop_ro("_sync_max_concurrency", &SyncManager::sync_max_concurrency)
+      .def_prop_ro("_running", &SyncManager::running)
+      .def_prop_ro("_in_transition", &SyncManager::in_transition)
+      .def_prop_ro("_consumer_count_path", [](const SyncManager& s) { return s.consumer_count_path(); })
+      .def_prop_ro("_flock_path", [](const SyncManager& s) { return s.flock_path(); })
+      .def_prop_ro("_hash_cache_path", [](SyncManager& s) { return s.hash_cache().path(); })
+      .def_prop_ro("_hash_cache", [](SyncManager& s) { return from_json(json::value(s.hash_cache().entries())); })
+      .def_prop_rw(
+          "_get_token", [](const SyncManager& s) { return nb::borrow(ref_object(s.get_token_fn())); },
+          [](SyncManager& s, nb::handle fn) { s.set_get_token(make_ref(fn)); })
+      .def_prop_rw(
+          "runtime_freshness_guard",
+          [](const SyncManager& s) { return nb::borrow(ref_object(s.runtime_freshness_guard())); },
+          [](SyncManager& s, nb::handle guard) { s.set_runtime_freshness_guard(make_ref(guard)); });
+}
 
 }  // namespace tidewright::sync::bindings

@@ -47,6 +47,7 @@ NB_MODULE(sync, m) {
   bindings::bind_files(m);
   bindings::bind_manifest(m);
   bindings::bind_manager(m);
+  bindings::bind_artifacts(m);
 
   nb::module_::import_("atexit").attr("register")(nb::cpp_function(&at_exit));
 }

@@ -5,6 +5,8 @@
 
 #include <Python.h>
 
+#include <nanobind/stl/string.h>
+
 #include <atomic>
 
 namespace tidewright::sync::bindings {

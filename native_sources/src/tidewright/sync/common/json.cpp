@@ -40,24 +40,32 @@ std::string format_float(double value) {
     if (c != '.') digits.push_back(c);
   }
   while (digits.size() > 1 && digits.back() == '0') digits.pop_back();
-  std::string out = negative ? "-" : "";
+  std::string out;
+  out.reserve(32);
+  if (negative) out.push_back('-');
   if (exponent >= -4 && exponent < 16) {
     if (exponent >= 0) {
-      std::string int_part, frac_part;
-      if (static_cast<int>(digits.size()) <= exponent + 1) {
-        int_part = digits + std::string(exponent + 1 - digits.size(), '0');
-        frac_part = "0";
+      const std::size_t int_len = static_cast<std::size_t>(exponent) + 1;
+      if (digits.size() <= int_len) {
+        out.append(digits);
+        out.append(int_len - digits.size(), '0');
+        out.append(".0");
       } else {
-        int_part = digits.substr(0, exponent + 1);
-        frac_part = digits.substr(exponent + 1);
+        out.append(digits, 0, int_len);
+        out.push_back('.');
+        out.append(digits, int_len, std::string::npos);
       }
-      out += int_part + "." + frac_part;
     } else {
-      out += "0." + std::string(-exponent - 1, '0') + digits;
+      out.append("0.");
+      out.append(static_cast<std::size_t>(-exponent - 1), '0');
+      out.append(digits);
     }
   } else {
-    out += digits.substr(0, 1);
-    if (digits.size() > 1) out += "." + digits.substr(1);
+    out.push_back(digits[0]);
+    if (digits.size() > 1) {
+      out.push_back('.');
+      out.append(digits, 1, std::string::npos);
+    }
     char ebuf[16];
     std::snprintf(ebuf, sizeof ebuf, "e%c%02d", exponent < 0 ? '-' : '+', std::abs(exponent));
     out += ebuf;

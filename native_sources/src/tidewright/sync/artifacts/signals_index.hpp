@@ -1,0 +1,41 @@
+// The era's content-addressed signals index
+// ("_control/signals_index.<sha256>.json"): the manifest pointer rules, the
+// validation of its bytes, and applying its membership sections to a
+// manifest.
+#pragma once
+
+#include "tidewright/sync/common/json.hpp"
+#include "tidewright/sync/manifest/manifest.hpp"
+
+#include <optional>
+#include <string>
+#include <string_view>
+
+namespace tidewright::sync {
+
+inline constexpr const char* LEGACY_SIGNALS_INDEX_RELATIVE_PATH = "signals_index.json";
+inline constexpr const char* SIGNALS_INDEX_VERSIONED_RE = R"(^_control/signals_index\.([0-9a-f]{64})\.json$)";
+inline constexpr const char* SIGNALS_INDEX_SECTIONS[] = {"found_signals", "found_strategies", "useful_signals"};
+
+// The checked signals-index path named by a manifest object's
+// "signals_index" and "files", or empty when it names none. Throws
+// ManifestError for every broken pointer.
+std::optional<std::string> manifest_signals_index_path(const json::value& signals_index, const json::object& files);
+std::optional<std::string> manifest_signals_index_path(const Manifest& manifest);
+
+// The digest in a versioned index path, or empty when the path is not one.
+std::optional<std::string> signals_index_path_digest(std::string_view path);
+
+// Validates index bytes and applies them to `manifest`. ManifestError for
+// bad text/JSON, EraError for an era mismatch.
+json::object validate_signals_index_bytes(std::string_view data, Manifest& manifest);
+// Applies a parsed index to `manifest` (its three sections).
+json::object apply_manifest_signals_index(const json::value& index, Manifest& manifest);
+
+// Loads the manifest's index from `data_dir` (or `fallback_data_dir`) and
+// applies it; false when the manifest names none. Throws SyncError
+// "signals_index.json missing from local sync: <path>" when absent.
+bool load_manifest_signals_index(const std::string& data_dir, Manifest& manifest,
+                                 const std::optional<std::string>& fallback_data_dir = std::nullopt);
+
+}  // namespace tidewright::sync

@@ -1,0 +1,139 @@
+#include "tidewright/sync/manager/cleanup.hpp"
+
+#include "tidewright/sync/common/fs.hpp"
+#include "tidewright/sync/era/market.hpp"
+#include "tidewright/sync/host/host.hpp"
+#include "tidewright/sync/manifest/paths.hpp"
+#include "tidewright/sync/reporting/errors.hpp"
+
+#include <filesystem>
+#include <set>
+#include <system_error>
+
+namespace tidewright::sync {
+
+namespace fs = std::filesystem;
+
+namespace {
+
+bool ends_with_tmp(const std::string& name) {
+  return name.size() >= 4 && name.compare(name.size() - 4, 4, ".tmp") == 0;
+}
+
+template <typename Keep>
+void remove_tmp_files(const std::string& data_dir, Keep keep) {
+  std::error_code ec;
+  std::string root = real_path(data_dir);
+  fs::recursive_directory_iterator it(root, fs::directory_options::skip_permission_denied, ec);
+  if (ec) {
+    log_debug("best-effort tmp scan failed for %s: %s", {json::value(data_dir), json::value(ec.message())});
+    return;
+  }
+  for (; it != fs::recursive_directory_iterator(); it.increment(ec)) {
+    if (ec) {
+      log_debug("best-effort tmp scan failed for %s: %s", {json::value(data_dir), json::value(ec.message())});
+      return;
+    }
+    std::error_code type_ec;
+    if (!it->is_regular_file(type_ec) || it->is_symlink(type_ec)) continue;
+    std::string path = it->path().string();
+    if (!ends_with_tmp(it->path().filename().string()) || keep(path)) continue;
+    std::error_code rm_ec;
+    fs::remove(it->path(), rm_ec);
+    if (rm_ec) log_debug("best-effort tmp cleanup failed for %s: %s", {json::value(path), json::value(rm_ec.message())});
+  }
+}
+
+}  // namespace
+
+void remove_manifest_tmp_file(const std::string& data_dir, const std::string& file_path) {
+  std::string tmp;
+  try {
+    tmp = manifest_local_path(data_dir, file_path) + ".tmp";
+  } catch (const ManifestError&) {
+    return;
+  }
+  try {
+    remove_file(tmp);
+  } catch (const FileNotFoundError&) {
+  } catch (const std::exception& e) {
+    log_warning("Failed to remove stale sync tmp file %s: %s", {json::value(tmp), json::value(e.what())});
+  }
+}
+
+void cleanup_sync_tmp_files(const std::string& data_dir, const std::vector<std::string>& preserve_relative_paths) {
+  std::set<std::string> preserve;
+  for (const auto& p : preserve_relative_paths) {
+    try {
+      preserve.insert(manifest_local_path(data_dir, p) + ".tmp");
+    } catch (const ManifestError&) {
+    }
+  }
+  remove_tmp_files(data_dir, [&](const std::string& path) { return preserve.count(path) > 0; });
+}
+
+void remove_all_tmp_files(const std::string& data_dir) {
+  remove_tmp_files(data_dir, [](const std::string&) { return false; });
+}
+
+std::int64_t tree_size(const std::string& path) {
+  std::int64_t total = 0;
+  std::error_code ec;
+  fs::recursive_directory_iterator it(path, fs::directory_options::skip_permission_denied, ec);
+  if (ec) return 0;
+  for (; it != fs::recursive_directory_iterator(); it.increment(ec)) {
+    if (ec) break;
+    std::error_code type_ec;
+    if (it->is_regular_file(type_ec) && !it->is_symlink(type_ec)) {
+      auto size = it->file_size(type_ec);
+      if (!type_ec) total += static_cast<std::int64_t>(size);
+    }
+  }
+  return total;
+}
+
+std::int64_t cleanup_era_directories(const std::string& data_dir, std::optional<std::int64_t> current_era,
+                                     bool everything) {
+  std::int64_t freed = 0;
+  std::error_code ec;
+  std::vector<fs::path> era_dirs;
+  for (const auto& entry : fs::directory_iterator(data_dir, ec)) {
+    std::error_code type_ec;
+    if (!entry.is_directory(type_ec) || entry.is_symlink(type_ec)) continue;
+    std::optional<std::int64_t> era = parse_era_directory_id(entry.path().filename().string());
+    if (era && era != current_era) era_dirs.push_back(entry.path());
+  }
+  for (const auto& dir : era_dirs) {
+    std::int64_t size = tree_size(dir.string());
+    std::error_code rm_ec;
+    fs::remove_all(dir, rm_ec);
+    if (rm_ec) throw OSError(rm_ec.message(), rm_ec.value(), dir.string());
+    freed += size;
+  }
+  if (everything) {
+    for (const char* name : {"manifest.json", "shuffle_seed.enc"}) {
+      std::string path = path_join(data_dir, name);
+      if (!is_regular_file(path)) continue;
+      std::int64_t size = file_size(path);
+      remove_file(path);
+      freed += size;
+    }
+    std::vector<fs::path> others;
+    for (const auto& entry : fs::directory_iterator(data_dir, ec)) {
+      std::error_code type_ec;
+      if (!entry.is_directory(type_ec) || entry.is_symlink(type_ec)) continue;
+      if (entry.path().filename().string().rfind('.', 0) == 0) continue;
+      others.push_back(entry.path());
+    }
+    for (const auto& dir : others) {
+      std::int64_t size = tree_size(dir.string());
+      std::error_code rm_ec;
+      fs::remove_all(dir, rm_ec);
+      if (rm_ec) throw OSError(rm_ec.message(), rm_ec.value(), dir.string());
+      freed += size;
+    }
+  }
+  return freed;
+}
+
+}  // namespace tidewright::sync

@@ -1,0 +1,226 @@
+#include "tidewright/sync/manager/sync_manager.hpp"
+
+#include "tidewright/sync/common/fs.hpp"
+#include "tidewright/sync/era/market.hpp"
+#include "tidewright/sync/manifest/manifest_files.hpp"
+#include "tidewright/sync/manifest/sanitize.hpp"
+#include "tidewright/sync/reporting/errors.hpp"
+#include "tidewright/sync/transport/settings.hpp"
+
+namespace tidewright::sync {
+
+namespace {
+
+std::mutex g_class_mu;
+std::map<std::string, std::shared_ptr<SyncManager>> g_instances;  // guarded by g_class_mu
+
+std::string validated_data_dir(const SyncManagerArgs& args) {
+  Host& h = host();
+  if (!h.is_callable(args.get_token)) {
+    throw TypeError("get_token must be callable, got " + h.type_repr(args.get_token));
+  }
+  h.validate_bearer_transport_url(args.server_url);
+  if (!is_directory(args.data_dir)) {
+    throw FileNotFoundError("data_dir does not exist: " + args.data_dir);
+  }
+  return args.data_dir;
+}
+
+}  // namespace
+
+SyncManager::SyncManager(SyncManagerArgs args)
+    : data_dir_(validated_data_dir(args)),
+      server_url_(args.server_url),
+      market_id_(coerce_agent_market_id(args.market_id, args.market_id_repr)),
+      poll_interval_(args.poll_interval_s),
+      get_token_(std::move(args.get_token)),
+      runtime_freshness_guard_(std::move(args.runtime_freshness_guard)),
+      hash_cache_(path_join(data_dir_, SYNC_HASH_CACHE_FILENAME)),
+      consumer_count_path_(path_join(data_dir_, ".consumer_count")),
+      flock_path_(path_join(data_dir_, ".sync_flock")) {
+  set_sync_runtime_knobs(args.knobs);
+  hash_cache_.load();
+  load_consumer_count();
+  load_local_manifest();
+}
+
+SyncManager::~SyncManager() = default;
+
+void SyncManager::load_consumer_count() {
+  std::int64_t count = 0;
+  if (path_exists(consumer_count_path_)) {
+    try {
+      std::string text = read_file(consumer_count_path_);
+      std::optional<std::int64_t> parsed = to_int(json::value(text));
+      if (!parsed) {
+        std::string stripped = text;
+        auto is_ws = [](char c) { return c == ' ' || c == '\n' || c == '\t' || c == '\r' || c == '\f' || c == '\v'; };
+        while (!stripped.empty() && is_ws(stripped.back())) stripped.pop_back();
+        std::size_t b = 0;
+        while (b < stripped.size() && is_ws(stripped[b])) ++b;
+        throw ValueError("invalid literal for int() with base 10: " + python_repr(std::string_view(stripped).substr(b)));
+      }
+      count = *parsed;
+    } catch (const std::exception& e) {
+      log_warning("Failed to read consumer count: %s", {json::value(e.what())});
+      count = 0;
+    }
+  }
+  std::lock_guard<std::mutex> lock(consumer_mu_);
+  consumer_count_ = count;
+}
+
+void SyncManager::load_local_manifest() {
+  std::string path = path_join(data_dir_, "manifest.json");
+  if (!path_exists(path)) return;
+  try {
+    json::value raw = parse_json(read_file(path));
+    if (!raw.is_object()) throw ManifestError("manifest.json must contain a JSON object");
+    ManifestSiblings siblings = host().manifest_siblings();
+    json::object data = std::move(raw.get_object());
+    bool changed = false;
+    if (auto dropped = drop_agent_bundle_declaration_files(data)) {
+      data = std::move(*dropped);
+      changed = true;
+    }
+    if (auto dropped = drop_unsupported_runtime_module_files(data, siblings)) {
+      data = std::move(*dropped);
+      changed = true;
+    }
+    if (auto dropped = drop_retired_found_pnl_long_files(data)) {
+      data = std::move(*dropped);
+      changed = true;
+    }
+    if (changed) write_manifest_json(data_dir_, data);
+    ManifestPtr manifest = Manifest::from_sanitized(std::move(data));
+    std::lock_guard<std::mutex> lock(state_mu_);
+    manifest_ = std::move(manifest);
+  } catch (const HostError&) {
+    throw;  // an exception of a host callback is the caller's, not a bad file
+  } catch (const std::exception& e) {
+    log_warning("Failed to load manifest from disk: %s", {json::value(e.what())});
+  }
+}
+
+std::shared_ptr<SyncManager> SyncManager::get_or_create(SyncManagerArgs args) {
+  std::string key = real_path(args.data_dir);
+  std::int64_t market = coerce_agent_market_id(args.market_id, args.market_id_repr);
+  std::lock_guard<std::mutex> lock(g_class_mu);
+  auto it = g_instances.find(key);
+  if (it != g_instances.end()) {
+    const auto& existing = it->second;
+    if (existing->server_url_ != args.server_url) {
+      throw ValueError("SyncManager for '" + key + "' already exists with server_url='" + existing->server_url_ +
+                       "', cannot reuse with server_url='" + args.server_url + "'");
+    }
+    if (existing->market_id_ != market) {
+      throw ValueError("SyncManager for '" + key + "' already exists with market_id=" +
+                       std::to_string(existing->market_id_) + ", cannot reuse with market_id=" +
+                       std::to_string(market));
+    }
+    existing->set_get_token(std::move(args.get_token));
+    existing->set_sync_runtime_knobs(args.knobs);
+    return existing;
+  }
+  args.data_dir = key;
+  auto manager = std::make_shared<SyncManager>(std::move(args));
+  g_instances[key] = manager;
+  return manager;
+}
+
+void SyncManager::evict(const std::string& data_dir) {
+  std::string key = real_path(data_dir);
+  std::lock_guard<std::mutex> lock(g_class_mu);
+  g_instances.erase(key);
+}
+
+std::map<std::string, std::shared_ptr<SyncManager>> SyncManager::instances() {
+  std::lock_guard<std::mutex> lock(g_class_mu);
+  return g_instances;
+}
+
+void SyncManager::shutdown_all() {
+  for (auto& [key, manager] : instances()) {
+    try {
+      manager->stop_internal();
+    } catch (const std::exception& e) {
+      log_warning("Failed to stop sync manager for %s: %s", {json::value(key), json::value(e.what())});
+    }
+  }
+}
+
+void SyncManager::stop_internal() { running_.store(false); }
+
+void SyncManager::set_sync_runtime_knobs(const SyncKnobs& knobs) {
+  std::lock_guard<std::mutex> lock(state_mu_);
+  // An argument left out keeps what the instance already holds.
+  json::value transport = knobs.sync_http_transport
+                              ? *knobs.sync_http_transport
+                              : (sync_http_transport_.empty() ? json::value(nullptr) : json::value(sync_http_transport_));
+  json::value chunk = knobs.sync_http_chunk_bytes
+                          ? *knobs.sync_http_chunk_bytes
+                          : (sync_http_chunk_bytes_ > 0 ? json::value(sync_http_chunk_bytes_) : json::value(nullptr));
+  json::value concurrency = knobs.sync_max_concurrency ? *knobs.sync_max_concurrency
+                                                       : (sync_max_concurrency_ > 0 ? json::value(sync_max_concurrency_)
+                                                                                    : json::value(nullptr));
+  std::string new_transport = tidewright::sync::sync_http_transport(transport.is_null() ? nullptr : &transport);
+  std::int64_t new_chunk = tidewright::sync::sync_http_chunk_bytes(chunk.is_null() ? nullptr : &chunk);
+  std::int64_t new_concurrency = tidewright::sync::sync_max_concurrency(concurrency.is_null() ? nullptr : &concurrency);
+  sync_http_transport_ = new_transport;
+  sync_http_chunk_bytes_ = new_chunk;
+  sync_max_concurrency_ = new_concurrency;
+}
+
+std::string SyncManager::sync_http_transport() const {
+  std::lock_guard<std::mutex> lock(state_mu_);
+  return sync_http_transport_;
+}
+
+std::int64_t SyncManager::sync_http_chunk_bytes() const {
+  std::lock_guard<std::mutex> lock(state_mu_);
+  return sync_http_chunk_bytes_;
+}
+
+std::int64_t SyncManager::sync_max_concurrency() const {
+  std::lock_guard<std::mutex> lock(state_mu_);
+  return sync_max_concurrency_;
+}
+
+ManifestPtr SyncManager::get_manifest() const {
+  std::lock_guard<std::mutex> lock(state_mu_);
+  return manifest_;
+}
+
+std::optional<std::string> SyncManager::status() const {
+  std::lock_guard<std::mutex> lock(state_mu_);
+  return status_message_;
+}
+
+std::int64_t SyncManager::consumer_count() const {
+  std::lock_guard<std::mutex> lock(consumer_mu_);
+  return consumer_count_;
+}
+
+HostRef SyncManager::get_token_fn() const {
+  std::lock_guard<std::mutex> lock(state_mu_);
+  return get_token_;
+}
+
+void SyncManager::set_get_token(HostRef fn) {
+  std::lock_guard<std::mutex> lock(state_mu_);
+  get_token_ = std::move(fn);
+}
+
+HostRef SyncManager::runtime_freshness_guard() const {
+  std::lock_guard<std::mutex> lock(state_mu_);
+  return runtime_freshness_guard_;
+}
+
+void SyncManager::set_runtime_freshness_guard(HostRef guard) {
+  std::lock_guard<std::mutex> lock(state_mu_);
+  runtime_freshness_guard_ = std::move(guard);
+}
+
+std::string SyncManager::fetch_token() const { return host().call_for_text(get_token_fn()); }
+
+}  // namespace tidewright::sync

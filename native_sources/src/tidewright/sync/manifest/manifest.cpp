@@ -1,0 +1,76 @@
+#include "tidewright/sync/manifest/manifest.hpp"
+
+#include "tidewright/sync/manifest/sanitize.hpp"
+#include "tidewright/sync/reporting/errors.hpp"
+
+namespace tidewright::sync {
+
+namespace {
+
+const json::value& empty_files_value() {
+  static const json::value empty = json::object();
+  return empty;
+}
+
+const json::object& empty_files() {
+  static const json::object empty;
+  return empty;
+}
+
+json::value get_or(const json::object& data, std::string_view key, json::value fallback) {
+  if (const auto* v = data.if_contains(key)) return *v;
+  return fallback;
+}
+
+}  // namespace
+
+std::shared_ptr<Manifest> Manifest::create(const json::object& data, const ManifestSiblings& siblings) {
+  return from_sanitized(sanitize_manifest_data_for_sync(data, siblings));
+}
+
+std::shared_ptr<Manifest> Manifest::from_sanitized(json::object data) {
+  const json::value* era = data.if_contains("era_number");
+  if (era == nullptr || era->is_null()) {
+    throw ManifestError("manifest.json missing required era_number");
+  }
+  return std::make_shared<Manifest>(Key{}, std::move(data));
+}
+
+Manifest::Manifest(Key, json::object data) : data_(std::move(data)) {
+  era_number_ = data_.at("era_number");
+  version_ = get_or(data_, "version", 0);
+  market_id_ = get_or(data_, "market_id", nullptr);
+  base_url_ = get_or(data_, "base_url", nullptr);
+  shuffle_key_generation_ = get_or(data_, "shuffle_key_generation", nullptr);
+  shuffle_key_source_ = get_or(data_, "shuffle_key_source", nullptr);
+  pnl_column_count_ = get_or(data_, "pnl_column_count", 0);
+  signals_index_ = get_or(data_, "signals_index", nullptr);
+  functions_ = get_or(data_, "functions", nullptr);
+}
+
+const json::value& Manifest::files_value() const {
+  if (const auto* v = data_.if_contains("files")) return *v;
+  return empty_files_value();
+}
+
+const json::object& Manifest::files() const {
+  const json::value& v = files_value();
+  return v.is_object() ? v.get_object() : empty_files();
+}
+
+json::object& Manifest::mutable_files() {
+  json::value& v = data_["files"];
+  if (!v.is_object()) v = json::object();
+  return v.get_object();
+}
+
+std::int64_t Manifest::era_number_int() const { return to_int(era_number_).value_or(-1); }
+
+std::int64_t Manifest::version_int() const { return to_int(version_).value_or(-1); }
+
+std::optional<std::string> Manifest::base_url_text() const {
+  if (base_url_.is_string() && !base_url_.get_string().empty()) return std::string(base_url_.get_string());
+  return std::nullopt;
+}
+
+}  // namespace tidewright::sync

@@ -1,0 +1,88 @@
+// Manifest: the manifest of one era, built from a sanitised manifest object.
+//
+// A Manifest is immutable once published to other threads, except for the
+// three membership sections that loading the signals index fills in before
+// the manifest is installed, and the vocabulary entries that the vocabulary
+// repair corrects in the server manifest it is about to install. Both happen
+// on the thread that owns the not-yet-published manifest.
+#pragma once
+
+#include "tidewright/sync/common/json.hpp"
+#include "tidewright/sync/host/host.hpp"
+
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+
+namespace tidewright::sync {
+
+class Manifest {
+ public:
+  // Sanitises `data` for sync, then builds the manifest from the result.
+  // Throws ManifestError "manifest.json missing required era_number" when
+  // "era_number" is absent or null.
+  static std::shared_ptr<Manifest> create(const json::object& data, const ManifestSiblings& siblings);
+  // Builds from an object that is already sanitised (no copy of the files).
+  static std::shared_ptr<Manifest> from_sanitized(json::object data);
+
+  // The sanitised object itself; never handed to the host directly.
+  const json::object& data() const { return data_; }
+  // A fresh top-level copy of the sanitised object.
+  json::object to_dict() const { return data_; }
+
+  // Attributes, as the decoder produced them (defaults where absent).
+  const json::value& era_number() const { return era_number_; }
+  const json::value& version() const { return version_; }
+  const json::value& market_id() const { return market_id_; }
+  const json::value& base_url() const { return base_url_; }
+  const json::value& shuffle_key_generation() const { return shuffle_key_generation_; }
+  const json::value& shuffle_key_source() const { return shuffle_key_source_; }
+  const json::value& pnl_column_count() const { return pnl_column_count_; }
+  const json::value& signals_index() const { return signals_index_; }
+  const json::value& functions() const { return functions_; }
+  // The raw "files" value (a new empty map when absent).
+  const json::value& files_value() const;
+  // The files map; empty when "files" is not a map.
+  const json::object& files() const;
+  // Mutable access for the owner of an unpublished manifest.
+  json::object& mutable_files();
+
+  json::object found_signals;
+  json::object found_strategies;
+  json::object useful_signals;
+
+  // Integer views: the host's int() of era_number / version, or -1.
+  std::int64_t era_number_int() const;
+  std::int64_t version_int() const;
+  // base_url as text when it is a non-empty string.
+  std::optional<std::string> base_url_text() const;
+
+  // An opaque per-manifest slot where the host side caches its view of the
+  // files map (building it for 100,000 files is not free).
+  HostRef host_files_view;
+
+ private:
+  struct Key {};  // only the factories above construct a Manifest
+
+ public:
+  Manifest(Key, json::object data);
+
+ private:
+
+  json::object data_;
+  json::value era_number_;
+  json::value version_;
+  json::value market_id_;
+  json::value base_url_;
+  json::value shuffle_key_generation_;
+  json::value shuffle_key_source_;
+  json::value pnl_column_count_;
+  json::value signals_index_;
+  json::value functions_;
+};
+
+using ManifestPtr = std::shared_ptr<Manifest>;
+
+}  // namespace tidewright::sync

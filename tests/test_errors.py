@@ -1,0 +1,90 @@
+"""The error family as callers catch it, and exceptions crossing the core."""
+
+import pickle
+
+import pytest
+
+import tidewright.auth
+import tidewright.sync as sync
+
+
+def test_family_shape_and_docstrings():
+    expected = {
+        "SyncError": (Exception, "Base sync error."),
+        "PermanentDownloadError": (sync.SyncError, "Raised when a file download response is not transient."),
+        "SyncUnavailableError": (sync.SyncError, "Raised when a retryable sync dependency remains unavailable."),
+        "ManifestSupersededError": (sync.SyncError, "Raised when a newer manifest generation supersedes active downloads."),
+        "DiskSpaceError": (sync.SyncError, "Raised when insufficient disk space for sync."),
+        "IntegrityError": (sync.SyncError, "Raised when file checksum verification fails after retries."),
+        "EraError": (sync.SyncError, "Raised on era-related errors."),
+        "ManifestError": (sync.SyncError, "Raised on manifest parsing or validation errors."),
+        "StateError": (Exception, "Raised when operation is invalid for current state."),
+        "FeatureRotationStateError": (sync.StateError, "Raised when persisted feature-rotation state is invalid."),
+    }
+    for name, (base, doc) in expected.items():
+        cls = getattr(sync, name)
+        assert issubclass(cls, base), name
+        assert cls.__doc__ == doc, name
+    assert issubclass(sync.SyncUnavailableError, ConnectionError)
+    assert not issubclass(sync.StateError, sync.SyncError)
+    with pytest.raises(sync.SyncError):
+        raise sync.PermanentDownloadError("x")
+    with pytest.raises(ConnectionError):
+        raise sync.SyncUnavailableError("http://h/data/manifest", 1)
+
+
+def test_permanent_download_error_fields():
+    err = sync.PermanentDownloadError("Download failed for a: HTTP 404", file_path="a", status="404")
+    assert (str(err), err.file_path, err.status) == ("Download failed for a: HTTP 404", "a", 404)
+    assert sync.PermanentDownloadError("m", status="x").status is None
+    assert sync.PermanentDownloadError("m").file_path is None
+
+
+def test_unavailable_error_message_and_typed_details():
+    err = sync.SyncUnavailableError("", 3)
+    assert (err.url, err.endpoint) == ("<unknown>", "<unknown>")
+    assert str(err) == "Tidewright data sync unavailable after 3 attempt(s). endpoint=<unknown> url=<unknown>"
+    assert err.typed_details is False
+
+    err = sync.SyncUnavailableError(
+        "http://h:1/data/manifest?x=1", 2, [503, 503], ["URLError"], server_error_code="maintenance",
+        dependency="db", retryable=False, recovery="retry_with_backoff", reason="down")
+    assert str(err) == (
+        "Tidewright data sync unavailable after 2 attempt(s). endpoint=/data/manifest "
+        "url=http://h:1/data/manifest?x=1 statuses=[503, 503] failures=['URLError'] server_error=maintenance "
+        "dependency=db retryable=False recovery=retry_with_backoff reason=down")
+    assert err.typed_details is True
+    assert sync._sync_unavailable_has_typed_details(err)
+    # Only dependency, retryable and recovery make the details typed by default.
+    assert sync.SyncUnavailableError("u", 1, server_error_code="x", reason="y").typed_details is False
+    assert "retryable" not in str(sync.SyncUnavailableError("u", 1, retryable=None))
+    clone = pickle.loads(pickle.dumps(err))
+    assert (type(clone), str(clone), clone.statuses) == (sync.SyncUnavailableError, str(err), [503, 503])
+
+
+def test_a_callback_exception_reaches_the_caller_unchanged(tmp_path, monkeypatch):
+    import tidewright._transport_security as security
+
+    class Refused(Exception):
+        pass
+
+    raised = Refused("no bearer over this URL")
+
+    def refuse(url):
+        raise raised
+
+    monkeypatch.setattr(security, "validate_bearer_transport_url", refuse)
+    with pytest.raises(Refused) as info:
+        sync.SyncManager(str(tmp_path), "http://127.0.0.1:1", get_token=lambda: "t")
+    assert info.value is raised
+
+
+def test_auth_error_is_the_auth_module_class(tmp_path, monkeypatch):
+    import tidewright._transport_security as security
+
+    def refuse(url):
+        raise tidewright.auth.AuthError("expired")
+
+    monkeypatch.setattr(security, "validate_bearer_transport_url", refuse)
+    with pytest.raises(tidewright.auth.AuthError, match="expired"):
+        sync.SyncManager(str(tmp_path), "http://127.0.0.1:1", get_token=lambda: "t")

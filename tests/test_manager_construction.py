@@ -1,0 +1,133 @@
+"""Obtaining a SyncManager: validation, registry, knobs and local state."""
+
+import json
+import logging
+import os
+import subprocess
+import sys
+import textwrap
+
+import pytest
+
+import tidewright.sync as sync
+
+URL = "http://127.0.0.1:9"
+
+
+@pytest.fixture(autouse=True)
+def empty_registry():
+    for key in list(sync.SyncManager._instances):
+        sync.SyncManager._evict(key)
+    yield
+    for key in list(sync.SyncManager._instances):
+        sync.SyncManager._evict(key)
+
+
+def token():
+    return "tok"
+
+
+def test_registry_returns_one_instance_per_canonical_directory(tmp_path, monkeypatch):
+    data = tmp_path / "data"
+    data.mkdir()
+    (tmp_path / "link").symlink_to(data)
+    monkeypatch.chdir(tmp_path)
+    first = sync.SyncManager.get_or_create("data", URL, token)
+    assert sync.SyncManager.get_or_create(str(tmp_path / "link"), URL, token) is first
+    assert first._data_dir == os.path.realpath(data)
+    assert list(sync.SyncManager._instances) == [os.path.realpath(data)]
+
+    def newer():
+        return "new"
+
+    assert sync.SyncManager.get_or_create(str(data), URL, newer, poll_interval_s=99)._get_token is newer
+    assert first._poll_interval == 5.0
+
+    key = os.path.realpath(data)
+    with pytest.raises(ValueError) as info:
+        sync.SyncManager.get_or_create(str(data), "http://127.0.0.1:10", token)
+    assert str(info.value) == (f"SyncManager for '{key}' already exists with server_url='{URL}', "
+                               f"cannot reuse with server_url='http://127.0.0.1:10'")
+    with pytest.raises(ValueError) as info:
+        sync.SyncManager.get_or_create(str(data), URL, token, market_id="3")
+    assert str(info.value) == (f"SyncManager for '{key}' already exists with market_id=1, "
+                               f"cannot reuse with market_id=3")
+
+    sync.SyncManager._evict(str(tmp_path / "link"))
+    assert sync.SyncManager._instances == {}
+    sync.SyncManager._evict(str(data))  # absent: no error
+    assert sync.SyncManager.get_or_create(str(data), URL, token) is not first
+
+
+def test_constructor_validation_order_and_messages(tmp_path):
+    with pytest.raises(TypeError, match=r"^get_token must be callable, got <class 'NoneType'>$"):
+        sync.SyncManager(str(tmp_path / "missing"), URL)
+    with pytest.raises(ValueError):
+        sync.SyncManager(str(tmp_path), "http://example.com", get_token=token)
+    with pytest.raises(FileNotFoundError, match="^data_dir does not exist: " + str(tmp_path / "missing") + "$"):
+        sync.SyncManager(str(tmp_path / "missing"), URL, get_token=token)
+    m = sync.SyncManager(str(tmp_path), URL, token=12345, market_id="2")
+    assert m._get_token() == "12345" and m._market_id == 2
+    assert sync.SyncManager._instances == {}  # direct construction does not register
+    for bad in (0, -1, "abc", None):
+        with pytest.raises(ValueError) as info:
+            sync.SyncManager(str(tmp_path), URL, get_token=token, market_id=bad)
+        assert str(info.value) == f"market_id must be a positive integer, got {bad!r}"
+
+
+def test_knobs_parse_validate_and_persist_across_resets(tmp_path):
+    m = sync.SyncManager(str(tmp_path), URL, get_token=token, sync_http_transport=" CURL ",
+                         sync_http_chunk_bytes="1048576", sync_max_concurrency=3)
+    assert (m._sync_http_transport, m._sync_http_chunk_bytes, m._sync_max_concurrency) == ("curl", 1048576, 3)
+    m._set_sync_runtime_knobs(sync_max_concurrency="  ")
+    assert (m._sync_http_transport, m._sync_http_chunk_bytes, m._sync_max_concurrency) == ("curl", 1048576, 8)
+    d = sync.SyncManager(str(tmp_path), URL, get_token=token)
+    assert (d._sync_http_transport, d._sync_http_chunk_bytes, d._sync_max_concurrency) == ("auto", 67108864, 8)
+    cases = [({"sync_http_transport": "http2"}, "invalid sync_http_transport: expected auto, urllib, or curl"),
+             ({"sync_http_chunk_bytes": "abc"}, "invalid sync_http_chunk_bytes: expected a positive integer"),
+             ({"sync_http_chunk_bytes": 0}, "invalid sync_http_chunk_bytes: expected a positive integer"),
+             ({"sync_max_concurrency": 0}, "invalid sync_max_concurrency: expected a positive integer")]
+    for kwargs, message in cases:
+        with pytest.raises(ValueError) as info:
+            sync.SyncManager(str(tmp_path), URL, get_token=token, **kwargs)
+        assert str(info.value) == message
+
+
+def test_consumer_count_is_read_leniently(tmp_path, caplog):
+    (tmp_path / ".consumer_count").write_text(" 3\n")
+    assert sync.SyncManager(str(tmp_path), URL, get_token=token).consumer_count() == 3
+    (tmp_path / ".consumer_count").write_text("three")
+    with caplog.at_level(logging.WARNING, logger="tidewright.sync"):
+        assert sync.SyncManager(str(tmp_path), URL, get_token=token).consumer_count() == 0
+    assert any(r.getMessage().startswith("Failed to read consumer count: ") for r in caplog.records)
+
+
+def test_local_manifest_loading(tmp_path, caplog):
+    (tmp_path / "manifest.json").write_text("{not json")
+    with caplog.at_level(logging.WARNING, logger="tidewright.sync"):
+        m = sync.SyncManager(str(tmp_path), URL, get_token=token)
+    assert m.get_manifest() is None and m.status() is None
+    assert any(r.getMessage().startswith("Failed to load manifest from disk: ") for r in caplog.records)
+
+    clean = {"era_number": 4, "version": 2, "files": {"features/u/signal_is/a.arrow": {"kind": "feature"}}}
+    dirty = {"era_number": 4, "version": 2, "files": dict(clean["files"], **{"x.pxd": {"kind": ""}})}
+    (tmp_path / "manifest.json").write_text(json.dumps(dirty))
+    m = sync.SyncManager(str(tmp_path), URL, get_token=token)
+    assert m.get_manifest().era_number == 4 and list(m.get_manifest().files) == list(clean["files"])
+    assert m.get_manifest() is m.get_manifest()
+    assert json.loads((tmp_path / "manifest.json").read_text()) == clean  # rewritten after sanitising
+    assert not (tmp_path / ".manifest_sync_metadata.json").exists()
+
+    (tmp_path / "manifest.json").write_text(json.dumps({"version": 1}))
+    assert sync.SyncManager(str(tmp_path), URL, get_token=token).get_manifest() is None
+
+
+def test_interpreter_exit_with_live_managers_is_clean(tmp_path):
+    script = textwrap.dedent(f"""
+        import tidewright.sync as sync
+        a = sync.SyncManager.get_or_create({str(tmp_path)!r}, "http://127.0.0.1:9", lambda: "t")
+        b = sync.SyncManager({str(tmp_path)!r}, "http://127.0.0.1:9", token="t")
+        print("ok")
+    """)
+    proc = subprocess.run([sys.executable, "-c", script], capture_output=True, text=True, timeout=30)
+    assert (proc.returncode, proc.stdout.strip()) == (0, "ok"), proc.stderr
