@@ -1,0 +1,38 @@
+"""Shared fixtures: the reference data service, started per test on 127.0.0.1."""
+
+import pathlib
+import sys
+
+import pytest
+
+_REPO = pathlib.Path(__file__).resolve().parents[1]
+if str(_REPO) not in sys.path:
+    sys.path.insert(0, str(_REPO))  # for tools.dataservice; tidewright comes from the installed package
+
+from tools.dataservice import DataService  # noqa: E402
+
+
+@pytest.fixture
+def dataservice_factory():
+    """Start customised services: ``dataservice_factory(seed=2, features=16, tls=True)``.
+
+    Keywords are those of :class:`DataService` (``root_dir`` included); every
+    service started is stopped at teardown.
+    """
+    started = []
+
+    def start(**kwargs):
+        root_dir = kwargs.pop("root_dir", None)
+        service = DataService(None if root_dir is None else str(root_dir), **kwargs)
+        started.append(service)
+        return service.start()
+
+    yield start
+    for service in reversed(started):
+        service.stop()
+
+
+@pytest.fixture
+def dataservice(dataservice_factory):
+    """A started service with one tiny era (market 1, era 1, token ``svc.token``)."""
+    return dataservice_factory()

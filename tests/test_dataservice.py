@@ -1,0 +1,396 @@
+"""The reference data service does what the sync tests rely on."""
+
+import hashlib
+import http.client
+import json
+import pathlib
+import re
+import signal
+import socket
+import ssl
+import subprocess
+import sys
+import threading
+import time
+import urllib.error
+import urllib.request
+
+import pytest
+
+from tidewright._function_token_safety import is_retired_public_function_token_name
+from tools.dataservice import DataService
+
+FEATURE = "features/top50/signal_is/px000__ret__lag0__v1.arrow"
+ERROR_KEYS = {"error_code", "dependency", "retryable", "recovery", "reason"}
+
+
+def get(svc, path, headers=None, *, auth=True, context=None, timeout=10):
+    """(status, headers, body) of a GET; HTTP errors are returned, not raised."""
+    all_headers = dict(svc.auth_headers if auth else {})
+    all_headers.update(headers or {})
+    request = urllib.request.Request(svc.url + path, headers=all_headers)
+    try:
+        with urllib.request.urlopen(request, timeout=timeout, context=context) as resp:
+            return resp.status, resp.headers, resp.read()
+    except urllib.error.HTTPError as exc:
+        with exc:
+            return exc.code, exc.headers, exc.read()
+
+
+def raw_get(svc, path, headers=None, timeout=10):
+    """An http.client response (for faults that break the body)."""
+    conn = http.client.HTTPConnection("127.0.0.1", int(svc.url.rsplit(":", 1)[1]), timeout=timeout)
+    conn.request("GET", path, headers={**svc.auth_headers, **(headers or {})})
+    return conn, conn.getresponse()
+
+
+def names_in(value):
+    if isinstance(value, dict):
+        if isinstance(value.get("name"), str):
+            yield value["name"]
+        for key, item in value.items():
+            yield key
+            yield from names_in(item)
+    elif isinstance(value, list):
+        for item in value:
+            yield from names_in(item)
+
+
+def test_served_era_matches_its_manifest(dataservice):
+    status, headers, version_body = get(dataservice, "/data/manifest/version")
+    assert status == 200
+    version = json.loads(version_body)
+    status, headers, manifest_body = get(dataservice, "/data/manifest")
+    assert status == 200 and headers["X-Era-Number"] == "1"
+    assert version == {"version": 1, "era_number": 1,
+                       "manifest_sha256": hashlib.sha256(manifest_body).hexdigest()}
+    manifest = json.loads(manifest_body)
+    assert manifest == dataservice.manifest()
+    assert (manifest["era_number"], manifest["market_id"], manifest["shuffle_key_generation"]) == (1, 1,
+                                                                                                    "market-era-v1")
+    assert "\n" not in manifest["shuffle_key_source"]
+
+    bodies = {}
+    for path, entry in manifest["files"].items():
+        status, _, body = get(dataservice, "/data/files/" + path)
+        assert status == 200, path
+        assert (len(body), hashlib.sha256(body).hexdigest()) == (entry["size_bytes"], entry["sha256"]), path
+        bodies[path] = body
+    kinds = {path: entry["kind"] for path, entry in manifest["files"].items()}
+
+    assert manifest["functions"] == "functions.json" and kinds["functions.json"] == "functions"
+    assert json.loads(bodies["functions.json"])["era_number"] == 1
+
+    index_path = manifest["signals_index"]
+    match = re.fullmatch(r"_control/signals_index\.([0-9a-f]{64})\.json", index_path)
+    assert match and match.group(1) == manifest["files"][index_path]["sha256"]
+    assert kinds[index_path] == "signals_index"
+    index = json.loads(bodies[index_path])
+    expected_kinds = {"found_signals": {"found_signal_is_pnl"}, "found_strategies": {"found_strategy_is_epoch_pnl"},
+                      "useful_signals": {"useful_signal_os_pnl", "useful_signal_strategy_is_pnl"}}
+    for section, allowed in expected_kinds.items():
+        assert index[section], section
+        for member in index[section].values():
+            for path in member["files"]:
+                assert path.startswith(section + "/") and path.endswith("/pnl.arrow")
+                assert kinds[path] in allowed
+
+    universes = [p.split("/")[1] for p in kinds if p.startswith("named_universes/")]
+    assert sorted(universes) == sorted(manifest["named_universes"])
+    for universe in universes:
+        vocabulary = json.loads(bodies[f"named_universes/{universe}/vocabulary.json"])
+        assert vocabulary["era_number"] == 1 and vocabulary["named_universe"] == universe
+        meta = vocabulary["metadata"]
+        assert meta["named_universe"] == universe
+        assert all(type(meta[k]) is int for k in ("t_signal_is", "t_strategy_is", "n_instruments"))
+        for section in ("rotations", "filtrations", "reductions", "aggregations", "functions"):
+            assert not any(is_retired_public_function_token_name(n) for n in names_in(vocabulary.get(section)))
+        for feature in vocabulary["features"]:
+            assert feature["relative_path"].startswith(f"features/{universe}/")
+    features = [p for p, k in kinds.items() if k == "feature"]
+    assert len(features) == 8 and all(re.fullmatch(r"features/[^/]+/(signal_is|strategy_is)/[^/]+\.arrow", p)
+                                      for p in features)
+
+
+def test_shuffle_seed_and_era_current(dataservice_factory):
+    svc = dataservice_factory(era_shape="wrapped")
+    status, headers, body = get(svc, "/data/shuffle")
+    assert status == 200 and len(body) == 60 and body == svc.shuffle_seed()
+    assert headers["X-Era-Number"] == "1"
+    assert headers["X-Tidewright-Shuffle-Key-Generation"] == "market-era-v1"
+    assert headers["X-Tidewright-Shuffle-Key-Source"] == svc.manifest()["shuffle_key_source"]
+
+    def era_current(market=1):
+        status, _, body = get(svc, f"/market/{market}/era/current")
+        return status, json.loads(body)
+
+    assert era_current() == (200, {"era": {"era_number": 1, "market_id": 1, "min_library_version": "0.0.0"},
+                                   "state": "active"})
+    svc.set_era_state("closing", next_closing_at="2030-01-01T00:00:00Z", min_library_version="9.9.9", shape="flat")
+    assert era_current()[1] == {"era_number": 1, "market_id": 1, "min_library_version": "9.9.9",
+                                "next_closing_at": "2030-01-01T00:00:00Z", "state": "closing"}
+    svc.set_era_state("between_eras", era_number=None, shape="wrapped")
+    assert era_current()[1] == {"era": None, "state": "between_eras"}
+    status, body = era_current(market=2)
+    assert status == 404 and set(body) == ERROR_KEYS
+
+
+@pytest.mark.parametrize(
+    "range_header, status, content_range, piece",
+    [
+        (None, 200, None, slice(0, 2048)),
+        ("bytes=0-9", 206, "bytes 0-9/2048", slice(0, 10)),
+        ("bytes=100-", 206, "bytes 100-2047/2048", slice(100, 2048)),
+        ("bytes=-5", 206, "bytes 2043-2047/2048", slice(2043, 2048)),
+        ("bytes=2040-999999", 206, "bytes 2040-2047/2048", slice(2040, 2048)),
+        ("bytes=9-3", 200, None, slice(0, 2048)),       # invalid: ignored
+        ("bytes=0-1,5-6", 200, None, slice(0, 2048)),   # multi-range: whole file
+    ],
+)
+def test_ranges(dataservice, range_header, status, content_range, piece):
+    full = dataservice.file_bytes(None, FEATURE)
+    got_status, headers, body = get(dataservice, "/data/files/" + FEATURE,
+                                    {"Range": range_header} if range_header else None)
+    assert (got_status, headers.get("Content-Range"), body) == (status, content_range, full[piece])
+    assert int(headers["Content-Length"]) == len(body)
+
+
+@pytest.mark.parametrize("range_header", ["bytes=2048-", "bytes=5000-6000", "bytes=-0"])
+def test_unsatisfiable_range(dataservice, range_header):
+    status, headers, body = get(dataservice, "/data/files/" + FEATURE, {"Range": range_header})
+    assert (status, headers["Content-Range"]) == (416, "bytes */2048")
+    assert set(json.loads(body)) == ERROR_KEYS
+
+
+def test_ranges_across_generation_blocks_of_a_large_file(dataservice_factory):
+    svc = dataservice_factory(large_file_bytes=3 * 65536 + 123)
+    path = next(p for p in svc.manifest()["files"] if "large__" in p)
+    full = svc.file_bytes(None, path)
+    assert hashlib.sha256(full).hexdigest() == svc.manifest()["files"][path]["sha256"]
+    for start, end in [(65530, 65545), (1, 3 * 65536 + 122), (131072, 131072)]:
+        status, _, body = get(svc, "/data/files/" + path, {"Range": f"bytes={start}-{end}"})
+        assert status == 206 and body == full[start:end + 1]
+
+
+def test_bearer_auth(dataservice_factory):
+    svc = dataservice_factory(token="s3cret")
+    for headers in [None, {"Authorization": "Bearer wrong"}, {"Authorization": "Basic s3cret"}]:
+        status, resp_headers, body = get(svc, "/data/manifest", headers, auth=False)
+        assert status == 401 and resp_headers["WWW-Authenticate"] == "Bearer"
+        assert json.loads(body)["error_code"] == "unauthorized" and json.loads(body)["retryable"] is False
+    assert get(svc, "/data/manifest")[0] == 200
+    log = svc.requests
+    assert [(r.has_authorization, r.authorized) for r in log] == [(False, False), (True, False), (True, False),
+                                                                  (True, True)]
+    assert all("authorization" not in r.headers for r in log)
+
+    open_svc = dataservice_factory(token=None)
+    assert get(open_svc, "/data/manifest", auth=False)[0] == 200
+
+
+@pytest.mark.parametrize("public, file_prefix", [(True, "/data/files/"), ("/public/files", "/public/files/")])
+def test_public_files(dataservice_factory, public, file_prefix):
+    svc = dataservice_factory(public_files=public)
+    manifest = svc.manifest()
+    assert manifest["base_url"] == svc.url + file_prefix.rstrip("/")
+    assert get(svc, file_prefix + FEATURE, auth=False)[0] == 200
+    assert get(svc, "/data/manifest", auth=False)[0] == 401
+    if public is not True:
+        assert get(svc, "/data/files/" + FEATURE, auth=False)[0] == 401
+
+
+def test_status_sequences_and_error_bodies(dataservice):
+    dataservice.script_statuses("/data/manifest", [503, 503, 200, 429])
+    dataservice.add_fault("/data/manifest/version", "status", status=503, retryable=False, reason="maintenance")
+    seen = [get(dataservice, "/data/manifest")[0] for _ in range(5)]
+    assert seen == [503, 503, 200, 429, 200]
+    status, _, body = get(dataservice, "/data/manifest/version")
+    assert status == 503
+    assert json.loads(body) == {"error_code": "service_unavailable", "dependency": "storage", "retryable": False,
+                                "recovery": "retry_with_backoff", "reason": "maintenance"}
+    assert get(dataservice, "/data/manifest/version")[0] == 200
+    assert [r.status for r in dataservice.requests_for("/data/manifest")] == seen
+
+    # skip/count and glob patterns: only the 2nd and 3rd file requests fail.
+    dataservice.add_fault("/data/files/features/*", "status", status=500, skip=1, count=2)
+    assert [get(dataservice, "/data/files/" + FEATURE)[0] for _ in range(4)] == [200, 500, 500, 200]
+    dataservice.add_fault("/data/shuffle", "status", status=200, body=b"x" * 59)
+    assert get(dataservice, "/data/shuffle")[2] == b"x" * 59
+
+
+def test_broken_bodies(dataservice):
+    full = dataservice.file_bytes(None, FEATURE)
+    path = "/data/files/" + FEATURE
+
+    dataservice.add_fault(path, "truncate", after_bytes=100)
+    conn, resp = raw_get(dataservice, path)
+    assert resp.getheader("Content-Length") == "2048"
+    with pytest.raises(http.client.IncompleteRead) as info:
+        resp.read()
+    assert info.value.partial == full[:100]
+    conn.close()
+
+    dataservice.add_fault(path, "reset", after_bytes=100)
+    conn, resp = raw_get(dataservice, path)
+    time.sleep(0.2)  # let the RST arrive before the body is read
+    with pytest.raises(ConnectionResetError):
+        resp.read()
+    conn.close()
+
+    dataservice.add_fault(path, "corrupt", offset=1000)
+    body = get(dataservice, path)[2]
+    assert len(body) == len(full) and [i for i in range(len(full)) if body[i] != full[i]] == [1000]
+
+    dataservice.add_fault(path, "ignore_range")
+    status, headers, body = get(dataservice, path, {"Range": "bytes=10-19"})
+    assert (status, headers.get("Content-Range"), body) == (200, None, full)
+
+    dataservice.add_fault(path, "empty_206")
+    status, headers, body = get(dataservice, path, {"Range": "bytes=10-19"})
+    assert (status, headers["Content-Range"], body) == (206, "bytes 10-19/2048", b"")
+
+    dataservice.add_fault(path, "bad_content_range")
+    status, headers, body = get(dataservice, path, {"Range": "bytes=10-19"})
+    assert status == 206 and headers["Content-Range"] != "bytes 10-19/2048" and body == full[10:20]
+
+    dataservice.add_fault("/data/shuffle", "headers", drop_headers=["X-Era-Number"],
+                          set_headers={"X-Tidewright-Shuffle-Key-Generation": "legacy-era-only-v1"})
+    _, headers, _ = get(dataservice, "/data/shuffle")
+    assert "X-Era-Number" not in headers
+    assert headers["X-Tidewright-Shuffle-Key-Generation"] == "legacy-era-only-v1"
+
+    assert get(dataservice, path)[2] == full  # every fault was used once
+
+
+def test_slow_body_and_delay(dataservice):
+    path = "/data/files/" + FEATURE
+    dataservice.add_fault(path, "slow", bytes_per_second=8192)
+    started = time.monotonic()
+    assert len(get(dataservice, path)[2]) == 2048
+    assert time.monotonic() - started >= 0.2
+    dataservice.add_fault(path, "delay", seconds=0.3)
+    started = time.monotonic()
+    assert get(dataservice, path)[0] == 200 and time.monotonic() - started >= 0.3
+
+
+def test_stalled_answers_end_when_the_service_stops(dataservice_factory):
+    svc = dataservice_factory()
+    svc.add_fault("/data/manifest", "stall")
+    svc.add_fault("/data/files/*", "stall", after_bytes=10)
+    outcomes = []
+
+    def client(path):
+        try:
+            conn, resp = raw_get(svc, path, timeout=30)
+            outcomes.append(len(resp.read()))
+        except (OSError, http.client.HTTPException) as exc:
+            outcomes.append(type(exc).__name__)
+
+    threads = [threading.Thread(target=client, args=(p,)) for p in ("/data/manifest", "/data/files/" + FEATURE)]
+    for t in threads:
+        t.start()
+    time.sleep(0.3)
+    assert all(t.is_alive() for t in threads)
+    started = time.monotonic()
+    svc.stop()
+    for t in threads:
+        t.join(5)
+    assert time.monotonic() - started < 3
+    assert not any(t.is_alive() for t in threads)
+    assert len(outcomes) == 2 and not any(isinstance(o, int) and o > 10 for o in outcomes)
+
+
+def test_new_versions_and_eras(dataservice):
+    before = dataservice.manifest()
+    old_sha = get_version_sha(dataservice)
+    other = "features/top200/signal_is/px001__ret__lag0__v1.arrow"
+    assert dataservice.set_version(touch=[FEATURE]) == 2
+    after = dataservice.manifest()
+    assert after["version"] == 2 and get_version_sha(dataservice) != old_sha
+    assert after["files"][FEATURE]["sha256"] != before["files"][FEATURE]["sha256"]
+    assert after["files"][other] == before["files"][other]
+    assert hashlib.sha256(get(dataservice, "/data/files/" + FEATURE)[2]).hexdigest() == after["files"][FEATURE][
+        "sha256"]
+
+    dataservice.set_version(touch=[after["signals_index"]])
+    assert dataservice.manifest()["signals_index"] != after["signals_index"]
+
+    gone = "found_signals/pool_a/sig0099/signal_is/pnl.arrow"
+    dataservice.set_version(entry_overrides={gone: {"size_bytes": 3, "sha256": "0" * 64, "kind": "found_signal_is_pnl"},
+                                             FEATURE: {"platform": "linux_x86_64", "epoch": None}})
+    listed = dataservice.manifest()["files"]
+    assert listed[gone]["kind"] == "found_signal_is_pnl" and get(dataservice, "/data/files/" + gone)[0] == 404
+    assert listed[FEATURE]["platform"] == "linux_x86_64" and "epoch" not in listed[FEATURE]
+
+    # A new era published in the middle of a download: the third file request already sees era 2.
+    dataservice.on_request("/data/files/*", dataservice.publish_era, after=3)
+    eras = [get(dataservice, "/data/files/" + FEATURE)[1]["X-Era-Number"] for _ in range(4)]
+    assert eras == ["1", "1", "2", "2"]
+    assert dataservice.current_era == 2 and dataservice.manifest()["era_number"] == 2
+    status, _, body = get(dataservice, "/market/1/era/current")
+    assert json.loads(body)["era_number"] == 2
+    vocabulary = json.loads(get(dataservice, "/data/files/named_universes/top50/vocabulary.json")[2])
+    assert vocabulary["era_number"] == 2
+
+
+def get_version_sha(svc):
+    return json.loads(get(svc, "/data/manifest/version")[2])["manifest_sha256"]
+
+
+def test_content_is_determined_by_the_seed():
+    one, same, other = (DataService(seed=s) for s in (7, 7, 8))
+    assert one.manifest_bytes() == same.manifest_bytes()
+    assert one.file_bytes(None, FEATURE) == same.file_bytes(None, FEATURE)
+    assert one.shuffle_seed() == same.shuffle_seed()
+    assert one.manifest()["files"][FEATURE]["sha256"] != other.manifest()["files"][FEATURE]["sha256"]
+    assert one.shuffle_seed() != other.shuffle_seed()
+    era2 = DataService(seed=7, eras=2)
+    assert era2.current_era == 2
+    assert era2.manifest(1) == one.manifest()
+    assert era2.file_bytes(2, FEATURE) != one.file_bytes(None, FEATURE)
+
+
+def test_root_dir_holds_the_served_files(dataservice_factory, tmp_path):
+    svc = dataservice_factory(root_dir=tmp_path, seed=5)
+    era_dir = tmp_path / "market_1" / "era_1"
+    assert json.loads((era_dir / "manifest.json").read_bytes()) == svc.manifest()
+    assert (era_dir / FEATURE).read_bytes() == get(svc, "/data/files/" + FEATURE)[2]
+    assert (era_dir / FEATURE).read_bytes() == DataService(seed=5).file_bytes(None, FEATURE)
+    svc.stop()
+    again = dataservice_factory(root_dir=tmp_path, seed=5)
+    assert again.manifest_bytes() == svc.manifest_bytes()
+
+
+def test_tls_with_the_generated_certificate(dataservice_factory):
+    svc = dataservice_factory(tls=True)
+    assert svc.url.startswith("https://127.0.0.1:")
+    context = ssl.create_default_context(cafile=svc.ca_file)
+    status, _, body = get(svc, "/data/manifest", context=context)
+    assert status == 200 and json.loads(body)["era_number"] == 1
+    with pytest.raises(urllib.error.URLError) as info:
+        get(svc, "/data/manifest", context=ssl.create_default_context())
+    assert isinstance(info.value.reason, ssl.SSLCertVerificationError)
+    # A client that never completes the handshake does not block others.
+    with socket.create_connection(("127.0.0.1", int(svc.url.rsplit(":", 1)[1]))):
+        assert get(svc, "/data/manifest/version", context=context)[0] == 200
+
+
+def test_command_line_serves_until_interrupted():
+    repo = pathlib.Path(__file__).resolve().parents[1]
+    proc = subprocess.Popen(
+        [sys.executable, "-m", "tools.dataservice", "--port", "0", "--features", "2", "--feature-bytes", "100",
+         "--token", "cli-token"],
+        cwd=repo, stdout=subprocess.PIPE, text=True)
+    try:
+        url = proc.stdout.readline().split("url: ", 1)[1].strip()
+        assert proc.stdout.readline().strip() == "token: cli-token"
+        request = urllib.request.Request(url + "/data/manifest", headers={"Authorization": "Bearer cli-token"})
+        with urllib.request.urlopen(request, timeout=10) as resp:
+            assert len(json.loads(resp.read())["files"]) > 2
+        proc.send_signal(signal.SIGINT)
+        assert proc.wait(timeout=10) == 0
+    finally:
+        if proc.poll() is None:
+            proc.kill()
+            proc.wait()
+        proc.stdout.close()
