@@ -15,6 +15,8 @@ void bind_transport_settings(nb::module_& m);   // bind_transport_settings.cpp: 
 void bind_files(nb::module_& m);                // bind_files.cpp: hashing, atomic writes, progress, manifest files
 void bind_manifest(nb::module_& m);             // bind_manifest.cpp: Manifest
 void bind_manager(nb::module_& m);              // bind_manager.cpp: SyncManager, results, registry
+void bind_http(nb::module_& m);                 // bind_http.cpp: GETs, retry loop, curl transport
+void bind_events(nb::module_& m);               // bind_events.cpp: sync events
 
 // Stops every live manager; called at interpreter exit (bind_manager.cpp).
 void shutdown_all_managers();
