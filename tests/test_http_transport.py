@@ -473,7 +473,7 @@ def test_download_to_path_streams_successful_bodies_only(server, tmp_path):
     assert server.requests_for(ok)[0]["Range"] == "bytes=0-"
 
     missing = tmp_path / "missing.bin"
-    assert sync._download_request_to_path(server.script(reply(416, b"no")), str(missing), 5.0)[0] == 416
+    assert sync._download_request_to_path(server.script(reply(416, b"no")), missing, 5.0)[0] == 416
     assert not missing.exists()
 
     partial = tmp_path / "partial.bin"
