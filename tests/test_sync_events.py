@@ -71,19 +71,6 @@ def test_warnings_and_errors_are_never_coalesced(records, label):
     assert levels.count("WARNING") == 24
 
 
-@pytest.mark.parametrize("event, level", [
-    ({"event_type": "sync_recovered_status", "error_code": "Timeout"}, "info"),
-    ({"event_type": "checksum_repair_exhausted"}, "warning"),
-    ({"event_type": "sync_unavailable_status", "exception_sequence": ("URLError", "TimeoutError")}, "error"),
-    ({"event_type": "sync_unavailable_status", "retryable": 0}, "info"),
-    ({"event_type": "manifest_superseded", "recovery": "Operator_Fix_Required"}, "warning"),
-    ({"event_type": "http_retry", "next_action": "contact tidewright"}, "warning"),
-    ({}, "info"),
-])
-def test_level_rules(event, level):
-    assert sync._sync_event_level_name(event) == level
-
-
 def test_coalescing_helpers(label):
     first = {"event_type": "http_retry", "file": label, "count": 1, "reason": "x", "attempt": 0,
              "wait_seconds": 0.3, "elapsed_seconds": 1.0, "range_start": 0, "range_end": 9,

@@ -356,21 +356,6 @@ TEST_F(HttpClientTest, StopRequestsEndTransfersAndWaitsPromptly) {
   EXPECT_LT(seconds_since(start), 1.5);
 }
 
-TEST_F(HttpClientTest, DownloadReportsEveryFailedExchangeAsAConnectionError) {
-  TestServer server([](Connection& c) {
-    c.read_request();
-    c.send("HTTP/1.1 206 Partial Content\r\nContent-Length: 10\r\nContent-Range: bytes 0-9/10\r\n\r\n01234");
-  });
-  RecordingSink sink;
-  try {
-    download_request_to_sink(HttpRequest{server.url("/f"), {}}, sink, 5.0, std::string("urllib"));
-    FAIL() << "a short body must fail";
-  } catch (const ConnectionError& e) {
-    EXPECT_EQ(network_failure_class(e), "IncompleteRead");
-  }
-  EXPECT_EQ(sink.data, "01234") << "the prefix received reaches the sink before the error";
-}
-
 TEST(ContentRange, ParsesOnlyConsistentRanges) {
   auto r = parse_content_range("bytes 100-199/1000");
   ASSERT_TRUE(r.has_value());
