@@ -322,16 +322,16 @@ FAKE_CURL = r"""#!{python}
 import json, os, sys
 with open({log!r}, "a") as f:
     f.write(json.dumps(sys.argv) + "\n")
-with open({spec!r}) as f:
-    spec = json.load(f)
+with open({answer!r}) as f:
+    answer = json.load(f)
 args = sys.argv[1:]
 with open(args[args.index("-D") + 1], "w", encoding="latin-1") as f:
-    f.write(spec["headers"])
+    f.write(answer["headers"])
 with open(args[args.index("-o") + 1], "wb") as f:
-    f.write(spec["body"].encode())
-sys.stdout.write(spec["stdout"])
-sys.stderr.write(spec["stderr"])
-sys.exit(spec["exit"])
+    f.write(answer["body"].encode())
+sys.stdout.write(answer["stdout"])
+sys.stderr.write(answer["stderr"])
+sys.exit(answer["exit"])
 """
 
 
@@ -339,15 +339,15 @@ class FakeCurl:
     def __init__(self, directory):
         self.dir = directory
         self.log = directory / "argv.log"
-        self.spec = directory / "spec.json"
+        self.answer_file = directory / "answer.json"
         self.path = directory / "curl"
-        self.path.write_text(FAKE_CURL.format(python=sys.executable, log=str(self.log), spec=str(self.spec)))
+        self.path.write_text(FAKE_CURL.format(python=sys.executable, log=str(self.log), answer=str(self.answer_file)))
         self.path.chmod(0o755)
         self.answer(200, "hello")
 
     def answer(self, status, body="", headers="", exit_code=0, stderr=""):
         dump = headers or f"HTTP/1.1 {status} X\r\nContent-Length: {len(body)}\r\n\r\n"
-        self.spec.write_text(json.dumps({"headers": dump, "body": body, "stdout": f"{status:03d}",
+        self.answer_file.write_text(json.dumps({"headers": dump, "body": body, "stdout": f"{status:03d}",
                                          "stderr": stderr, "exit": exit_code}))
 
     def calls(self):
