@@ -16,6 +16,8 @@ void bind_files(nb::module_& m);                // bind_files.cpp: hashing, atom
 void bind_manifest(nb::module_& m);             // bind_manifest.cpp: Manifest
 void bind_manager(nb::module_& m);              // bind_manager.cpp: SyncManager, results, registry
 void bind_artifacts(nb::module_& m);            // bind_artifacts.cpp: vocabularies, signals index, found PnL, seed
+void bind_http(nb::module_& m);                 // bind_http.cpp: GETs, retry loop, curl transport
+void bind_events(nb::module_& m);               // bind_events.cpp: sync events
 
 // Stops every live manager; called at interpreter exit (bind_manager.cpp).
 void shutdown_all_managers();

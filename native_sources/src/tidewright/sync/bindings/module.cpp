@@ -48,6 +48,8 @@ NB_MODULE(sync, m) {
   bindings::bind_manifest(m);
   bindings::bind_manager(m);
   bindings::bind_artifacts(m);
+  bindings::bind_http(m);
+  bindings::bind_events(m);
 
   nb::module_::import_("atexit").attr("register")(nb::cpp_function(&at_exit));
 }

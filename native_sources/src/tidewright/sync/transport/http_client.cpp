@@ -1,0 +1,470 @@
+#include "tidewright/sync/transport/http_client.hpp"
+
+#include "tidewright/sync/common/fs.hpp"
+#include "tidewright/sync/transport/settings.hpp"
+
+#include <curl/curl.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <chrono>
+#include <cmath>
+#include <cstdlib>
+#include <cstring>
+#include <exception>
+#include <mutex>
+
+namespace tidewright::sync {
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+constexpr auto kStopCheckInterval = std::chrono::milliseconds(100);
+
+bool iequals(std::string_view a, std::string_view b) {
+  if (a.size() != b.size()) return false;
+  for (std::size_t i = 0; i < a.size(); ++i) {
+    unsigned char x = static_cast<unsigned char>(a[i]);
+    unsigned char y = static_cast<unsigned char>(b[i]);
+    if (std::tolower(x) != std::tolower(y)) return false;
+  }
+  return true;
+}
+
+std::string_view trim(std::string_view s) {
+  auto blank = [](char c) { return c == ' ' || c == '\t' || c == '\r' || c == '\n'; };
+  while (!s.empty() && blank(s.front())) s.remove_prefix(1);
+  while (!s.empty() && blank(s.back())) s.remove_suffix(1);
+  return s;
+}
+
+Clock::duration seconds(double s) {
+  if (!(s > 0)) return Clock::duration::zero();
+  if (s > 1e9) s = 1e9;  // "forever" without overflowing the clock
+  return std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(s));
+}
+
+struct EasyDeleter {
+  void operator()(CURL* easy) const { curl_easy_cleanup(easy); }
+};
+struct ShareDeleter {
+  void operator()(CURLSH* share) const { curl_share_cleanup(share); }
+};
+struct SlistDeleter {
+  void operator()(curl_slist* list) const { curl_slist_free_all(list); }
+};
+using EasyPtr = std::unique_ptr<CURL, EasyDeleter>;
+using SlistPtr = std::unique_ptr<curl_slist, SlistDeleter>;
+
+// The DNS cache and TLS sessions shared by the handles of all threads.
+//
+// Thread-safe: libcurl brackets every use of shared data with lock() and
+// unlock(); each kind of data has its own mutex.
+class CurlShare {
+ public:
+  CurlShare() : share_(curl_share_init()) {
+    if (!share_) return;
+    curl_share_setopt(share_.get(), CURLSHOPT_LOCKFUNC, &CurlShare::lock);
+    curl_share_setopt(share_.get(), CURLSHOPT_UNLOCKFUNC, &CurlShare::unlock);
+    curl_share_setopt(share_.get(), CURLSHOPT_USERDATA, this);
+    curl_share_setopt(share_.get(), CURLSHOPT_SHARE, CURL_LOCK_DATA_DNS);
+    curl_share_setopt(share_.get(), CURLSHOPT_SHARE, CURL_LOCK_DATA_SSL_SESSION);
+  }
+  CURLSH* get() const { return share_.get(); }
+
+ private:
+  static void lock(CURL*, curl_lock_data data, curl_lock_access, void* self) {
+    static_cast<CurlShare*>(self)->mutex_for(data).lock();
+  }
+  static void unlock(CURL*, curl_lock_data data, void* self) {
+    static_cast<CurlShare*>(self)->mutex_for(data).unlock();
+  }
+  std::mutex& mutex_for(curl_lock_data data) {
+    auto index = static_cast<std::size_t>(data);
+    return mutexes_[index < mutexes_.size() ? index : 0];
+  }
+
+  // Declared before share_ so that they outlive it: cleanup may still lock.
+  std::array<std::mutex, CURL_LOCK_DATA_LAST> mutexes_;
+  std::unique_ptr<CURLSH, ShareDeleter> share_;
+};
+
+// Every client holds a reference, so the share outlives the last handle
+// whatever the order in which threads and statics are torn down.
+std::shared_ptr<CurlShare> process_share() {
+  static const std::shared_ptr<CurlShare> share = std::make_shared<CurlShare>();
+  return share;
+}
+
+const char* env_or_null(const char* name) {
+  const char* value = std::getenv(name);
+  return (value && *value) ? value : nullptr;
+}
+
+}  // namespace
+
+std::optional<std::string> HttpHeaders::get(std::string_view name) const {
+  for (auto it = items.rbegin(); it != items.rend(); ++it) {
+    if (iequals(it->first, name)) return it->second;
+  }
+  return std::nullopt;
+}
+
+void HttpRequest::set_header(std::string_view name, std::string_view value) {
+  headers.erase(std::remove_if(headers.begin(), headers.end(),
+                               [&](const auto& h) { return iequals(h.first, name); }),
+                headers.end());
+  headers.emplace_back(std::string(name), std::string(value));
+}
+
+bool HttpRequest::has_header(std::string_view name) const {
+  return std::any_of(headers.begin(), headers.end(), [&](const auto& h) { return iequals(h.first, name); });
+}
+
+FdSink::FdSink(int fd, std::function<void(std::string_view)> observer)
+    : fd_(fd), observer_(std::move(observer)) {}
+
+void FdSink::write(std::string_view bytes) {
+  const char* p = bytes.data();
+  std::size_t left = bytes.size();
+  while (left > 0) {
+    ssize_t n = ::write(fd_, p, left);
+    if (n < 0) {
+      if (errno == EINTR) continue;
+      throw_os_error(errno, "");
+    }
+    p += n;
+    left -= static_cast<std::size_t>(n);
+  }
+  if (observer_) observer_(bytes);
+  bytes_written_ += static_cast<std::int64_t>(bytes.size());
+}
+
+std::string network_failure_class(const Error& error) {
+  if (const auto* network = dynamic_cast<const NetworkError*>(&error)) return network->host_class();
+  return error.class_name();
+}
+
+std::optional<ContentRange> parse_content_range(std::string_view value) {
+  value = trim(value);
+  if (value.size() < 6 || !iequals(value.substr(0, 6), "bytes ")) return std::nullopt;
+  value = trim(value.substr(6));
+  auto number = [](std::string_view text) -> std::optional<std::int64_t> {
+    if (text.empty() || text.size() > 18) return std::nullopt;
+    std::int64_t n = 0;
+    for (char c : text) {
+      if (c < '0' || c > '9') return std::nullopt;
+      n = n * 10 + (c - '0');
+    }
+    return n;
+  };
+  std::size_t dash = value.find('-');
+  std::size_t slash = value.find('/');
+  if (dash == std::string_view::npos || slash == std::string_view::npos || dash > slash) return std::nullopt;
+  auto first = number(trim(value.substr(0, dash)));
+  auto last = number(trim(value.substr(dash + 1, slash - dash - 1)));
+  std::string_view total = trim(value.substr(slash + 1));
+  if (!first || !last || *last < *first) return std::nullopt;
+  ContentRange range{*first, *last, std::nullopt};
+  if (total != "*") {
+    range.complete_length = number(total);
+    if (!range.complete_length || *range.complete_length <= *last) return std::nullopt;
+  }
+  return range;
+}
+
+// The handles of one client.
+struct HttpClient::Handles {
+  std::shared_ptr<CurlShare> share = process_share();
+  EasyPtr easy{curl_easy_init()};
+};
+
+// The state of one transfer, shared with libcurl's callbacks.
+struct HttpClient::Transfer {
+  enum class Abort { kNone, kStopped, kStalled, kBodyDeadline, kCallbackFailed };
+
+  Transfer(const TransferOptions& options, BodySink* sink) : options(options), sink(sink) {}
+
+  const TransferOptions& options;
+  BodySink* sink;  // null: the body is kept in `body`
+  CURL* easy = nullptr;
+
+  long final_status = 0;
+  bool body_decided = false;  // whether the current response's body goes to the sink
+  bool body_to_sink = false;
+  std::string body;
+  std::int64_t sink_bytes = 0;
+  HttpHeaders headers;  // of the latest response block
+
+  bool connected = false;
+  Clock::time_point last_progress = Clock::now();
+  std::optional<Clock::time_point> body_started;
+  Clock::time_point next_stop_check = Clock::now();
+  curl_off_t download_seen = -1;
+
+  Abort abort = Abort::kNone;
+  std::exception_ptr callback_error;
+  std::array<char, CURL_ERROR_SIZE> error_text{};
+
+  bool body_deadline_passed(Clock::time_point now) const {
+    return options.body_deadline_seconds && body_started &&
+           now - *body_started > seconds(*options.body_deadline_seconds);
+  }
+
+  // Asks the stop predicate, at most every kStopCheckInterval.
+  bool stop_requested(Clock::time_point now) {
+    if (!options.stop_requested || now < next_stop_check) return false;
+    next_stop_check = now + kStopCheckInterval;
+    try {
+      return options.stop_requested();
+    } catch (...) {
+      callback_error = std::current_exception();
+      abort = Abort::kCallbackFailed;
+      return true;
+    }
+  }
+
+  void header_line(std::string_view line) {
+    last_progress = Clock::now();
+    std::string_view content = line;
+    while (!content.empty() && (content.back() == '\n' || content.back() == '\r')) content.remove_suffix(1);
+    if (content.size() >= 5 && content.substr(0, 5) == "HTTP/") {
+      // A new response (after a redirect or an interim 1xx) replaces the last.
+      headers.items.clear();
+      body.clear();
+      body_decided = false;
+      body_started.reset();
+      return;
+    }
+    if (content.empty()) {
+      body_started = Clock::now();
+      return;
+    }
+    if ((content.front() == ' ' || content.front() == '\t') && !headers.items.empty()) {
+      std::string& value = headers.items.back().second;
+      value += ' ';
+      value += trim(content);
+      return;
+    }
+    std::size_t colon = content.find(':');
+    if (colon == std::string_view::npos) return;
+    headers.items.emplace_back(std::string(trim(content.substr(0, colon))), std::string(trim(content.substr(colon + 1))));
+  }
+
+  // false ends the transfer.
+  bool body_bytes(const char* data, std::size_t size) {
+    Clock::time_point now = Clock::now();
+    last_progress = now;
+    if (body_deadline_passed(now)) {
+      abort = Abort::kBodyDeadline;
+      return false;
+    }
+    if (!body_decided) {
+      long status = 0;
+      curl_easy_getinfo(easy, CURLINFO_RESPONSE_CODE, &status);
+      body_to_sink = sink && status >= 200 && status < 300;
+      body_decided = true;
+    }
+    if (!body_to_sink) {
+      if (sink) {
+        std::size_t room = DownloadResult::kMaxErrorBodyBytes - std::min(body.size(), DownloadResult::kMaxErrorBodyBytes);
+        body.append(data, std::min(size, room));
+      } else {
+        body.append(data, size);
+      }
+      return true;
+    }
+    const auto piece = static_cast<std::size_t>(sync_http_response_read_bytes());
+    try {
+      for (std::size_t offset = 0; offset < size; offset += piece) {
+        std::size_t n = std::min(piece, size - offset);
+        sink->write(std::string_view(data + offset, n));
+        sink_bytes += static_cast<std::int64_t>(n);
+      }
+    } catch (...) {
+      callback_error = std::current_exception();
+      abort = Abort::kCallbackFailed;
+      return false;
+    }
+    return true;
+  }
+
+  // Nonzero ends the transfer.
+  int progress(curl_off_t download_now) {
+    Clock::time_point now = Clock::now();
+    if (download_now != download_seen) {
+      download_seen = download_now;
+      last_progress = now;
+    }
+    if (stop_requested(now)) {
+      if (abort == Abort::kNone) abort = Abort::kStopped;
+      return 1;
+    }
+    // Before the connection stands, the connect timeout governs.
+    if (connected && now - last_progress > seconds(options.timeout_seconds)) {
+      abort = Abort::kStalled;
+      return 1;
+    }
+    if (body_deadline_passed(now)) {
+      abort = Abort::kBodyDeadline;
+      return 1;
+    }
+    return 0;
+  }
+
+  static std::size_t on_header(char* data, std::size_t size, std::size_t count, void* self) {
+    static_cast<Transfer*>(self)->header_line(std::string_view(data, size * count));
+    return size * count;
+  }
+  static std::size_t on_body(char* data, std::size_t size, std::size_t count, void* self) {
+    return static_cast<Transfer*>(self)->body_bytes(data, size * count) ? size * count : 0;
+  }
+  static int on_progress(void* self, curl_off_t, curl_off_t download_now, curl_off_t, curl_off_t) {
+    return static_cast<Transfer*>(self)->progress(download_now);
+  }
+  static int on_connected(void* self, char*, char*, int, int) {
+    auto* transfer = static_cast<Transfer*>(self);
+    transfer->connected = true;
+    transfer->last_progress = Clock::now();
+    return CURL_PREREQFUNC_OK;
+  }
+};
+
+HttpClient::HttpClient() : handles_(std::make_unique<Handles>()) {}
+HttpClient::~HttpClient() = default;
+
+HttpClient& HttpClient::for_current_thread() {
+  thread_local HttpClient client;
+  return client;
+}
+
+void HttpClient::perform(const HttpRequest& request, Transfer& transfer) {
+  CURL* easy = handles_->easy.get();
+  if (!easy || !handles_->share->get()) throw OSError("libcurl could not be initialised");
+  transfer.easy = easy;
+
+  // A reset keeps the live connections, the DNS cache and the TLS sessions.
+  curl_easy_reset(easy);
+  SlistPtr header_list;
+  for (const auto& [name, value] : request.headers) {
+    std::string line = name + ": " + value;
+    curl_slist* head = curl_slist_append(header_list.get(), line.c_str());
+    if (!head) throw OSError("out of memory building request headers", ENOMEM);
+    (void)header_list.release();  // `head` is the same list, grown by one
+    header_list.reset(head);
+  }
+
+  const double timeout = transfer.options.timeout_seconds;
+  const long timeout_ms = timeout > 0 ? static_cast<long>(std::min(std::ceil(timeout * 1000.0), 2.0e9)) : 0;
+
+  curl_easy_setopt(easy, CURLOPT_SHARE, handles_->share->get());
+  curl_easy_setopt(easy, CURLOPT_URL, request.url.c_str());
+  curl_easy_setopt(easy, CURLOPT_HTTPGET, 1L);
+  curl_easy_setopt(easy, CURLOPT_NOSIGNAL, 1L);
+  curl_easy_setopt(easy, CURLOPT_PROTOCOLS_STR, "http,https");
+  curl_easy_setopt(easy, CURLOPT_REDIR_PROTOCOLS_STR, "http,https");
+  curl_easy_setopt(easy, CURLOPT_FOLLOWLOCATION, 1L);
+  curl_easy_setopt(easy, CURLOPT_MAXREDIRS, 10L);
+  curl_easy_setopt(easy, CURLOPT_HTTPHEADER, header_list.get());
+  curl_easy_setopt(easy, CURLOPT_CONNECTTIMEOUT_MS, timeout_ms);
+  curl_easy_setopt(easy, CURLOPT_BUFFERSIZE, static_cast<long>(sync_http_response_read_bytes()));
+  curl_easy_setopt(easy, CURLOPT_SSL_VERIFYPEER, 1L);
+  curl_easy_setopt(easy, CURLOPT_SSL_VERIFYHOST, 2L);
+  if (const char* bundle = env_or_null("SSL_CERT_FILE")) {
+    curl_easy_setopt(easy, CURLOPT_CAINFO, bundle);
+  } else if (const char* curl_bundle = env_or_null("CURL_CA_BUNDLE")) {
+    curl_easy_setopt(easy, CURLOPT_CAINFO, curl_bundle);
+  }
+  if (const char* dir = env_or_null("SSL_CERT_DIR")) curl_easy_setopt(easy, CURLOPT_CAPATH, dir);
+  curl_easy_setopt(easy, CURLOPT_ERRORBUFFER, transfer.error_text.data());
+  curl_easy_setopt(easy, CURLOPT_HEADERFUNCTION, &Transfer::on_header);
+  curl_easy_setopt(easy, CURLOPT_HEADERDATA, &transfer);
+  curl_easy_setopt(easy, CURLOPT_WRITEFUNCTION, &Transfer::on_body);
+  curl_easy_setopt(easy, CURLOPT_WRITEDATA, &transfer);
+  curl_easy_setopt(easy, CURLOPT_NOPROGRESS, 0L);
+  curl_easy_setopt(easy, CURLOPT_XFERINFOFUNCTION, &Transfer::on_progress);
+  curl_easy_setopt(easy, CURLOPT_XFERINFODATA, &transfer);
+  curl_easy_setopt(easy, CURLOPT_PREREQFUNCTION, &Transfer::on_connected);
+  curl_easy_setopt(easy, CURLOPT_PREREQDATA, &transfer);
+
+  transfer.last_progress = Clock::now();
+  CURLcode rc = curl_easy_perform(easy);
+  // The request's header list dies with this frame; no handle may keep it.
+  curl_easy_setopt(easy, CURLOPT_HTTPHEADER, nullptr);
+  curl_easy_setopt(easy, CURLOPT_ERRORBUFFER, nullptr);
+
+  switch (transfer.abort) {
+    case Transfer::Abort::kNone: break;
+    case Transfer::Abort::kCallbackFailed: std::rethrow_exception(transfer.callback_error);
+    case Transfer::Abort::kStopped: throw SyncBackoffCancelled("HTTP transfer cancelled: stop requested");
+    case Transfer::Abort::kStalled: throw TimeoutError("timed out");
+    case Transfer::Abort::kBodyDeadline: throw TimeoutError("response body read exceeded configured deadline");
+  }
+  if (rc != CURLE_OK) {
+    std::string text = transfer.error_text[0] ? std::string(transfer.error_text.data()) : curl_easy_strerror(rc);
+    switch (rc) {
+      case CURLE_GOT_NOTHING:
+        throw NetworkError("RemoteDisconnected", "Remote end closed connection without response");
+      case CURLE_RECV_ERROR:
+      case CURLE_HTTP2:
+      case CURLE_HTTP2_STREAM:
+        throw NetworkError("ConnectionResetError", text);
+      case CURLE_PARTIAL_FILE:
+        throw NetworkError("IncompleteRead", text);
+      case CURLE_WEIRD_SERVER_REPLY:
+        throw NetworkError("BadStatusLine", text);
+      case CURLE_UNSUPPORTED_PROTOCOL:
+        // Also what libcurl says about an answer without a status line.
+        throw NetworkError(transfer.connected ? "BadStatusLine" : "URLError", text);
+      default:
+        throw NetworkError("URLError", text);
+    }
+  }
+  curl_easy_getinfo(easy, CURLINFO_RESPONSE_CODE, &transfer.final_status);
+}
+
+HttpResponse HttpClient::get(const HttpRequest& request, const TransferOptions& options) {
+  if (busy_) {
+    HttpClient nested;
+    return nested.get(request, options);
+  }
+  busy_ = true;
+  struct Release {
+    bool& flag;
+    ~Release() { flag = false; }
+  } release{busy_};
+
+  Transfer transfer(options, nullptr);
+  perform(request, transfer);
+  HttpResponse response;
+  response.status = transfer.final_status;
+  response.headers = std::move(transfer.headers);
+  response.body = std::move(transfer.body);
+  return response;
+}
+
+DownloadResult HttpClient::download(const HttpRequest& request, BodySink& sink, const TransferOptions& options) {
+  if (busy_) {
+    HttpClient nested;
+    return nested.download(request, sink, options);
+  }
+  busy_ = true;
+  struct Release {
+    bool& flag;
+    ~Release() { flag = false; }
+  } release{busy_};
+
+  Transfer transfer(options, &sink);
+  perform(request, transfer);
+  DownloadResult result;
+  result.status = transfer.final_status;
+  result.headers = std::move(transfer.headers);
+  result.body_bytes = transfer.sink_bytes;
+  result.error_body = std::move(transfer.body);
+  return result;
+}
+
+}  // namespace tidewright::sync

@@ -1,0 +1,164 @@
+// The in-process HTTP client: GET requests on libcurl.
+//
+// Each thread owns one long-lived easy handle (HttpClient::for_current_thread)
+// so that connections to the data service are reused from one request to the
+// next; the handles of all threads share only the DNS cache and TLS sessions.
+// Signals are never used (CURLOPT_NOSIGNAL), TLS peers are verified (the CA
+// bundle named by SSL_CERT_FILE or CURL_CA_BUNDLE is used when set), and
+// redirects are followed within http and https.
+//
+// Timeouts mean "no progress for that long": connecting, and then every gap
+// between received bytes, may take at most `timeout_seconds`. The body of a
+// response may in addition be given a total deadline.
+//
+// Every status is a result here, not an error: 404 and 503 come back as
+// responses and the caller decides. Failures of the exchange itself throw
+// errors named after the host's classes so that retry loops can label them:
+//   NetworkError  host_class() "URLError" (no connection: refused, DNS, TLS,
+//                 connect timeout), "RemoteDisconnected" (closed without a
+//                 response), "ConnectionResetError" (broken while reading),
+//                 "IncompleteRead" (body shorter than announced),
+//                 "BadStatusLine" (not an HTTP response)
+//   TimeoutError  "timed out" (no progress for timeout_seconds once
+//                 connected), "response body read exceeded configured
+//                 deadline" (body deadline)
+//   SyncBackoffCancelled  the stop predicate answered true mid-transfer
+// Exceptions thrown by a BodySink or by the stop predicate end the transfer
+// and are rethrown unchanged.
+#pragma once
+
+#include "tidewright/sync/reporting/errors.hpp"
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+namespace tidewright::sync {
+
+// Response headers in the order received, names as the server sent them.
+struct HttpHeaders {
+  std::vector<std::pair<std::string, std::string>> items;
+
+  // The value of the last header called `name` (compared case-insensitively).
+  std::optional<std::string> get(std::string_view name) const;
+};
+
+// A GET request: its URL and the headers to send, in order.
+struct HttpRequest {
+  std::string url;
+  std::vector<std::pair<std::string, std::string>> headers;
+
+  // Sets `name` to `value`, replacing a header of that name in any case.
+  void set_header(std::string_view name, std::string_view value);
+  bool has_header(std::string_view name) const;  // case-insensitive
+};
+
+struct HttpResponse {
+  std::int64_t status = 0;
+  HttpHeaders headers;  // of the final response after redirects
+  std::string body;
+};
+
+// The outcome of a GET whose body went to a BodySink. Only a 2xx body goes
+// to the sink; the body of any other status is kept in `error_body` (up to
+// kMaxErrorBodyBytes) and the sink sees nothing.
+struct DownloadResult {
+  static constexpr std::size_t kMaxErrorBodyBytes = 1 << 20;
+  std::int64_t status = 0;
+  HttpHeaders headers;
+  std::int64_t body_bytes = 0;  // bytes handed to the sink
+  std::string error_body;
+};
+
+// Receives a response body in order, in pieces of at most
+// SYNC_HTTP_RESPONSE_READ_BYTES. Memory use of a download is bounded by
+// those pieces, never by the body.
+class BodySink {
+ public:
+  virtual ~BodySink() = default;
+  // May throw; the transfer then ends and the exception is rethrown.
+  virtual void write(std::string_view bytes) = 0;
+};
+
+// Writes to a file descriptor that it does not own, and hands every piece
+// to `observer` too (for example an incremental hasher). Throws OSError when
+// a write fails.
+class FdSink : public BodySink {
+ public:
+  explicit FdSink(int fd, std::function<void(std::string_view)> observer = {});
+  void write(std::string_view bytes) override;
+  std::int64_t bytes_written() const { return bytes_written_; }
+
+ private:
+  int fd_;
+  std::function<void(std::string_view)> observer_;
+  std::int64_t bytes_written_ = 0;
+};
+
+// Asked from time to time while a transfer runs (at most every 100 ms, at
+// least about once a second); true ends the transfer.
+using StopPredicate = std::function<bool()>;
+
+struct TransferOptions {
+  double timeout_seconds = 30.0;                // no progress for this long
+  std::optional<double> body_deadline_seconds;  // total time for the body
+  StopPredicate stop_requested;
+};
+
+// A failed exchange with a server. It is a ConnectionError to the host;
+// host_class() names the class the host's own client would have raised.
+class NetworkError : public ConnectionError {
+ public:
+  NetworkError(std::string host_class, const std::string& message)
+      : ConnectionError(message), host_class_(std::move(host_class)) {}
+  const std::string& host_class() const { return host_class_; }
+
+ private:
+  std::string host_class_;
+};
+
+// The class label of a transfer failure: host_class() of a NetworkError,
+// "TimeoutError" for a TimeoutError.
+std::string network_failure_class(const Error& error);
+
+// A parsed "Content-Range: bytes first-last/complete" header ("*" for an
+// unknown complete length).
+struct ContentRange {
+  std::int64_t first = 0;
+  std::int64_t last = 0;
+  std::optional<std::int64_t> complete_length;
+};
+std::optional<ContentRange> parse_content_range(std::string_view value);
+
+// One thread's client. Not thread-safe: use the calling thread's own
+// instance. A call made while the thread's client is busy (from inside a
+// callback) runs on a temporary handle instead.
+class HttpClient {
+ public:
+  HttpClient();
+  ~HttpClient();
+  HttpClient(const HttpClient&) = delete;
+  HttpClient& operator=(const HttpClient&) = delete;
+
+  static HttpClient& for_current_thread();
+
+  // GET with the body in memory.
+  HttpResponse get(const HttpRequest& request, const TransferOptions& options);
+  // GET with a 2xx body streamed into `sink`.
+  DownloadResult download(const HttpRequest& request, BodySink& sink, const TransferOptions& options);
+
+ private:
+  struct Handles;
+  struct Transfer;
+  void perform(const HttpRequest& request, Transfer& transfer);
+
+  std::unique_ptr<Handles> handles_;
+  bool busy_ = false;
+};
+
+}  // namespace tidewright::sync

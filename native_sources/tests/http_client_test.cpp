@@ -1,0 +1,419 @@
+#include "tidewright/sync/common/fs.hpp"
+#include "tidewright/sync/host/fake_host.hpp"
+#include "tidewright/sync/transport/curl_program.hpp"
+#include "tidewright/sync/transport/http_client.hpp"
+#include "tidewright/sync/transport/http_request.hpp"
+
+#include <arpa/inet.h>
+#include <curl/curl.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <csignal>
+#include <list>
+#include <mutex>
+#include <thread>
+
+namespace tidewright::sync {
+namespace {
+
+using Clock = std::chrono::steady_clock;
+using namespace std::chrono_literals;
+
+// What the module does at load.
+[[maybe_unused]] const bool kProcessReady = [] {
+  curl_global_init(CURL_GLOBAL_DEFAULT);
+  std::signal(SIGPIPE, SIG_IGN);
+  return true;
+}();
+
+TransferOptions options(double timeout, std::optional<double> body_deadline = std::nullopt, StopPredicate stop = {}) {
+  TransferOptions o;
+  o.timeout_seconds = timeout;
+  o.body_deadline_seconds = body_deadline;
+  o.stop_requested = std::move(stop);
+  return o;
+}
+
+double seconds_since(Clock::time_point start) { return std::chrono::duration<double>(Clock::now() - start).count(); }
+
+// One accepted connection of the test server.
+class Connection {
+ public:
+  explicit Connection(int fd) : fd_(fd) {}
+  // The next request's head, or empty at end of stream.
+  std::string read_request() {
+    while (true) {
+      std::size_t end = pending_.find("\r\n\r\n");
+      if (end != std::string::npos) {
+        std::string head = pending_.substr(0, end + 4);
+        pending_.erase(0, end + 4);
+        return head;
+      }
+      char buffer[4096];
+      ssize_t n = ::recv(fd_, buffer, sizeof buffer, 0);
+      if (n <= 0) return "";
+      pending_.append(buffer, static_cast<std::size_t>(n));
+    }
+  }
+  void send(std::string_view data) {
+    while (!data.empty()) {
+      ssize_t n = ::send(fd_, data.data(), data.size(), MSG_NOSIGNAL);
+      if (n <= 0) return;
+      data.remove_prefix(static_cast<std::size_t>(n));
+    }
+  }
+  // Blocks until the peer (or the server's shutdown) closes the stream.
+  void wait_for_close() {
+    char buffer[256];
+    while (::recv(fd_, buffer, sizeof buffer, 0) > 0) {
+    }
+  }
+
+ private:
+  int fd_;
+  std::string pending_;
+};
+
+std::string response(int status, std::string_view body, std::string_view extra_headers = "") {
+  return "HTTP/1.1 " + std::to_string(status) + " X\r\nContent-Length: " + std::to_string(body.size()) + "\r\n" +
+         std::string(extra_headers) + "\r\n" + std::string(body);
+}
+
+// A tiny HTTP server on 127.0.0.1: every connection runs `handler` on its
+// own thread. Dropping the server shuts every connection down and joins.
+class TestServer {
+ public:
+  using Handler = std::function<void(Connection&)>;
+
+  explicit TestServer(Handler handler) : handler_(std::move(handler)) {
+    listen_fd_ = UniqueFd(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t length = sizeof address;
+    if (::bind(listen_fd_.get(), reinterpret_cast<sockaddr*>(&address), length) != 0 ||
+        ::listen(listen_fd_.get(), 16) != 0 ||
+        ::getsockname(listen_fd_.get(), reinterpret_cast<sockaddr*>(&address), &length) != 0) {
+      throw std::runtime_error("test server cannot listen");
+    }
+    port_ = ntohs(address.sin_port);
+    acceptor_ = std::thread([this] { accept_loop(); });
+  }
+  ~TestServer() {
+    stopping_ = true;
+    ::shutdown(listen_fd_.get(), SHUT_RDWR);
+    acceptor_.join();
+    {
+      std::lock_guard<std::mutex> lock(mu_);
+      for (auto& fd : connection_fds_) ::shutdown(fd.get(), SHUT_RDWR);
+    }
+    for (auto& t : workers_) t.join();
+  }
+
+  std::string url(std::string_view path) const {
+    return "http://127.0.0.1:" + std::to_string(port_) + std::string(path);
+  }
+  int connections() const { return connections_; }
+
+ private:
+  void accept_loop() {
+    while (!stopping_) {
+      int fd = ::accept4(listen_fd_.get(), nullptr, nullptr, SOCK_CLOEXEC);
+      if (fd < 0) return;
+      ++connections_;
+      std::lock_guard<std::mutex> lock(mu_);
+      connection_fds_.emplace_back(fd);
+      workers_.emplace_back([this, fd] {
+        Connection connection(fd);
+        handler_(connection);
+        ::shutdown(fd, SHUT_WR);
+      });
+    }
+  }
+
+  Handler handler_;
+  UniqueFd listen_fd_;
+  int port_ = 0;
+  std::atomic<bool> stopping_{false};
+  std::atomic<int> connections_{0};
+  std::thread acceptor_;
+  std::mutex mu_;
+  std::list<UniqueFd> connection_fds_;  // guarded by mu_
+  std::list<std::thread> workers_;      // guarded by mu_ (joined after the acceptor)
+};
+
+class RecordingSink : public BodySink {
+ public:
+  void write(std::string_view bytes) override {
+    largest_piece = std::max(largest_piece, bytes.size());
+    data.append(bytes);
+  }
+  std::string data;
+  std::size_t largest_piece = 0;
+};
+
+class HttpClientTest : public ::testing::Test {
+ protected:
+  void SetUp() override { set_host(host_); }
+  void TearDown() override { set_host(nullptr); }
+  std::shared_ptr<FakeHost> host_ = std::make_shared<FakeHost>();
+};
+
+TEST_F(HttpClientTest, ReturnsFinalResponseOfAnyStatusAndReusesTheConnection) {
+  std::mutex mu;
+  std::vector<std::string> heads;
+  TestServer server([&](Connection& c) {
+    for (std::string head = c.read_request(); !head.empty(); head = c.read_request()) {
+      {
+        std::lock_guard<std::mutex> lock(mu);
+        heads.push_back(head);
+      }
+      if (head.find("GET /moved ") == 0) {
+        c.send(response(302, "moving", "Location: /missing\r\nX-Hop: 1\r\n"));
+      } else if (head.find("GET /missing ") == 0) {
+        c.send(response(404, R"({"error_code":"nope"})", "X-Era-Number: 7\r\n"));
+      } else {
+        c.send(response(206, "0123456789", "Content-Range: bytes 0-9/20\r\nX-Era-Number: 3\r\nX-Folded: a\r\n b\r\n"));
+      }
+    }
+  });
+  HttpClient& client = HttpClient::for_current_thread();
+  HttpRequest request = make_sync_request(server.url("/data/files/a.bin"), std::string("tok"), 0, 9);
+
+  HttpResponse first = client.get(request, {});
+  EXPECT_EQ(first.status, 206);
+  EXPECT_EQ(first.body, "0123456789");
+  EXPECT_EQ(first.headers.get("x-era-number"), "3");
+  EXPECT_EQ(first.headers.get("X-Folded"), "a b");
+  bool exact_name = false;
+  for (const auto& [name, value] : first.headers.items) exact_name |= name == "X-Era-Number";
+  EXPECT_TRUE(exact_name) << "header names keep the server's spelling";
+
+  HttpResponse moved = client.get(HttpRequest{server.url("/moved"), {}}, {});
+  EXPECT_EQ(moved.status, 404);
+  EXPECT_EQ(moved.body, R"({"error_code":"nope"})");
+  EXPECT_EQ(moved.headers.get("X-Era-Number"), "7");
+  EXPECT_FALSE(moved.headers.get("X-Hop").has_value()) << "only the final response's headers";
+
+  EXPECT_EQ(server.connections(), 1);
+  std::lock_guard<std::mutex> lock(mu);
+  ASSERT_EQ(heads.size(), 3u);
+  EXPECT_NE(heads[0].find("\r\nRange: bytes=0-9\r\n"), std::string::npos);
+  EXPECT_NE(heads[0].find("\r\nAuthorization: Bearer tok\r\n"), std::string::npos);
+  EXPECT_NE(heads[0].find("\r\nUser-Agent: tidewright-sync/0.0.3\r\n"), std::string::npos);
+}
+
+TEST_F(HttpClientTest, DownloadStreamsOnlySuccessfulBodiesInBoundedPieces) {
+  const std::string big(300 * 1024 + 7, 'x');
+  TestServer server([&](Connection& c) {
+    for (std::string head = c.read_request(); !head.empty(); head = c.read_request()) {
+      if (head.find("GET /busy ") == 0) {
+        c.send(response(503, R"({"retryable": false})"));
+      } else {
+        c.send(response(200, big));
+      }
+    }
+  });
+  HttpClient& client = HttpClient::for_current_thread();
+
+  RecordingSink sink;
+  DownloadResult ok = client.download(HttpRequest{server.url("/big"), {}}, sink, {});
+  EXPECT_EQ(ok.status, 200);
+  EXPECT_EQ(ok.body_bytes, static_cast<std::int64_t>(big.size()));
+  EXPECT_EQ(sink.data, big);
+  EXPECT_LE(sink.largest_piece, 65536u);
+
+  RecordingSink untouched;
+  DownloadResult busy = client.download(HttpRequest{server.url("/busy"), {}}, untouched, {});
+  EXPECT_EQ(busy.status, 503);
+  EXPECT_EQ(busy.body_bytes, 0);
+  EXPECT_TRUE(untouched.data.empty());
+  EXPECT_EQ(busy.error_body, R"({"retryable": false})");
+
+  struct FullDisk : BodySink {
+    void write(std::string_view) override { throw OSError("No space left on device", 28); }
+  } full;
+  try {
+    client.download(HttpRequest{server.url("/big"), {}}, full, {});
+    FAIL() << "the sink's error must end the download";
+  } catch (const OSError& e) {
+    EXPECT_EQ(e.error_number, 28);
+  }
+}
+
+// Each failure of the exchange carries the name of the class the host's own
+// client raises for it; the retry loop labels failures with these names.
+TEST_F(HttpClientTest, FailuresCarryTheHostClassNames) {
+  TestServer server([](Connection& c) {
+    std::string head = c.read_request();
+    if (head.find("GET /short ") == 0) {
+      c.send("HTTP/1.1 200 OK\r\nContent-Length: 100\r\n\r\nonly-part");
+    } else if (head.find("GET /garbage ") == 0) {
+      c.send("HTTP/1.1 abc\r\n\r\n");
+    } else if (head.find("GET /noheaders ") == 0) {
+      c.send("hello there\r\n\r\n");
+    }
+    // "/nothing": close without answering.
+  });
+  auto failure_of = [](const std::string& url) -> std::string {
+    try {
+      HttpClient::for_current_thread().get(HttpRequest{url, {}}, options(5.0));
+    } catch (const NetworkError& e) {
+      EXPECT_EQ(e.kind(), ErrorKind::kConnectionError);
+      return e.host_class();
+    }
+    return "no error";
+  };
+  EXPECT_EQ(failure_of(server.url("/short")), "IncompleteRead");
+  EXPECT_EQ(failure_of(server.url("/nothing")), "RemoteDisconnected");
+  EXPECT_EQ(failure_of(server.url("/garbage")), "BadStatusLine");
+  EXPECT_EQ(failure_of(server.url("/noheaders")), "BadStatusLine");
+
+  // A port nobody listens on: bind one, then close it.
+  std::string refused;
+  {
+    TestServer closed([](Connection&) {});
+    refused = closed.url("/x");
+  }
+  EXPECT_EQ(failure_of(refused), "URLError");
+  EXPECT_EQ(failure_of("ftp://127.0.0.1/x"), "URLError");
+}
+
+TEST_F(HttpClientTest, TimeoutsMeanNoProgressExceptForTheBodyDeadline) {
+  TestServer server([](Connection& c) {
+    std::string head = c.read_request();
+    if (head.find("GET /dribble ") == 0) {
+      c.send("HTTP/1.1 200 OK\r\nContent-Length: 1000\r\n\r\n");
+      for (int i = 0; i < 40; ++i) {
+        c.send("x");
+        std::this_thread::sleep_for(50ms);
+      }
+    }
+    c.wait_for_close();  // "/silent": accept, never answer
+  });
+  HttpClient& client = HttpClient::for_current_thread();
+
+  auto start = Clock::now();
+  try {
+    client.get(HttpRequest{server.url("/silent"), {}}, options(0.5));
+    FAIL() << "a silent server must time out";
+  } catch (const TimeoutError& e) {
+    EXPECT_STREQ(e.what(), "timed out");
+  }
+  EXPECT_LT(seconds_since(start), 3.0);
+
+  // Bytes keep coming, so only the total deadline can end this one.
+  start = Clock::now();
+  try {
+    client.get(HttpRequest{server.url("/dribble"), {}}, options(5.0, 0.5));
+    FAIL() << "the body deadline must end the read";
+  } catch (const TimeoutError& e) {
+    EXPECT_STREQ(e.what(), "response body read exceeded configured deadline");
+  }
+  EXPECT_LT(seconds_since(start), 1.8);
+}
+
+TEST_F(HttpClientTest, StopRequestsEndTransfersAndWaitsPromptly) {
+  TestServer server([](Connection& c) {
+    c.read_request();
+    c.wait_for_close();
+  });
+  auto start = Clock::now();
+  std::atomic<bool> stop{false};
+  std::thread stopper([&] {
+    std::this_thread::sleep_for(300ms);
+    stop = true;
+  });
+  EXPECT_THROW(HttpClient::for_current_thread().get(HttpRequest{server.url("/hang"), {}},
+                                                    options(60.0, std::nullopt, [&] { return stop.load(); })),
+               SyncBackoffCancelled);
+  stopper.join();
+  EXPECT_LT(seconds_since(start), 1.5);
+
+  // An exception from the predicate itself ends the transfer unchanged.
+  struct Broken {};
+  EXPECT_THROW(HttpClient::for_current_thread().get(HttpRequest{server.url("/hang"), {}},
+                                                    options(60.0, std::nullopt, []() -> bool { throw Broken{}; })),
+               Broken);
+
+  // A download worker's own stop test reaches both transfers and backoff
+  // waits of everything that runs on its thread.
+  bool worker_stopped = false;
+  ScopedSyncStopPredicate guard([&] { return worker_stopped; });
+  EXPECT_FALSE(sync_backoff_stop_requested());
+  worker_stopped = true;
+  EXPECT_TRUE(sync_backoff_stop_requested());
+  start = Clock::now();
+  EXPECT_THROW(sleep_for_sync_backoff(30.0), SyncBackoffCancelled);
+  RecordingSink sink;
+  EXPECT_THROW(download_request_to_sink(HttpRequest{server.url("/hang"), {}}, sink, 60.0), SyncBackoffCancelled);
+  EXPECT_LT(seconds_since(start), 1.5);
+}
+
+TEST(ContentRange, ParsesOnlyConsistentRanges) {
+  auto r = parse_content_range("bytes 100-199/1000");
+  ASSERT_TRUE(r.has_value());
+  EXPECT_EQ(r->first, 100);
+  EXPECT_EQ(r->last, 199);
+  EXPECT_EQ(r->complete_length, 1000);
+  EXPECT_FALSE(parse_content_range("bytes 0-9/*")->complete_length.has_value());
+  for (const char* bad : {"bytes 9-0/10", "bytes 0-9/9", "items 0-9/10", "bytes */10", "bytes 0-x/10", ""}) {
+    EXPECT_FALSE(parse_content_range(bad).has_value()) << bad;
+  }
+}
+
+TEST(CurlProgram, BuildsTheCommandLineWithoutTheUserAgentHeader) {
+  HttpRequest request{"https://data.tidewright.io/data/files/a.bin",
+                      {{"User-agent", "ignored"}, {"Range", "bytes=0-99"}}};
+  std::vector<std::string> expected = {
+      "/usr/bin/curl", "-4", "-sS", "-L", "--connect-timeout", "5", "--speed-limit", "1024", "--speed-time", "30",
+      "--retry", "4", "--retry-delay", "0", "-D", "h.txt", "-o", "b.bin", "-w", "%{http_code}",
+      "-H", "Range: bytes=0-99", "-A", "tidewright-sync/0.0.3", "https://data.tidewright.io/data/files/a.bin"};
+  EXPECT_EQ(curl_command("/usr/bin/curl", request, 30.0, "h.txt", "b.bin"), expected);
+  auto short_timeout = curl_command("curl", request, 2.5, "h", "b");
+  EXPECT_EQ(short_timeout[5], "2.5");
+  EXPECT_EQ(short_timeout[9], "2.5");
+}
+
+TEST(CurlProgram, ParsesHeaderDumpsAndStatusOutput) {
+  HttpHeaders headers = parse_curl_headers(
+      "HTTP/1.1 302 Found\r\nLocation: /b\r\nX-Hop: 1\r\n\r\n"
+      "HTTP/1.1 200 OK\r\nContent-Length: 3\r\n  X-Odd :  spaced value \r\nnot a header\r\n\r\n");
+  ASSERT_EQ(headers.items.size(), 2u);
+  EXPECT_EQ(headers.items[0], (std::pair<std::string, std::string>{"Content-Length", "3"}));
+  EXPECT_EQ(headers.items[1], (std::pair<std::string, std::string>{"X-Odd", "spaced value"}));
+
+  EXPECT_EQ(curl_status_from_stdout("200"), 200);
+  EXPECT_EQ(curl_status_from_stdout(" \n404\n"), 404);
+  EXPECT_EQ(curl_status_from_stdout("HTTP/1.1 503 Busy\nnot-a-number"), 503);
+  EXPECT_EQ(curl_status_from_stdout("\xff\xfe"), 0);
+  EXPECT_EQ(curl_status_from_stdout(""), 0);
+}
+
+TEST(CurlProgram, RunCapturesOutputAndKillsTheChildOnStop) {
+  CurlRun run = run_curl_command({"/bin/sh", "-c", "printf out; printf err >&2; exit 3"});
+  EXPECT_EQ(run.exit_status, 3);
+  EXPECT_EQ(run.stdout_bytes, "out");
+  EXPECT_EQ(run.stderr_bytes, "err");
+
+  auto start = Clock::now();
+  std::atomic<bool> stop_flag{false};
+  std::thread stopper([&] {
+    std::this_thread::sleep_for(200ms);
+    stop_flag = true;
+  });
+  EXPECT_THROW(run_curl_command({"/bin/sh", "-c", "exec sleep 30"}, [&] { return stop_flag.load(); }),
+               SyncBackoffCancelled);
+  stopper.join();
+  EXPECT_LT(seconds_since(start), 1.5);
+  EXPECT_THROW(run_curl_command({"/nonexistent/curl"}), OSError);
+}
+
+}  // namespace
+}  // namespace tidewright::sync

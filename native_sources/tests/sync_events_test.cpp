@@ -1,0 +1,164 @@
+#include "tidewright/sync/host/fake_host.hpp"
+#include "tidewright/sync/reporting/sync_events.hpp"
+
+#include <gtest/gtest.h>
+
+#include <thread>
+
+namespace tidewright::sync {
+namespace {
+
+json::object event_of(std::string_view json_text) { return parse_json(json_text).get_object(); }
+
+class SyncEventsTest : public ::testing::Test {
+ protected:
+  void SetUp() override { set_host(host_); }
+  void TearDown() override { set_host(nullptr); }
+
+  // Sync-event log lines, in order. The coalescing counts live for the whole
+  // process, so every test uses file names of its own.
+  std::vector<FakeHost::LogLine> events() {
+    std::vector<FakeHost::LogLine> out;
+    for (auto& line : host_->log_lines()) {
+      if (line.event) out.push_back(line);
+    }
+    return out;
+  }
+  std::shared_ptr<FakeHost> host_ = std::make_shared<FakeHost>();
+};
+
+TEST_F(SyncEventsTest, LevelsFollowTheEventsContent) {
+  struct Case {
+    const char* event;
+    const char* level;
+  } cases[] = {
+      {R"({"event_type":"sync_recovered_status","error_code":"UpstreamTimeout","retryable":false})", "info"},
+      {R"({"event_type":"checksum_repair_exhausted"})", "warning"},
+      {R"({"event_type":"sync_unavailable_status","error_code":"UpstreamTimeout"})", "error"},
+      {R"({"event_type":"sync_unavailable_status","last_server_error_code":"gateway TIMEOUT"})", "error"},
+      {R"({"event_type":"sync_unavailable_status","exception_sequence":["URLError","TimeoutError"]})", "error"},
+      {R"({"event_type":"sync_unavailable_status","retryable":false,"recovery":"reauthenticate"})", "warning"},
+      {R"({"event_type":"sync_unavailable_status","retryable":false})", "warning"},
+      {R"({"event_type":"sync_unavailable_status","retryable":0})", "info"},
+      {R"({"event_type":"sync_unavailable_status","retryable":true})", "info"},
+      {R"({"event_type":"http_retry","next_action":"REAUTHENTICATE"})", "warning"},
+      {R"({"event_type":"http_retry","next_action":"Contact Tidewright"})", "warning"},
+      {R"({"event_type":"range_resume","recovery":"Operator_Fix_Required"})", "warning"},
+      {R"({"event_type":"http_retry","error_code":"UpstreamTimeout"})", "info"},
+      {R"({"count":1})", "info"},
+  };
+  for (const auto& c : cases) EXPECT_EQ(sync_event_level_name(event_of(c.event)), c.level) << c.event;
+
+  EXPECT_TRUE(sync_event_value_mentions_timeout(json::value("ReadTimeout")));
+  EXPECT_TRUE(sync_event_value_mentions_timeout(parse_json(R"({"x":"timeout"})")));
+  EXPECT_FALSE(sync_event_value_mentions_timeout(json::value(nullptr)));
+  EXPECT_FALSE(sync_event_mentions_timeout(event_of(R"({"exception_sequence":"TimeoutError"})")))
+      << "only a list is searched item by item";
+}
+
+TEST_F(SyncEventsTest, CoalescingKeysIgnoreVolatileFieldsAndCanonicaliseValues) {
+  auto a = sync_event_coalesce_key(event_of(
+      R"({"event_type":"http_retry","file":"f","count":1,"wait_seconds":0.4,"attempt":0,"range_start":0,
+          "range_end":9,"elapsed_seconds":1.5,"bytes_existing":3,"actual_size":4,"status":503,
+          "detail":{"b":1,"a":[true,null]}})"));
+  auto b = sync_event_coalesce_key(event_of(
+      R"({"detail":{"a":[true,null],"b":1},"status":503,"count":7,"file":"f","event_type":"http_retry"})"));
+  EXPECT_EQ(a, b);
+  SyncEventCoalesceKey expected = {{"detail", R"({"a": [true, null], "b": 1})"},
+                                   {"event_type", "http_retry"},
+                                   {"file", "f"},
+                                   {"status", "503"}};
+  EXPECT_EQ(a, expected);
+
+  json::value flag(false), missing(nullptr), number(2.5);
+  EXPECT_EQ(sync_event_stable_coalesce_value(&flag), "false");
+  EXPECT_EQ(sync_event_stable_coalesce_value(&missing), "null");
+  EXPECT_EQ(sync_event_stable_coalesce_value(nullptr), "null");
+  EXPECT_EQ(sync_event_stable_coalesce_value(&number), "2.5");
+}
+
+TEST_F(SyncEventsTest, RepeatedInfoEventsAreCoalescedPerKeyButWarningsNeverAre) {
+  for (int i = 1; i <= 11; ++i) {
+    log_sync_event("http_retry", "coalesce/a.bin", i, "http_503",
+                   {{"status", 503}, {"wait_seconds", 0.1 * i}, {"attempt", i - 1}});
+  }
+  log_sync_event("http_retry", "coalesce/b.bin", 1, "http_503", {{"status", 503}});  // another key
+  for (int i = 1; i <= 12; ++i) {
+    log_sync_event("sync_unavailable_status", "coalesce/c.bin", i, "", {{"retryable", false}});
+  }
+
+  auto lines = events();
+  int a = 0, b = 0, c = 0;
+  for (const auto& line : lines) {
+    const std::string file = python_str(line.event->at("file"));
+    if (file == "coalesce/a.bin") {
+      ++a;
+      EXPECT_EQ(line.level, LogLevel::kInfo);
+    } else if (file == "coalesce/b.bin") {
+      ++b;
+    } else if (file == "coalesce/c.bin") {
+      ++c;
+      EXPECT_EQ(line.level, LogLevel::kWarning);
+    }
+  }
+  EXPECT_EQ(a, SYNC_EVENT_COALESCE_LIMIT);
+  EXPECT_EQ(b, 1);
+  EXPECT_EQ(c, 12);
+}
+
+TEST_F(SyncEventsTest, CoalescingCountsHoldUnderConcurrentEmitters) {
+  std::vector<std::thread> threads;
+  for (int t = 0; t < 8; ++t) {
+    threads.emplace_back([t] {
+      for (int i = 0; i < 50; ++i) log_sync_event("range_resume", "coalesce/threads.bin", t * 100 + i, "partial_tmp");
+    });
+  }
+  for (auto& t : threads) t.join();
+  EXPECT_EQ(events().size(), static_cast<std::size_t>(SYNC_EVENT_COALESCE_LIMIT));
+}
+
+TEST_F(SyncEventsTest, RecordCarriesSortedJsonAndTheEventItself) {
+  log_sync_event("checksum_repair_exhausted", "record/x.arrow", 3, "", {{"zeta", 1}, {"alpha", "é"}, {"file", "override"}});
+  auto lines = events();
+  ASSERT_EQ(lines.size(), 1u);
+  EXPECT_EQ(lines[0].level, LogLevel::kWarning);
+  EXPECT_EQ(lines[0].message,
+            "tidewright_sync_event {\"alpha\": \"\\u00e9\", \"count\": 3, \"event_type\": \"checksum_repair_exhausted\", "
+            "\"file\": \"override\", \"reason\": \"\", \"zeta\": 1}");
+  EXPECT_EQ(lines[0].event->at("count"), 3);
+  EXPECT_EQ(lines[0].event->at("file"), "override") << "extra fields are copied in last";
+}
+
+TEST_F(SyncEventsTest, OutageAndBackoffReportsDescribeTheRequest) {
+  auto started = std::chrono::steady_clock::now() - std::chrono::seconds(2);
+  emit_sync_unavailable_status("sync_unavailable_status", "http://127.0.0.1:1/data/files/reports/a%20b.bin",
+                               {503}, {"TimeoutError"},
+                               event_of(R"({"error":"busy","dependency":"storage","retryable":true})"), started);
+  emit_sync_backoff_wait("http_request", 2, "http_503", "reports/a b.bin", 1.23456);
+
+  auto lines = events();
+  ASSERT_EQ(lines.size(), 2u);
+  const json::object& outage = *lines[0].event;
+  EXPECT_EQ(outage.at("event_type"), "sync_unavailable_status");
+  EXPECT_EQ(outage.at("file"), "reports/a b.bin");
+  EXPECT_EQ(outage.at("endpoint"), "/data/files/reports/a%20b.bin");
+  EXPECT_EQ(outage.at("error_code"), "busy");
+  EXPECT_EQ(outage.at("dependency"), "storage");
+  EXPECT_EQ(outage.at("statuses"), parse_json("[503]"));
+  EXPECT_GE(outage.at("elapsed_seconds").as_double(), 2.0);
+  EXPECT_EQ(lines[0].level, LogLevel::kError) << "a timeout among the failures makes the outage an error";
+
+  const json::object& wait = *lines[1].event;
+  EXPECT_EQ(wait.at("event_type"), "sync_backoff_wait");
+  EXPECT_EQ(wait.at("surface"), "http_request");
+  EXPECT_EQ(wait.at("count"), 3);
+  EXPECT_EQ(wait.at("reason"), "http_503");
+  EXPECT_DOUBLE_EQ(wait.at("wait_seconds").as_double(), 1.235);
+
+  EXPECT_EQ(sync_event_file_from_url("https://h/data/manifest/version"), "/data/manifest/version");
+  EXPECT_EQ(sync_event_file_from_url("https://h/base/data/files/x/y.arrow?sig=1"), "x/y.arrow");
+  EXPECT_EQ(sync_event_file_from_url(""), "");
+}
+
+}  // namespace
+}  // namespace tidewright::sync

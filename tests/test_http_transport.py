@@ -1,0 +1,493 @@
+"""The HTTP transport against real servers on 127.0.0.1: request building, the
+retry loop with its reports, failures of the exchange, the curl program
+transport, TLS verification and streaming downloads."""
+
+import json
+import logging
+import os
+import sys
+import threading
+import time
+import urllib.request
+import uuid
+from http.server import BaseHTTPRequestHandler, ThreadingHTTPServer
+from urllib.parse import urlsplit
+
+import pytest
+
+import tidewright.sync as sync
+from tidewright.sync_backoff import SyncBackoffCancelled, SyncBackoffPolicy, backoff_context
+
+TOKEN = "tok-123"
+
+
+# -- a scripted server ---------------------------------------------------------
+
+
+def reply(status, body=b"", headers=()):
+    def act(handler):
+        handler.send_response(status)
+        for name, value in headers:
+            handler.send_header(name, value)
+        handler.send_header("Content-Length", str(len(body)))
+        handler.end_headers()
+        handler.wfile.write(body)
+    return act
+
+
+def raw(data):
+    """Bytes as they are, then the connection closes."""
+    def act(handler):
+        handler.wfile.write(data)
+        handler.close_connection = True
+    return act
+
+
+def short_body(announced, body):
+    return raw(b"HTTP/1.1 200 OK\r\nContent-Length: %d\r\n\r\n%s" % (announced, body))
+
+
+def hang(handler):
+    """Accept the request and never answer."""
+    handler.server.stop_event.wait(30)
+    handler.close_connection = True
+
+
+def dribble(handler):
+    """Headers at once, then one byte every 50 ms."""
+    handler.wfile.write(b"HTTP/1.1 200 OK\r\nContent-Length: 1000\r\n\r\n")
+    for _ in range(100):
+        if handler.server.stop_event.wait(0.05):
+            break
+        handler.wfile.write(b"x")
+        handler.wfile.flush()
+    handler.close_connection = True
+
+
+class _Handler(BaseHTTPRequestHandler):
+    protocol_version = "HTTP/1.1"
+
+    def do_GET(self):  # noqa: N802 - the stdlib's name
+        server = self.server
+        path = urlsplit(self.path).path
+        with server.lock:
+            server.requests.append((path, dict(self.headers)))
+            actions = server.scripts.get(path)
+            action = (actions.pop(0) if len(actions) > 1 else actions[0]) if actions else reply(404, b"unscripted")
+        try:
+            action(self)
+        except OSError:
+            self.close_connection = True
+
+    def log_message(self, *args):
+        pass
+
+
+class ScriptedServer(ThreadingHTTPServer):
+    daemon_threads = True
+
+    def __init__(self):
+        super().__init__(("127.0.0.1", 0), _Handler)
+        self.lock = threading.Lock()
+        self.scripts = {}
+        self.requests = []
+        self.stop_event = threading.Event()
+
+    def script(self, *actions):
+        """A fresh path answered by `actions` in turn (the last one repeats); returns its URL."""
+        path = f"/data/files/{uuid.uuid4().hex}.bin"
+        self.scripts[path] = list(actions)
+        return self.url(path)
+
+    def url(self, path):
+        return f"http://127.0.0.1:{self.server_address[1]}{path}"
+
+    def requests_for(self, url):
+        path = urlsplit(url).path
+        with self.lock:
+            return [headers for p, headers in self.requests if p == path]
+
+
+@pytest.fixture
+def server():
+    srv = ScriptedServer()
+    thread = threading.Thread(target=srv.serve_forever, kwargs={"poll_interval": 0.05}, daemon=True)
+    thread.start()
+    yield srv
+    srv.stop_event.set()
+    srv.shutdown()
+    srv.server_close()
+    thread.join(5)
+
+
+@pytest.fixture
+def fast_backoff(monkeypatch):
+    monkeypatch.setattr(SyncBackoffPolicy, "delay_seconds", classmethod(lambda cls, attempt_index: 0.01))
+
+
+@pytest.fixture
+def events():
+    """The sync events logged during the test, as dicts."""
+    logger = logging.getLogger("tidewright.sync")
+    seen = []
+
+    class Collect(logging.Handler):
+        def emit(self, record):
+            event = getattr(record, "tidewright_sync_event", None)
+            if event is not None:
+                seen.append(dict(event, _level=record.levelname))
+
+    handler = Collect()
+    old_level = logger.level
+    logger.addHandler(handler)
+    logger.setLevel(logging.DEBUG)
+    yield seen
+    logger.removeHandler(handler)
+    logger.setLevel(old_level)
+
+
+def of_type(events, event_type):
+    return [e for e in events if e["event_type"] == event_type]
+
+
+def stop_after_retries(events, count=1):
+    """A stop test that turns true once `count` http_retry events were logged."""
+    return lambda: len(of_type(events, "http_retry")) >= count
+
+
+# -- building requests ---------------------------------------------------------
+
+
+def test_requests_carry_token_agent_and_range(server):
+    url = server.script(reply(200, b"ok"))
+    for start, end in [(0, -1), (100, -1), (0, 99), (100, 50)]:
+        assert sync._http_get(url, TOKEN, start, end)[0] == 200
+    sync._http_get_public(url, 5, 9)
+
+    sent = server.requests_for(url)
+    assert [h.get("Range") for h in sent] == [None, "bytes=100-", "bytes=0-99", "bytes=100-", "bytes=5-9"]
+    assert all(h["User-Agent"] == "tidewright-sync/0.0.3" for h in sent)
+    assert [h.get("Authorization") for h in sent] == [f"Bearer {TOKEN}"] * 4 + [None]
+
+
+def test_manifest_version_url_goes_to_the_version_poll(server):
+    server.scripts["/data/manifest/version/"] = [reply(200, b'{"version": 3}', [("X-Era-Number", "2")])]
+    url = server.url("/data/manifest/version/")
+    assert sync._is_manifest_version_url(url)
+    assert not sync._is_manifest_version_url(server.url("/data/manifest/versions"))
+
+    status, headers, body = sync._http_get(url, TOKEN)
+    assert (status, body, headers["X-Era-Number"]) == (200, b'{"version": 3}', "2")
+    assert server.requests_for(url)[0]["Authorization"] == f"Bearer {TOKEN}"
+
+
+def test_refused_urls_and_callback_errors_reach_the_caller_unchanged(server, monkeypatch):
+    with pytest.raises(ValueError, match="non-loopback"):
+        sync._http_get("http://data.example.org/data/manifest", TOKEN)
+    with pytest.raises(ValueError, match="non-loopback"):
+        sync._http_get_public("http://data.example.org/data/files/a.bin")
+
+    class Boom(Exception):
+        pass
+
+    def broken_delay(cls, attempt_index):
+        raise Boom("backoff module broke")
+
+    monkeypatch.setattr(SyncBackoffPolicy, "delay_seconds", classmethod(broken_delay))
+    with pytest.raises(Boom, match="backoff module broke"):
+        sync._http_get(server.script(reply(503)), TOKEN)
+
+
+# -- the retry loop --------------------------------------------------------------
+
+
+def test_non_transient_statuses_are_returned(server, events):
+    url = server.script(reply(404, b'{"error_code": "not_found"}', [("X-Why", "gone")]))
+    status, headers, body = sync._http_get(url, TOKEN)
+    assert (status, headers["X-Why"], body) == (404, "gone", b'{"error_code": "not_found"}')
+    assert len(server.requests_for(url)) == 1
+    assert events == []
+
+
+def test_transient_status_is_retried_with_one_outage_and_one_recovery_report(server, events, fast_backoff):
+    url = server.script(reply(503, b'{"error_code": "busy", "dependency": "storage"}'), reply(200, b"payload"))
+    status, _, body = sync._http_get(url, TOKEN)
+    assert (status, body) == (200, b"payload")
+
+    label = urlsplit(url).path.split("/data/files/")[1]
+    assert [e["event_type"] for e in events] == [
+        "sync_unavailable_status", "http_retry", "sync_backoff_wait", "sync_recovered_status"]
+    outage, retry, wait, recovered = events
+    assert outage["file"] == retry["file"] == wait["file"] == label
+    assert (outage["statuses"], outage["error_code"], outage["dependency"]) == ([503], "busy", "storage")
+    assert (retry["count"], retry["reason"], retry["status"], retry["error_code"]) == (1, "http_503", 503, "busy")
+    assert (wait["surface"], wait["reason"]) == ("http_request", "http_503")
+    assert recovered["_level"] == "INFO"
+
+
+def test_server_refusing_retries_raises_after_the_first_attempt(server, events):
+    url = server.script(reply(503, json.dumps({"retryable": False, "error_code": "maintenance",
+                                               "recovery": "wait", "reason": "upgrade"}).encode()))
+    with pytest.raises(sync.SyncUnavailableError) as info:
+        sync._http_get(url, TOKEN)
+    err = info.value
+    assert isinstance(err, ConnectionError)
+    assert (err.attempts, err.statuses, err.failures, err.retryable) == (1, [503], [], False)
+    assert (err.server_error_code, err.recovery, err.reason, err.typed_details) == ("maintenance", "wait", "upgrade", True)
+    assert "retryable=False" in str(err)
+    assert len(server.requests_for(url)) == 1
+    assert events == []
+
+
+def test_broken_exchanges_are_retried_and_labelled_by_class(server, events, fast_backoff):
+    url = server.script(
+        raw(b"HTTP/1.1 abc\r\n\r\n"),                          # malformed status line
+        raw(b"SPEAK HTTP PLEASE\r\n\r\n"),                     # no status line at all
+        short_body(100, b"only-part"),                         # closed before the announced length
+        raw(b""),                                              # closed without any answer
+        reply(502, b"<html>bad gateway</html>"),               # an error body that is not JSON
+        reply(200, b"finally", [("X-Odd", "  padded  ")]),
+    )
+    status, headers, body = sync._http_get_public(url)
+    assert (status, body, headers["X-Odd"]) == (200, b"finally", "padded")
+
+    retries = of_type(events, "http_retry")
+    assert [r["reason"] for r in retries] == [
+        "BadStatusLine", "BadStatusLine", "IncompleteRead", "RemoteDisconnected", "http_502"]
+    assert [r["count"] for r in retries] == [1, 2, 3, 4, 5]
+    assert retries[0]["dependency"] == "network" and retries[-1]["error_code"] is None
+    [recovered] = of_type(events, "sync_recovered_status")
+    assert recovered["failures"] == ["BadStatusLine", "BadStatusLine", "IncompleteRead", "RemoteDisconnected"]
+    assert recovered["statuses"] == [502]
+    assert len(of_type(events, "sync_unavailable_status")) == 1
+
+
+def test_statuses_and_failures_keep_the_last_twenty(server, events, fast_backoff):
+    url = server.script(*([reply(503)] * 25 + [raw(b"")] * 22 + [reply(200, b"x")]))
+    assert sync._http_get(url, TOKEN)[0] == 200
+    [recovered] = of_type(events, "sync_recovered_status")
+    assert recovered["statuses"] == [503] * 20
+    assert recovered["failures"] == ["RemoteDisconnected"] * 20
+
+    values = [1, 2, 3]
+    assert sync._append_limited(values, 4, limit=3) is None
+    assert values == [2, 3, 4]
+    sync._append_limited(values, 5, 0)
+    assert values == []
+
+
+def test_body_read_has_a_total_deadline(server, events):
+    url = server.script(dribble)
+    request = urllib.request.Request(url)
+    started = time.monotonic()
+    with backoff_context(stop_requested=stop_after_retries(events)):
+        with pytest.raises(SyncBackoffCancelled):
+            sync._request_with_sync_retries(request, 0.5)
+    assert time.monotonic() - started < 3
+    [retry] = of_type(events, "http_retry")
+    assert retry["reason"] == "TimeoutError"
+    assert of_type(events, "sync_unavailable_status")[0]["_level"] == "ERROR"  # a timeout outage
+
+
+def test_silent_server_is_abandoned_promptly_on_stop(server, events, fast_backoff):
+    url = server.script(reply(503), hang)
+    stop_at = []
+
+    def stop_requested():
+        if len(server.requests_for(url)) >= 2 and not stop_at:
+            stop_at.append(time.monotonic() + 0.5)  # let the second attempt hang for a while
+        return bool(stop_at) and time.monotonic() >= stop_at[0]
+
+    with backoff_context(stop_requested=stop_requested):
+        with pytest.raises(SyncBackoffCancelled):
+            sync._http_get(url, TOKEN)
+    assert time.monotonic() - stop_at[0] < 1.5
+    assert len(of_type(events, "http_retry")) == 1
+    assert len(server.requests_for(url)) == 2
+
+
+def test_stop_cuts_a_backoff_wait_short(server, monkeypatch):
+    monkeypatch.setattr(SyncBackoffPolicy, "delay_seconds", classmethod(lambda cls, attempt_index: 30.0))
+    deadline = time.monotonic() + 0.3
+    with backoff_context(stop_requested=lambda: time.monotonic() > deadline):
+        assert not sync._sync_backoff_stop_requested()
+        with pytest.raises(SyncBackoffCancelled):
+            sync._http_get(server.script(reply(500)), TOKEN)
+    assert time.monotonic() - deadline < 1.0
+
+
+# -- the curl program ------------------------------------------------------------
+
+FAKE_CURL = r"""#!{python}
+import json, os, sys
+with open({log!r}, "a") as f:
+    f.write(json.dumps(sys.argv) + "\n")
+with open({answer!r}) as f:
+    answer = json.load(f)
+args = sys.argv[1:]
+with open(args[args.index("-D") + 1], "w", encoding="latin-1") as f:
+    f.write(answer["headers"])
+with open(args[args.index("-o") + 1], "wb") as f:
+    f.write(answer["body"].encode())
+sys.stdout.write(answer["stdout"])
+sys.stderr.write(answer["stderr"])
+sys.exit(answer["exit"])
+"""
+
+
+class FakeCurl:
+    def __init__(self, directory):
+        self.dir = directory
+        self.log = directory / "argv.log"
+        self.answer_file = directory / "answer.json"
+        self.path = directory / "curl"
+        self.path.write_text(FAKE_CURL.format(python=sys.executable, log=str(self.log), answer=str(self.answer_file)))
+        self.path.chmod(0o755)
+        self.answer(200, "hello")
+
+    def answer(self, status, body="", headers="", exit_code=0, stderr=""):
+        dump = headers or f"HTTP/1.1 {status} X\r\nContent-Length: {len(body)}\r\n\r\n"
+        self.answer_file.write_text(json.dumps({"headers": dump, "body": body, "stdout": f"{status:03d}",
+                                         "stderr": stderr, "exit": exit_code}))
+
+    def calls(self):
+        if not self.log.exists():
+            return []
+        return [json.loads(line) for line in self.log.read_text().splitlines()]
+
+
+@pytest.fixture
+def fake_curl(tmp_path, monkeypatch):
+    directory = tmp_path / "bin"
+    directory.mkdir()
+    monkeypatch.setenv("PATH", f"{directory}{os.pathsep}{os.environ.get('PATH', '')}")
+    return FakeCurl(directory)
+
+
+DATA_URL = "https://data.tidewright.io/data/files/features/a.arrow"
+
+
+def test_curl_runs_with_the_exact_command_line_and_cleans_up(fake_curl):
+    fake_curl.answer(206, "0123456789", headers=(
+        "HTTP/1.1 302 Found\r\nLocation: /elsewhere\r\nX-Hop: 1\r\n\r\n"
+        "HTTP/1.1 206 Partial Content\r\nContent-Range: bytes 0-9/100\r\nX-Era-Number: 4\r\n\r\n"))
+    status, headers, body = sync._http_get_public(DATA_URL, 0, 9)
+    assert (status, body) == (206, b"0123456789")
+    assert headers == {"Content-Range": "bytes 0-9/100", "X-Era-Number": "4"}
+
+    [argv] = fake_curl.calls()
+    headers_path, body_path = argv[15], argv[17]
+    assert argv == [
+        str(fake_curl.path), "-4", "-sS", "-L", "--connect-timeout", "5", "--speed-limit", "1024",
+        "--speed-time", "30", "--retry", "4", "--retry-delay", "0", "-D", headers_path, "-o", body_path,
+        "-w", "%{http_code}", "-H", "Range: bytes=0-9", "-A", "tidewright-sync/0.0.3", DATA_URL]
+    temp_dir = os.path.dirname(headers_path)
+    assert os.path.basename(temp_dir).startswith("tidewright-curl-")
+    assert (os.path.basename(headers_path), os.path.dirname(body_path), os.path.basename(body_path)) == (
+        "headers.txt", temp_dir, "body.bin")
+    assert not os.path.exists(temp_dir)
+
+
+def test_curl_is_chosen_only_for_public_https_requests(fake_curl, server):
+    def request(url, **headers):
+        return urllib.request.Request(url, headers=headers)
+
+    other = "https://example.org/data/files/a.bin"
+    assert sync._should_use_curl_transport(request(DATA_URL))
+    assert sync._should_use_curl_transport(request("https://eu.data.tidewright.io/x"), "auto")
+    assert not sync._should_use_curl_transport(request("https://notdata.tidewright.io/x"))
+    assert not sync._should_use_curl_transport(request(other))
+    assert sync._should_use_curl_transport(request(other), " CURL ")
+    assert not sync._should_use_curl_transport(request(DATA_URL), "urllib")
+    assert not sync._should_use_curl_transport(request("http://data.tidewright.io/x"), "curl")
+    assert not sync._should_use_curl_transport(request(DATA_URL, Authorization="Bearer secret"), "curl")
+    assert not sync._should_use_curl_transport(request(DATA_URL, authorization="Bearer secret"), "curl")
+    with pytest.raises(ValueError, match="invalid sync_http_transport"):
+        sync._should_use_curl_transport(request(DATA_URL), "http2")
+    assert (sync._request_host(request("https://User@Data.Tidewright.IO:8443/x")), sync._request_host("nohost")) == (
+        "data.tidewright.io", "")
+
+    # In "curl" mode a request with a token still goes in-process (here, to
+    # a plain-HTTP loopback server that the curl rule refuses anyway).
+    url = server.script(reply(200, b"direct"))
+    bearer = request(url, Authorization="Bearer secret", **{"User-Agent": "tidewright-sync/0.0.3"})
+    assert sync._request_with_sync_retries(bearer, 5.0, "curl")[2] == b"direct"
+    assert fake_curl.calls() == []
+
+    fake_curl.path.unlink()
+    assert sync._find_curl_binary() != str(fake_curl.path)
+
+
+def test_curl_statuses_and_failures_look_like_the_in_process_client(fake_curl, events, fast_backoff):
+    fake_curl.answer(404, '{"error_code": "missing"}', exit_code=22)
+    status, _, body = sync._http_get_public(DATA_URL)
+    assert (status, body) == (404, b'{"error_code": "missing"}')
+
+    fake_curl.answer(0, stderr="curl: (7) Failed to connect to data.tidewright.io port 443", exit_code=7)
+    with backoff_context(stop_requested=stop_after_retries(events)):
+        with pytest.raises(SyncBackoffCancelled):
+            sync._http_get_public(DATA_URL)
+    [outage] = of_type(events, "sync_unavailable_status")
+    assert outage["failures"] == ["URLError"]
+    assert of_type(events, "http_retry")[0]["reason"] == "URLError"
+
+    assert sync._parse_curl_headers("HTTP/1.1 200 OK\r\nA: 1\r\n\r\nHTTP/2 404\r\nB : two words \r\n") == {
+        "B": "two words"}
+    assert [sync._curl_status_from_stdout(out) for out in (b"200", b"\n 503 \n", b"HTTP/1.1 404 No\nxx", b"")] == [
+        200, 503, 404, 0]
+
+
+# -- TLS -------------------------------------------------------------------------
+
+
+def test_tls_peers_are_verified_against_the_configured_bundle(dataservice_factory, monkeypatch, events, fast_backoff):
+    svc = dataservice_factory(tls=True)
+    url = svc.url + "/data/manifest/version"
+    monkeypatch.delenv("CURL_CA_BUNDLE", raising=False)
+    monkeypatch.setenv("SSL_CERT_FILE", svc.ca_file)
+    status, _, body = sync._http_get(url, svc.token)
+    assert status == 200 and "version" in json.loads(body)
+
+    monkeypatch.delenv("SSL_CERT_FILE")
+    with backoff_context(stop_requested=stop_after_retries(events)):
+        with pytest.raises(SyncBackoffCancelled):
+            sync._http_get(url, svc.token)
+    assert of_type(events, "http_retry")[0]["reason"] == "URLError"
+
+    monkeypatch.setenv("CURL_CA_BUNDLE", svc.ca_file)
+    assert sync._http_get(url, svc.token)[0] == 200
+
+
+# -- streaming downloads -----------------------------------------------------------
+
+
+def test_download_to_path_streams_successful_bodies_only(server, tmp_path):
+    payload = os.urandom(300_000)
+    ok = server.script(reply(206, payload, [("Content-Range", f"bytes 0-{len(payload) - 1}/{len(payload)}")]))
+    target = tmp_path / "out.bin"
+    target.write_bytes(b"old content that must go")
+    status, headers = sync._download_request_to_path(urllib.request.Request(ok, headers={"Range": "bytes=0-"}),
+                                                     str(target), 5.0)
+    assert (status, headers["Content-Range"]) == (206, f"bytes 0-{len(payload) - 1}/{len(payload)}")
+    assert target.read_bytes() == payload
+    assert server.requests_for(ok)[0]["Range"] == "bytes=0-"
+
+    missing = tmp_path / "missing.bin"
+    assert sync._download_request_to_path(server.script(reply(416, b"no")), missing, 5.0)[0] == 416
+    assert not missing.exists()
+
+    partial = tmp_path / "partial.bin"
+    with pytest.raises(ConnectionError):
+        sync._download_request_to_path(server.script(short_body(100, b"first-bytes")), str(partial), 5.0)
+    assert partial.read_bytes() == b"first-bytes"
+
+
+def test_error_body_helpers():
+    assert sync._parse_sync_error_body(b'{"retryable": false}') == {"retryable": False}
+    for body in (b"", b"[1, 2]", b"\xff", b"<html>", None):
+        assert sync._parse_sync_error_body(body) == {}
+    err = sync._sync_unavailable_from("https://h/data/manifest", 3, [503], ["URLError"], {"error": "maintenance"})
+    assert isinstance(err, sync.SyncUnavailableError)
+    assert (err.server_error_code, err.typed_details, err.endpoint, err.statuses) == (
+        "maintenance", False, "/data/manifest", [503])
+    assert sync._sync_unavailable_from("", 1, None, None, {"error_code": "x"}).typed_details is True

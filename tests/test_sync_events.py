@@ -1,0 +1,108 @@
+"""Sync events as the host sees them: log records on "tidewright.sync", their
+levels, coalescing, and the reports of outages and backoff waits."""
+
+import json
+import logging
+import time
+import uuid
+
+import pytest
+
+import tidewright.sync as sync
+from tidewright.sync_backoff import backoff_context
+
+
+@pytest.fixture
+def records():
+    logger = logging.getLogger("tidewright.sync")
+    seen = []
+
+    class Collect(logging.Handler):
+        def emit(self, record):
+            if hasattr(record, "tidewright_sync_event"):
+                seen.append(record)
+
+    handler = Collect()
+    old_level = logger.level
+    logger.addHandler(handler)
+    logger.setLevel(logging.DEBUG)
+    yield seen
+    logger.removeHandler(handler)
+    logger.setLevel(old_level)
+
+
+@pytest.fixture
+def label():
+    """A file label of this test's own: coalescing counts last for the whole process."""
+    return f"events/{uuid.uuid4().hex}.arrow"
+
+
+def test_record_carries_sorted_json_and_the_event(records, label):
+    sync._log_sync_event("range_resume", label, 1, "partial_tmp", bytes_existing=42, zeta=[1, {"b": 2, "a": 1}])
+    [record] = records
+    event = {"event_type": "range_resume", "file": label, "count": 1, "reason": "partial_tmp",
+             "bytes_existing": 42, "zeta": [1, {"b": 2, "a": 1}]}
+    assert (record.name, record.levelno, record.msg) == ("tidewright.sync", logging.INFO, "tidewright_sync_event %s")
+    assert record.getMessage() == "tidewright_sync_event " + json.dumps(event, sort_keys=True)
+    assert record.tidewright_sync_event == event
+
+    sync._log_sync_event("checksum_repair", None, 2, None)
+    assert records[-1].tidewright_sync_event == {"event_type": "checksum_repair", "file": "", "count": 2, "reason": ""}
+
+
+def test_identical_retries_are_coalesced_after_ten(records, label):
+    for attempt in range(11):
+        sync._log_sync_event("http_retry", label, attempt + 1, "http_503", status=503, wait_seconds=0.5 * attempt)
+    assert len(records) == sync._SYNC_EVENT_COALESCE_LIMIT == 10
+    assert [r.tidewright_sync_event["count"] for r in records] == list(range(1, 11))
+
+    # A different status is a different key.
+    sync._log_sync_event("http_retry", label, 12, "http_502", status=502)
+    assert len(records) == 11
+
+
+def test_warnings_and_errors_are_never_coalesced(records, label):
+    for attempt in range(12):
+        sync._log_sync_event("sync_unavailable_status", label, attempt, "", error_code="UpstreamTimeout")
+        sync._log_sync_event("sync_unavailable_status", label, attempt, "", retryable=False)
+        sync._log_sync_event("range_resume_reset", label, attempt, "", next_action="REAUTHENTICATE")
+    levels = [r.levelname for r in records]
+    assert levels.count("ERROR") == 12
+    assert levels.count("WARNING") == 24
+
+
+def test_coalescing_helpers(label):
+    first = {"event_type": "http_retry", "file": label, "count": 1, "reason": "x", "attempt": 0,
+             "wait_seconds": 0.3, "elapsed_seconds": 1.0, "range_start": 0, "range_end": 9,
+             "bytes_existing": 5, "actual_size": 6, "retryable": True, "detail": {"b": [1], "a": None}}
+    later = {"detail": {"a": None, "b": [1]}, "retryable": True, "reason": "x", "count": 9, "file": label,
+             "event_type": "http_retry"}
+    assert sync._sync_event_coalesce_key(first) == sync._sync_event_coalesce_key(later) == (
+        ("detail", '{"a": null, "b": [1]}'), ("event_type", "http_retry"), ("file", label), ("reason", "x"),
+        ("retryable", "true"))
+    assert [sync._sync_event_stable_coalesce_value(v) for v in (None, False, 3, 2.5, "t", [1, "a"])] == [
+        "null", "false", "3", "2.5", "t", '[1, "a"]']
+
+    assert sync._sync_event_is_coalescible(first)
+    assert not sync._sync_event_is_coalescible({"event_type": "sha256_mismatch"})
+    assert not sync._sync_event_is_coalescible({"event_type": "http_retry", "recovery": "reauthenticate"})
+    assert [sync._should_emit_sync_event(later) for _ in range(11)] == [True] * 10 + [False]
+
+    assert sync._sync_event_value_mentions_timeout(TimeoutError("read TIMEOUT"))
+    assert not sync._sync_event_mentions_timeout({"reason": "timeout"})
+
+
+def test_outage_and_backoff_reports(records, label):
+    url = f"http://127.0.0.1:1/data/files/{label}"
+    sync._emit_sync_unavailable_status("sync_unavailable_status", url, [503, 503], ["URLError"],
+                                       {"error_code": "busy", "retryable": True}, time.monotonic() - 3)
+    with backoff_context(surface="search"):
+        sync._emit_sync_backoff_wait("http_request", 0, "http_503", label, 0.5)
+    sync._emit_sync_backoff_wait("file_download", 1, "partial_transfer", label, 1.25)
+
+    outage, in_search, plain = (r.tidewright_sync_event for r in records)
+    assert (outage["file"], outage["endpoint"], outage["statuses"], outage["failures"]) == (
+        label, f"/data/files/{label}", [503, 503], ["URLError"])
+    assert outage["error_code"] == "busy" and 3 <= outage["elapsed_seconds"] < 10
+    assert (in_search["surface"], in_search["count"], in_search["wait_seconds"]) == ("search", 1, 0.5)
+    assert (plain["surface"], plain["reason"], plain["attempt"]) == ("file_download", "partial_transfer", 1)
