@@ -6,7 +6,6 @@
 
 #include "tidewright/sync/common/json.hpp"
 #include "tidewright/sync/manifest/manifest.hpp"
-#include "tidewright/sync/transport/http_types.hpp"
 
 #include <cstdint>
 #include <map>
@@ -26,7 +25,7 @@ inline constexpr const char* SHUFFLE_KEY_GENERATION_HEADER = "X-Tidewright-Shuff
 inline constexpr const char* SHUFFLE_KEY_SOURCE_HEADER = "X-Tidewright-Shuffle-Key-Source";
 inline constexpr const char* ERA_NUMBER_HEADER = "X-Era-Number";
 
-// HeaderList comes from transport/http_types.hpp.
+using HeaderList = std::vector<std::pair<std::string, std::string>>;
 
 std::string shuffle_seed_meta_path(const std::string& path);
 // The first header whose name equals `name` ignoring case.

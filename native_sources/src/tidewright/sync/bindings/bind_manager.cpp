@@ -195,9 +195,9 @@ void shutdown_all_managers() { SyncManager::shutdown_all(); }
 
 namespace {
 
-nb::object http_triple(const HttpResult& r) {
+nb::object http_triple(const HttpResponse& r) {
   nb::dict headers;
-  for (const auto& [k, v] : r.headers) headers[nb::str(k.c_str(), k.size())] = nb::str(v.c_str(), v.size());
+  for (const auto& [k, v] : r.headers.items) headers[nb::str(k.c_str(), k.size())] = nb::str(v.c_str(), v.size());
   return nb::make_tuple(r.status, headers, nb::bytes(r.body.data(), r.body.size()));
 }
 
@@ -311,6 +311,157 @@ void bind_manager(nb::module_& m) {
           },
           nb::kw_only(), nb::arg("sync_http_transport") = nb::none(), nb::arg("sync_http_chunk_bytes") = nb::none(),
           nb::arg("sync_max_concurrency") = nb::none())
+      .def("sync", [](SyncManager& s) {
+             SyncResult r;
+             {
+               nb::gil_scoped_release release;
+               r = s.sync();
+             }
+             return to_python(r);
+           }, "Full sync: manifest, compare, download, verify, atomic write.")
+      .def("_sync_with_manifest_refresh", [](SyncManager& s) {
+             SyncResult r;
+             {
+               nb::gil_scoped_release release;
+               r = s.sync_with_manifest_refresh();
+             }
+             return to_python(r);
+           }, "Run sync, restarting if an in-flight manifest generation is stale.")
+      .def("verify", [](SyncManager& s) {
+             VerifyResult r;
+             {
+               nb::gil_scoped_release release;
+               r = s.verify();
+             }
+             return to_python(r);
+           }, "Verify local files against manifest existence, size, and checksum.")
+      .def("repair", [](SyncManager& s, nb::handle files) {
+             std::vector<std::string> paths;
+             for (nb::handle f : files) paths.push_back(to_text(f));
+             SyncResult r;
+             {
+               nb::gil_scoped_release release;
+               r = s.repair(paths);
+             }
+             return to_python(r);
+           }, nb::arg("corrupted_files"), "Re-download specified corrupted/missing files.")
+      .def("needs_sync", &SyncManager::needs_sync, nb::call_guard<nb::gil_scoped_release>(),
+           "Lightweight sync check using version plus local integrity state.")
+      .def("cleanup_old_eras", &SyncManager::cleanup_old_eras, nb::call_guard<nb::gil_scoped_release>(),
+           nb::arg("keep_current") = true, "Delete non-current era directories, return bytes freed.")
+      .def("_schedule_cleanup_old_eras", &SyncManager::schedule_cleanup_old_eras,
+           nb::call_guard<nb::gil_scoped_release>(), nb::arg("keep_current") = true,
+           "Run old-era cleanup on a daemon thread after foreground sync work.")
+      .def("ensure_manifest_file_available", [](SyncManager& s, const std::string& file_path, nb::handle info) {
+             json::value v = to_json(info);
+             SyncResult r;
+             {
+               nb::gil_scoped_release release;
+               r = s.ensure_manifest_file_available(file_path, v);
+             }
+             return to_python(r);
+           }, nb::arg("file_path"), nb::arg("file_info"),
+           "Ensure one manifest file exists locally through the sync boundary.")
+      .def("_local_file_matches_manifest",
+           [](SyncManager& s, const std::string& file_path, const std::string& local_path, nb::handle info,
+              bool cache_allowed) {
+             json::value v = to_json(info);
+             nb::gil_scoped_release release;
+             return s.local_file_matches_manifest(file_path, local_path, v, cache_allowed);
+           },
+           nb::arg("file_path"), nb::arg("local_path"), nb::arg("file_info"), nb::arg("cache_allowed") = true)
+      .def("_download_file",
+           [](SyncManager& s, const std::string& file_path, nb::handle info, nb::handle result,
+              nb::handle retry_status_callback, std::optional<std::string> target_data_dir,
+              const std::string& backoff_surface, bool retry_partial_transfer, bool retry_checksum_mismatch) {
+             json::value v = to_json(info);
+             SyncResult r = from_python_result(result);
+             SyncManager::DownloadOptions options;
+             options.target_data_dir = std::move(target_data_dir);
+             options.backoff_surface = backoff_surface;
+             options.retry_partial_transfer = retry_partial_transfer;
+             options.retry_checksum_mismatch = retry_checksum_mismatch;
+             if (!retry_status_callback.is_none()) {
+               HostRef cb = make_ref(retry_status_callback);
+               options.retry_status_callback = [cb](double wait) { host().call(cb, json::array{json::value(wait)}); };
+             }
+             {
+               nb::gil_scoped_release release;
+               s.download_file(file_path, v.is_object() ? v.get_object() : json::object(), r, options);
+             }
+             update_python_result(result, r);
+           },
+           nb::arg("file_path"), nb::arg("file_info"), nb::arg("result"), nb::arg("retry_status_callback") = nb::none(),
+           nb::arg("target_data_dir") = nb::none(), nb::arg("backoff_surface") = "file_download",
+           nb::arg("retry_partial_transfer") = true, nb::arg("retry_checksum_mismatch") = true,
+           "Download a single file with checksum verification and atomic write.")
+      .def("_download_files_parallel",
+           [](SyncManager& s, nb::handle files, nb::handle result) {
+             auto items = file_items(files);
+             SyncResult r = from_python_result(result);
+             {
+               nb::gil_scoped_release release;
+               s.download_files_parallel(items, r);
+             }
+             update_python_result(result, r);
+           },
+           nb::arg("files_to_download"), nb::arg("result"))
+      .def("_download_vocabulary",
+           [](SyncManager& s, Manifest& manifest, std::optional<std::string> target) {
+             nb::gil_scoped_release release;
+             return s.download_vocabulary(manifest, target);
+           },
+           nb::arg("server_manifest"), nb::arg("target_data_dir") = nb::none(),
+           "Download per-universe vocabularies if needed. Returns True if downloaded.")
+      .def("_download_signals_index",
+           [](SyncManager& s, Manifest& manifest, std::optional<std::string> target, nb::handle result) {
+             SyncResult r = from_python_result(result);
+             bool downloaded;
+             {
+               nb::gil_scoped_release release;
+               downloaded = s.download_signals_index(manifest, r, target);
+             }
+             update_python_result(result, r);
+             return downloaded;
+           },
+           nb::arg("server_manifest"), nb::arg("target_data_dir") = nb::none(), nb::arg("result") = nb::none())
+      .def("_download_shuffle_seed",
+           [](SyncManager& s, Manifest& manifest, std::optional<std::string> target) {
+             nb::gil_scoped_release release;
+             return s.download_shuffle_seed(manifest, target);
+           },
+           nb::arg("server_manifest"), nb::arg("target_data_dir") = nb::none())
+      .def("_http_get",
+           [](SyncManager& s, const std::string& url, std::int64_t start, std::int64_t end) {
+             HttpResponse r;
+             {
+               nb::gil_scoped_release release;
+               r = s.http_get(url, start, end);
+             }
+             return http_triple(r);
+           },
+           nb::arg("url"), nb::arg("range_start") = 0, nb::arg("range_end") = -1, "HTTP GET with fresh token per request.")
+      .def("_http_get_public",
+           [](SyncManager& s, const std::string& url, std::int64_t start, std::int64_t end) {
+             HttpResponse r;
+             {
+               nb::gil_scoped_release release;
+               r = s.http_get_public(url, start, end);
+             }
+             return http_triple(r);
+           },
+           nb::arg("url"), nb::arg("range_start") = 0, nb::arg("range_end") = -1,
+           "HTTP GET for public manifest artifacts without bearer credentials.")
+      .def("_acquire_flock", &SyncManager::acquire_flock, nb::call_guard<nb::gil_scoped_release>())
+      .def("_release_flock", &SyncManager::release_flock, nb::call_guard<nb::gil_scoped_release>())
+      .def("_persist_hash_cache", [](SyncManager& s) {
+             nb::gil_scoped_release release;
+             s.hash_cache().persist();
+           })
+      .def_prop_ro("_vocabulary", [](const SyncManager& s) -> nb::object {
+             auto v = s.vocabulary();
+             return v ? from_json(json::value(*v)) : nb::none();
+           })
       .def("get_manifest", &SyncManager::get_manifest, nb::call_guard<nb::gil_scoped_release>(),
            "Return current local Manifest or None.")
       .def("status", &SyncManager::status, nb::call_guard<nb::gil_scoped_release>(),

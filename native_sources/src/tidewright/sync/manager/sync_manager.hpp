@@ -14,7 +14,7 @@
 #include "tidewright/sync/manifest/manifest.hpp"
 #include "tidewright/sync/transport/settings.hpp"
 
-#include "tidewright/sync/transport/http_types.hpp"
+#include "tidewright/sync/transport/http_client.hpp"
 
 #include <atomic>
 #include <condition_variable>
@@ -99,8 +99,8 @@ class SyncManager : public std::enable_shared_from_this<SyncManager> {
   std::string fetch_token() const;
 
   // --- HTTP (fresh token per authenticated request) ---
-  HttpResult http_get(const std::string& url, std::int64_t range_start = 0, std::int64_t range_end = -1);
-  HttpResult http_get_public(const std::string& url, std::int64_t range_start = 0, std::int64_t range_end = -1);
+  HttpResponse http_get(const std::string& url, std::int64_t range_start = 0, std::int64_t range_end = -1);
+  HttpResponse http_get_public(const std::string& url, std::int64_t range_start = 0, std::int64_t range_end = -1);
 
   // --- sync ---
   // Full sync: manifest, compare, download, verify, atomic write.

@@ -198,6 +198,14 @@ std::string read_file_or_empty(const std::string& path, std::size_t limit = std:
   return out;
 }
 
+std::int64_t file_size_or_zero(const std::string& path) {
+  try {
+    return file_size(path);
+  } catch (const std::exception&) {
+    return 0;
+  }
+}
+
 // Copies a file into the sink in pieces of the response read size.
 std::int64_t copy_file_to_sink(const std::string& path, BodySink& sink) {
   UniqueFd fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
@@ -457,6 +465,7 @@ DownloadResult curl_download(const HttpRequest& request, BodySink& sink, double 
   result.headers = std::move(outcome.headers);
   if (outcome.status >= 200 && outcome.status < 300) {
     // On a failed run this is the prefix that arrived before the failure.
+    if (file_size_or_zero(body_path) > 0) sink.begin(result.status, result.headers);
     result.body_bytes = copy_file_to_sink(body_path, sink);
   } else {
     result.error_body = read_file_or_empty(body_path, DownloadResult::kMaxErrorBodyBytes);

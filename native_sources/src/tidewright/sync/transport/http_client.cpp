@@ -267,6 +267,15 @@ struct HttpClient::Transfer {
       curl_easy_getinfo(easy, CURLINFO_RESPONSE_CODE, &status);
       body_to_sink = sink && status >= 200 && status < 300;
       body_decided = true;
+      if (body_to_sink) {
+        try {
+          sink->begin(status, headers);
+        } catch (...) {
+          callback_error = std::current_exception();
+          abort = Abort::kCallbackFailed;
+          return false;
+        }
+      }
     }
     if (!body_to_sink) {
       if (sink) {

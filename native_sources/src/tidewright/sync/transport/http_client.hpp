@@ -81,6 +81,13 @@ struct DownloadResult {
 class BodySink {
  public:
   virtual ~BodySink() = default;
+  // Called once with the status and headers of a 2xx response, before its
+  // first body bytes (not at all for an empty body). May throw; the
+  // transfer then ends and the exception is rethrown.
+  virtual void begin(std::int64_t status, const HttpHeaders& headers) {
+    (void)status;
+    (void)headers;
+  }
   // May throw; the transfer then ends and the exception is rethrown.
   virtual void write(std::string_view bytes) = 0;
 };

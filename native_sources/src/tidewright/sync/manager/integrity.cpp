@@ -1,0 +1,267 @@
+// Local integrity: matching files against the manifest through the hash
+// cache, needs_sync, verify, repair, and old-era clean-up.
+#include "tidewright/sync/artifacts/shuffle_seed.hpp"
+#include "tidewright/sync/artifacts/signals_index.hpp"
+#include "tidewright/sync/artifacts/vocabulary.hpp"
+#include "tidewright/sync/common/fs.hpp"
+#include "tidewright/sync/manager/cleanup.hpp"
+#include "tidewright/sync/manager/sync_manager.hpp"
+#include "tidewright/sync/manifest/manifest_files.hpp"
+#include "tidewright/sync/manifest/paths.hpp"
+#include "tidewright/sync/manifest/sanitize.hpp"
+#include "tidewright/sync/reporting/errors.hpp"
+#include "tidewright/sync/transport/files.hpp"
+
+namespace tidewright::sync {
+
+namespace {
+
+std::string kind_of(const json::value& info) {
+  if (const json::object* obj = as_object(&info)) {
+    if (const json::value* k = obj->if_contains("kind"); k && k->is_string()) return std::string(k->get_string());
+  }
+  return "";
+}
+
+std::string expected_sha_of(const json::value& info) {
+  if (const json::object* obj = as_object(&info)) {
+    if (const json::value* v = obj->if_contains("sha256"); v && !v->is_null()) return python_str(*v);
+  }
+  return "";
+}
+
+std::int64_t expected_size_of(const json::value& info) {
+  if (const json::object* obj = as_object(&info)) {
+    if (const json::value* v = obj->if_contains("size_bytes")) return to_int(*v).value_or(-1);
+  }
+  return -1;
+}
+
+}  // namespace
+
+bool SyncManager::local_file_matches_manifest(const std::string& file_path, const std::string& local_path,
+                                              const json::value& file_info, bool cache_allowed) {
+  if (!path_exists(local_path)) return false;
+  std::int64_t expected_size = expected_size_of(file_info);
+  try {
+    if (expected_size >= 0 && file_size(local_path) != expected_size) return false;
+  } catch (const OSError&) {
+    return false;
+  }
+  std::string expected_sha = expected_sha_of(file_info);
+  if (expected_sha.empty()) return true;
+  if (cache_allowed && hash_cache_.cached_sha(file_path, local_path, expected_sha)) return true;
+  std::string actual;
+  try {
+    actual = sha256_file(local_path);
+  } catch (const OSError&) {
+    return false;
+  }
+  hash_cache_.remember(file_path, local_path, actual);
+  return actual == expected_sha;
+}
+
+bool SyncManager::local_manifest_files_complete(Manifest& manifest) {
+  ManifestSiblings siblings = host().manifest_siblings();
+  try {
+    ShuffleSeedExpectations expect{manifest.era_number_int(),
+                                   manifest_positive_int(manifest, "market_id").value_or(market_id_),
+                                   manifest_positive_int(manifest, "version"),
+                                   shuffle_seed_generation_for_manifest(manifest)};
+    validate_shuffle_seed_file(path_join(data_dir_, SHUFFLE_SEED_FILENAME), expect);
+    validate_manifest_vocabulary_files(data_dir_, manifest);
+  } catch (const SyncError&) {
+    return false;
+  }
+  for (const auto& kv : manifest.files()) {
+    std::string path(kv.key());
+    if (vocabulary_named_universe_from_path(path) || manifest_file_is_sync_excluded(path, kv.value(), siblings) ||
+        kind_of(kv.value()) == "vault_module") {
+      continue;
+    }
+    std::string local;
+    try {
+      local = manifest_local_path(data_dir_, path);
+    } catch (const ManifestError&) {
+      return false;
+    }
+    if (!local_file_matches_manifest(path, local, kv.value(), true)) return false;
+  }
+  try {
+    load_manifest_signals_index(data_dir_, manifest);
+  } catch (const SyncError&) {
+    return false;
+  }
+  return true;
+}
+
+bool SyncManager::needs_sync() {
+  HttpResponse probe;
+  try {
+    probe = http_get(server_url_ + "/data/manifest/version");
+  } catch (const SyncUnavailableError&) {
+    throw;
+  } catch (const SyncBackoffCancelled&) {
+    throw;
+  } catch (const HostError& e) {
+    if (e.is(HostError::kIsSyncBackoffCancelled) || e.is(HostError::kIsKeyboardInterrupt)) throw;
+    return true;
+  } catch (const std::exception&) {
+    return true;
+  }
+  if (probe.status != 200) return true;
+  ManifestPtr manifest = get_manifest();
+  json::object body;
+  try {
+    json::value parsed = parse_json(probe.body);
+    if (!parsed.is_object()) return true;
+    body = std::move(parsed.get_object());
+  } catch (const JsonParseError&) {
+    return true;
+  }
+  if (!manifest) return true;
+  const json::value* version = body.if_contains("version");
+  std::optional<std::int64_t> server_version = version ? to_int(*version) : std::nullopt;
+  if (!server_version || *server_version != manifest->version_int()) return true;
+  std::optional<std::string> hint;
+  for (const char* key : {"manifest_sha256", "manifest_sha", "sha256"}) {
+    const json::value* v = body.if_contains(key);
+    if (v && !v->is_null()) {
+      hint = python_str(*v);
+      break;
+    }
+  }
+  if (!to_int(manifest->era_number())) return true;
+  if (hint && !manifest_hash_hint_matches_local_state(data_dir_, manifest->version_int(), manifest->era_number_int(), hint)) {
+    return true;
+  }
+  return !local_manifest_files_complete(*manifest);
+}
+
+VerifyResult SyncManager::verify() {
+  VerifyResult result;
+  ManifestPtr manifest = get_manifest();
+  if (!manifest) return result;
+  ManifestSiblings siblings = host().manifest_siblings();
+  for (const auto& kv : manifest->files()) {
+    std::string path(kv.key());
+    if (manifest_file_is_sync_excluded(path, kv.value(), siblings)) continue;
+    std::string local;
+    try {
+      local = manifest_local_path(data_dir_, path);
+    } catch (const ManifestError&) {
+      result.corrupted_files.push_back(path);
+      result.valid = false;
+      continue;
+    }
+    if (!path_exists(local)) {
+      result.missing_files.push_back(path);
+      result.valid = false;
+      continue;
+    }
+    std::int64_t expected_size = expected_size_of(kv.value());
+    std::int64_t actual_size = -1;
+    try {
+      actual_size = file_size(local);
+    } catch (const OSError&) {
+      result.missing_files.push_back(path);
+      result.valid = false;
+      continue;
+    }
+    if (expected_size >= 0 && actual_size != expected_size) {
+      result.corrupted_files.push_back(path);
+      result.valid = false;
+      continue;
+    }
+    std::string expected_sha = expected_sha_of(kv.value());
+    if (expected_sha.empty()) continue;
+    std::string actual;
+    try {
+      actual = sha256_file(local);
+    } catch (const OSError&) {
+      result.corrupted_files.push_back(path);
+      result.valid = false;
+      continue;
+    }
+    if (actual != expected_sha) {
+      result.corrupted_files.push_back(path);
+      result.valid = false;
+    }
+  }
+  return result;
+}
+
+SyncResult SyncManager::repair(const std::vector<std::string>& files) {
+  acquire_flock();
+  struct Release {
+    SyncManager* self;
+    ~Release() { self->release_flock(); }
+  } release{this};
+  SyncResult result;
+  ManifestPtr manifest = get_manifest();
+  if (!manifest) return result;
+  result.era_number = manifest->era_number_int();
+  ManifestSiblings siblings = host().manifest_siblings();
+  try {
+    for (const auto& path : files) {
+      const json::value* info = manifest->files().if_contains(path);
+      if (!info || manifest_file_is_sync_excluded(path, *info, siblings)) continue;
+      json::object entry = info->is_object() ? info->get_object() : json::object();
+      entry["_manifest_version"] = manifest->version_int();
+      entry["_manifest_era_number"] = manifest->era_number_int();
+      if (vocabulary_named_universe_from_path(path) && download_validated_vocabulary_repair(path, entry, result)) {
+        continue;
+      }
+      download_file(path, entry, result);
+    }
+    hash_cache_.persist();
+    return result;
+  } catch (const ManifestSupersededError& e) {
+    log_warning("Manifest changed during repair; refreshing manifest and running full sync: %s",
+                {json::value(e.what())});
+    return sync_with_manifest_refresh();
+  }
+}
+
+SyncResult SyncManager::ensure_manifest_file_available(const std::string& file_path, const json::value& file_info) {
+  SyncResult result;
+  ManifestSiblings siblings = host().manifest_siblings();
+  if (manifest_file_is_sync_excluded(file_path, file_info, siblings)) return result;
+  json::object entry = file_info.is_object() ? file_info.get_object() : json::object();
+  download_file(file_path, entry, result);
+  return result;
+}
+
+std::int64_t SyncManager::cleanup_old_eras(bool keep_current) {
+  std::optional<std::int64_t> current;
+  if (keep_current) {
+    if (ManifestPtr manifest = get_manifest()) current = to_int(manifest->era_number());
+  }
+  return cleanup_era_directories(data_dir_, current, !keep_current);
+}
+
+void SyncManager::schedule_cleanup_old_eras(bool keep_current) {
+  std::lock_guard<std::mutex> lock(cleanup_mu_);
+  if (cleanup_running_ && cleanup_running_->load()) return;
+  auto running = std::make_shared<std::atomic<bool>>(true);
+  cleanup_running_ = running;
+  std::weak_ptr<SyncManager> weak = weak_from_this();
+  // Detached: the thread holds no reference that keeps the manager alive,
+  // and the manager never waits for it.
+  std::thread([weak, keep_current, running] {
+    pthread_setname_np(pthread_self(), "tidewright-sync-cleanup");
+    try {
+      if (auto self = weak.lock()) {
+        std::int64_t freed = self->cleanup_old_eras(keep_current);
+        log_info("Old era cleanup completed: freed %s bytes", {json::value(freed)});
+      }
+    } catch (const std::exception& e) {
+      log_warning("Background old-era cleanup failed: %s", {json::value(e.what())}, true);
+    } catch (...) {
+      log_warning("Background old-era cleanup failed: %s", {json::value("unknown error")}, true);
+    }
+    running->store(false);
+  }).detach();
+}
+
+}  // namespace tidewright::sync

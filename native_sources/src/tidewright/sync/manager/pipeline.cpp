@@ -1,0 +1,433 @@
+// The sync pipeline: version probe and fast path, full manifest, the
+// nothing-new and artifacts-only paths, the download set, disk space,
+// parallel download and the commit.
+#include "tidewright/sync/artifacts/found_pnl.hpp"
+#include "tidewright/sync/artifacts/shuffle_seed.hpp"
+#include "tidewright/sync/artifacts/signals_index.hpp"
+#include "tidewright/sync/artifacts/vocabulary.hpp"
+#include "tidewright/sync/common/fs.hpp"
+#include "tidewright/sync/common/url.hpp"
+#include "tidewright/sync/manager/cleanup.hpp"
+#include "tidewright/sync/manager/sync_manager.hpp"
+#include "tidewright/sync/manifest/manifest_files.hpp"
+#include "tidewright/sync/manifest/paths.hpp"
+#include "tidewright/sync/manifest/sanitize.hpp"
+#include "tidewright/sync/reporting/errors.hpp"
+#include "tidewright/sync/transport/files.hpp"
+#include "tidewright/sync/transport/settings.hpp"
+
+#include <set>
+
+namespace tidewright::sync {
+
+namespace {
+
+constexpr std::int64_t SUPERSEDE_RESTART_LIMIT = 3;
+
+std::string kind_of(const json::value& info) {
+  if (const json::object* obj = as_object(&info)) {
+    if (const json::value* k = obj->if_contains("kind"); k && k->is_string()) return std::string(k->get_string());
+  }
+  return "";
+}
+
+std::optional<std::string> manifest_hash_from(const json::object& body) {
+  for (const char* key : {"manifest_sha256", "manifest_sha", "sha256"}) {
+    const json::value* v = body.if_contains(key);
+    if (v && !v->is_null()) return python_str(*v);
+  }
+  return std::nullopt;
+}
+
+// Counts of distinct pool groups ("<dir>/<pool>/<id>") under `dir`.
+template <typename Paths>
+std::int64_t distinct_groups(const Paths& paths, std::string_view dir, const EpochNames& epochs) {
+  std::set<std::string> groups;
+  for (const auto& path : paths) {
+    std::optional<std::string> key = agent_signal_group_key(path, "", epochs);
+    if (key && key->rfind(std::string(dir) + "/", 0) == 0) groups.insert(*key);
+  }
+  return static_cast<std::int64_t>(groups.size());
+}
+
+std::int64_t count_features(const Manifest& manifest, const ManifestSiblings& siblings) {
+  std::int64_t n = 0;
+  for (const auto& kv : manifest.files()) {
+    if (siblings.manifest_file_kind(kv.key(), kv.value()) == "feature") ++n;
+  }
+  return n;
+}
+
+void take_vocabulary_metadata(SyncResult& result, const json::object& vocabularies) {
+  json::object meta = first_vocabulary_metadata(vocabularies);
+  auto field = [&](const char* name) -> std::int64_t {
+    const json::value* v = meta.if_contains(name);
+    return v ? to_int(*v).value_or(0) : 0;
+  };
+  result.t_signal_is = field("t_signal_is");
+  result.t_strategy_is = field("t_strategy_is");
+  result.n_instruments = field("n_instruments");
+}
+
+std::vector<std::string> keys_of(const json::object& files) {
+  std::vector<std::string> out;
+  out.reserve(files.size());
+  for (const auto& kv : files) out.emplace_back(kv.key());
+  return out;
+}
+
+}  // namespace
+
+SyncResult SyncManager::sync() {
+  std::lock_guard<std::mutex> lock(sync_mu_);
+  acquire_flock();
+  try {
+    SyncResult result = sync_with_manifest_refresh();
+    release_flock();
+    return result;
+  } catch (...) {
+    release_flock();
+    throw;
+  }
+}
+
+SyncResult SyncManager::sync_with_manifest_refresh() {
+  std::int64_t restarts = 0;
+  while (true) {
+    try {
+      return sync_impl();
+    } catch (const ManifestSupersededError& e) {
+      ++restarts;
+      log_warning("Manifest changed during sync; refreshing manifest and restarting download set (%d/%d): %s",
+                  {json::value(restarts), json::value(SUPERSEDE_RESTART_LIMIT), json::value(e.what())});
+      if (restarts >= SUPERSEDE_RESTART_LIMIT) throw;
+    }
+  }
+}
+
+SyncResult SyncManager::sync_impl() {
+  ManifestSiblings siblings = host().manifest_siblings();
+
+  // Clean start.
+  remove_sync_progress_json(data_dir_);
+
+  // Version probe.
+  std::int64_t server_version = -1;
+  std::optional<std::int64_t> server_era;
+  std::optional<std::string> server_hash;
+  try {
+    HttpResponse probe = http_get(server_url_ + "/data/manifest/version");
+    if (probe.status == 401) throw AuthError("Authentication failed: HTTP 401");
+    if (probe.status == 200) {
+      try {
+        json::value parsed = parse_json(probe.body);
+        if (!parsed.is_object()) throw ValueError("manifest version response is not a JSON object");
+        const json::object& body = parsed.get_object();
+        const json::value* version = body.if_contains("version");
+        std::optional<std::int64_t> v = version ? to_int(*version) : std::nullopt;
+        if (!v) throw ValueError("manifest version response has no integer version");
+        server_version = *v;
+        if (const json::value* era = body.if_contains("era_number"); era && !era->is_null()) server_era = to_int(*era);
+        server_hash = manifest_hash_from(body);
+      } catch (const std::exception& e) {
+        log_debug("Manifest version response was not parseable: %s", {json::value(e.what())});
+      }
+    }
+  } catch (const AuthError&) {
+    throw;
+  } catch (const SyncUnavailableError&) {
+    throw;
+  } catch (const SyncBackoffCancelled&) {
+    throw;
+  } catch (const HostError& e) {
+    if (e.is(HostError::kIsAuthError) || e.is(HostError::kIsSyncBackoffCancelled) ||
+        e.is(HostError::kIsKeyboardInterrupt)) {
+      throw;
+    }
+    log_warning("Manifest version check failed: %s", {json::value(e.what())});
+  } catch (const std::exception& e) {
+    log_warning("Manifest version check failed: %s", {json::value(e.what())});
+  }
+
+  ManifestPtr local = get_manifest();
+  std::int64_t local_version = local ? local->version_int() : -1;
+  std::int64_t local_era = local ? local->era_number_int() : -1;
+
+  // Version-matched fast path: one request in all.
+  if (local && !manifest_has_agent_bundle_declarations(local->data()) &&
+      !manifest_has_retired_found_pnl_long_files(local->data()) && server_version == local_version) {
+    bool hint_ok = !server_hash || manifest_hash_hint_matches_local_state(data_dir_, local_version, local_era, server_hash);
+    if (!hint_ok) {
+      log_info("Manifest version matched but manifest hash changed; fetching full manifest");
+    } else {
+      try {
+        if (server_era && *server_era != local_era) {
+          throw EraError("Era mismatch: local era_number=" + std::to_string(local_era) +
+                         ", server era_number=" + std::to_string(*server_era));
+        }
+        free_disk_bytes(data_dir_);
+        json::object vocabularies = validate_manifest_vocabulary_files(data_dir_, *local);
+        ShuffleSeedExpectations expect{local_era,
+                                       manifest_positive_int(*local, "market_id").value_or(market_id_),
+                                       manifest_positive_int(*local, "version"),
+                                       shuffle_seed_generation_for_manifest(*local)};
+        validate_shuffle_seed_file(path_join(data_dir_, SHUFFLE_SEED_FILENAME), expect);
+        for (const auto& kv : local->files()) {
+          std::string path(kv.key());
+          if (vocabulary_named_universe_from_path(path) || manifest_file_is_sync_excluded(path, kv.value(), siblings) ||
+              kind_of(kv.value()) == "vault_module") {
+            continue;
+          }
+          if (!local_file_matches_manifest(path, manifest_local_path(data_dir_, path), kv.value(), true)) {
+            throw SyncError("Manifest version matched but local data files need repair");
+          }
+        }
+        load_manifest_signals_index(data_dir_, *local);
+        SyncResult result;
+        result.era_number = local_era;
+        result.pnl_column_count = to_int(local->pnl_column_count()).value_or(0);
+        result.n_features = count_features(*local, siblings);
+        take_vocabulary_metadata(result, vocabularies);
+        {
+          std::lock_guard<std::mutex> lock(state_mu_);
+          vocabulary_ = vocabularies;
+        }
+        cleanup_sync_tmp_files(data_dir_);
+        return result;
+      } catch (const SyncUnavailableError&) {
+        throw;
+      } catch (const SyncError& e) {
+        log_warning("Manifest version matched but local metadata needs repair: %s", {json::value(e.what())});
+      }
+    }
+  }
+
+  // Full manifest.
+  HttpResponse fetched = http_get(server_url_ + "/data/manifest");
+  if (fetched.status == 401) throw AuthError("Authentication failed: HTTP " + std::to_string(fetched.status));
+  if (fetched.status != 200) throw SyncError("Failed to fetch manifest: HTTP " + std::to_string(fetched.status));
+  json::value parsed;
+  try {
+    parsed = parse_json(fetched.body);
+  } catch (const JsonParseError& e) {
+    throw ManifestError(std::string("Invalid manifest JSON: ") + e.what());
+  }
+  if (!parsed.is_object()) throw ManifestError("Invalid manifest JSON: the manifest must be a JSON object");
+  if (const json::value* files = parsed.get_object().if_contains("files"); files && !files->is_object() && !files->is_null()) {
+    throw ManifestError("Invalid manifest JSON: \"files\" must be a JSON object");
+  }
+  json::object server_data = sanitize_manifest_data_for_sync(parsed.get_object(), siblings);
+  std::string kept_body = std::move(fetched.body);
+  if (auto newer = newer_public_manifest(server_data)) {
+    server_data = sanitize_manifest_data_for_sync(newer->first, siblings);
+    kept_body = std::move(newer->second);
+  }
+  std::string body_sha = sha256(kept_body);
+  std::string manifest_sha = server_hash.value_or(body_sha);
+
+  std::int64_t fetched_version = to_int(server_data.contains("version") ? server_data.at("version") : json::value(0)).value_or(-1);
+  if (missing_found_pnl_manifest_version_ != fetched_version) {
+    missing_found_pnl_paths_.clear();
+    missing_found_pnl_manifest_version_.reset();
+  }
+  if (!missing_found_pnl_paths_.empty()) {
+    server_data = drop_missing_found_pnl_paths(
+        server_data, std::vector<std::string>(missing_found_pnl_paths_.begin(), missing_found_pnl_paths_.end()));
+  }
+  ManifestPtr server = Manifest::from_sanitized(std::move(server_data));
+  if (local && server->era_number_int() != local_era) {
+    throw EraError("Era mismatch: local era_number=" + std::to_string(local_era) +
+                   ", server era_number=" + std::to_string(server->era_number_int()));
+  }
+  std::int64_t free_bytes = free_disk_bytes(data_dir_);
+
+  // Nothing new: the local manifest is current; check the files and the
+  // era artifacts.
+  std::optional<std::string> signals_index_path = manifest_signals_index_path(*server);
+  if (local && local_version >= server->version_int() && local_era == server->era_number_int()) {
+    bool vocabulary_due = false;
+    bool seed_due = false;
+    bool files_ok = true;
+    try {
+      validate_manifest_vocabulary_files(data_dir_, *server);
+    } catch (const SyncError&) {
+      vocabulary_due = true;
+    }
+    try {
+      ShuffleSeedExpectations expect{server->era_number_int(),
+                                     manifest_positive_int(*server, "market_id").value_or(market_id_),
+                                     manifest_positive_int(*server, "version"),
+                                     shuffle_seed_generation_for_manifest(*server)};
+      validate_shuffle_seed_file(path_join(data_dir_, SHUFFLE_SEED_FILENAME), expect);
+    } catch (const SyncError&) {
+      seed_due = true;
+    }
+    for (const auto& kv : server->files()) {
+      std::string path(kv.key());
+      if (vocabulary_named_universe_from_path(path) || manifest_file_is_sync_excluded(path, kv.value(), siblings) ||
+          kind_of(kv.value()) == "vault_module") {
+        continue;
+      }
+      if (!local_file_matches_manifest(path, manifest_local_path(data_dir_, path), kv.value(), true)) {
+        log_warning("Manifest version matched but local data files need repair");
+        files_ok = false;
+        break;
+      }
+    }
+    if (files_ok) {
+      SyncResult result;
+      result.era_number = server->era_number_int();
+      result.pnl_column_count = to_int(server->pnl_column_count()).value_or(0);
+      if (vocabulary_due) result.vocabulary_downloaded = download_vocabulary(*server);
+      if (seed_due) result.shuffle_seed_downloaded = download_shuffle_seed(*server);
+      if (vocabulary_due || seed_due) download_signals_index(*server, result);
+      json::object vocabularies = validate_manifest_vocabulary_files(data_dir_, *server);
+      load_manifest_signals_index(data_dir_, *server);
+      write_manifest_json(data_dir_, server->data(), manifest_sha, body_sha);
+      hash_cache_.persist();
+      take_vocabulary_metadata(result, vocabularies);
+      result.n_features = count_features(*server, siblings);
+      {
+        std::lock_guard<std::mutex> lock(state_mu_);
+        vocabulary_ = std::move(vocabularies);
+        manifest_ = server;
+      }
+      cleanup_sync_tmp_files(data_dir_);
+      return result;
+    }
+  }
+
+  // The download set.
+  SyncResult result;
+  result.era_number = server->era_number_int();
+  result.pnl_column_count = to_int(server->pnl_column_count()).value_or(0);
+  std::vector<std::pair<std::string, json::object>> to_download;
+  std::vector<std::string> to_download_paths;
+  bool same_era_local = local && local_era == server->era_number_int();
+  for (const auto& kv : server->files()) {
+    std::string path(kv.key());
+    if (vocabulary_named_universe_from_path(path)) continue;
+    if (signals_index_path && path == *signals_index_path) continue;
+    if (manifest_file_is_sync_excluded(path, kv.value(), siblings)) continue;
+    std::string local_path = manifest_local_path(data_dir_, path);
+    std::string kind = kind_of(kv.value());
+    const json::value* local_info = same_era_local ? local->files().if_contains(path) : nullptr;
+    bool exists = path_exists(local_path);
+    if (local_info && *local_info == kv.value() && exists && kind != "vault_module") {
+      if (local_file_matches_manifest(path, local_path, kv.value(), true)) continue;
+      log_info("Manifest-tracked local file failed integrity check; re-downloading: %s", {json::value(path)});
+    } else if (exists && kind != "vault_module") {
+      const json::object* info = as_object(&kv.value());
+      const json::value* sha_value = info ? info->if_contains("sha256") : nullptr;
+      std::string expected = sha_value && sha_value->is_string() ? std::string(sha_value->get_string()) : "";
+      if (!expected.empty()) {
+        std::optional<std::string> actual = hash_cache_.cached_sha(path, local_path, expected);
+        if (!actual) {
+          try {
+            std::string digest = sha256_file(local_path);
+            hash_cache_.remember(path, local_path, digest);
+            actual = digest;
+          } catch (const OSError&) {
+          }
+        }
+        if (actual && *actual == expected &&
+            local_file_matches_manifest(path, local_path, kv.value(), true)) {
+          continue;
+        }
+      }
+    }
+    json::object entry = kv.value().is_object() ? kv.value().get_object() : json::object();
+    if (auto base = server->base_url_text()) {
+      entry["_manifest_base_url"] = *base;
+    } else {
+      entry["_manifest_base_url"] = nullptr;
+    }
+    entry["_manifest_version"] = server->version_int();
+    entry["_manifest_era_number"] = server->era_number_int();
+    to_download_paths.push_back(path);
+    to_download.emplace_back(path, std::move(entry));
+  }
+
+  // Space.
+  cleanup_sync_tmp_files(data_dir_, to_download_paths);
+  std::int64_t needed = 0;
+  for (const auto& [path, entry] : to_download) {
+    if (auto size = siblings.manifest_file_size(entry)) needed += *size;
+  }
+  if (needed > 0 && needed > free_bytes) {
+    throw DiskSpaceError("Insufficient disk space: need " + std::to_string(needed) + " bytes, have " +
+                         std::to_string(free_bytes) + " bytes available");
+  }
+
+  // Download.
+  if (!to_download.empty()) {
+    json::object progress_files;
+    for (const auto& [path, entry] : to_download) progress_files[path] = entry;
+    write_sync_progress_json(data_dir_, server->era_number_int() < 0 ? 0 : server->era_number_int(),
+                             server->version_int() < 0 ? 0 : server->version_int(), progress_files, siblings);
+    try {
+      download_files_parallel(to_download, result);
+    } catch (const PermanentDownloadError& e) {
+      std::optional<std::string> missing = missing_found_pnl_download_path(e, server->files());
+      if (!missing) throw;
+      missing_found_pnl_paths_.insert(*missing);
+      missing_found_pnl_manifest_version_ = server->version_int();
+      remove_manifest_tmp_file(data_dir_, *missing);
+      remove_sync_progress_json(data_dir_);
+      log_warning(
+          "Manifest signal PnL artifact is missing from storage; excluding stale membership entry and retrying sync: %s",
+          {json::value(*missing)});
+      SyncResult restarted = sync_with_manifest_refresh();
+      restarted.bytes_downloaded += result.bytes_downloaded;
+      restarted.features_downloaded += result.features_downloaded;
+      return restarted;
+    }
+  }
+
+  // Commit.
+  if (!missing_found_pnl_paths_.empty()) {
+    std::vector<std::string> missing(missing_found_pnl_paths_.begin(), missing_found_pnl_paths_.end());
+    json::object data = drop_missing_found_pnl_paths(server->data(), missing);
+    scrub_missing_found_pnl_paths_from_signals_index(data_dir_, data, missing);
+    server = Manifest::from_sanitized(std::move(data));
+    signals_index_path = manifest_signals_index_path(*server);
+  }
+  if (HostRef guard = runtime_freshness_guard()) {
+    for (const auto& [path, entry] : to_download) {
+      json::object kwargs;
+      kwargs["relative_path"] = path;
+      kwargs["kind"] = kind_of(entry);
+      const json::value* sha = entry.if_contains("sha256");
+      kwargs["sha256"] = sha && sha->is_string() ? *sha : json::value("");
+      host().call_method(guard, "record_sync_update", {}, kwargs);
+    }
+  }
+  download_signals_index(*server, result);
+  load_manifest_signals_index(data_dir_, *server);
+  result.useful_signals_downloaded = distinct_groups(to_download_paths, "useful_signals", siblings.epochs);
+  bool vocabulary_due = false;
+  try {
+    validate_manifest_vocabulary_files(data_dir_, *server);
+  } catch (const SyncError&) {
+    vocabulary_due = true;
+  }
+  if (vocabulary_due) result.vocabulary_downloaded = download_vocabulary(*server);
+  result.shuffle_seed_downloaded = download_shuffle_seed(*server);
+  write_manifest_json(data_dir_, server->data(), manifest_sha, body_sha);
+  hash_cache_.persist();
+  remove_sync_progress_json(data_dir_);
+  json::object vocabularies = validate_manifest_vocabulary_files(data_dir_, *server);
+  {
+    std::lock_guard<std::mutex> lock(state_mu_);
+    manifest_ = server;
+    vocabulary_ = vocabularies;
+  }
+  take_vocabulary_metadata(result, vocabularies);
+  result.n_features = count_features(*server, siblings);
+  std::vector<std::string> all_paths = keys_of(server->files());
+  result.n_useful_signals = distinct_groups(all_paths, "useful_signals", siblings.epochs);
+  result.n_found_strategies = distinct_groups(all_paths, "found_strategies", siblings.epochs);
+  return result;
+}
+
+}  // namespace tidewright::sync
