@@ -452,6 +452,13 @@ void bind_manager(nb::module_& m) {
            },
            nb::arg("url"), nb::arg("range_start") = 0, nb::arg("range_end") = -1,
            "HTTP GET for public manifest artifacts without bearer credentials.")
+      .def(
+          "set_progress_callback",
+          [](SyncManager& s, nb::handle callback) { s.progress().set_callback(make_ref(callback)); },
+          nb::arg("callback").none(),
+          "Call `callback(progress)` while files download (at most every 0.2 s, and at the start and end of a "
+          "batch). `progress` is a dict: phase, done, files_total, files_done, bytes_total, bytes_done, "
+          "elapsed_seconds. None removes the callback.")
       .def("_acquire_flock", &SyncManager::acquire_flock, nb::call_guard<nb::gil_scoped_release>())
       .def("_release_flock", &SyncManager::release_flock, nb::call_guard<nb::gil_scoped_release>())
       .def("_persist_hash_cache", [](SyncManager& s) {

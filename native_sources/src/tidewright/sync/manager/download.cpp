@@ -87,13 +87,17 @@ class StagingSink : public BodySink {
     }
     hasher_.update(bytes);
     received_ += static_cast<std::int64_t>(bytes.size());
+    if (progress_) progress_->add_bytes(static_cast<std::int64_t>(bytes.size()));
   }
 
   void restart() {
     if (::ftruncate(fd_, 0) != 0 || ::lseek(fd_, 0, SEEK_SET) < 0) throw_os_error(errno, file_path_);
     hasher_.reset();
+    if (progress_) progress_->add_bytes(-received_);
     received_ = 0;
   }
+
+  void set_progress(ProgressFeed* progress) { progress_ = progress; }
 
  private:
   int fd_;
@@ -101,6 +105,7 @@ class StagingSink : public BodySink {
   std::int64_t& received_;
   std::int64_t range_start_;
   const std::string& file_path_;
+  ProgressFeed* progress_ = nullptr;
 };
 
 void truncate_staging(const std::string& staging) {
@@ -294,6 +299,7 @@ void SyncManager::download_file(const std::string& file_path, const json::object
         if (!is_public) token = fetch_token();
         HttpRequest request = make_sync_request(url, token, start, end);
         StagingSink sink(fd.get(), hasher, received, start, file_path);
+        sink.set_progress(&progress_);
         DownloadResult response = download_request_to_sink(request, sink, sync_http_timeout_seconds(),
                                                            is_public ? std::optional<std::string>(transport) : std::nullopt);
         if (response.status == 200) {
@@ -390,6 +396,7 @@ void SyncManager::download_file(const std::string& file_path, const json::object
   result.bytes_downloaded += expected_size >= 0 ? expected_size : file_size(local);
   if (kind == "feature") ++result.features_downloaded;
   if (is_found_pnl_file_kind(kind)) result.found_pnl_paths_downloaded.push_back(file_path);
+  progress_.file_done();
 }
 
 void SyncManager::download_files_parallel(const std::vector<std::pair<std::string, json::object>>& files,

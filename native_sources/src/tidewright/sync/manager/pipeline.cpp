@@ -365,6 +365,11 @@ SyncResult SyncManager::sync_impl() {
     for (const auto& [path, entry] : to_download) progress_files[path] = entry;
     write_sync_progress_json(data_dir_, server->era_number_int() < 0 ? 0 : server->era_number_int(),
                              server->version_int() < 0 ? 0 : server->version_int(), progress_files, siblings);
+    progress_.start("download", static_cast<std::int64_t>(to_download.size()), needed);
+    struct FinishProgress {
+      ProgressFeed& feed;
+      ~FinishProgress() { feed.finish(); }
+    } finish_progress{progress_};
     try {
       download_files_parallel(to_download, result);
     } catch (const PermanentDownloadError& e) {

@@ -10,6 +10,7 @@
 #include "tidewright/sync/common/json.hpp"
 #include "tidewright/sync/host/host.hpp"
 #include "tidewright/sync/manager/hash_cache.hpp"
+#include "tidewright/sync/manager/progress.hpp"
 #include "tidewright/sync/manager/results.hpp"
 #include "tidewright/sync/manifest/manifest.hpp"
 #include "tidewright/sync/transport/settings.hpp"
@@ -91,6 +92,8 @@ class SyncManager : public std::enable_shared_from_this<SyncManager> {
   const std::string& consumer_count_path() const { return consumer_count_path_; }
   const std::string& flock_path() const { return flock_path_; }
   HashCache& hash_cache() { return hash_cache_; }
+  // Progress of running downloads for the host (see progress.hpp).
+  ProgressFeed& progress() { return progress_; }
 
   // Stops background work (threads, transfers); idempotent.
   void stop_internal();
@@ -182,6 +185,7 @@ class SyncManager : public std::enable_shared_from_this<SyncManager> {
   std::atomic<bool> in_transition_{false};
 
   HashCache hash_cache_;
+  ProgressFeed progress_;
   const std::string consumer_count_path_;
   mutable std::mutex consumer_mu_;
   std::int64_t consumer_count_ = 0;  // guarded by consumer_mu_ (read under state_mu_ too)
