@@ -12,7 +12,7 @@ APT_PACKAGES := g++ make curl ca-certificates libboost-json1.81-dev libcurl4-ope
 BUILD_DEPS := scikit-build-core nanobind==2.10.2 cmake ninja
 SUDO := $(shell [ "$$(id -u)" = 0 ] || echo sudo)
 
-.PHONY: install apt-deps venv package test cpp-test py-test clean
+.PHONY: install apt-deps venv package test cpp-test py-test fuzz clean
 
 install: apt-deps venv package
 
@@ -44,6 +44,22 @@ py-test: install
 	$(VPY) -m pytest -q tests
 
 test: install cpp-test py-test
+
+# libFuzzer targets (clang, ASan + UBSan) over the corpus kept in the repo;
+# FUZZ_SECONDS per target. New inputs found are kept under build/fuzz.
+FUZZ_SECONDS ?= 60
+fuzz: apt-deps venv
+	@dpkg-query -W -f='$${Status}' clang 2>/dev/null | grep -q "install ok installed" || \
+	  (DEBIAN_FRONTEND=noninteractive $(SUDO) apt-get install -y -qq clang libclang-rt-14-dev)
+	PATH="$(CURDIR)/$(VENV)/bin:$$PATH" CC=clang CXX=clang++ cmake -S . -B build/fuzz -G Ninja \
+	  -DTW_BUILD_FUZZ=ON -DTW_SANITIZE=fuzz -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
+	PATH="$(CURDIR)/$(VENV)/bin:$$PATH" cmake --build build/fuzz -j $(JOBS)
+	@set -e; for t in manifest paths artifacts; do \
+	  mkdir -p build/fuzz/corpus-$$t; \
+	  echo "== fuzz_$$t ($(FUZZ_SECONDS) s)"; \
+	  build/fuzz/fuzz_$$t -max_total_time=$(FUZZ_SECONDS) -print_final_stats=1 \
+	    build/fuzz/corpus-$$t native_sources/fuzz/corpus/$$t 2>&1 | grep -E "stat::number_of_executed_units|ERROR|SUMMARY|Done" ; \
+	done
 
 clean:
 	rm -rf build $(VENV)

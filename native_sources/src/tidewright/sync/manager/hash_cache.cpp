@@ -4,9 +4,18 @@
 #include "tidewright/sync/reporting/errors.hpp"
 #include "tidewright/sync/transport/files.hpp"
 
+#include <time.h>
+
 namespace tidewright::sync {
 
 namespace {
+
+// The file system stamps times from the coarse real-time clock.
+std::int64_t coarse_now_ns() {
+  struct timespec ts;
+  ::clock_gettime(CLOCK_REALTIME_COARSE, &ts);
+  return static_cast<std::int64_t>(ts.tv_sec) * 1000000000LL + ts.tv_nsec;
+}
 
 json::object entry_for(const std::string& sha, const StatKey& key) {
   json::object e;
@@ -30,7 +39,12 @@ HashCache::HashCache(std::string path) : path_(std::move(path)) {}
 
 void HashCache::load() {
   std::unordered_map<std::string, json::value> loaded;
+  std::int64_t written_at = 0;
   if (path_exists(path_)) {
+    try {
+      written_at = stat_key(path_).mtime_ns;
+    } catch (const std::exception&) {
+    }
     try {
       json::value payload = parse_json(read_file(path_));
       const json::object* obj = as_object(&payload);
@@ -50,6 +64,8 @@ void HashCache::load() {
   }
   std::lock_guard<std::mutex> lock(mu_);
   entries_ = std::move(loaded);
+  remembered_at_.clear();
+  written_at_ns_ = written_at;
   dirty_ = false;
 }
 
@@ -73,6 +89,9 @@ std::optional<std::string> HashCache::cached_sha(const std::string& file_path, c
   if (*size != key.size || *mtime != key.mtime_ns || *ctime != key.ctime_ns || *inode != key.inode) {
     return std::nullopt;
   }
+  auto when = remembered_at_.find(file_path);
+  std::int64_t hashed_at = when != remembered_at_.end() ? when->second : written_at_ns_;
+  if (key.mtime_ns >= hashed_at || key.ctime_ns >= hashed_at) return std::nullopt;  // racy: hash again
   const json::value* sha = e.if_contains("sha256");
   if (!sha || !sha->is_string() || sha->get_string() != expected_sha) return std::nullopt;
   return std::string(sha->get_string());
@@ -86,7 +105,9 @@ void HashCache::remember(const std::string& file_path, const std::string& local_
     return;
   }
   json::value entry = entry_for(actual_sha, key);
+  std::int64_t now = coarse_now_ns();
   std::lock_guard<std::mutex> lock(mu_);
+  remembered_at_[file_path] = now;
   auto it = entries_.find(file_path);
   if (it != entries_.end() && it->second == entry) return;
   entries_[file_path] = std::move(entry);
@@ -107,6 +128,9 @@ void HashCache::persist() {
   }
   try {
     atomic_write(path_, dump_json(snapshot, {.sort_keys = true}));
+    std::int64_t written_at = stat_key(path_).mtime_ns;
+    std::lock_guard<std::mutex> lock(mu_);
+    written_at_ns_ = written_at;
   } catch (const std::exception& e) {
     log_warning("Failed to persist sync hash cache: %s", {json::value(e.what())});
     std::lock_guard<std::mutex> lock(mu_);

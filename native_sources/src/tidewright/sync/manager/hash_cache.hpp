@@ -3,7 +3,14 @@
 // persisted in ".sync_hash_cache.json". A hit costs one stat call; any change
 // of identity is a miss.
 //
-// Thread-safe: the map and the dirty flag are guarded by mu_; hashing and
+// An entry is trusted only when the file's times are older than the moment
+// the digest was taken (for entries read from disk: the moment the cache
+// file was written). A file rewritten in place within the same timestamp
+// tick as the hashing keeps its size and times, so such "racy" entries are
+// hashed again until time has moved on. Times are compared in the file
+// system's own (coarse) clock.
+//
+// Thread-safe: the maps and the dirty flag are guarded by mu_; hashing and
 // file writes happen outside it, so download workers remember digests
 // concurrently.
 #pragma once
@@ -47,8 +54,10 @@ class HashCache {
  private:
   const std::string path_;
   mutable std::mutex mu_;
-  std::unordered_map<std::string, json::value> entries_;  // guarded by mu_
-  bool dirty_ = false;                                    // guarded by mu_
+  std::unordered_map<std::string, json::value> entries_;          // guarded by mu_
+  std::unordered_map<std::string, std::int64_t> remembered_at_;  // guarded by mu_
+  std::int64_t written_at_ns_ = 0;                                // guarded by mu_
+  bool dirty_ = false;                                            // guarded by mu_
 };
 
 }  // namespace tidewright::sync

@@ -1,0 +1,106 @@
+#include "tidewright/sync/common/fs.hpp"
+#include "tidewright/sync/manager/hash_cache.hpp"
+#include "tidewright/sync/transport/files.hpp"
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <thread>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <time.h>
+
+namespace tidewright::sync {
+namespace {
+
+class TempDir {
+ public:
+  TempDir() {
+    std::string tmpl = (std::filesystem::temp_directory_path() / "tw-cache-XXXXXX").string();
+    path_ = ::mkdtemp(tmpl.data());
+  }
+  ~TempDir() { std::filesystem::remove_all(path_); }
+  const std::string& path() const { return path_; }
+
+ private:
+  std::string path_;
+};
+
+void write_in_place(const std::string& path, const std::string& data) {
+  std::ofstream out(path, std::ios::binary | std::ios::in | std::ios::out);
+  out.write(data.data(), static_cast<std::streamsize>(data.size()));
+}
+
+std::int64_t coarse_now() {
+  struct timespec ts;
+  ::clock_gettime(CLOCK_REALTIME_COARSE, &ts);
+  return static_cast<std::int64_t>(ts.tv_sec) * 1000000000LL + ts.tv_nsec;
+}
+
+void wait_for_next_tick(std::int64_t after_ns) {
+  while (coarse_now() <= after_ns) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+}
+
+TEST(HashCache, TrustsAnUnchangedFileOnlyOnceItsTimesAreOlderThanTheDigest) {
+  TempDir dir;
+  std::string file = path_join(dir.path(), "a.bin");
+  atomic_write(file, "aaaa");
+  std::string sha_a = sha256("aaaa");
+  HashCache cache(path_join(dir.path(), ".sync_hash_cache.json"));
+  wait_for_next_tick(stat_key(file).mtime_ns);
+  cache.remember("a.bin", file, sha_a);
+  EXPECT_EQ(cache.cached_sha("a.bin", file, sha_a), sha_a);
+  EXPECT_FALSE(cache.cached_sha("a.bin", file, sha256("other")));
+
+  // Survives a round trip through the cache file.
+  cache.persist();
+  HashCache reloaded(cache.path());
+  reloaded.load();
+  EXPECT_EQ(reloaded.cached_sha("a.bin", file, sha_a), sha_a);
+
+  // A rewrite of the same size with new times is a miss.
+  wait_for_next_tick(coarse_now());
+  write_in_place(file, "bbbb");
+  EXPECT_FALSE(reloaded.cached_sha("a.bin", file, sha_a));
+}
+
+TEST(HashCache, AnEntryWhoseTimesAreNotOlderThanTheDigestIsHashedAgain) {
+  // A file rewritten in place within the timestamp tick of its hashing keeps
+  // size, times and inode; only its times being "not older than the digest"
+  // tells. Times in the future stand in for that tick here (on file systems
+  // with fine-grained timestamps the same-tick rewrite cannot be provoked).
+  TempDir dir;
+  std::string file = path_join(dir.path(), "a.bin");
+  atomic_write(file, "aaaa");
+  struct timespec times[2];
+  times[0].tv_sec = times[1].tv_sec = ::time(nullptr) + 60;
+  times[0].tv_nsec = times[1].tv_nsec = 0;
+  ASSERT_EQ(::utimensat(AT_FDCWD, file.c_str(), times, 0), 0);
+  HashCache cache(path_join(dir.path(), ".sync_hash_cache.json"));
+  cache.remember("a.bin", file, sha256("aaaa"));
+  EXPECT_FALSE(cache.cached_sha("a.bin", file, sha256("aaaa")));
+  cache.persist();
+  HashCache reloaded(cache.path());
+  reloaded.load();
+  EXPECT_FALSE(reloaded.cached_sha("a.bin", file, sha256("aaaa")));
+}
+
+TEST(HashCache, InvalidCacheFilesAreACompleteMiss) {
+  TempDir dir;
+  std::string path = path_join(dir.path(), ".sync_hash_cache.json");
+  for (const char* content : {"{", "[]", R"({"version": 2, "files": {}})", R"({"version": 1, "files": []})"}) {
+    atomic_write(path, content);
+    HashCache cache(path);
+    cache.load();
+    EXPECT_TRUE(cache.entries().empty()) << content;
+  }
+  atomic_write(path, R"({"version": 1, "files": {"a": {"sha256": "x"}, "b": 3}})");
+  HashCache cache(path);
+  cache.load();
+  EXPECT_EQ(cache.entries().size(), 1u);
+}
+
+}  // namespace
+}  // namespace tidewright::sync
