@@ -11,11 +11,14 @@
 #include "tidewright/sync/reporting/errors.hpp"
 
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
 #include <chrono>
 #include <fcntl.h>
 #include <sys/file.h>
+#include <csignal>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <thread>
 #include <unistd.h>
 
@@ -29,7 +32,70 @@ bool same_file_at(int fd, const std::string& path) {
   return held.st_dev == named.st_dev && held.st_ino == named.st_ino;
 }
 
+// True when another process cannot take the lock we hold on `path`.
+bool flock_excludes_other_processes(const std::string& path) {
+  pid_t child = ::fork();
+  if (child < 0) return true;  // cannot check; trust the lock
+  if (child == 0) {
+    // Only async-signal-safe calls here.
+    int fd = ::open(path.c_str(), O_RDWR | O_CLOEXEC);
+    if (fd < 0) ::_exit(2);
+    int rc = ::flock(fd, LOCK_EX | LOCK_NB);
+    ::_exit(rc == 0 ? 1 : 0);
+  }
+  int status = 0;
+  while (::waitpid(child, &status, 0) < 0 && errno == EINTR) {
+  }
+  return !(WIFEXITED(status) && WEXITSTATUS(status) == 1);
+}
+
+std::string this_host() {
+  char name[256] = {0};
+  if (::gethostname(name, sizeof name - 1) != 0) return "unknown";
+  return name;
+}
+
+// An owner file left by a process of this host that no longer runs.
+bool owner_is_stale(const std::string& owner_path) {
+  std::string text;
+  try {
+    text = read_file(owner_path);
+  } catch (const std::exception&) {
+    return false;  // vanished or unreadable: look again
+  }
+  std::size_t space = text.find(' ');
+  if (space == std::string::npos) return false;
+  std::string host = text.substr(space + 1);
+  while (!host.empty() && (host.back() == '\n' || host.back() == ' ')) host.pop_back();
+  if (host != this_host()) return false;  // another machine's process: cannot tell
+  long pid = std::strtol(text.substr(0, space).c_str(), nullptr, 10);
+  if (pid <= 0) return true;
+  return ::kill(static_cast<pid_t>(pid), 0) != 0 && errno == ESRCH;
+}
+
 }  // namespace
+
+void SyncManager::acquire_owner_file() {
+  const std::string owner_path = flock_path_ + ".owner";
+  const std::string content = std::to_string(::getpid()) + " " + this_host() + "\n";
+  while (true) {
+    UniqueFd fd(::open(owner_path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666));
+    if (fd.valid()) {
+      if (::write(fd.get(), content.data(), content.size()) < 0) {
+        log_debug("Failed to write lock owner file: %s", {json::value(std::strerror(errno))});
+      }
+      return;
+    }
+    if (errno != EEXIST) throw_os_error(errno, owner_path);
+    if (owner_is_stale(owner_path)) {
+      log_warning("Removing stale sync lock owner file %s", {json::value(owner_path)});
+      ::unlink(owner_path.c_str());
+      continue;
+    }
+    if (stop_requested()) throw SyncBackoffCancelled("stop requested while waiting for the sync lock");
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+  }
+}
 
 void SyncManager::acquire_flock() {
   flock_mu_.lock();
@@ -54,6 +120,17 @@ void SyncManager::acquire_flock() {
       if (same_file_at(fd.get(), flock_path_)) {
         flock_fd_ = fd.release();
         flock_depth_ = 1;
+        if (!flock_checked_) {
+          flock_checked_ = true;
+          if (!flock_excludes_other_processes(flock_path_)) {
+            flock_unreliable_ = true;
+            log_warning(
+                "File locks do not exclude other processes in %s; serialising syncs with an exclusive lock "
+                "file instead",
+                {json::value(data_dir_)});
+          }
+        }
+        if (flock_unreliable_) acquire_owner_file();
         return;
       }
       // The file we locked was removed (and maybe replaced) meanwhile.
@@ -71,6 +148,9 @@ void SyncManager::release_flock() {
     return;
   }
   if (flock_fd_ >= 0) {
+    if (flock_unreliable_ && ::unlink((flock_path_ + ".owner").c_str()) != 0 && errno != ENOENT) {
+      log_debug("Failed to remove lock owner file: %s", {json::value(std::strerror(errno))});
+    }
     // Remove the name while still holding the lock, so that nobody can lock
     // this inode after us believing it is the current lock file.
     if (::unlink(flock_path_.c_str()) != 0 && errno != ENOENT) {

@@ -198,6 +198,11 @@ class SyncManager : public std::enable_shared_from_this<SyncManager> {
   std::recursive_mutex flock_mu_;
   int flock_fd_ = -1;     // guarded by flock_mu_
   int flock_depth_ = 0;   // guarded by flock_mu_
+  bool flock_checked_ = false;     // guarded by flock_mu_
+  bool flock_unreliable_ = false;  // guarded by flock_mu_
+  // Exclusive-create fallback where flock() does not exclude.
+  // REQUIRES: flock_mu_ held.
+  void acquire_owner_file();
 
   std::atomic<bool> stop_requested_{false};
 
