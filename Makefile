@@ -57,9 +57,12 @@ fuzz: apt-deps venv
 	@set -e; for t in manifest paths artifacts; do \
 	  mkdir -p build/fuzz/corpus-$$t; \
 	  echo "== fuzz_$$t ($(FUZZ_SECONDS) s)"; \
-	  build/fuzz/fuzz_$$t -max_total_time=$(FUZZ_SECONDS) -print_final_stats=1 \
-	    build/fuzz/corpus-$$t native_sources/fuzz/corpus/$$t 2>&1 | grep -E "stat::number_of_executed_units|ERROR|SUMMARY|Done" ; \
-	done
+	  if ! build/fuzz/fuzz_$$t -max_total_time=$(FUZZ_SECONDS) -print_final_stats=1 -artifact_prefix=build/fuzz/ \
+	      build/fuzz/corpus-$$t native_sources/fuzz/corpus/$$t > build/fuzz/$$t.log 2>&1; then \
+	    tail -40 build/fuzz/$$t.log; echo "fuzz_$$t found a failure (input saved under build/fuzz/)"; exit 1; \
+	  fi; \
+	  grep -E "stat::number_of_executed_units|stat::peak_rss_mb" build/fuzz/$$t.log; \
+	 done
 
 clean:
 	rm -rf build $(VENV)
