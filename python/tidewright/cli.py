@@ -971,10 +971,19 @@ def cmd_demo(run: Run) -> dict:
             f" = {summary['mb_per_s']:.1f} MB/s")
         say(f"  verify           {'all files valid' if v['valid'] else 'problems found'}")
         say(f"  no-op resync     {human_seconds(resync_seconds)}")
-        say(f"try: {PROG} status --data-dir {args.data_dir}")
+        say(f"try: {_invoked_as()} status --data-dir {args.data_dir}")
         return summary
     finally:
         service.stop()
+
+
+def _invoked_as() -> str:
+    """The command as the user typed it (".venv/bin/tidewright-sync" from a checkout)."""
+    argv0 = sys.argv[0] if sys.argv else ""
+    if os.path.basename(argv0) == PROG and os.sep in argv0:
+        rel = os.path.relpath(argv0)
+        return rel if not rel.startswith("..") else argv0
+    return PROG
 
 
 def _load_dataservice():
