@@ -206,10 +206,11 @@ class Progress:
 
     _PLAIN_LINE_INTERVAL_SECONDS = 5.0
 
-    def __init__(self, stream: TextIO, *, show: bool, use_tqdm: bool = True, console: Console | None = None) -> None:
+    def __init__(self, stream: TextIO, *, show: bool, use_tqdm: bool = True,
+                 on_bytes: Callable[[], None] | None = None) -> None:
         self.stream = stream
         self.show = show
-        self.console = console
+        self.on_bytes = on_bytes
         self._lock = threading.Lock()
         self._bar = None
         self._plain_open = False
@@ -234,11 +235,17 @@ class Progress:
             logging.getLogger(__name__).debug("progress display failed", exc_info=True)
 
     def _update(self, r: dict) -> None:
-        starting = self.last is None or self.last.get("done") or r.get("phase") != self.last.get("phase")
+        if not r.get("phase"):
+            return  # bytes outside a download batch (single-file repairs): no totals to show
+        running = self.last is not None and not self.last.get("done")
+        starting = not running or r.get("phase") != self.last.get("phase")
+        previous = int((self.last or {}).get("bytes_done") or 0)
+        if self.on_bytes is not None and int(r.get("bytes_done") or 0) > previous:
+            self.on_bytes()
         self.last = r
-        if r.get("done"):
+        if r.get("done") and running:
             self.files_downloaded += int(r.get("files_done") or 0)
-        if not self.show:
+        if not self.show or (r.get("done") and not running):
             return
         if starting and not r.get("done"):
             self._open(r)
@@ -310,6 +317,7 @@ class OutageWatch(logging.Handler):
     """
 
     _OUTAGE_EVENTS = frozenset({"sync_unavailable_status", "http_retry", "sync_backoff_wait"})
+    _NOT_OUTAGES = frozenset({"sha256_mismatch"})  # backoff reasons that say nothing about reachability
 
     def __init__(self, give_up_seconds: float | None) -> None:
         super().__init__(logging.DEBUG)
@@ -323,7 +331,7 @@ class OutageWatch(logging.Handler):
         if not isinstance(event, dict):
             return
         kind = event.get("event_type")
-        if kind in self._OUTAGE_EVENTS:
+        if kind in self._OUTAGE_EVENTS and event.get("reason") not in self._NOT_OUTAGES:
             if self.outage_since is None:
                 self.outage_since = time.monotonic()
             if kind != "sync_backoff_wait":
@@ -332,6 +340,10 @@ class OutageWatch(logging.Handler):
                     if event.get(k) not in (None, "", [])})
         elif kind == "sync_recovered_status":
             self.outage_since = None
+
+    def data_flows(self) -> None:
+        """Bytes arrive again: downloads retried after a failure report no recovery event."""
+        self.outage_since = None
 
     def should_give_up(self) -> bool:
         if self.give_up_seconds is None or self.outage_since is None:
@@ -465,7 +477,7 @@ class Run:
             raise CliError(EXIT_USAGE, f"invalid settings: {exc}", "check --server, --market and the transport options"
                            ) from None
         show = not args.quiet and not args.no_progress and (args.progress or _isatty(self.console.err))
-        self.progress = Progress(self.console.err, show=show, console=self.console)
+        self.progress = Progress(self.console.err, show=show, on_bytes=self.outage.data_flows)
         manager.set_progress_callback(self.progress)
         return manager
 
@@ -1101,11 +1113,11 @@ def main(argv: list[str] | None = None, *, stdout: TextIO | None = None, stderr:
             run.progress.close()
         code = stop.code
         payload.update(getattr(stop, "summary", {}))
-        payload.update(ok=code == EXIT_OK, exit_code=code,
-                       error={"kind": _KIND_BY_CODE[code], "message": "interrupted"})
+        word = "terminated" if code == EXIT_TERMINATED else "interrupted"
+        payload.update(ok=False, exit_code=code, error={"kind": _KIND_BY_CODE[code], "message": word})
         released = payload.get("released")
-        console.error(f"{PROG}: interrupted" + ("; data directory released" if released else
-                                                "; partial downloads are kept and resume on the next sync"))
+        console.error(f"{PROG}: {word}" + ("; data directory released" if released else
+                                           "; partial downloads are kept and resume on the next sync"))
     except CliError as err:
         if run.progress is not None:
             run.progress.close()
