@@ -181,6 +181,23 @@ def test_disk_space_shortage_stops_before_anything_is_written(dataservice_factor
     assert not (data_dir / "manifest.json").exists()
 
 
+def test_an_unavailable_service_ends_with_exit_4(dataservice_factory, data_dir, monkeypatch):
+    monkeypatch.setenv(cli.TOKEN_ENV, SECRET)
+    svc = dataservice_factory(token=SECRET)
+    # The service says not to retry: the engine gives up at once.
+    svc.add_fault("/data/manifest/version", "status", status=503, retryable=False, reason="maintenance")
+    code, out, err = run_json("sync", "--server", svc.url, "--data-dir", data_dir)
+    assert code == cli.EXIT_UNAVAILABLE and out["error"]["statuses"] == [503]
+    assert "unavailable" in err and "reason=maintenance" in err
+
+    # Transient answers are retried until the give-up time.
+    svc.clear_faults()
+    svc.add_fault("/data/manifest/version", "status", status=503, count=None)
+    code, out, err = run_json("sync", "--server", svc.url, "--data-dir", data_dir, "--give-up-after", "0")
+    assert code == cli.EXIT_UNAVAILABLE and "kept answering HTTP 503" in err
+    assert os.listdir(data_dir) == []
+
+
 def test_unreachable_service_gives_up_with_exit_4(data_dir):
     url = f"http://127.0.0.1:{closed_port()}"
     proc = cli_process("sync", "--server", url, "--data-dir", data_dir, "--give-up-after", "0", "--json",
@@ -193,7 +210,33 @@ def test_unreachable_service_gives_up_with_exit_4(data_dir):
     assert os.listdir(data_dir) == []
 
 
-def test_ctrl_c_ends_a_stalled_sync_with_130_and_the_next_sync_resumes(dataservice_factory, data_dir):
+def test_a_new_era_on_the_service_is_refused_with_exit_7(service, data_dir, monkeypatch):
+    monkeypatch.setenv(cli.TOKEN_ENV, SECRET)
+    assert run_cli("sync", "--server", service.url, "--data-dir", data_dir)[0] == 0
+    before = (data_dir / "manifest.json").read_bytes()
+    service.publish_era()
+    code, out, err = run_json("sync", "--server", service.url, "--data-dir", data_dir)
+    assert code == cli.EXIT_ERA and out["error"]["kind"] == "era_manifest"
+    assert "another era" in err and "watch" in err
+    assert (data_dir / "manifest.json").read_bytes() == before
+    assert run_json("verify", "--data-dir", data_dir)[0] == 0
+
+
+def test_downloads_that_keep_failing_verification_end_with_exit_5(dataservice_factory, data_dir, monkeypatch):
+    monkeypatch.setenv(cli.TOKEN_ENV, SECRET)
+    svc = dataservice_factory(token=SECRET, features=1, found_signals=0, found_strategies=0, useful_signals=0)
+    feature = next(p for p, e in svc.manifest()["files"].items() if e["kind"] == "feature")
+    svc.add_fault("/data/files/" + feature, "corrupt", count=None)
+    code, out, err = run_json("sync", "--server", svc.url, "--data-dir", data_dir, "--give-up-after", "0")
+    assert code == cli.EXIT_INTEGRITY and out["error"]["kind"] == "integrity"
+    assert "verification" in err
+    assert not (data_dir / feature).exists() and not (data_dir / "manifest.json").exists()
+
+
+@pytest.mark.parametrize("signum, expected, word", [(signal.SIGINT, cli.EXIT_INTERRUPTED, "interrupted"),
+                                                     (signal.SIGTERM, cli.EXIT_TERMINATED, "terminated")])
+def test_a_stopped_sync_exits_promptly_and_the_next_one_resumes(dataservice_factory, data_dir, signum, expected,
+                                                                 word):
     svc = dataservice_factory(token=SECRET, features=4, feature_bytes=256 * 1024)
     svc.add_fault("/data/files/features/*", "stall", count=None, after_bytes=100 * 1024)
     proc = cli_process("sync", "--server", svc.url, "--data-dir", data_dir, "--token", SECRET,
@@ -205,10 +248,10 @@ def test_ctrl_c_ends_a_stalled_sync_with_130_and_the_next_sync_resumes(dataservi
     assert code == 0 and status["sync_running"] is True
     assert status["sync"]["files_total"] >= 4 and status["sync"]["files_done"] < status["sync"]["files_total"]
 
-    proc.send_signal(signal.SIGINT)
+    proc.send_signal(signum)
     out, err = proc.communicate(timeout=60)
-    assert proc.returncode == cli.EXIT_INTERRUPTED, err
-    assert "interrupted" in err and "Traceback" not in err and SECRET not in out + err
+    assert proc.returncode == expected, err
+    assert word in err and "Traceback" not in err and SECRET not in out + err
     assert not (data_dir / "manifest.json").exists()
     assert run_json("status", "--data-dir", data_dir)[1]["sync_running"] is False
 
