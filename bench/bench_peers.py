@@ -240,15 +240,16 @@ def start_nginx(nginx: str, era: dict, prefix: str) -> tuple[subprocess.Popen, s
 # -- measuring ---------------------------------------------------------------------------
 
 class Measured:
-    def __init__(self, seconds: float, rss_kib: int, out: str, err: str) -> None:
+    def __init__(self, seconds: float, cpu_seconds: float, rss_kib: int, out: str, err: str) -> None:
         self.seconds = seconds
+        self.cpu_seconds = cpu_seconds
         self.rss_kib = rss_kib
         self.out = out
         self.err = err
 
 
 def measure(cmd: list[str], *, env: dict | None = None) -> Measured:
-    """Wall time and peak RSS of one process.
+    """Wall time, CPU time (user + system, its threads and children) and peak RSS of one process.
 
     The peak is the child's own VmHWM, sampled from /proc until it exits:
     the rusage figure of wait4 also counts the forking parent's pages
@@ -268,15 +269,16 @@ def measure(cmd: list[str], *, env: dict | None = None) -> Measured:
                             break
             except OSError:
                 pass
-            # WNOWAIT: only look; proc.wait() below reaps it.
+            # WNOWAIT: only look; wait4 below reaps it.
             if os.waitid(os.P_PID, proc.pid, os.WEXITED | os.WNOHANG | os.WNOWAIT) is not None:
                 break
             time.sleep(0.01)
-        proc.wait()
+        _, status, usage = os.wait4(proc.pid, 0)
         seconds = time.perf_counter() - started
+        proc.returncode = os.waitstatus_to_exitcode(status)
         out.seek(0)
         err.seek(0)
-        result = Measured(seconds, peak, out.read(), err.read())
+        result = Measured(seconds, usage.ru_utime + usage.ru_stime, peak, out.read(), err.read())
     if proc.returncode != 0:
         raise RuntimeError(f"{cmd[0]} failed ({proc.returncode}): {result.err.strip()[-2000:]}")
     return result
@@ -378,9 +380,9 @@ def main() -> int:
             runs.append(m)
         tw = best(runs)
         check_tree(dest, manifest)
-        results["tidewright"] = {"seconds": tw.seconds, "rss_kib": tw.rss_kib}
+        results["tidewright"] = {"seconds": tw.seconds, "cpu_seconds": tw.cpu_seconds, "rss_kib": tw.rss_kib}
         noop = best([measure(tw_cmd) for _ in range(max(args.repeat, 3))])
-        results["noop"] = {"seconds": noop.seconds, "rss_kib": noop.rss_kib}
+        results["noop"] = {"seconds": noop.seconds, "cpu_seconds": noop.cpu_seconds, "rss_kib": noop.rss_kib}
         say(f"  tidewright.sync cold sync: {tw.seconds:.2f} s")
 
         # aria2c
@@ -397,7 +399,7 @@ def main() -> int:
                                      "--allow-overwrite=true", "--auto-file-renaming=false"]))
             check_tree(dest, manifest)
             m = best(runs)
-            results["aria2c"] = {"seconds": m.seconds, "rss_kib": m.rss_kib}
+            results["aria2c"] = {"seconds": m.seconds, "cpu_seconds": m.cpu_seconds, "rss_kib": m.rss_kib}
             say(f"  aria2c -j8: {m.seconds:.2f} s")
 
         # hf_transfer
@@ -415,7 +417,7 @@ def main() -> int:
                 runs.append(measure([sys.executable, driver, spec, dest]))
             check_tree(dest, manifest)
             m = best(runs)
-            results["hf_transfer"] = {"seconds": m.seconds, "rss_kib": m.rss_kib}
+            results["hf_transfer"] = {"seconds": m.seconds, "cpu_seconds": m.cpu_seconds, "rss_kib": m.rss_kib}
             say(f"  hf_transfer + hashlib: {m.seconds:.2f} s")
     finally:
         server.terminate()
@@ -438,7 +440,7 @@ def report(results: dict, total: int, nfiles: int, era: dict, sha_mb_s: float, c
     say("")
     say(f"cold sync of {total / GiB:.2f} GiB in {nfiles} files (1 x {era['large'] / MiB:.0f} MiB, "
         f"64 x {era['feature_bytes'] / MiB:.1f} MiB, small files), nginx on 127.0.0.1, {os.cpu_count()} cores")
-    say(f"{'':34}{'seconds':>9}{'MB/s':>9}{'peak RSS':>11}{'ratio':>8}  target")
+    say(f"{'':34}{'seconds':>9}{'MB/s':>9}{'CPU s':>8}{'peak RSS':>11}{'ratio':>8}  target")
     rows = [("tidewright.sync cold sync", "tidewright", None),
             ("aria2c -j8 + sha-256 per file", "aria2c", TARGETS["aria2c"]),
             ("hf_transfer + hashlib verify", "hf_transfer", TARGETS["hf_transfer"])]
@@ -448,13 +450,17 @@ def report(results: dict, total: int, nfiles: int, era: dict, sha_mb_s: float, c
         r = results[key]
         ratio = r["seconds"] / tw
         verdict = "" if target is None else f">= {target:.1f}  {'met' if ratio >= target else 'MISSED'}"
-        say(f"{label:34}{r['seconds']:9.2f}{total / r['seconds'] / 1e6:9.0f}{r['rss_kib'] / 1024:8.0f} MiB"
-            f"{ratio:8.2f}  {verdict}")
+        say(f"{label:34}{r['seconds']:9.2f}{total / r['seconds'] / 1e6:9.0f}{r['cpu_seconds']:8.2f}"
+            f"{r['rss_kib'] / 1024:7.0f} MiB{ratio:8.2f}  {verdict}")
     r = results["noop"]
-    say(f"{'no-op resync (tidewright-sync)':34}{r['seconds']:9.3f}{'':9}{r['rss_kib'] / 1024:8.0f} MiB")
+    say(f"{'no-op resync (tidewright-sync)':34}{r['seconds']:9.3f}{'':9}{r['cpu_seconds']:8.2f}"
+        f"{r['rss_kib'] / 1024:7.0f} MiB")
     say(f"limits: SHA-256 on one core (hashlib) {sha_mb_s:.0f} MB/s; curl -o /dev/null over loopback "
         f"{curl_mb_s:.0f} MB/s")
-    say("ratio = peer seconds / tidewright seconds (higher: tidewright faster)")
+    say("ratio = peer seconds / tidewright seconds (higher: tidewright faster); CPU s = user + system time")
+    load = os.getloadavg()[0]
+    if load > (os.cpu_count() or 1):
+        say(f"note: load average {load:.1f} on {os.cpu_count()} cores during the run: other work shared the CPUs")
     for note in notes:
         say(f"note: {note}")
 
