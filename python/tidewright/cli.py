@@ -185,6 +185,23 @@ class Console:
         self.print(json.dumps(obj, sort_keys=True, default=str))
 
 
+class _LogStream:
+    """stderr for log records: through the progress display while one is shown."""
+
+    def __init__(self, run: "Run") -> None:
+        self._run = run
+
+    def write(self, text: str) -> None:
+        progress = self._run.progress
+        if progress is not None and progress.show:
+            progress.write_above(text)
+        else:
+            self._run.console.err.write(text)
+
+    def flush(self) -> None:
+        self._run.console.err.flush()
+
+
 class _RedactingFormatter(logging.Formatter):
     def __init__(self, console: Console) -> None:
         super().__init__("%(levelname)s %(name)s: %(message)s")
@@ -295,6 +312,19 @@ class Progress:
             self.stream.write(line + "\n")
             self.stream.flush()
 
+    def write_above(self, text: str) -> None:
+        """A log line, printed above the bar (or the plain line) instead of through it."""
+        with self._lock:
+            if self._bar is not None:
+                self._bar.clear()
+                self.stream.write(text)
+                self._bar.refresh()
+            elif self._plain_open:
+                self.stream.write("\r" + " " * 79 + "\r" + text)
+            else:
+                self.stream.write(text)
+            self.stream.flush()
+
     def close(self) -> None:
         with self._lock:
             if self._bar is not None:
@@ -378,7 +408,7 @@ class Run:
         # the outage watch needs the info-level ones.
         logger.setLevel(min(out_level, logging.INFO))
         logger.propagate = False
-        handler = logging.StreamHandler(self.console.err)
+        handler = logging.StreamHandler(_LogStream(self))
         handler.setLevel(out_level if verbosity >= -1 else logging.CRITICAL)
         handler.setFormatter(_RedactingFormatter(self.console))
         logger.addHandler(handler)
