@@ -117,13 +117,13 @@ HF_DRIVER = textwrap.dedent("""\
     import concurrent.futures, hashlib, json, os, sys
     import hf_transfer
 
-    spec = json.load(open(sys.argv[1]))
+    job = json.load(open(sys.argv[1]))
     dest = sys.argv[2]
 
     def fetch(item):
         path = os.path.join(dest, *item["path"].split("/"))
         os.makedirs(os.path.dirname(path), exist_ok=True)
-        hf_transfer.download(url=spec["base"] + item["path"], filename=path, max_files=8,
+        hf_transfer.download(url=job["base"] + item["path"], filename=path, max_files=8,
                              chunk_size=10 * 1024 * 1024)
         digest = hashlib.sha256()
         with open(path, "rb") as handle:
@@ -133,7 +133,7 @@ HF_DRIVER = textwrap.dedent("""\
             raise SystemExit("sha-256 mismatch: " + item["path"])
 
     with concurrent.futures.ThreadPoolExecutor(8) as pool:
-        list(pool.map(fetch, spec["files"]))
+        list(pool.map(fetch, job["files"]))
     """)
 
 
@@ -404,8 +404,8 @@ def main() -> int:
 
         # hf_transfer
         if have_hf:
-            spec = os.path.join(prefix, "hf.json")
-            with open(spec, "w") as handle:
+            job = os.path.join(prefix, "hf.json")
+            with open(job, "w") as handle:
                 json.dump({"base": url + "/public/files/",
                            "files": [{"path": p, "sha256": e["sha256"]} for p, e in files.items()]}, handle)
             driver = os.path.join(prefix, "hf_driver.py")
@@ -414,7 +414,7 @@ def main() -> int:
             runs = []
             for _ in range(args.repeat):
                 fresh_dir(dest)
-                runs.append(measure([sys.executable, driver, spec, dest]))
+                runs.append(measure([sys.executable, driver, job, dest]))
             check_tree(dest, manifest)
             m = best(runs)
             results["hf_transfer"] = {"seconds": m.seconds, "cpu_seconds": m.cpu_seconds, "rss_kib": m.rss_kib}
