@@ -1,6 +1,9 @@
 # Set-up from nothing: `make install` installs the missing Debian packages,
 # creates .venv and installs the package with its test extras there;
-# `make test` does the same and runs the C++ and Python test suites.
+# `make test` does the same and runs the C++ and Python test suites;
+# `make demo` does the set-up and syncs a generated era from a local
+# reference service into build/demo/data; `make bench` compares a cold sync
+# with peer downloaders (BENCH_ARGS="--size-gib 0.5" for a smaller era).
 
 PYTHON ?= python3
 VENV := .venv
@@ -12,7 +15,9 @@ APT_PACKAGES := g++ make curl ca-certificates libboost-json1.81-dev libcurl4-ope
 BUILD_DEPS := scikit-build-core nanobind==2.10.2 cmake ninja
 SUDO := $(shell [ "$$(id -u)" = 0 ] || echo sudo)
 
-.PHONY: install apt-deps venv package test cpp-test py-test fuzz clean
+BENCH_ARGS ?=
+
+.PHONY: install apt-deps venv package test cpp-test py-test demo bench fuzz clean
 
 install: apt-deps venv package
 
@@ -44,6 +49,13 @@ py-test: install
 	$(VPY) -m pytest -q tests
 
 test: install cpp-test py-test
+
+demo: install
+	rm -rf build/demo && mkdir -p build/demo/data
+	$(VENV)/bin/tidewright-sync demo --data-dir build/demo/data
+
+bench: install
+	$(VPY) bench/bench_peers.py $(BENCH_ARGS)
 
 # libFuzzer targets (clang, ASan + UBSan) over the corpus kept in the repo;
 # FUZZ_SECONDS per target. New inputs found are kept under build/fuzz.

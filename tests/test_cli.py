@@ -1,0 +1,325 @@
+"""The tidewright-sync command line against the reference data service.
+
+Most cases call ``main(argv)`` in-process; Ctrl-C and the unreachable
+service run the CLI as a subprocess, as a user would.
+"""
+
+import io
+import json
+import os
+import signal
+import socket
+import subprocess
+import sys
+import threading
+import time
+import _thread
+
+import pytest
+
+import tidewright.sync as sync
+from tidewright import cli
+
+SECRET = "tok-Zq9XvB2mLw"  # distinctive, so that a leak anywhere is found
+
+
+@pytest.fixture
+def service(dataservice_factory):
+    return dataservice_factory(token=SECRET, features=6, feature_bytes=4096)
+
+
+@pytest.fixture
+def data_dir(tmp_path):
+    path = tmp_path / "data"
+    path.mkdir()
+    return path
+
+
+@pytest.fixture(autouse=True)
+def no_token_in_environment(monkeypatch):
+    monkeypatch.delenv(cli.TOKEN_ENV, raising=False)
+
+
+def run_cli(*argv, stderr=None):
+    """``main(argv)`` in-process; returns (exit code, stdout text, stderr text)."""
+    out, err = io.StringIO(), stderr if stderr is not None else io.StringIO()
+    code = cli.main([str(a) for a in argv], stdout=out, stderr=err)
+    return code, out.getvalue(), err.getvalue()
+
+
+def run_json(*argv):
+    code, out, err = run_cli(*argv, "--json")
+    assert SECRET not in out + err
+    lines = out.strip().splitlines()
+    assert len(lines) == 1, out
+    return code, json.loads(lines[0]), err
+
+
+def closed_port():
+    with socket.socket() as s:
+        s.bind(("127.0.0.1", 0))
+        return s.getsockname()[1]
+
+
+def cli_process(*argv, **kwargs):
+    return subprocess.Popen([sys.executable, "-m", "tidewright.cli", *map(str, argv)], stdout=subprocess.PIPE,
+                            stderr=subprocess.PIPE, text=True, **kwargs)
+
+
+def wait_until(predicate, what, limit=60.0):
+    deadline = time.monotonic() + limit
+    while not predicate():
+        if time.monotonic() > deadline:
+            raise AssertionError(f"gave up waiting for {what}")
+        time.sleep(0.05)
+
+
+def flip_first_byte(path):
+    data = bytearray(path.read_bytes())
+    data[0] ^= 0xFF
+    path.write_bytes(bytes(data))
+
+
+def test_sync_verify_status_repair_round_trip(service, data_dir, tmp_path):
+    token_file = tmp_path / "token"
+    token_file.write_text(SECRET + "\n")
+    common = ("--server", service.url, "--data-dir", data_dir, "--token-file", token_file, "-vv")
+    manifest = service.manifest()
+
+    code, out, err = run_json("sync", *common, "--verify")
+    assert code == 0, err
+    assert out["ok"] and out["command"] == "sync"
+    assert (out["era_number"], out["version"]) == (1, 1)
+    assert out["files"] == len(manifest["files"])
+    assert out["bytes"] == sum(e["size_bytes"] for e in manifest["files"].values())
+    assert out["bytes_downloaded"] > 0 and out["files_downloaded"] > 0
+    assert out["verify"] == {"valid": True, "corrupted_files": [], "missing_files": []}
+
+    code, out, _ = run_json("status", "--data-dir", data_dir)
+    assert code == 0
+    assert (out["era_number"], out["version"], out["files"]) == (1, 1, len(manifest["files"]))
+    assert out["sync"] is None and out["sync_running"] is False and out["consumer_count"] == 0
+
+    features = sorted(p for p, e in manifest["files"].items() if e["kind"] == "feature")
+    flip_first_byte(data_dir / features[0])
+    (data_dir / features[1]).unlink()
+    code, out, err = run_json("verify", "--data-dir", data_dir)
+    assert code == cli.EXIT_INTEGRITY
+    assert out["error"]["corrupted_files"] == [features[0]] and out["error"]["missing_files"] == [features[1]]
+    assert "repair" in err and len(err.strip().splitlines()) == 1
+
+    code, out, err = run_json("repair", *common)
+    assert code == 0, err
+    assert sorted(out["repaired"]) == features[:2] and out["valid"]
+    assert (data_dir / features[1]).read_bytes() == service.file_bytes(None, features[1])
+
+    code, out, _ = run_json("sync", *common)
+    assert code == 0 and out["bytes_downloaded"] == 0
+
+    code, out, _ = run_json("repair", *common, "no/such/file.arrow")
+    assert code == cli.EXIT_USAGE
+
+
+def test_human_output_shows_summary_and_progress_moves_within_one_file(dataservice_factory, data_dir, monkeypatch):
+    # One 1 MiB file served at 2 MiB/s: the download lasts at least half a
+    # second, so the 0.2 s progress reports must show it part-way.
+    svc = dataservice_factory(token=SECRET, features=0, found_signals=0, found_strategies=0, useful_signals=0,
+                              large_file_bytes=1 << 20)
+    svc.add_fault("/data/files/*large*", "slow", count=None, bytes_per_second=2 << 20)
+    monkeypatch.setitem(sys.modules, "tqdm", None)  # the plain progress line, without tqdm
+
+    class Terminal(io.StringIO):
+        def isatty(self):
+            return True
+
+    monkeypatch.setenv(cli.TOKEN_ENV, SECRET)
+    code, out, err = run_cli("sync", "--server", svc.url, "--data-dir", data_dir, stderr=Terminal())
+    assert code == 0, err
+    assert "downloaded" in out and "MB/s" in out
+    lines = [line.strip() for line in err.split("\r") if line.strip().startswith("download")]
+    percents = [float(line.split()[1].rstrip("%")) for line in lines]
+    assert any(0 < p < 100 for p in percents), lines
+    assert percents[-1] == 100.0 and lines[-1].endswith("files 2/2")
+    assert SECRET not in out + err
+
+
+def test_refusals_get_their_exit_code_and_one_line(service, data_dir, tmp_path, monkeypatch):
+    url = service.url
+    code, out, err = run_json("sync", "--server", url, "--data-dir", data_dir, "--token", "wrong-token")
+    assert code == cli.EXIT_AUTH and out["error"]["kind"] == "auth"
+    assert "refused the token" in err and len(err.strip().splitlines()) == 1
+    assert "wrong-token" not in err
+    assert not (data_dir / "manifest.json").exists()
+
+    code, _, err = run_cli("sync", "--server", url, "--data-dir", data_dir)
+    assert code == cli.EXIT_AUTH and "no token" in err
+
+    monkeypatch.setenv(cli.TOKEN_ENV, SECRET)
+    missing = tmp_path / "missing"
+    code, _, err = run_cli("sync", "--server", url, "--data-dir", missing)
+    assert code == cli.EXIT_USAGE and "does not exist" in err and not missing.exists()
+    a_file = tmp_path / "file"
+    a_file.write_text("")
+    assert run_cli("sync", "--server", url, "--data-dir", a_file)[0] == cli.EXIT_USAGE
+    assert run_cli("sync", "--server", url, "--data-dir", data_dir, "--token", "x", "--token-file", a_file)[0] == \
+        cli.EXIT_USAGE
+    assert run_cli("sync", "--server", "http://example.com", "--data-dir", data_dir)[0] == cli.EXIT_USAGE
+    assert run_cli("sync", "--data-dir", data_dir, "--concurrency", "0")[0] == cli.EXIT_USAGE
+
+    code, _, err = run_cli("verify", "--data-dir", data_dir)
+    assert code == cli.EXIT_ERA and "sync" in err
+
+
+def test_disk_space_shortage_stops_before_anything_is_written(dataservice_factory, data_dir, monkeypatch):
+    svc = dataservice_factory(token=SECRET, features=2)
+    feature = next(p for p, e in svc.manifest()["files"].items() if e["kind"] == "feature")
+    svc.set_version(entry_overrides={feature: {"size_bytes": 1 << 60}})
+    monkeypatch.setenv(cli.TOKEN_ENV, SECRET)
+    code, out, err = run_json("sync", "--server", svc.url, "--data-dir", data_dir)
+    assert code == cli.EXIT_DISK_SPACE and out["error"]["kind"] == "disk_space"
+    assert "disk space" in err
+    assert not (data_dir / "manifest.json").exists()
+
+
+def test_an_unavailable_service_ends_with_exit_4(dataservice_factory, data_dir, monkeypatch):
+    monkeypatch.setenv(cli.TOKEN_ENV, SECRET)
+    svc = dataservice_factory(token=SECRET)
+    # The service says not to retry: the engine gives up at once.
+    svc.add_fault("/data/manifest/version", "status", status=503, retryable=False, reason="maintenance")
+    code, out, err = run_json("sync", "--server", svc.url, "--data-dir", data_dir)
+    assert code == cli.EXIT_UNAVAILABLE and out["error"]["statuses"] == [503]
+    assert "unavailable" in err and "reason=maintenance" in err
+
+    # Transient answers are retried until the give-up time.
+    svc.clear_faults()
+    svc.add_fault("/data/manifest/version", "status", status=503, count=None)
+    code, out, err = run_json("sync", "--server", svc.url, "--data-dir", data_dir, "--give-up-after", "0")
+    assert code == cli.EXIT_UNAVAILABLE and "kept answering HTTP 503" in err
+    assert os.listdir(data_dir) == []
+
+
+def test_unreachable_service_gives_up_with_exit_4(data_dir):
+    url = f"http://127.0.0.1:{closed_port()}"
+    proc = cli_process("sync", "--server", url, "--data-dir", data_dir, "--give-up-after", "0", "--json",
+                       env={**os.environ, cli.TOKEN_ENV: SECRET})
+    out, err = proc.communicate(timeout=120)
+    assert proc.returncode == cli.EXIT_UNAVAILABLE, err
+    assert json.loads(out)["error"]["kind"] == "unavailable"
+    assert "cannot reach the data service" in err and "--server" in err
+    assert SECRET not in out + err
+    assert os.listdir(data_dir) == []
+
+
+def test_a_new_era_on_the_service_is_refused_with_exit_7(service, data_dir, monkeypatch):
+    monkeypatch.setenv(cli.TOKEN_ENV, SECRET)
+    assert run_cli("sync", "--server", service.url, "--data-dir", data_dir)[0] == 0
+    before = (data_dir / "manifest.json").read_bytes()
+    service.publish_era()
+    code, out, err = run_json("sync", "--server", service.url, "--data-dir", data_dir)
+    assert code == cli.EXIT_ERA and out["error"]["kind"] == "era_manifest"
+    assert "another era" in err and "watch" in err
+    assert (data_dir / "manifest.json").read_bytes() == before
+    assert run_json("verify", "--data-dir", data_dir)[0] == 0
+
+
+def test_downloads_that_keep_failing_verification_end_with_exit_5(dataservice_factory, data_dir, monkeypatch):
+    monkeypatch.setenv(cli.TOKEN_ENV, SECRET)
+    svc = dataservice_factory(token=SECRET, features=1, found_signals=0, found_strategies=0, useful_signals=0)
+    feature = next(p for p, e in svc.manifest()["files"].items() if e["kind"] == "feature")
+    svc.add_fault("/data/files/" + feature, "corrupt", count=None)
+    code, out, err = run_json("sync", "--server", svc.url, "--data-dir", data_dir, "--give-up-after", "0")
+    assert code == cli.EXIT_INTEGRITY and out["error"]["kind"] == "integrity"
+    assert "verification" in err
+    assert not (data_dir / feature).exists() and not (data_dir / "manifest.json").exists()
+
+
+@pytest.mark.parametrize("signum, expected, word", [(signal.SIGINT, cli.EXIT_INTERRUPTED, "interrupted"),
+                                                     (signal.SIGTERM, cli.EXIT_TERMINATED, "terminated")])
+def test_a_stopped_sync_exits_promptly_and_the_next_one_resumes(dataservice_factory, data_dir, signum, expected,
+                                                                 word):
+    svc = dataservice_factory(token=SECRET, features=4, feature_bytes=256 * 1024)
+    svc.add_fault("/data/files/features/*", "stall", count=None, after_bytes=100 * 1024)
+    proc = cli_process("sync", "--server", svc.url, "--data-dir", data_dir, "--token", SECRET,
+                       env={**os.environ, "PYTHONUNBUFFERED": "1"})
+    wait_until(lambda: svc.requests_for("/data/files/features/*") or proc.poll() is not None, "a stalled download")
+    assert proc.poll() is None
+
+    code, status, _ = run_json("status", "--data-dir", data_dir)
+    assert code == 0 and status["sync_running"] is True
+    assert status["sync"]["files_total"] >= 4 and status["sync"]["files_done"] < status["sync"]["files_total"]
+
+    proc.send_signal(signum)
+    out, err = proc.communicate(timeout=60)
+    assert proc.returncode == expected, err
+    assert word in err and "Traceback" not in err and SECRET not in out + err
+    assert not (data_dir / "manifest.json").exists()
+    assert run_json("status", "--data-dir", data_dir)[1]["sync_running"] is False
+
+    svc.clear_faults()
+    code, out, err = run_json("sync", "--server", svc.url, "--data-dir", data_dir, "--token", SECRET, "--verify")
+    assert code == 0 and out["verify"]["valid"], err
+    assert run_json("status", "--data-dir", data_dir)[1]["sync"] is None
+
+
+class WatchedManager:
+    """A real manager with acquire()/release() standing in for the engine's own."""
+
+    def __init__(self, manager):
+        self._manager = manager
+        self.calls = []
+
+    def __getattr__(self, name):
+        return getattr(self._manager, name)
+
+    def acquire(self):
+        self.calls.append("acquire")
+
+    def release(self):
+        self.calls.append("release")
+
+
+def test_watch_reports_new_versions_and_releases_on_ctrl_c(service, data_dir, monkeypatch):
+    monkeypatch.setenv(cli.TOKEN_ENV, SECRET)
+    made = []
+    real_manager = cli.Run.manager
+
+    def manager(self, **kwargs):
+        made.append(WatchedManager(real_manager(self, **kwargs)))
+        return made[-1]
+
+    monkeypatch.setattr(cli.Run, "manager", manager)
+    out = io.StringIO()
+
+    def engine_and_user():
+        # The engine's poll thread picks up a new version; then the user presses Ctrl-C.
+        wait_until(lambda: made and made[0].calls == ["acquire"], "acquire")
+        service.set_version(touch=[next(iter(service.manifest()["files"]))])
+        made[0].sync()
+        wait_until(lambda: "version 2" in out.getvalue(), "the new version to be reported")
+        _thread.interrupt_main()
+
+    helper = threading.Thread(target=engine_and_user, daemon=True)
+    helper.start()
+    code = cli.main(["watch", "--server", service.url, "--data-dir", str(data_dir)], stdout=out,
+                    stderr=io.StringIO())
+    helper.join()
+    assert code == cli.EXIT_INTERRUPTED
+    assert made[0].calls == ["acquire", "release"]
+    assert "watching" in out.getvalue() and "now at era 1 version 2" in out.getvalue()
+
+
+@pytest.mark.skipif(hasattr(sync.SyncManager, "acquire"), reason="this build has acquire()/release()")
+def test_watch_explains_a_build_without_acquire(service, data_dir, monkeypatch):
+    monkeypatch.setenv(cli.TOKEN_ENV, SECRET)
+    code, _, err = run_cli("watch", "--server", service.url, "--data-dir", data_dir)
+    assert code == cli.EXIT_OTHER and "acquire()" in err
+
+
+def test_demo_syncs_verifies_and_summarises(tmp_path):
+    target = tmp_path / "demo"
+    code, out, err = run_json("demo", "--data-dir", target, "--features", "3", "--feature-bytes", "8K",
+                              "--large-file-bytes", "64K")
+    assert code == 0, err
+    assert out["verify"]["valid"] and out["bytes_downloaded"] > 64 * 1024
+    assert out["resync"]["bytes_downloaded"] == 0
+    assert (target / "manifest.json").exists()
