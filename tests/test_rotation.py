@@ -453,7 +453,7 @@ def descriptors(sizes):
     return [rotation.artifact_descriptor_from_manifest_file(p, {**info, "relative_path": p}) for p, info in rows]
 
 
-def test_planner_keeps_mandatory_and_prefetched_files_first():
+def test_planner_keeps_mandatory_and_prefetched_files_first(tmp_path):
     artifacts = descriptors([5] * 6)
     settings = rotation.ArtifactRotationSettings(rotation_seed=1, feature_budget_bytes=22, source="s.json")
     keep = ("features/u/signal_is/f0.arrow", "features/u/signal_is/f1.arrow", "features/u/signal_is/f2.arrow")
@@ -466,5 +466,9 @@ def test_planner_keeps_mandatory_and_prefetched_files_first():
     carried = rotation.plan_rotation(artifacts, settings, previous_state=selection.state, now=200.0, era_number=1,
                                      keep_relative_paths=keep)
     assert carried.state == selection.state and not carried.rotated
+    # A rotation time survives the state file unchanged.
+    stamped = rotation.plan_rotation(artifacts, settings, now=1795332643.1100597, era_number=1)
+    sync.write_feature_rotation_state(tmp_path, stamped.state)
+    assert sync.load_feature_rotation_state(tmp_path) == stamped.state
     with pytest.raises(rotation.MandatoryArtifactsTooLargeError, match="^s.json: .*need 10 bytes.* 9 bytes"):
         rotation.plan_rotation(artifacts, {**settings, "feature_budget_bytes": 9})

@@ -404,7 +404,9 @@ def plan_rotation(artifacts, settings, *, previous_state=None, now=None, force_n
     elif not _is_int(budget) or budget < 0:
         raise ValueError(f"{where}feature budget must be a non-negative byte count, got {budget!r}")
     previous = _state_of(previous_state)
-    stamp = time.time() if now is None else float(now)
+    # Kept to the microsecond: at most 16 significant digits read back
+    # exactly in every JSON reader the state file meets.
+    stamp = round(time.time() if now is None else float(now), 6)
 
     by_path: dict[str, dict] = {}
     for artifact in artifacts:
