@@ -213,8 +213,8 @@ def test_artifact_descriptor_and_settings_read_as_mappings():
                                                  feature_budget_bytes=rotation.FULL_DOWNLOAD)
     assert settings.scope == rotation.SelectionScope(market="crypto", named_universes=("a",))
     assert dict(settings["scope"])["named_universes"] == ("a",)
-    with pytest.raises(NotImplementedError):
-        rotation.plan_rotation((), settings)
+    empty = rotation.plan_rotation((), settings)
+    assert empty.active_relative_paths == () == empty.state.active_relative_paths
 
 
 def test_merge_functions_vocabulary():

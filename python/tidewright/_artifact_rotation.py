@@ -14,7 +14,9 @@ so they cross into the native engine as plain JSON-like data.
 from __future__ import annotations
 
 import dataclasses
+import hashlib
 import math
+import time
 from collections.abc import Mapping
 from typing import Any
 
@@ -26,6 +28,8 @@ __all__ = [
     "ArtifactRotationSettings",
     "FeatureRotationState",
     "MandatoryArtifactsTooLargeError",
+    "ROTATION_ALGORITHMS",
+    "RotationSelection",
     "RotationStatePayloadError",
     "SelectionScope",
     "VocabularyScopeError",
@@ -42,6 +46,9 @@ FEATURE_ARTIFACT_KINDS = frozenset({"feature"})
 #: Marker for "no rotation: download every feature file". Used as the
 #: settings loader's answer and as a feature budget.
 FULL_DOWNLOAD = "full_download"
+
+#: The selection algorithms :func:`plan_rotation` knows.
+ROTATION_ALGORITHMS = frozenset({"seeded_shuffle"})
 
 
 class ArtifactRotationError(Exception):
@@ -132,7 +139,8 @@ class ArtifactRotationSettings(_RecordMapping):
 
     ``feature_budget_bytes`` is a byte count, None (no budget) or
     :data:`FULL_DOWNLOAD`. ``scope`` may be given as a mapping with the
-    fields of :class:`SelectionScope`.
+    fields of :class:`SelectionScope`. ``source`` names where the settings
+    came from (the settings file) in error messages.
     """
 
     artifact_kind: str = "feature"
@@ -141,6 +149,7 @@ class ArtifactRotationSettings(_RecordMapping):
     scope: SelectionScope = dataclasses.field(default_factory=SelectionScope)
     feature_budget_bytes: int | str | None = None
     free_disk_bytes: int | None = None
+    source: str | None = None
 
     def __post_init__(self) -> None:
         scope = self.scope
@@ -194,7 +203,9 @@ class FeatureRotationState(_RecordMapping):
     """What the last rotation chose, persisted across processes.
 
     ``rotated_at`` is seconds since the Unix epoch; ``active_relative_paths``
-    is kept sorted and without duplicates.
+    is kept sorted and without duplicates. ``rotation_seed`` is the seed of
+    the current candidate, ``settings_seed`` the configured seed its chain
+    of candidates started from.
     """
 
     era_number: int | None = None
@@ -204,6 +215,7 @@ class FeatureRotationState(_RecordMapping):
     algorithm: str | None = None
     feature_budget_bytes: int | None = None
     artifact_kind: str = "feature"
+    settings_seed: int | None = None
 
     def __post_init__(self) -> None:
         paths = self.active_relative_paths
@@ -251,6 +263,9 @@ def _state_from_fields(fields: Mapping, where: str) -> FeatureRotationState:
     artifact_kind = fields.get("artifact_kind", "feature")
     if not isinstance(artifact_kind, str) or not artifact_kind:
         raise bad("artifact_kind", "a non-empty string")
+    settings_seed = fields.get("settings_seed")
+    if settings_seed is not None and not _is_int(settings_seed):
+        raise bad("settings_seed", "an integer or null")
     return FeatureRotationState(
         era_number=era,
         active_relative_paths=tuple(paths),
@@ -259,6 +274,7 @@ def _state_from_fields(fields: Mapping, where: str) -> FeatureRotationState:
         algorithm=algorithm,
         feature_budget_bytes=budget,
         artifact_kind=artifact_kind,
+        settings_seed=settings_seed,
     )
 
 
@@ -293,6 +309,170 @@ def rotation_state_from_payload(payload, *, source, schema_version: int) -> Feat
     return _state_from_fields(payload, where)
 
 
-def plan_rotation(artifacts, settings, *, previous_state=None, now=None):
-    """Choose the active feature set. No planner ships with the default package."""
-    raise NotImplementedError("feature rotation planning is not available in this installation")
+@dataclasses.dataclass(frozen=True)
+class RotationSelection(_RecordMapping):
+    """The answer of :func:`plan_rotation`.
+
+    ``active_relative_paths`` lists every path that must be present locally
+    (mandatory artifacts, kept files and the chosen feature files), sorted;
+    ``skipped_relative_paths`` the rotating feature files left out. ``state``
+    is the candidate state to persist once the active files are in place;
+    ``rotated`` says whether it is a new candidate rather than the previous
+    state carried forward.
+    """
+
+    active_relative_paths: tuple[str, ...]
+    mandatory_artifacts: tuple[dict, ...]
+    eligible_artifacts: tuple[dict, ...]
+    skipped_relative_paths: tuple[str, ...]
+    seed: int
+    feature_budget_bytes: int | None
+    rotated: bool
+    state: FeatureRotationState
+
+
+_SEED_MASK = (1 << 63) - 1
+# A due rotation tries this many successive candidates for one that differs
+# from the previous selection before settling for an unchanged one.
+_CANDIDATE_ATTEMPTS = 8
+
+
+def _next_seed(settings_seed: int, previous_seed: int) -> int:
+    digest = hashlib.sha256(f"tidewright-rotation:{settings_seed}:{previous_seed}".encode()).digest()
+    return int.from_bytes(digest[:8], "big") & _SEED_MASK
+
+
+def _shuffle_key(seed: int, relative_path: str) -> bytes:
+    return hashlib.sha256(f"{seed}:{relative_path}".encode("utf-8")).digest()
+
+
+def _in_scope(artifact: Mapping, scope: SelectionScope) -> bool:
+    if scope.market and artifact.get("market") and artifact["market"] != scope.market:
+        return False
+    if scope.named_universes and artifact.get("named_universe") not in scope.named_universes:
+        return False
+    if scope.family and artifact.get("family") != scope.family:
+        return False
+    if scope.subfamily and artifact.get("subfamily") != scope.subfamily:
+        return False
+    return True
+
+
+def _size(artifact: Mapping) -> int:
+    size = artifact.get("size_bytes")
+    return size if _is_int(size) and size > 0 else 0
+
+
+def _state_of(value) -> FeatureRotationState | None:
+    if value is None or isinstance(value, FeatureRotationState):
+        return value
+    if not isinstance(value, Mapping):
+        raise RotationStatePayloadError(f"previous rotation state must be a mapping, got {type(value).__name__}")
+    return _state_from_fields(value, "")
+
+
+def plan_rotation(artifacts, settings, *, previous_state=None, now=None, force_new_candidate=False,
+                  keep_relative_paths=(), era_number=None) -> RotationSelection:
+    """Choose the feature files to keep on disk for one era.
+
+    ``artifacts`` are descriptors (:func:`artifact_descriptor_from_manifest_file`);
+    ``settings`` an :class:`ArtifactRotationSettings` (or a mapping of its
+    fields). ``previous_state`` (the persisted state of this era, if any) is
+    carried forward unless ``force_new_candidate`` is true (a rotation is due)
+    or it no longer matches the settings or the budget; a forced candidate
+    derives its seed from the previous one and prefers a selection that
+    differs from it. ``keep_relative_paths`` (prefetched feature files) are
+    always active. ``now`` (seconds since the epoch) stamps a new candidate.
+
+    Raises :class:`MandatoryArtifactsTooLargeError` when the mandatory
+    artifacts alone exceed an integer byte budget.
+    """
+    if not isinstance(settings, ArtifactRotationSettings):
+        if not isinstance(settings, Mapping):
+            raise TypeError(f"settings must be ArtifactRotationSettings or a mapping, got {type(settings).__name__}")
+        settings = ArtifactRotationSettings(**{k: settings[k] for k in ArtifactRotationSettings._field_names()
+                                               if k in settings})
+    where = f"{settings.source}: " if settings.source else ""
+    algorithm = settings.algorithm or "seeded_shuffle"
+    if algorithm not in ROTATION_ALGORITHMS:
+        raise ValueError(f"{where}algorithm: unknown rotation algorithm {algorithm!r}; "
+                         f"expected one of {', '.join(sorted(ROTATION_ALGORITHMS))}")
+    settings_seed = settings.rotation_seed if _is_int(settings.rotation_seed) else 0
+    budget = settings.feature_budget_bytes
+    if budget == FULL_DOWNLOAD or budget is None:
+        budget = None
+    elif not _is_int(budget) or budget < 0:
+        raise ValueError(f"{where}feature budget must be a non-negative byte count, got {budget!r}")
+    previous = _state_of(previous_state)
+    # Kept to the microsecond: at most 16 significant digits read back
+    # exactly in every JSON reader the state file meets.
+    stamp = round(time.time() if now is None else float(now), 6)
+
+    by_path: dict[str, dict] = {}
+    for artifact in artifacts:
+        entry = dict(artifact)
+        by_path.setdefault(str(entry.get("relative_path")), entry)
+    keep = {str(p).strip() for p in keep_relative_paths or ()} & set(by_path)
+    mandatory = [a for a in by_path.values() if not a.get("rotating")]
+    rotating = [a for a in by_path.values() if a.get("rotating")]
+    kept = [a for a in rotating if a["relative_path"] in keep]
+    eligible = [a for a in rotating if a["relative_path"] not in keep and _in_scope(a, settings.scope)]
+
+    mandatory_bytes = sum(_size(a) for a in mandatory)
+    if budget is not None and mandatory_bytes > budget:
+        raise MandatoryArtifactsTooLargeError(
+            f"{where}feature budget: the mandatory artifacts need {mandatory_bytes} bytes, more than the "
+            f"budget of {budget} bytes; raise feature_budget_gb (or feature_budget_bytes)")
+    room = None if budget is None else max(0, budget - mandatory_bytes - sum(_size(a) for a in kept))
+
+    def select(seed: int) -> list[str]:
+        chosen = []
+        left = room
+        for artifact in sorted(eligible, key=lambda a: _shuffle_key(seed, a["relative_path"])):
+            size = _size(artifact)
+            if left is None or size <= left:
+                chosen.append(artifact["relative_path"])
+                if left is not None:
+                    left -= size
+        return sorted(chosen)
+
+    eligible_paths = {a["relative_path"] for a in eligible}
+    compatible = (previous is not None and previous.era_number == era_number and previous.algorithm == algorithm
+                  and previous.feature_budget_bytes == budget and previous.settings_seed == settings_seed
+                  and _is_int(previous.rotation_seed))
+    carried = None
+    if compatible:
+        carried = sorted(p for p in previous.active_relative_paths if p in eligible_paths)
+        if room is not None and sum(_size(by_path[p]) for p in carried) > room:
+            carried = None  # the budget no longer holds (mandatory files grew): choose again
+    if compatible and carried is not None and not force_new_candidate:
+        seed, chosen, rotated_at, rotated = previous.rotation_seed, carried, previous.rotated_at, False
+    elif compatible and force_new_candidate:
+        seed = previous.rotation_seed
+        for _ in range(_CANDIDATE_ATTEMPTS):
+            seed = _next_seed(settings_seed, seed)
+            chosen = select(seed)
+            if chosen != carried:
+                break
+        rotated_at, rotated = stamp, True
+    else:
+        seed = previous.rotation_seed if compatible else settings_seed
+        chosen, rotated_at, rotated = select(seed), stamp, True
+
+    active = sorted({a["relative_path"] for a in mandatory} | keep | set(chosen))
+    active_set = set(active)
+    state = FeatureRotationState(
+        era_number=era_number, active_relative_paths=tuple(active), rotated_at=rotated_at, rotation_seed=seed,
+        algorithm=algorithm, feature_budget_bytes=budget, artifact_kind=settings.artifact_kind or "feature",
+        settings_seed=settings_seed)
+    return RotationSelection(
+        active_relative_paths=tuple(active),
+        mandatory_artifacts=tuple(mandatory),
+        eligible_artifacts=tuple(eligible),
+        skipped_relative_paths=tuple(sorted(a["relative_path"] for a in rotating
+                                            if a["relative_path"] not in active_set)),
+        seed=seed,
+        feature_budget_bytes=budget,
+        rotated=rotated,
+        state=state,
+    )

@@ -10,11 +10,21 @@ is a JSON object::
       "market": "crypto",
       "named_universes": ["top50"],      # or "named_universe": "top50"
       "family": null, "subfamily": null,
-      "feature_budget_gb": 20,           # number, null (no budget) or "full_download"
-      "rotation_frequency": "weekly"     # or "PT<hours>H"
+      "feature_budget_gb": 20,           # whole GiB (fractions truncated), null (no budget)
+                                         # or "full_download" (rotation off)
+      "rotation_frequency": "weekly"     # or "PT<hours>H"; absent: no scheduled rotation
     }
 
-``"enabled": false`` turns rotation off without deleting the file.
+The budget bounds the bytes of the era's files that rotation manages:
+mandatory artifacts (every file that is not a rotating feature file) and
+prefetched feature files count first, selected feature files fill the rest.
+``"feature_budget_bytes"`` gives an exact byte budget instead of
+``feature_budget_gb`` (not both). ``"enabled": false`` turns rotation off
+without deleting the file.
+
+Every error names the file and the field: :class:`RotationSettingsError`
+(a ``ValueError``) for a file that is not JSON or a field of the wrong type
+or value, :class:`VocabularyScopeError` for a scope the era does not have.
 """
 
 from __future__ import annotations
@@ -22,9 +32,10 @@ from __future__ import annotations
 import dataclasses
 import json
 import os
+import re
 from collections.abc import Mapping
 
-from tidewright._artifact_rotation import FULL_DOWNLOAD, VocabularyScopeError, _RecordMapping
+from tidewright._artifact_rotation import FULL_DOWNLOAD, ROTATION_ALGORITHMS, VocabularyScopeError, _RecordMapping
 
 __all__ = [
     "DEFAULT_ROTATION_ALGORITHM",
@@ -53,6 +64,8 @@ class RotationSettings(_RecordMapping):
     subfamily: str | None = None
     feature_budget_gb: float | str | None = None
     rotation_frequency: str | None = None
+    feature_budget_bytes: int | None = None
+    source: str | None = None
 
 
 def rotation_settings_path(data_dir) -> str:
@@ -82,9 +95,42 @@ def _budget(payload: Mapping, path: str):
     value = payload.get("feature_budget_gb")
     if value is None or value == FULL_DOWNLOAD:
         return value
-    if isinstance(value, bool) or not isinstance(value, (int, float)) or value < 0:
+    if isinstance(value, bool) or not isinstance(value, (int, float)) or not value >= 0 or value == float("inf"):
         raise RotationSettingsError(f"{path}: feature_budget_gb must be a non-negative number, null or "
                                     f"{FULL_DOWNLOAD!r}, got {value!r}")
+    return value
+
+
+def _budget_bytes(payload: Mapping, path: str) -> int | None:
+    value = payload.get("feature_budget_bytes")
+    if value is None:
+        return None
+    if isinstance(value, bool) or not isinstance(value, int) or value < 0:
+        raise RotationSettingsError(f"{path}: feature_budget_bytes must be a non-negative integer, got {value!r}")
+    if payload.get("feature_budget_gb") is not None:
+        raise RotationSettingsError(f"{path}: feature_budget_bytes and feature_budget_gb cannot both be set")
+    return value
+
+
+_HOURS = re.compile(r"PT([0-9]+)H")
+
+
+def _frequency(payload: Mapping, path: str) -> str | None:
+    value = _text_or_none(payload, "rotation_frequency", path)
+    if value is None or value == "weekly":
+        return value
+    match = _HOURS.fullmatch(value)
+    if match is None or int(match.group(1)) <= 0:
+        raise RotationSettingsError(f"{path}: rotation_frequency must be 'weekly' or 'PT<hours>H' with a "
+                                    f"positive number of hours, got {value!r}")
+    return value
+
+
+def _algorithm(payload: Mapping, path: str) -> str:
+    value = _text_or_none(payload, "algorithm", path) or DEFAULT_ROTATION_ALGORITHM
+    if value not in ROTATION_ALGORITHMS:
+        raise RotationSettingsError(f"{path}: algorithm must be one of {', '.join(sorted(ROTATION_ALGORITHMS))}, "
+                                    f"got {value!r}")
     return value
 
 
@@ -93,10 +139,11 @@ def _check_scope(settings: RotationSettings, catalog_context: Mapping, path: str
     if known:
         unknown = [u for u in settings.named_universes if u not in known]
         if unknown:
-            raise VocabularyScopeError(f"{path}: named universes not in this era: {', '.join(sorted(unknown))}")
+            raise VocabularyScopeError(f"{path}: named_universes: not in this era: {', '.join(sorted(unknown))} "
+                                       f"(the era has {', '.join(sorted(known))})")
     market = catalog_context.get("current_market")
     if settings.market and market and settings.market != market:
-        raise VocabularyScopeError(f"{path}: market {settings.market!r} is not this era's market {market!r}")
+        raise VocabularyScopeError(f"{path}: market: {settings.market!r} is not this era's market {market!r}")
 
 
 def load_rotation_settings(data_dir, *, catalog_context=None):
@@ -105,7 +152,8 @@ def load_rotation_settings(data_dir, *, catalog_context=None):
     ``catalog_context`` (from the era's manifest: ``current_market``,
     ``named_universes``, ...) is used to refuse a scope the era does not have
     (:class:`VocabularyScopeError`). A file that is not valid JSON or has
-    fields of the wrong type raises :class:`RotationSettingsError`.
+    fields of the wrong type raises :class:`RotationSettingsError`. A
+    ``feature_budget_gb`` of :data:`FULL_DOWNLOAD` also turns rotation off.
     """
     path = rotation_settings_path(data_dir)
     try:
@@ -117,20 +165,25 @@ def load_rotation_settings(data_dir, *, catalog_context=None):
         raise RotationSettingsError(f"{path}: cannot read rotation settings: {exc}") from exc
     if not isinstance(payload, Mapping):
         raise RotationSettingsError(f"{path}: rotation settings must be a JSON object")
-    if payload.get("enabled", True) is False:
+    enabled = payload.get("enabled", True)
+    if not isinstance(enabled, bool):
+        raise RotationSettingsError(f"{path}: enabled must be true or false, got {enabled!r}")
+    if not enabled or payload.get("feature_budget_gb") == FULL_DOWNLOAD:
         return FULL_DOWNLOAD
     seed = payload.get("seed", 0)
     if isinstance(seed, bool) or not isinstance(seed, int):
         raise RotationSettingsError(f"{path}: seed must be an integer, got {seed!r}")
     settings = RotationSettings(
-        algorithm=_text_or_none(payload, "algorithm", path) or DEFAULT_ROTATION_ALGORITHM,
+        algorithm=_algorithm(payload, path),
         seed=seed,
         market=_text_or_none(payload, "market", path),
         named_universes=_universes(payload, path),
         family=_text_or_none(payload, "family", path),
         subfamily=_text_or_none(payload, "subfamily", path),
         feature_budget_gb=_budget(payload, path),
-        rotation_frequency=_text_or_none(payload, "rotation_frequency", path),
+        rotation_frequency=_frequency(payload, path),
+        feature_budget_bytes=_budget_bytes(payload, path),
+        source=path,
     )
     if isinstance(catalog_context, Mapping):
         _check_scope(settings, catalog_context, path)

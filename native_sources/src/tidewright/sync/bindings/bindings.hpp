@@ -18,6 +18,7 @@ void bind_manager(nb::module_& m);              // bind_manager.cpp: SyncManager
 void bind_artifacts(nb::module_& m);            // bind_artifacts.cpp: vocabularies, signals index, found PnL, seed
 void bind_http(nb::module_& m);                 // bind_http.cpp: GETs, retry loop, curl transport
 void bind_events(nb::module_& m);               // bind_events.cpp: sync events
+void bind_rotation(nb::module_& m);             // bind_rotation.cpp: rotation catalogue, state files, prefetch
 
 // Stops every live manager; called at interpreter exit (bind_manager.cpp).
 void shutdown_all_managers();

@@ -50,6 +50,7 @@ NB_MODULE(sync, m) {
   bindings::bind_artifacts(m);
   bindings::bind_http(m);
   bindings::bind_events(m);
+  bindings::bind_rotation(m);
 
   nb::module_::import_("atexit").attr("register")(nb::cpp_function(&at_exit));
 }

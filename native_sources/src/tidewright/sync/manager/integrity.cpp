@@ -73,8 +73,15 @@ bool SyncManager::local_manifest_files_complete(Manifest& manifest) {
   } catch (const SyncError&) {
     return false;
   }
+  RotationCoverage rotation = rotation_coverage(manifest);
+  if (rotation.active) {
+    for (const auto& path : *rotation.active) {
+      if (!manifest.files().contains(path)) return false;
+    }
+  }
   for (const auto& kv : manifest.files()) {
     std::string path(kv.key());
+    if (rotation.leaves_out(path, kv.value(), siblings)) continue;
     if (vocabulary_named_universe_from_path(path) || manifest_file_is_sync_excluded(path, kv.value(), siblings) ||
         kind_of(kv.value()) == "vault_module") {
       continue;
@@ -135,6 +142,7 @@ bool SyncManager::needs_sync() {
   if (hint && !manifest_hash_hint_matches_local_state(data_dir_, manifest->version_int(), manifest->era_number_int(), hint)) {
     return true;
   }
+  if (feature_rotation_needs_sync(*manifest)) return true;
   return !local_manifest_files_complete(*manifest);
 }
 
@@ -143,8 +151,18 @@ VerifyResult SyncManager::verify() {
   ManifestPtr manifest = get_manifest();
   if (!manifest) return result;
   ManifestSiblings siblings = host().manifest_siblings();
+  RotationCoverage rotation = rotation_coverage(*manifest);
+  if (rotation.active) {
+    for (const auto& path : *rotation.active) {
+      if (!manifest->files().contains(path)) {
+        result.missing_files.push_back(path);
+        result.valid = false;
+      }
+    }
+  }
   for (const auto& kv : manifest->files()) {
     std::string path(kv.key());
+    if (rotation.leaves_out(path, kv.value(), siblings)) continue;
     if (manifest_file_is_sync_excluded(path, kv.value(), siblings)) continue;
     std::string local;
     try {

@@ -165,7 +165,7 @@ SyncResult SyncManager::sync_impl() {
           throw EraError("Era mismatch: local era_number=" + std::to_string(local_era) +
                          ", server era_number=" + std::to_string(*server_era));
         }
-        free_disk_bytes(data_dir_);
+        RotationPlan rotation = plan_feature_rotation_for_sync(*local, free_disk_bytes(data_dir_));
         json::object vocabularies = validate_manifest_vocabulary_files(data_dir_, *local);
         ShuffleSeedExpectations expect{local_era,
                                        manifest_positive_int(*local, "market_id").value_or(market_id_),
@@ -174,6 +174,7 @@ SyncResult SyncManager::sync_impl() {
         validate_shuffle_seed_file(path_join(data_dir_, SHUFFLE_SEED_FILENAME), expect);
         for (const auto& kv : local->files()) {
           std::string path(kv.key());
+          if (!rotation.covers(path)) continue;
           if (vocabulary_named_universe_from_path(path) || manifest_file_is_sync_excluded(path, kv.value(), siblings) ||
               kind_of(kv.value()) == "vault_module") {
             continue;
@@ -192,6 +193,7 @@ SyncResult SyncManager::sync_impl() {
           std::lock_guard<std::mutex> lock(state_mu_);
           vocabulary_ = vocabularies;
         }
+        complete_rotation_promotion(*local, rotation, result);
         cleanup_sync_tmp_files(data_dir_);
         return result;
       } catch (const SyncUnavailableError&) {
@@ -240,6 +242,7 @@ SyncResult SyncManager::sync_impl() {
                    ", server era_number=" + std::to_string(server->era_number_int()));
   }
   std::int64_t free_bytes = free_disk_bytes(data_dir_);
+  RotationPlan rotation = plan_feature_rotation_for_sync(*server, free_bytes);
 
   // Nothing new: the local manifest is current; check the files and the
   // era artifacts.
@@ -264,6 +267,7 @@ SyncResult SyncManager::sync_impl() {
     }
     for (const auto& kv : server->files()) {
       std::string path(kv.key());
+      if (!rotation.covers(path)) continue;
       if (vocabulary_named_universe_from_path(path) || manifest_file_is_sync_excluded(path, kv.value(), siblings) ||
           kind_of(kv.value()) == "vault_module") {
         continue;
@@ -292,6 +296,7 @@ SyncResult SyncManager::sync_impl() {
         vocabulary_ = std::move(vocabularies);
         manifest_ = server;
       }
+      complete_rotation_promotion(*server, rotation, result);
       cleanup_sync_tmp_files(data_dir_);
       return result;
     }
@@ -306,6 +311,7 @@ SyncResult SyncManager::sync_impl() {
   bool same_era_local = local && local_era == server->era_number_int();
   for (const auto& kv : server->files()) {
     std::string path(kv.key());
+    if (!rotation.covers(path)) continue;
     if (vocabulary_named_universe_from_path(path)) continue;
     if (signals_index_path && path == *signals_index_path) continue;
     if (manifest_file_is_sync_excluded(path, kv.value(), siblings)) continue;
@@ -428,6 +434,7 @@ SyncResult SyncManager::sync_impl() {
     vocabulary_ = vocabularies;
   }
   take_vocabulary_metadata(result, vocabularies);
+  complete_rotation_promotion(*server, rotation, result);
   result.n_features = count_features(*server, siblings);
   std::vector<std::string> all_paths = keys_of(server->files());
   result.n_useful_signals = distinct_groups(all_paths, "useful_signals", siblings.epochs);

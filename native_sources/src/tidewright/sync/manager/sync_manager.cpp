@@ -42,6 +42,7 @@ SyncManager::SyncManager(SyncManagerArgs args)
   hash_cache_.load();
   load_consumer_count();
   load_local_manifest();
+  load_active_rotation_state();
 }
 
 SyncManager::~SyncManager() = default;

@@ -1,0 +1,132 @@
+// Feature prefetch: a consumer about to dispatch work on some features has
+// their manifest files (and runtime companions) downloaded now, outside the
+// rotation schedule; the files are remembered so that rotation keeps them.
+#include "tidewright/sync/common/fs.hpp"
+#include "tidewright/sync/common/url.hpp"
+#include "tidewright/sync/manager/sync_manager.hpp"
+#include "tidewright/sync/manifest/paths.hpp"
+#include "tidewright/sync/manifest/sanitize.hpp"
+#include "tidewright/sync/reporting/errors.hpp"
+#include "tidewright/sync/transport/files.hpp"
+#include "tidewright/sync/transport/settings.hpp"
+
+namespace tidewright::sync {
+
+std::vector<SyncManager::PrefetchedFeatureFile> SyncManager::request_feature_files_for_sync(
+    const std::vector<std::string>& feature_names, const std::string& expression_type,
+    const std::optional<std::string>& named_universe) {
+  std::vector<std::string> names;
+  for (const auto& name : feature_names) names.push_back(strip_ws(name));
+  std::optional<std::string> universe;
+  if (named_universe) universe = strip_ws(*named_universe);
+
+  if (in_transition() || path_exists(path_join(data_dir_, ".transition_lock"))) {
+    throw StateError("Sync is in era transition mode \u2014 request_feature_files_for_sync rejected");
+  }
+  if (!running()) throw StateError("Sync thread is not running. Call start() or acquire() first.");
+
+  // A request that arrives during a sync waits here for it to finish.
+  std::lock_guard<std::mutex> lock(sync_mu_);
+  acquire_flock();
+  struct ReleaseFlock {
+    SyncManager* self;
+    ~ReleaseFlock() { self->release_flock(); }
+  } release{this};
+  std::int64_t restarts = 0;
+  while (true) {
+    try {
+      return request_feature_files_for_sync_impl(names, expression_type, universe);
+    } catch (const ManifestSupersededError& e) {
+      ++restarts;
+      log_warning(
+          "Manifest changed during feature prefetch; refreshing manifest and restarting feature download set "
+          "(%d/%d): %s",
+          {json::value(restarts), json::value(SYNC_MANIFEST_SUPERSEDE_RESTART_LIMIT), json::value(e.what())});
+      if (restarts >= SYNC_MANIFEST_SUPERSEDE_RESTART_LIMIT) throw;
+      sync_with_manifest_refresh();
+    }
+  }
+}
+
+std::vector<SyncManager::PrefetchedFeatureFile> SyncManager::request_feature_files_for_sync_impl(
+    const std::vector<std::string>& feature_names, const std::string& expression_type,
+    const std::optional<std::string>& named_universe) {
+  ManifestPtr manifest = get_manifest();
+  if (!manifest) throw StateError("No local manifest: run sync() before request_feature_files_for_sync");
+  ManifestSiblings siblings = host().manifest_siblings();
+  const json::object& files = manifest->files();
+  std::optional<std::string_view> universe;
+  if (named_universe) universe = *named_universe;
+
+  // Each path once, under the first feature that asked for it.
+  std::vector<std::pair<std::string, std::string>> wanted;  // (feature name, relative path)
+  std::set<std::string> seen;
+  for (const auto& given : feature_names) {
+    std::string name = strip_ws(given);
+    if (name.empty()) continue;
+    for (auto& path : manifest_feature_prefetch_relative_paths(files, name, expression_type, universe, siblings.epochs)) {
+      const json::value* info = files.if_contains(path);
+      if (!info || manifest_file_is_sync_excluded(path, *info, siblings)) continue;
+      if (seen.insert(path).second) wanted.emplace_back(name, std::move(path));
+    }
+  }
+
+  std::vector<std::pair<std::string, json::object>> to_download;
+  std::int64_t needed = 0;
+  for (const auto& [name, path] : wanted) {
+    const json::value& info = files.at(path);
+    if (local_file_matches_manifest(path, manifest_local_path(data_dir_, path), info, true)) continue;
+    json::object entry = info.is_object() ? info.get_object() : json::object();
+    if (auto base = manifest->base_url_text()) {
+      entry["_manifest_base_url"] = *base;
+    } else {
+      entry["_manifest_base_url"] = nullptr;
+    }
+    entry["_manifest_version"] = manifest->version_int();
+    entry["_manifest_era_number"] = manifest->era_number_int();
+    if (auto size = siblings.manifest_file_size(entry)) needed += *size;
+    to_download.emplace_back(path, std::move(entry));
+  }
+
+  std::int64_t free_bytes = free_disk_bytes(data_dir_);
+  if (needed > 0 && needed > free_bytes) {
+    throw DiskSpaceError("Insufficient disk space: need " + std::to_string(needed) + " bytes, have " +
+                         std::to_string(free_bytes) + " bytes available");
+  }
+
+  if (!to_download.empty()) {
+    json::object progress_files;
+    for (const auto& [path, entry] : to_download) progress_files[path] = entry;
+    write_sync_progress_json(data_dir_, manifest->era_number_int() < 0 ? 0 : manifest->era_number_int(),
+                             manifest->version_int() < 0 ? 0 : manifest->version_int(), progress_files, siblings);
+    progress_.start("prefetch", static_cast<std::int64_t>(to_download.size()), needed);
+    struct FinishProgress {
+      SyncManager* self;
+      ~FinishProgress() {
+        self->progress_.finish();
+        remove_sync_progress_json(self->data_dir_);
+      }
+    } finish_progress{this};
+    SyncResult downloads;
+    download_files_parallel(to_download, downloads);
+  }
+  hash_cache_.persist();
+
+  std::vector<PrefetchedFeatureFile> present;
+  std::vector<std::string> present_paths;
+  for (const auto& [name, path] : wanted) {
+    std::string local = manifest_local_path(data_dir_, path);
+    if (!path_exists(local)) continue;
+    present.push_back({name, path, local});
+    present_paths.push_back(path);
+  }
+  remember_prefetched_feature_relative_paths(*manifest, present_paths);
+  if (!to_download.empty()) {
+    log_info("Feature prefetch downloaded %d file(s) for %d feature(s)",
+             {json::value(static_cast<std::int64_t>(to_download.size())),
+              json::value(static_cast<std::int64_t>(feature_names.size()))});
+  }
+  return present;
+}
+
+}  // namespace tidewright::sync

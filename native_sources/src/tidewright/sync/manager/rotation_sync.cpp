@@ -1,0 +1,343 @@
+// Feature rotation inside the manager: settings for a manifest, the
+// selection a sync works from, its promotion once the files are in place,
+// and the per-era set of prefetched feature files that rotation keeps.
+#include "tidewright/sync/common/fs.hpp"
+#include "tidewright/sync/manager/cleanup.hpp"
+#include "tidewright/sync/manager/sync_manager.hpp"
+#include "tidewright/sync/manifest/paths.hpp"
+#include "tidewright/sync/reporting/errors.hpp"
+#include "tidewright/sync/rotation/catalog.hpp"
+#include "tidewright/sync/rotation/state.hpp"
+
+#include <chrono>
+
+namespace tidewright::sync {
+
+namespace {
+
+struct LoadedRotationSettings {
+  json::object settings;         // the fields of ArtifactRotationSettings
+  json::value rotation_frequency;  // the settings' "rotation_frequency"
+};
+
+std::string full_download_marker() {
+  return python_str(host().call_module_function(ARTIFACT_ROTATION_MODULE, "FULL_DOWNLOAD", {}));
+}
+
+json::value field_or_null(const json::object& object, std::string_view key) {
+  const json::value* v = object.if_contains(key);
+  return v ? *v : json::value(nullptr);
+}
+
+// The user's rotation settings for the data directory, validated against
+// the catalogue of `manifest_data`; nullopt when rotation is off.
+std::optional<LoadedRotationSettings> load_rotation_settings(const std::string& data_dir,
+                                                             const json::object& manifest_data,
+                                                             const json::array& rows,
+                                                             std::int64_t free_disk_bytes) {
+  json::object kwargs;
+  kwargs["catalog_context"] = rotation_catalog_context(manifest_data, rows);
+  json::value loaded =
+      host().call_module_function(ROTATION_SETTINGS_MODULE, "load_rotation_settings", {json::value(data_dir)}, kwargs);
+  std::string marker = full_download_marker();
+  if (loaded.is_string() && loaded.get_string() == marker) return std::nullopt;
+  if (!loaded.is_object()) {
+    throw ValueError("load_rotation_settings must return rotation settings or FULL_DOWNLOAD, got " +
+                     python_repr(loaded));
+  }
+  const json::object& user = loaded.get_object();
+  json::value budget = rotation_feature_budget_bytes(field_or_null(user, "feature_budget_gb"),
+                                                     field_or_null(user, "feature_budget_bytes"), marker);
+  if (budget.is_string()) return std::nullopt;  // the FULL_DOWNLOAD marker
+
+  LoadedRotationSettings out;
+  json::object scope;
+  scope["market"] = field_or_null(user, "market");
+  json::value universes = field_or_null(user, "named_universes");
+  scope["named_universes"] = universes.is_array() ? universes : json::value(json::array{});
+  scope["family"] = field_or_null(user, "family");
+  scope["subfamily"] = field_or_null(user, "subfamily");
+  out.settings["artifact_kind"] = "feature";
+  out.settings["algorithm"] = field_or_null(user, "algorithm");
+  out.settings["rotation_seed"] = field_or_null(user, "seed");
+  out.settings["scope"] = std::move(scope);
+  out.settings["feature_budget_bytes"] = budget;
+  out.settings["free_disk_bytes"] = free_disk_bytes;
+  out.settings["source"] = field_or_null(user, "source");
+  out.rotation_frequency = field_or_null(user, "rotation_frequency");
+  return out;
+}
+
+bool same_era(const json::object& state, std::optional<std::int64_t> era) {
+  const json::value* recorded = state.if_contains("era_number");
+  if (!recorded || recorded->is_null()) return !era.has_value();
+  return era && to_int(*recorded) == era;
+}
+
+std::optional<double> number_field(const json::object& object, std::string_view key) {
+  const json::value* v = object.if_contains(key);
+  if (!v) return std::nullopt;
+  if (v->is_double()) return v->get_double();
+  if (v->is_int64()) return static_cast<double>(v->get_int64());
+  if (v->is_uint64()) return static_cast<double>(v->get_uint64());
+  return std::nullopt;
+}
+
+double wall_clock_seconds() {
+  using namespace std::chrono;
+  return duration<double>(system_clock::now().time_since_epoch()).count();
+}
+
+// A rotation is due once its period has passed since the state's rotation.
+bool rotation_is_due(const json::object& state, const json::value& rotation_frequency, double now) {
+  std::optional<std::int64_t> period = rotation_frequency_seconds(rotation_frequency);
+  std::optional<double> rotated_at = number_field(state, "rotated_at");
+  return period && rotated_at && now >= *rotated_at + static_cast<double>(*period);
+}
+
+std::vector<std::string> text_list(const json::value* value) {
+  std::vector<std::string> out;
+  if (!value || !value->is_array()) return out;
+  for (const auto& item : value->get_array()) out.push_back(python_str(item));
+  return out;
+}
+
+}  // namespace
+
+void apply_rotation_result_fields(SyncResult& result, const json::object& selection) {
+  if (const json::value* v = selection.if_contains("active_relative_paths")) result.active_relative_paths = text_list(v);
+  if (const json::value* v = selection.if_contains("mandatory_artifacts"); v && v->is_array()) {
+    result.mandatory_relative_paths.clear();
+    for (const auto& artifact : v->get_array()) {
+      if (const json::object* a = as_object(&artifact)) {
+        if (const json::value* path = a->if_contains("relative_path")) {
+          result.mandatory_relative_paths.push_back(python_str(*path));
+        }
+      }
+    }
+  }
+  if (const json::value* v = selection.if_contains("skipped_relative_paths")) {
+    result.skipped_relative_paths = text_list(v);
+  }
+  if (const json::value* v = selection.if_contains("seed"); v && !v->is_null()) result.rotation_seed = to_int(*v);
+  if (const json::value* v = selection.if_contains("feature_budget_bytes"); v && !v->is_null()) {
+    result.feature_budget_bytes = to_int(*v);
+  }
+}
+
+void SyncManager::load_active_rotation_state() {
+  std::optional<json::object> state;
+  try {
+    state = load_feature_rotation_state(data_dir_);
+  } catch (const FeatureRotationStateError& e) {
+    // Like the other side files, a broken state never fails construction;
+    // a sync that plans a rotation raises the error.
+    log_warning("Failed to load feature rotation state: %s", {json::value(e.what())});
+  }
+  std::lock_guard<std::mutex> lock(state_mu_);
+  active_rotation_state_ = std::move(state);
+}
+
+std::optional<json::object> SyncManager::active_rotation_state() const {
+  std::lock_guard<std::mutex> lock(state_mu_);
+  return active_rotation_state_;
+}
+
+std::optional<json::object> SyncManager::feature_rotation_settings_for_manifest(const Manifest& manifest,
+                                                                                std::int64_t free_disk_bytes) {
+  json::array rows = rotation_planning_rows(manifest.data(), host().manifest_siblings());
+  auto loaded = load_rotation_settings(data_dir_, manifest.data(), rows, free_disk_bytes);
+  if (!loaded) return std::nullopt;
+  return std::move(loaded->settings);
+}
+
+RotationPlan SyncManager::plan_feature_rotation_for_sync(const Manifest& manifest, std::int64_t free_disk_bytes) {
+  RotationPlan plan;
+  ManifestSiblings siblings = host().manifest_siblings();
+  json::array rows = rotation_planning_rows(manifest.data(), siblings);
+  auto loaded = load_rotation_settings(data_dir_, manifest.data(), rows, free_disk_bytes);
+  if (!loaded) return plan;
+
+  std::optional<json::object> state = load_feature_rotation_state(data_dir_);
+  {
+    std::lock_guard<std::mutex> lock(state_mu_);
+    active_rotation_state_ = state;
+  }
+  std::optional<std::int64_t> era = manifest_era_number_or_none(&manifest);
+  bool same_era_state = state && same_era(*state, era);
+  double now = wall_clock_seconds();
+  bool due = same_era_state && rotation_is_due(*state, loaded->rotation_frequency, now);
+
+  json::array keep;
+  for (const auto& path : prefetched_feature_keep_paths(manifest)) keep.emplace_back(path);
+  json::object kwargs;
+  kwargs["previous_state"] = same_era_state ? json::value(*state) : json::value(nullptr);
+  kwargs["now"] = now;
+  kwargs["force_new_candidate"] = due;
+  kwargs["keep_relative_paths"] = std::move(keep);
+  kwargs["era_number"] = era ? json::value(*era) : json::value(nullptr);
+  json::value selection = host().call_module_function(
+      ARTIFACT_ROTATION_MODULE, "plan_rotation",
+      json::array{json::value(rotation_descriptors(rows, siblings)), loaded->settings},
+      kwargs);
+  if (!selection.is_object()) throw SyncError("Feature rotation planner returned no selection");
+
+  plan.rotating = true;
+  plan.selection = std::move(selection.get_object());
+  for (auto& path : text_list(plan.selection.if_contains("active_relative_paths"))) {
+    if (!manifest.files().contains(path)) throw SyncError("Active rotation path is missing from manifest: " + path);
+    plan.active.insert(std::move(path));
+  }
+  plan.previous_state = std::move(state);
+  if (const json::object* candidate = as_object(plan.selection.if_contains("state"))) plan.candidate_state = *candidate;
+  if (due) {
+    log_info("Feature rotation is due; new candidate with seed %s selects %d file(s)",
+             {field_or_null(plan.selection, "seed"), json::value(static_cast<std::int64_t>(plan.active.size()))});
+  }
+  return plan;
+}
+
+void SyncManager::complete_rotation_promotion(const Manifest& manifest, const RotationPlan& plan, SyncResult& result) {
+  if (!plan.rotating) {
+    // Rotation was switched off: every file is present again, so a state
+    // left from before no longer describes the directory.
+    std::string path = feature_rotation_state_path(data_dir_);
+    if (path_exists(path)) {
+      try {
+        remove_file(path);
+        log_info("Feature rotation is not configured; removed %s", {json::value(path)});
+      } catch (const OSError& e) {
+        log_warning("Failed to remove feature rotation state %s: %s", {json::value(path), json::value(e.what())});
+      }
+    }
+    std::lock_guard<std::mutex> lock(state_mu_);
+    active_rotation_state_.reset();
+    return;
+  }
+
+  apply_rotation_result_fields(result, plan.selection);
+  // Promote only a complete active set: until every active file is present,
+  // the previous state and the files it keeps stay as they are.
+  std::vector<std::string> active;
+  for (const auto& path : plan.active) {
+    if (manifest.files().contains(path)) active.push_back(path);
+  }
+  std::vector<std::string> existing = existing_rotation_paths(data_dir_, active);
+  if (existing.size() != active.size()) {
+    log_warning("Feature rotation not promoted: %d of %d active file(s) missing locally",
+                {json::value(static_cast<std::int64_t>(active.size() - existing.size())),
+                 json::value(static_cast<std::int64_t>(active.size()))});
+    return;
+  }
+  if (plan.candidate_state && plan.candidate_state != plan.previous_state) {
+    write_feature_rotation_state(data_dir_, *plan.candidate_state);
+    std::lock_guard<std::mutex> lock(state_mu_);
+    active_rotation_state_ = plan.candidate_state;
+  }
+
+  ManifestSiblings siblings = host().manifest_siblings();
+  std::vector<std::string> kept = prefetched_feature_keep_paths(manifest);
+  std::set<std::string> keep(kept.begin(), kept.end());
+  std::int64_t removed = 0;
+  std::int64_t freed = 0;
+  for (const auto& kv : manifest.files()) {
+    std::string path(kv.key());
+    if (plan.active.count(path) || keep.count(path)) continue;
+    if (!siblings.feature_artifact_kinds.count(siblings.manifest_file_kind(path, kv.value()))) continue;
+    std::string local;
+    try {
+      local = manifest_local_path(data_dir_, path);
+    } catch (const ManifestError&) {
+      continue;
+    }
+    remove_manifest_tmp_file(data_dir_, path);
+    if (!is_regular_file(local)) continue;
+    try {
+      std::int64_t size = file_size(local);
+      remove_file(local);
+      ++removed;
+      freed += size;
+    } catch (const OSError& e) {
+      log_warning("Failed to remove inactive feature file %s: %s", {json::value(local), json::value(e.what())});
+    }
+  }
+  if (removed > 0) {
+    log_info("Feature rotation removed %d inactive feature file(s), %d bytes",
+             {json::value(removed), json::value(freed)});
+  }
+}
+
+bool SyncManager::feature_rotation_needs_sync(const Manifest& manifest) {
+  try {
+    json::array rows = rotation_planning_rows(manifest.data(), host().manifest_siblings());
+    auto loaded = load_rotation_settings(data_dir_, manifest.data(), rows, 0);
+    if (!loaded) return false;
+    std::optional<json::object> state = load_feature_rotation_state(data_dir_);
+    if (!state || !same_era(*state, manifest_era_number_or_none(&manifest))) return true;
+    return rotation_is_due(*state, loaded->rotation_frequency, wall_clock_seconds());
+  } catch (const HostError& e) {
+    if (e.is(HostError::kIsKeyboardInterrupt)) throw;
+    log_debug("Feature rotation check failed: %s", {json::value(e.what())});
+    return true;
+  } catch (const Error& e) {
+    log_debug("Feature rotation check failed: %s", {json::value(e.what())});
+    return true;
+  }
+}
+
+RotationCoverage SyncManager::rotation_coverage(const Manifest& manifest) const {
+  RotationCoverage coverage;
+  std::lock_guard<std::mutex> lock(state_mu_);
+  if (!active_rotation_state_ || !same_era(*active_rotation_state_, manifest_era_number_or_none(&manifest))) {
+    return coverage;
+  }
+  std::vector<std::string> paths = text_list(active_rotation_state_->if_contains("active_relative_paths"));
+  coverage.active.emplace(paths.begin(), paths.end());
+  return coverage;
+}
+
+// --- prefetched feature files ---
+
+std::set<std::string> SyncManager::read_prefetched_feature_relative_paths(const Manifest& manifest) {
+  return tidewright::sync::read_prefetched_feature_relative_paths(data_dir_, manifest, host().manifest_siblings());
+}
+
+void SyncManager::write_prefetched_feature_relative_paths(std::optional<std::int64_t> era_number,
+                                                          const std::set<std::string>& relative_paths) {
+  tidewright::sync::write_prefetched_feature_relative_paths(data_dir_, era_number, relative_paths);
+}
+
+void SyncManager::refresh_prefetched_features_for(const Manifest& manifest) {
+  std::optional<std::int64_t> era = manifest_era_number_or_none(&manifest);
+  if (era == prefetched_feature_era_number_) return;
+  prefetched_feature_relative_paths_ = read_prefetched_feature_relative_paths(manifest);
+  prefetched_feature_era_number_ = era;
+}
+
+void SyncManager::remember_prefetched_feature_relative_paths(const Manifest& manifest,
+                                                             const std::vector<std::string>& relative_paths) {
+  std::vector<std::string> fresh = manifest_prefetched_feature_paths(manifest, relative_paths, host().manifest_siblings());
+  if (fresh.empty()) return;
+  std::lock_guard<std::mutex> lock(prefetched_feature_mu_);
+  refresh_prefetched_features_for(manifest);
+  prefetched_feature_relative_paths_.insert(fresh.begin(), fresh.end());
+  write_prefetched_feature_relative_paths(prefetched_feature_era_number_, prefetched_feature_relative_paths_);
+}
+
+std::vector<std::string> SyncManager::prefetched_feature_keep_paths(const Manifest& manifest) {
+  std::lock_guard<std::mutex> lock(prefetched_feature_mu_);
+  refresh_prefetched_features_for(manifest);
+  return std::vector<std::string>(prefetched_feature_relative_paths_.begin(), prefetched_feature_relative_paths_.end());
+}
+
+std::optional<std::int64_t> SyncManager::prefetched_feature_era_number() const {
+  std::lock_guard<std::mutex> lock(prefetched_feature_mu_);
+  return prefetched_feature_era_number_;
+}
+
+std::set<std::string> SyncManager::prefetched_feature_relative_paths() const {
+  std::lock_guard<std::mutex> lock(prefetched_feature_mu_);
+  return prefetched_feature_relative_paths_;
+}
+
+}  // namespace tidewright::sync
