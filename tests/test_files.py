@@ -6,7 +6,6 @@ import json
 import logging
 import os
 import pathlib
-import sys
 import time
 import types
 
@@ -16,20 +15,8 @@ import tidewright.sync as sync
 
 
 @pytest.fixture
-def progress_module(monkeypatch):
-    """The progress helper module, or a minimal stand-in while it is missing."""
-    try:
-        return importlib.import_module("tidewright._sync_progress")
-    except ModuleNotFoundError:
-        module = types.ModuleType("tidewright._sync_progress")
-
-        def manifest_file_size(entry):
-            size = entry.get("size_bytes") if isinstance(entry, dict) else None
-            return size if isinstance(size, int) and not isinstance(size, bool) and size >= 0 else None
-
-        module.manifest_file_size = manifest_file_size
-        monkeypatch.setitem(sys.modules, "tidewright._sync_progress", module)
-        return module
+def progress_module():
+    return importlib.import_module("tidewright._sync_progress")
 
 
 def temporaries(directory):

@@ -4,9 +4,7 @@ import enum
 import importlib
 import os
 import re
-import sys
 import types
-import urllib.parse
 from pathlib import PurePosixPath
 
 import pytest
@@ -15,48 +13,8 @@ from hypothesis import given, strategies as st
 from tidewright import sync
 
 
-def _validate_bearer_transport_url(url):
-    url = str(url).strip()
-    parts = urllib.parse.urlsplit(url)
-    if not parts.scheme or not parts.hostname:
-        raise ValueError(f"bearer transport URL needs a scheme and host: {url!r}")
-    if parts.scheme == "http" and parts.hostname not in ("localhost", "::1") and not parts.hostname.startswith("127."):
-        raise ValueError(f"refusing to send a bearer token over plain http to {parts.hostname}")
-    return url
 
 
-# Stand-ins for sibling modules the package does not provide (yet).
-SIBLING_FAKES = {
-    "tidewright._transport_security": {"validate_bearer_transport_url": _validate_bearer_transport_url},
-    "tidewright.era_config": {
-        "EpochName": enum.Enum("EpochName", {"SIGNAL_IS": "signal_is", "STRATEGY_IS": "strategy_is", "SIGNAL_OS": "signal_os"})
-    },
-    "tidewright._artifact_rotation": {
-        "manifest_file_kind": lambda path, info: str((info or {}).get("kind") or ""),
-        "FEATURE_ARTIFACT_KINDS": {"feature"},
-    },
-    "tidewright.runtime_module_freshness": {
-        "RUNTIME_MODULE_KIND_SUFFIX": "_module",
-        "is_runtime_module_kind": lambda kind: kind == "vault_module",
-    },
-    "tidewright._sync_progress": {"manifest_file_size": lambda entry: entry.get("size_bytes")},
-    "tidewright._function_token_safety": {
-        "is_retired_public_function_token_name": lambda name: re.fullmatch(r"f[0-9]+", name) is not None
-    },
-}
-
-
-@pytest.fixture(autouse=True, scope="module")
-def sibling_modules():
-    with pytest.MonkeyPatch.context() as patch:
-        for name, attributes in SIBLING_FAKES.items():
-            try:
-                importlib.import_module(name)
-            except ImportError:
-                module = types.ModuleType(name)
-                module.__dict__.update(attributes)
-                patch.setitem(sys.modules, name, module)
-        yield
 
 
 def manifest(*paths):

@@ -1,44 +1,11 @@
 """Manifest sanitisation (Python face): results built from the caller's objects."""
 
 import copy
-import enum
 import importlib
-import sys
-import types
 
-import pytest
 
 from tidewright import sync
 
-# Stand-ins for sibling modules the package does not provide (yet).
-SIBLING_FAKES = {
-    "tidewright._artifact_rotation": {
-        "manifest_file_kind": lambda path, info: str((info or {}).get("kind") or ""),
-        "FEATURE_ARTIFACT_KINDS": {"feature"},
-    },
-    "tidewright.runtime_module_freshness": {
-        "RUNTIME_MODULE_KIND_SUFFIX": "_module",
-        "is_runtime_module_kind": lambda kind: kind == "vault_module",
-    },
-    "tidewright.era_config": {
-        "EpochName": enum.Enum("EpochName", {"SIGNAL_IS": "signal_is", "STRATEGY_IS": "strategy_is", "SIGNAL_OS": "signal_os"})
-    },
-    "tidewright._sync_progress": {"manifest_file_size": lambda entry: entry.get("size_bytes")},
-    "tidewright._function_token_safety": {"is_retired_public_function_token_name": lambda name: False},
-}
-
-
-@pytest.fixture(autouse=True, scope="module")
-def sibling_modules():
-    with pytest.MonkeyPatch.context() as patch:
-        for name, attributes in SIBLING_FAKES.items():
-            try:
-                importlib.import_module(name)
-            except ImportError:
-                module = types.ModuleType(name)
-                module.__dict__.update(attributes)
-                patch.setitem(sys.modules, name, module)
-        yield
 
 
 def entry(kind, **extra):

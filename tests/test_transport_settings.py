@@ -1,8 +1,6 @@
 """Transport constants, knob parsing and the download status policy."""
 
 import importlib
-import sys
-import types
 from decimal import Decimal
 from http import HTTPStatus
 
@@ -16,19 +14,8 @@ CONCURRENCY_MESSAGE = "invalid sync_max_concurrency: expected a positive integer
 
 
 @pytest.fixture
-def auth_module(monkeypatch):
-    """The authentication module, or a minimal stand-in while it is missing."""
-    try:
-        return importlib.import_module("tidewright.auth")
-    except ModuleNotFoundError:
-        module = types.ModuleType("tidewright.auth")
-
-        class AuthError(Exception):
-            pass
-
-        module.AuthError = AuthError
-        monkeypatch.setitem(sys.modules, "tidewright.auth", module)
-        return module
+def auth_module():
+    return importlib.import_module("tidewright.auth")
 
 
 def test_constants_have_their_values_and_types():
