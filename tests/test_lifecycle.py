@@ -52,11 +52,6 @@ def timed(fn):
     return time.monotonic() - started
 
 
-def run_python(code, *args, timeout=120):
-    return subprocess.run([sys.executable, "-c", textwrap.dedent(code), *map(str, args)], capture_output=True,
-                          text=True, timeout=timeout)
-
-
 def test_consumers_start_the_threads_once_and_the_last_release_stops_and_evicts(dataservice, data_dir):
     m = manager_for(dataservice, data_dir)
     count_file = data_dir / ".consumer_count"
@@ -192,24 +187,26 @@ def test_stopping_is_prompt_during_an_outage(dataservice, data_dir, outage, how)
     assert not (data_dir / ".sync_flock").exists()
 
 
-def test_interpreter_exit_with_an_acquired_manager(dataservice, data_dir):
+def test_interpreter_exit_with_an_acquired_manager(dataservice, data_dir, tmp_path):
     svc = dataservice
     svc.add_fault("/data/files/*", "stall", count=None, after_bytes=100)
-    child = run_python("""
-        import glob, sys, time
+    go = tmp_path / "exit-now"
+    child = subprocess.Popen([sys.executable, "-c", textwrap.dedent("""
+        import os, sys, time
         import tidewright.sync as sync
         m = sync.SyncManager.get_or_create(sys.argv[1], sys.argv[2], lambda: sys.argv[3], poll_interval_s=0.2)
         m.acquire()
-        deadline = time.monotonic() + 20
-        while not glob.glob(sys.argv[1] + "/**/*.tmp", recursive=True) and time.monotonic() < deadline:
-            time.sleep(0.05)
-        print("exiting", time.monotonic(), flush=True)
-    """, data_dir, svc.url, svc.token, timeout=60)
-    ended = time.monotonic()
-    assert child.returncode == 0, child.stderr
-    exiting_at = float(child.stdout.split()[1])
-    assert ended - exiting_at < 5
-    assert svc.requests_for("/data/files/*")
+        while not os.path.exists(sys.argv[4]):
+            time.sleep(0.02)
+    """), str(data_dir), svc.url, svc.token, str(go)], stderr=subprocess.PIPE, text=True)
+    try:
+        assert wait_for(lambda: any(r.fault == "stall" for r in svc.requests_for("/data/files/*")))
+    finally:
+        go.touch()  # the interpreter now exits with the manager acquired and a transfer stalled
+        started = time.monotonic()
+        _, err = child.communicate(timeout=60)
+    assert child.returncode == 0, err
+    assert time.monotonic() - started < 5
 
 
 SYNC_CHILD = """
