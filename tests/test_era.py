@@ -298,6 +298,7 @@ def test_transition_stages_switches_and_cleans_up(svc, data_dir, monkeypatch):
     monkeypatch.setattr(tidewright.search_tracking, "SearchTracker", Tracker)
 
     m = synced(svc, data_dir)
+    os.utime(data_dir / "shared/same.bin", ns=(1_000_000_000, 2_000_000_000))
     publish_next(svc)
     svc.clear_requests()
     calls = []
@@ -310,6 +311,7 @@ def test_transition_stages_switches_and_cleans_up(svc, data_dir, monkeypatch):
     assert_era_files(svc, data_dir, m, 2)
     assert not (data_dir / "old/only.bin").exists()
     assert (data_dir / "shared/same.bin").read_bytes() == SAME
+    assert (data_dir / "shared/same.bin").stat().st_mtime_ns == 2_000_000_000  # copied with its times
     downloaded = {r.path for r in svc.requests_for("/data/files/*")}
     assert "/data/files/shared/same.bin" not in downloaded and "/data/files/" + next(
         p for p in svc.manifest(2)["files"] if p.startswith("features/")) in downloaded
