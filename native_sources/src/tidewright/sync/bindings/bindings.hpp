@@ -19,6 +19,8 @@ void bind_artifacts(nb::module_& m);            // bind_artifacts.cpp: vocabular
 void bind_http(nb::module_& m);                 // bind_http.cpp: GETs, retry loop, curl transport
 void bind_events(nb::module_& m);               // bind_events.cpp: sync events
 void bind_rotation(nb::module_& m);             // bind_rotation.cpp: rotation catalogue, state files, prefetch
+void bind_era(nb::module_& m);                  // bind_era.cpp: era-current helpers, EraThread
+void bind_lifecycle(nb::module_& m);            // bind_lifecycle.cpp: SyncManager lifecycle, era transitions
 
 // Stops every live manager; called at interpreter exit (bind_manager.cpp).
 void shutdown_all_managers();

@@ -51,6 +51,8 @@ NB_MODULE(sync, m) {
   bindings::bind_http(m);
   bindings::bind_events(m);
   bindings::bind_rotation(m);
+  bindings::bind_era(m);        // after bind_manager: EraThread refers to SyncManager
+  bindings::bind_lifecycle(m);  // adds to SyncManager; returns EraThread
 
   nb::module_::import_("atexit").attr("register")(nb::cpp_function(&at_exit));
 }

@@ -94,6 +94,24 @@ json::value result_to_json(nb::handle result) {
   }
 }
 
+// The exception being handled, for a log record: the host exception a
+// HostError carries, with its traceback; otherwise True (whatever the host
+// itself is handling).
+nb::object exc_info_of_current_exception() {
+  std::exception_ptr current = std::current_exception();
+  if (!current) return nb::bool_(true);
+  try {
+    std::rethrow_exception(current);
+  } catch (const HostError& e) {
+    auto* error = static_cast<nb::python_error*>(e.payload.get());
+    if (error && error->value().is_valid() && PyExceptionInstance_Check(error->value().ptr())) {
+      return nb::make_tuple(error->type(), error->value(), error->traceback());
+    }
+  } catch (...) {
+  }
+  return nb::bool_(true);
+}
+
 }  // namespace
 
 [[noreturn]] void throw_host_error_from_python() {
@@ -159,7 +177,7 @@ void PythonHost::log(LogLevel level, std::string_view format, const json::array&
         extra["tidewright_sync_event"] = from_json(json::value(*event));
         kwargs["extra"] = extra;
       }
-      if (with_traceback) kwargs["exc_info"] = true;
+      if (with_traceback) kwargs["exc_info"] = exc_info_of_current_exception();
       nb::list call_args;
       call_args.append(static_cast<int>(level));
       call_args.append(nb::str(format.data(), format.size()));

@@ -260,26 +260,22 @@ std::int64_t SyncManager::cleanup_old_eras(bool keep_current) {
 
 void SyncManager::schedule_cleanup_old_eras(bool keep_current) {
   std::lock_guard<std::mutex> lock(cleanup_mu_);
-  if (cleanup_running_ && cleanup_running_->load()) return;
-  auto running = std::make_shared<std::atomic<bool>>(true);
-  cleanup_running_ = running;
-  std::weak_ptr<SyncManager> weak = weak_from_this();
-  // Detached: the thread holds no reference that keeps the manager alive,
-  // and the manager never waits for it.
-  std::thread([weak, keep_current, running] {
+  if (cleanup_thread_ && cleanup_thread_->running()) return;
+  std::shared_ptr<SyncManager> self = weak_from_this().lock();
+  if (!self) return;
+  // Owned by the manager (stop_internal joins it); it holds the manager
+  // while it runs.
+  cleanup_thread_ = std::make_shared<OwnedThread>([self, keep_current] {
     pthread_setname_np(pthread_self(), "tidewright-sync-cleanup");
     try {
-      if (auto self = weak.lock()) {
-        std::int64_t freed = self->cleanup_old_eras(keep_current);
-        log_info("Old era cleanup completed: freed %s bytes", {json::value(freed)});
-      }
+      std::int64_t freed = self->cleanup_old_eras(keep_current);
+      log_info("Old era cleanup completed: freed %s bytes", {json::value(freed)});
     } catch (const std::exception& e) {
       log_warning("Background old-era cleanup failed: %s", {json::value(e.what())}, true);
     } catch (...) {
       log_warning("Background old-era cleanup failed: %s", {json::value("unknown error")}, true);
     }
-    running->store(false);
-  }).detach();
+  });
 }
 
 }  // namespace tidewright::sync

@@ -45,6 +45,8 @@ SyncManager::SyncManager(SyncManagerArgs args)
   load_active_rotation_state();
 }
 
+// The threads this manager starts hold a reference to it while they run, so
+// by now they have ended (or this is one of them, about to return).
 SyncManager::~SyncManager() = default;
 
 void SyncManager::load_consumer_count() {
@@ -135,22 +137,17 @@ void SyncManager::evict(const std::string& data_dir) {
   g_instances.erase(key);
 }
 
+std::mutex& SyncManager::class_mutex() { return g_class_mu; }
+
+void SyncManager::evict_locked(const SyncManager* manager) {
+  auto it = g_instances.find(real_path(manager->data_dir_));
+  if (it != g_instances.end() && it->second.get() == manager) g_instances.erase(it);
+}
+
 std::map<std::string, std::shared_ptr<SyncManager>> SyncManager::instances() {
   std::lock_guard<std::mutex> lock(g_class_mu);
   return g_instances;
 }
-
-void SyncManager::shutdown_all() {
-  for (auto& [key, manager] : instances()) {
-    try {
-      manager->stop_internal();
-    } catch (const std::exception& e) {
-      log_warning("Failed to stop sync manager for %s: %s", {json::value(key), json::value(e.what())});
-    }
-  }
-}
-
-void SyncManager::stop_internal() { running_.store(false); }
 
 void SyncManager::set_sync_runtime_knobs(const SyncKnobs& knobs) {
   std::lock_guard<std::mutex> lock(state_mu_);
@@ -197,10 +194,7 @@ std::optional<std::string> SyncManager::status() const {
   return status_message_;
 }
 
-std::int64_t SyncManager::consumer_count() const {
-  std::lock_guard<std::mutex> lock(consumer_mu_);
-  return consumer_count_;
-}
+std::int64_t SyncManager::consumer_count() const { return consumer_count_.load(); }
 
 HostRef SyncManager::get_token_fn() const {
   std::lock_guard<std::mutex> lock(state_mu_);

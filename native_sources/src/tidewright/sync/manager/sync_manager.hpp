@@ -8,6 +8,8 @@
 #pragma once
 
 #include "tidewright/sync/common/json.hpp"
+#include "tidewright/sync/common/owned_thread.hpp"
+#include "tidewright/sync/era/era_thread.hpp"
 #include "tidewright/sync/host/host.hpp"
 #include "tidewright/sync/manager/hash_cache.hpp"
 #include "tidewright/sync/manager/progress.hpp"
@@ -52,13 +54,13 @@ struct SyncManagerArgs {
   SyncKnobs knobs;
 };
 
-class SyncManager : public std::enable_shared_from_this<SyncManager> {
+class SyncManager : public std::enable_shared_from_this<SyncManager>, public EraTransitionTarget {
  public:
   // Validates and loads; see the constructor steps in sync_manager.cpp.
   // Throws TypeError (token not callable), the URL validator's error,
   // FileNotFoundError "data_dir does not exist: <path>".
   explicit SyncManager(SyncManagerArgs args);
-  ~SyncManager();
+  ~SyncManager() override;
   SyncManager(const SyncManager&) = delete;
   SyncManager& operator=(const SyncManager&) = delete;
 
@@ -96,7 +98,9 @@ class SyncManager : public std::enable_shared_from_this<SyncManager> {
   // Progress of running downloads for the host (see progress.hpp).
   ProgressFeed& progress() { return progress_; }
 
-  // Stops background work (threads, transfers); idempotent.
+  // Stops background work and blocks until it has ended: the poll thread,
+  // the era thread, repair threads and running transfers (which observe
+  // stop_requested()); a running sync or transition ends first. Idempotent.
   void stop_internal();
 
   // A fresh bearer token from the token provider.
@@ -223,7 +227,7 @@ class SyncManager : public std::enable_shared_from_this<SyncManager> {
   void acquire_flock();
   void release_flock();
   // A stop request for this manager (set by stop_internal).
-  bool stop_requested() const { return stop_requested_.load(); }
+  bool stop_requested() const { return stop_requested_.load() || shut_down_.load(); }
 
  private:
   void load_consumer_count();
@@ -250,7 +254,7 @@ class SyncManager : public std::enable_shared_from_this<SyncManager> {
   ProgressFeed progress_;
   const std::string consumer_count_path_;
   mutable std::mutex consumer_mu_;
-  std::int64_t consumer_count_ = 0;  // guarded by consumer_mu_ (read under state_mu_ too)
+  std::atomic<std::int64_t> consumer_count_{0};  // written under consumer_mu_, read anywhere
   const std::string flock_path_;
 
   // In-process sync serialisation ("_sync_lock").
@@ -275,7 +279,129 @@ class SyncManager : public std::enable_shared_from_this<SyncManager> {
   std::optional<json::object> vocabulary_;  // guarded by state_mu_
 
   std::mutex cleanup_mu_;
-  std::shared_ptr<std::atomic<bool>> cleanup_running_;  // guarded by cleanup_mu_
+  std::shared_ptr<OwnedThread> cleanup_thread_;  // guarded by cleanup_mu_
+
+  // ==========================================================================
+  // Consumer lifecycle, background threads, era callbacks and era
+  // transitions (lifecycle.cpp, transition.cpp).
+  //
+  // Lock order: the class registry lock, consumer_mu_, lifecycle_mu_,
+  // transition_mu_, sync_mu_, flock_mu_ (and the file lock). repair_mu_,
+  // coalescing_mu_, era_callbacks_mu_, stop_mu_, threads_mu_, cleanup_mu_ and
+  // transition_state_mu_ are leaves. No thread this class starts ever waits for the registry lock,
+  // consumer_mu_ or lifecycle_mu_, so stop_internal() may join them while
+  // holding those.
+  // ==========================================================================
+ public:
+  // Registers a consumer (".consumer_count" rewritten); the first starts the
+  // poll thread and the era thread.
+  void acquire();
+  // Deregisters a consumer; the last stops the threads and leaves the
+  // registry. Nothing happens at a count of 0.
+  void release();
+  // Starts the poll thread only. StateError "SyncManager already running".
+  void start();
+  // stop_internal() when running.
+  void stop();
+  // The poll thread exists and has not ended.
+  bool is_alive() const;
+  // One poll cycle: process queued repairs, then sync when the server has
+  // moved on (skipped when another sync runs or a transition is under way).
+  void poll_once();
+  // Cross-process sync trigger: syncs (callers arriving meanwhile share that
+  // sync) and returns local found-PnL paths, newest first. StateError during
+  // a transition (also another process's) or when not running.
+  std::vector<std::string> request_for_sync();
+  // Local paths of the manifest's found-PnL files present on disk, newest
+  // first; empty without a manifest.
+  std::vector<std::string> get_found_file_paths();
+  // Queues `file_path` for repair on a background thread. StateError when
+  // not running; ValueError "File not in manifest: <path>".
+  void report_corruption(const std::string& file_path);
+
+  // Era callbacks: host callables called as callback(event_type, era_number).
+  void register_era_callback(HostRef callback);
+  // Removes the first registration of the same host object; silent when
+  // there is none.
+  void unregister_era_callback(const HostRef& callback);
+  std::vector<HostRef> era_callbacks() const;
+  // Calls every callback (on a copy of the list, outside the lock); a
+  // callback's error is logged and the others still run.
+  void notify_era_callbacks(const std::string& event_type, std::int64_t era_number);
+
+  // Era transition gates: the era-current answer re-read during a transition.
+  // (active era number, era config); EraError when not 200, unparseable, or
+  // in a state other than "active" (and "closing" when allowed).
+  std::pair<std::int64_t, json::object> fetch_active_era_for_transition(bool allow_closing = false);
+  // The era config; EraError when the active era is not `expected_era_number`.
+  json::object confirm_active_era(std::int64_t expected_era_number, bool allow_closing = false);
+  // A higher active era, empty when it is the expected one; EraError when lower.
+  std::optional<std::int64_t> check_transition_superseded(std::int64_t expected_era_number,
+                                                          bool allow_closing = false);
+
+  // EraTransitionTarget. The transition: kill searches, check the library
+  // version, stage the new era in ".transition_era<N>.tmp", switch, write the
+  // manifest, notify auth / identity / search tracking, restart searches;
+  // under the file lock, with ".transition_lock" present and in_transition()
+  // true. A higher era appearing meanwhile restarts it for that era. Errors
+  // propagate after the clean-up, with the old era's files in place.
+  std::optional<json::value> held_manifest_era_number() const override;
+  void trigger_era_transition(std::int64_t new_era_number, const SearchesFn& kill_searches_fn,
+                              const SearchesFn& restart_searches_fn) override;
+
+  std::shared_ptr<EraThread> era_thread() const;
+  bool consumer_lifecycle_started() const { return consumer_lifecycle_started_.load(); }
+  std::string transition_lock_path() const;
+  std::string transition_staging_path(std::int64_t era_number) const;
+
+ private:
+  void persist_consumer_count();  // REQUIRES: consumer_mu_ held
+  void start_sync_thread();       // REQUIRES: lifecycle_mu_ held
+  void start_internal();          // REQUIRES: lifecycle_mu_ held
+  void poll_loop();
+  void process_repair_queue();
+  void set_in_transition(bool value);
+  void set_status_message(std::string message);
+  // One transition attempt; the superseding era when a higher one appeared.
+  std::optional<std::int64_t> run_transition_attempt(std::int64_t new_era_number, const SearchesFn& kill_searches_fn,
+                                                     const SearchesFn& restart_searches_fn);
+
+  // Registry access for release(), which evicts under the class lock.
+  static std::mutex& class_mutex();
+  static void evict_locked(const SyncManager* manager);  // REQUIRES: class_mutex() held
+
+  std::mutex lifecycle_mu_;  // serialises starting and stopping the threads
+  mutable std::mutex threads_mu_;  // leaf; guards the two pointers below
+  std::shared_ptr<OwnedThread> poll_thread_;  // written under lifecycle_mu_ and threads_mu_
+  std::shared_ptr<EraThread> era_thread_;     // written under lifecycle_mu_ and threads_mu_
+  std::atomic<bool> consumer_lifecycle_started_{false};
+  std::atomic<bool> shut_down_{false};  // set at interpreter exit; never cleared
+
+  // The poll thread's stop event ("_stop_event").
+  std::mutex stop_mu_;
+  std::condition_variable stop_cv_;
+  bool stop_event_ = false;  // guarded by stop_mu_
+
+  std::mutex repair_mu_;
+  std::vector<std::string> repair_queue_;      // guarded by repair_mu_
+  std::vector<OwnedThread> repair_threads_;    // guarded by repair_mu_
+
+  // The sync that request_for_sync callers arriving meanwhile wait for.
+  struct CoalescedSync {
+    std::mutex mu;
+    std::condition_variable cv;
+    bool done = false;  // guarded by mu
+  };
+  std::mutex coalescing_mu_;
+  std::shared_ptr<CoalescedSync> coalescing_event_;  // guarded by coalescing_mu_
+
+  mutable std::mutex era_callbacks_mu_;
+  std::vector<HostRef> era_callbacks_;  // guarded by era_callbacks_mu_
+
+  std::mutex transition_mu_;  // one transition at a time in this process
+  std::mutex transition_state_mu_;
+  std::condition_variable transition_cv_;  // in_transition_ changes (written under transition_state_mu_)
+  std::thread::id transition_owner_;       // guarded by transition_state_mu_
 
   // Feature rotation: the persisted state and the prefetched set per era.
   void load_active_rotation_state();

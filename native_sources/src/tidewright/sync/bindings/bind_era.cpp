@@ -1,0 +1,176 @@
+// The era-current endpoint helpers and EraThread, as seen from Python.
+#include "tidewright/sync/bindings/bindings.hpp"
+#include "tidewright/sync/bindings/convert.hpp"
+#include "tidewright/sync/era/era_current.hpp"
+#include "tidewright/sync/era/era_thread.hpp"
+#include "tidewright/sync/era/market.hpp"
+#include "tidewright/sync/manager/sync_manager.hpp"
+#include "tidewright/sync/reporting/errors.hpp"
+
+#include <nanobind/stl/shared_ptr.h>
+#include <nanobind/stl/string.h>
+
+namespace tidewright::sync::bindings {
+
+namespace {
+
+// The worker and the stop request of an EraThread are native; these views
+// give the host the thread-like and event-like reading of them.
+constexpr const char* kEraViewsSource = R"PY(
+class _EraWorkerView:
+    """The native worker thread of an EraThread (read-only view)."""
+
+    daemon = True
+
+    def __init__(self, owner):
+        self._owner = owner
+
+    def is_alive(self):
+        return self._owner.is_alive()
+
+
+class _EraStopView:
+    """The stop request of an EraThread (read-only view)."""
+
+    def __init__(self, owner):
+        self._owner = owner
+
+    def is_set(self):
+        return self._owner._stop_requested
+)PY";
+
+nb::handle g_module;
+
+json::value market_id_value(nb::handle market_id) {
+  try {
+    return to_json(market_id);
+  } catch (nb::python_error&) {
+    return nullptr;
+  }
+}
+
+// A native kill/restart function as a host callable (the GIL is released
+// while it runs).
+nb::object searches_fn_object(const SearchesFn& fn) {
+  if (fn.host_ref()) return nb::borrow(ref_object(fn.host_ref()));
+  if (!fn.native_fn()) return nb::none();
+  std::function<void()> native = fn.native_fn();
+  return nb::cpp_function([native] {
+    nb::gil_scoped_release release;
+    native();
+  });
+}
+
+SearchesFn searches_fn_from(nb::handle fn) {
+  if (fn.is_none()) return SearchesFn();
+  return SearchesFn::host_callable(make_ref(fn));
+}
+
+}  // namespace
+
+void bind_era(nb::module_& m) {
+  g_module = m;
+  nb::object builtins = nb::module_::import_("builtins");
+  nb::dict globals = nb::borrow<nb::dict>(m.attr("__dict__"));
+  builtins.attr("exec")(builtins.attr("compile")(kEraViewsSource, "<tidewright.sync era>", "exec"), globals);
+
+  m.def(
+      "_market_era_current_url",
+      [](nb::handle server_url, nb::handle market_id) {
+        std::int64_t market = coerce_agent_market_id(market_id_value(market_id), to_text(nb::repr(market_id)));
+        return market_era_current_url(to_text(server_url), market);
+      },
+      nb::arg("server_url"), nb::arg("market_id").none());
+
+  m.def(
+      "_normalize_era_current_response",
+      [](nb::handle data) -> nb::object {
+        if (!nb::isinstance<nb::dict>(data)) return nb::dict();
+        if (!nb::borrow<nb::dict>(data).contains("era")) return nb::borrow(data);  // the flat shape, as it came
+        return from_json(normalize_era_current_response(to_json(data)));
+      },
+      nb::arg("data").none(), "Normalize canonical market-scoped era-current wrapper into an era config dict.");
+
+  nb::class_<EraThread>(m, "EraThread",
+                        "Polls the market-scoped era-current endpoint and triggers era transitions.")
+      .def(nb::new_([](nb::handle server_url, nb::handle get_token, nb::handle sync_manager,
+                       double era_poll_interval_s, nb::handle kill_searches_fn, nb::handle restart_searches_fn,
+                       nb::handle market_id) {
+             std::shared_ptr<SyncManager> manager;
+             if (!nb::try_cast(sync_manager, manager) || !manager) {
+               throw TypeError("sync_manager must be a SyncManager, got " + to_text(nb::repr(sync_manager.type())));
+             }
+             EraThreadOptions options;
+             options.server_url = to_text(server_url);
+             HostRef token_ref = make_ref(get_token);
+             options.get_token_ref = token_ref;
+             options.get_token = [token_ref] { return host().call_for_text(token_ref); };
+             options.sync_manager = manager;
+             options.era_poll_interval_s = era_poll_interval_s;
+             options.kill_searches_fn = searches_fn_from(kill_searches_fn);
+             options.restart_searches_fn = searches_fn_from(restart_searches_fn);
+             options.market_id = market_id_value(market_id);
+             options.market_id_repr = to_text(nb::repr(market_id));
+             nb::gil_scoped_release release;
+             return std::make_shared<EraThread>(std::move(options));
+           }),
+           nb::arg("server_url"), nb::arg("get_token").none(), nb::arg("sync_manager").none(),
+           nb::arg("era_poll_interval_s") = ERA_POLL_INTERVAL_SECONDS, nb::arg("kill_searches_fn").none() = nb::none(),
+           nb::arg("restart_searches_fn").none() = nb::none(),
+           nb::arg("market_id").none() = DEFAULT_AGENT_MARKET_ID)
+      .def("start", &EraThread::start, nb::call_guard<nb::gil_scoped_release>())
+      .def("stop", &EraThread::stop, nb::call_guard<nb::gil_scoped_release>())
+      .def("is_alive", &EraThread::is_alive, nb::call_guard<nb::gil_scoped_release>())
+      .def("_poll_once", &EraThread::poll_once, nb::call_guard<nb::gil_scoped_release>(),
+           "Single poll of the market-scoped era-current endpoint.")
+      .def(
+          "_mark_transition_failed",
+          [](EraThread& self, const std::string& context, nb::handle exc) {
+            std::string text = to_text(exc);
+            nb::gil_scoped_release release;
+            self.mark_transition_failed(context, text);
+          },
+          nb::arg("context"), nb::arg("exc"))
+      .def("_clear_transition_failed", &EraThread::clear_transition_failed, nb::call_guard<nb::gil_scoped_release>())
+      .def_prop_ro("_server_url", [](const EraThread& t) { return t.server_url(); })
+      .def_prop_ro("_market_id", [](const EraThread& t) { return t.market_id(); })
+      .def_prop_ro("_poll_interval", [](const EraThread& t) { return t.poll_interval(); })
+      .def_prop_ro("_get_token",
+                   [](const EraThread& t) -> nb::object {
+                     if (t.get_token_ref()) return nb::borrow(ref_object(t.get_token_ref()));
+                     std::function<std::string()> fn = t.get_token();
+                     if (!fn) return nb::none();
+                     return nb::cpp_function([fn] {
+                       nb::gil_scoped_release release;
+                       return fn();
+                     });
+                   })
+      .def_prop_ro("_sync_manager",
+                   [](const EraThread& t) { return std::dynamic_pointer_cast<SyncManager>(t.sync_manager()); })
+      .def_prop_ro("_kill_searches_fn", [](const EraThread& t) { return searches_fn_object(t.kill_searches_fn()); })
+      .def_prop_ro("_restart_searches_fn",
+                   [](const EraThread& t) { return searches_fn_object(t.restart_searches_fn()); })
+      .def_prop_ro("_thread",
+                   [](nb::handle self) -> nb::object {
+                     if (!nb::cast<EraThread&>(self).state().has_thread) return nb::none();
+                     return g_module.attr("_EraWorkerView")(self);
+                   })
+      .def_prop_ro("_stop_event", [](nb::handle self) { return g_module.attr("_EraStopView")(self); })
+      .def_prop_ro("_stop_requested", &EraThread::stop_requested)
+      .def_prop_ro("_started", [](const EraThread& t) { return t.state().started; })
+      .def_prop_rw(
+          "_last_known_era_number", [](const EraThread& t) { return from_json(t.state().last_known_era_number); },
+          [](EraThread& t, nb::handle value) { t.set_last_known_era_number(value.is_none() ? json::value(nullptr) : to_json(value)); },
+          nb::arg("value").none())
+      .def_prop_ro("_last_known_state", [](const EraThread& t) { return from_json(t.state().last_known_state); })
+      .def_prop_rw(
+          "_in_closing", [](const EraThread& t) { return t.state().in_closing; },
+          [](EraThread& t, bool value) { t.set_in_closing(value); })
+      .def_prop_ro("_transition_failed", [](const EraThread& t) { return t.state().transition_failed; })
+      .def_prop_ro("_last_transition_error", [](const EraThread& t) -> nb::object {
+        auto error = t.state().last_transition_error;
+        return error ? nb::object(nb::str(error->c_str(), error->size())) : nb::none();
+      });
+}
+
+}  // namespace tidewright::sync::bindings

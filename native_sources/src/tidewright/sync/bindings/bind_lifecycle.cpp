@@ -1,0 +1,179 @@
+// SyncManager's consumer lifecycle, threads, era callbacks and era
+// transitions, as seen from Python (added to the class bind_manager made).
+#include "tidewright/sync/bindings/bindings.hpp"
+#include "tidewright/sync/bindings/convert.hpp"
+#include "tidewright/sync/era/era_thread.hpp"
+#include "tidewright/sync/manager/sync_manager.hpp"
+
+#include <nanobind/stl/optional.h>
+#include <nanobind/stl/shared_ptr.h>
+#include <nanobind/stl/string.h>
+#include <nanobind/stl/vector.h>
+
+namespace tidewright::sync::bindings {
+
+namespace {
+
+// Host-side halves of the transition's calls into sibling modules whose
+// protocol is Python's own (a context manager, objects passed along).
+constexpr const char* kTransitionHelpersSource = R"PY(
+def _record_runtime_freshness_updates(updates):
+    import importlib
+
+    deployment = importlib.import_module("tidewright.deployment")
+    with deployment.runtime_freshness_guard() as guard:
+        for update in updates:
+            guard.record_sync_update(**update)
+
+
+def _track_era_transition(data_dir, new_era_number, previous_era_number):
+    import importlib
+
+    identity = importlib.import_module("tidewright.identity").resolve_identity_for_data_dir(data_dir)
+    tracker = importlib.import_module("tidewright.search_tracking").SearchTracker(data_dir, identity=identity)
+    try:
+        tracker.handle_era_transition(new_era_number=new_era_number, previous_era_number=previous_era_number)
+    finally:
+        tracker.close()
+)PY";
+
+template <typename F, typename... Extra>
+void def_method(nb::handle cls, const char* name, F&& f, const Extra&... extra) {
+  nb::cpp_function_def(std::forward<F>(f), nb::scope(cls), nb::name(name), nb::is_method(), extra...);
+}
+
+template <typename F>
+void def_property(nb::handle cls, const char* name, F&& getter) {
+  cls.attr(name) = nb::module_::import_("builtins").attr("property")(nb::cpp_function(std::forward<F>(getter)));
+}
+
+SearchesFn searches_fn_from(nb::handle fn) {
+  if (fn.is_none()) return SearchesFn();
+  return SearchesFn::host_callable(make_ref(fn));
+}
+
+nb::object dict_of(const json::object& value) { return from_json(json::value(value)); }
+
+}  // namespace
+
+void bind_lifecycle(nb::module_& m) {
+  nb::object builtins = nb::module_::import_("builtins");
+  nb::dict globals = nb::borrow<nb::dict>(m.attr("__dict__"));
+  builtins.attr("exec")(builtins.attr("compile")(kTransitionHelpersSource, "<tidewright.sync transition>", "exec"),
+                        globals);
+
+  nb::handle cls = nb::type<SyncManager>();
+  using release_gil = nb::call_guard<nb::gil_scoped_release>;
+
+  def_method(cls, "acquire", &SyncManager::acquire, release_gil(), "Register as consumer, start threads if first.");
+  def_method(cls, "release", &SyncManager::release, release_gil(), "Deregister as consumer, stop threads if last.");
+  def_method(cls, "start", &SyncManager::start, release_gil(), "Start background sync polling loop.");
+  def_method(cls, "stop", &SyncManager::stop, release_gil(), "Stop background sync polling loop.");
+  def_method(cls, "_stop_internal", &SyncManager::stop_internal, release_gil(),
+             "Internal stop implementation. Blocks until in-progress sync/transition completes.");
+  def_method(cls, "is_alive", &SyncManager::is_alive, release_gil(), "Health check returning thread responsiveness.");
+  def_method(cls, "_poll_once", &SyncManager::poll_once, release_gil(),
+             "Single poll cycle: check version, sync if needed, process repairs.");
+  def_method(cls, "request_for_sync", &SyncManager::request_for_sync, release_gil(),
+             "Cross-process sync trigger, returns file paths.");
+  def_method(cls, "_get_found_file_paths", &SyncManager::get_found_file_paths, release_gil(),
+             "Get all found signal and strategy PnL file paths, ordered newest first.");
+  def_method(
+      cls, "report_corruption",
+      [](SyncManager& s, nb::handle file_path) {
+        std::string path = to_text(nb::module_::import_("os").attr("fspath")(file_path));
+        nb::gil_scoped_release release;
+        s.report_corruption(path);
+      },
+      nb::arg("file_path"), "Cross-process corruption report, queues async repair.");
+
+  def_method(
+      cls, "register_era_callback",
+      [](SyncManager& s, nb::handle callback) {
+        HostRef ref = make_ref(callback);
+        nb::gil_scoped_release release;
+        s.register_era_callback(std::move(ref));
+      },
+      nb::arg("callback").none());
+  def_method(
+      cls, "unregister_era_callback",
+      [](SyncManager& s, nb::handle callback) {
+        // The first registration equal to `callback` as the host compares
+        // (bound methods are new objects on every access), removed by identity.
+        std::vector<HostRef> registered;
+        {
+          nb::gil_scoped_release release;
+          registered = s.era_callbacks();
+        }
+        for (const HostRef& ref : registered) {
+          if (ref_object(ref).equal(callback)) {
+            nb::gil_scoped_release release;
+            s.unregister_era_callback(ref);
+            break;
+          }
+        }
+        nb::gil_scoped_release release;
+        registered.clear();
+      },
+      nb::arg("callback").none());
+  def_method(
+      cls, "_notify_era_callbacks",
+      [](SyncManager& s, const std::string& event_type, std::int64_t era_number) {
+        nb::gil_scoped_release release;
+        s.notify_era_callbacks(event_type, era_number);
+      },
+      nb::arg("event_type"), nb::arg("era_number"));
+  def_property(cls, "_era_callbacks", [](SyncManager& s) {
+    std::vector<HostRef> registered;
+    {
+      nb::gil_scoped_release release;
+      registered = s.era_callbacks();
+    }
+    nb::list out;
+    for (const HostRef& ref : registered) out.append(ref_object(ref));
+    return out;
+  });
+
+  def_method(
+      cls, "trigger_era_transition",
+      [](SyncManager& s, std::int64_t new_era_number, nb::handle kill_searches_fn, nb::handle restart_searches_fn) {
+        SearchesFn kill = searches_fn_from(kill_searches_fn);
+        SearchesFn restart = searches_fn_from(restart_searches_fn);
+        nb::gil_scoped_release release;
+        s.trigger_era_transition(new_era_number, kill, restart);
+      },
+      nb::arg("new_era_number"), nb::arg("kill_searches_fn").none() = nb::none(),
+      nb::arg("restart_searches_fn").none() = nb::none(),
+      "Handle era transition: kill, update, re-auth, sync, restart.");
+  def_method(
+      cls, "_fetch_active_era_for_transition",
+      [](SyncManager& s, bool allow_closing) {
+        std::pair<std::int64_t, json::object> fetched;
+        {
+          nb::gil_scoped_release release;
+          fetched = s.fetch_active_era_for_transition(allow_closing);
+        }
+        return nb::make_tuple(fetched.first, dict_of(fetched.second));
+      },
+      nb::arg("allow_closing") = false, "Fetch market-scoped era-current for transition gates.");
+  def_method(
+      cls, "_confirm_active_era",
+      [](SyncManager& s, std::int64_t expected_era_number, bool allow_closing) {
+        json::object config;
+        {
+          nb::gil_scoped_release release;
+          config = s.confirm_active_era(expected_era_number, allow_closing);
+        }
+        return dict_of(config);
+      },
+      nb::arg("expected_era_number"), nb::arg("allow_closing") = false,
+      "Require market-scoped era-current to match the requested active era.");
+  def_method(cls, "_check_transition_superseded", &SyncManager::check_transition_superseded, release_gil(),
+             nb::arg("expected_era_number"), nb::arg("allow_closing") = false,
+             "Return superseding active era_number, or raise on an invalid active state.");
+
+  def_property(cls, "_era_thread", [](SyncManager& s) { return s.era_thread(); });
+  def_property(cls, "_consumer_lifecycle_started", [](SyncManager& s) { return s.consumer_lifecycle_started(); });
+}
+
+}  // namespace tidewright::sync::bindings

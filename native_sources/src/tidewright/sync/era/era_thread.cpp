@@ -1,0 +1,296 @@
+#include "tidewright/sync/era/era_thread.hpp"
+
+#include "tidewright/sync/era/era_current.hpp"
+#include "tidewright/sync/era/market.hpp"
+#include "tidewright/sync/reporting/errors.hpp"
+#include "tidewright/sync/transport/http_request.hpp"
+
+#include <algorithm>
+#include <chrono>
+
+namespace tidewright::sync {
+
+namespace {
+
+constexpr auto STOP_JOIN_TIMEOUT = std::chrono::seconds(10);
+
+std::mutex g_started_mu;
+std::vector<std::weak_ptr<EraThread>> g_started;  // guarded by g_started_mu
+
+void remember_started(const std::shared_ptr<EraThread>& thread) {
+  std::lock_guard<std::mutex> lock(g_started_mu);
+  std::erase_if(g_started, [&](const std::weak_ptr<EraThread>& w) {
+    auto p = w.lock();
+    return !p || p == thread;
+  });
+  g_started.push_back(thread);
+}
+
+// Equality of era numbers as the host compares them (7 == 7.0).
+bool same_era_number(const json::value& a, const json::value& b) {
+  if (a.is_number() && b.is_number() && !a.is_bool() && !b.is_bool()) {
+    if (a.is_double() || b.is_double()) return a.to_number<double>() == b.to_number<double>();
+    return to_int(a) == to_int(b);
+  }
+  return a == b;
+}
+
+std::int64_t era_number_for_transition(const json::value& era_number) {
+  std::optional<std::int64_t> n = strict_era_number(era_number);
+  if (!n) throw TypeError("era_number must be an integer, got " + python_repr(era_number));
+  return *n;
+}
+
+std::chrono::steady_clock::duration interval_of(double seconds) {
+  // A bound far beyond any sensible interval keeps the conversion finite.
+  double bounded = std::clamp(seconds, 0.0, 1e8);
+  return std::chrono::duration_cast<std::chrono::steady_clock::duration>(std::chrono::duration<double>(bounded));
+}
+
+}  // namespace
+
+SearchesFn SearchesFn::native(std::function<void()> fn) {
+  SearchesFn out;
+  out.native_ = std::move(fn);
+  return out;
+}
+
+SearchesFn SearchesFn::host_callable(HostRef fn) {
+  SearchesFn out;
+  out.host_ = std::move(fn);
+  return out;
+}
+
+void SearchesFn::operator()() const {
+  if (native_) {
+    native_();
+  } else if (host_) {
+    host().call(host_, json::array{});
+  }
+}
+
+EraThread::EraThread(EraThreadOptions options)
+    : server_url_(host().validate_bearer_transport_url(options.server_url)),
+      market_id_(coerce_agent_market_id(options.market_id, options.market_id_repr)),
+      get_token_(std::move(options.get_token)),
+      get_token_ref_(std::move(options.get_token_ref)),
+      sync_manager_(std::move(options.sync_manager)),
+      poll_interval_(options.era_poll_interval_s),
+      kill_searches_fn_(std::move(options.kill_searches_fn)),
+      restart_searches_fn_(std::move(options.restart_searches_fn)) {}
+
+// Workers hold a reference to the EraThread while they run, so the
+// OwnedThreads released here have finished (or are the calling thread).
+EraThread::~EraThread() = default;
+
+void EraThread::start() {
+  std::lock_guard<std::mutex> lock(mu_);
+  if (started_) throw StateError("EraThread already started");
+  if (std::optional<json::value> era = sync_manager_->held_manifest_era_number()) last_known_era_number_ = *era;
+  std::shared_ptr<EraThread> self = shared_from_this();
+  if (worker_ && worker_->running()) lingering_.push_back(std::move(worker_));
+  std::erase_if(lingering_, [](const std::shared_ptr<OwnedThread>& t) { return !t->running(); });
+  stop_requested_.store(false);
+  started_ = true;
+  worker_ = std::make_shared<OwnedThread>([self] { self->run(); });
+  remember_started(self);
+}
+
+void EraThread::stop() {
+  std::shared_ptr<OwnedThread> worker;
+  {
+    std::lock_guard<std::mutex> lock(mu_);
+    if (!started_) return;
+    stop_requested_.store(true);
+    cv_.notify_all();
+    worker = worker_;
+  }
+  // From the worker itself (a callback stopping its own thread) there is
+  // nothing to wait for: the loop ends after this poll.
+  if (worker) worker->join_for(STOP_JOIN_TIMEOUT);
+  std::lock_guard<std::mutex> lock(mu_);
+  started_ = false;
+}
+
+bool EraThread::is_alive() const {
+  std::shared_ptr<OwnedThread> worker;
+  {
+    std::lock_guard<std::mutex> lock(mu_);
+    worker = worker_;
+  }
+  return worker && worker->running();
+}
+
+void EraThread::stop_all() {
+  std::vector<std::shared_ptr<EraThread>> threads;
+  {
+    std::lock_guard<std::mutex> lock(g_started_mu);
+    for (auto& w : g_started) {
+      if (auto p = w.lock()) threads.push_back(std::move(p));
+    }
+    g_started.clear();
+  }
+  for (auto& t : threads) t->stop();
+}
+
+void EraThread::run() {
+  try {
+    // The stop request also ends the worker's requests, backoff waits and
+    // the transfers of a transition running on it.
+    ScopedSyncStopPredicate stop_guard([this] { return stop_requested_.load(); });
+    poll_once();
+    while (true) {
+      {
+        std::unique_lock<std::mutex> lock(mu_);
+        if (cv_.wait_for(lock, interval_of(poll_interval_), [this] { return stop_requested_.load(); })) break;
+      }
+      poll_once();
+    }
+  } catch (const std::exception& e) {
+    log_warning("Era thread stopped by an unexpected error: %s", {json::value(e.what())});
+  } catch (...) {
+    log_warning("Era thread stopped by an unexpected error: %s", {json::value("unknown error")});
+  }
+}
+
+void EraThread::poll_once() {
+  std::lock_guard<std::mutex> lock(poll_mu_);
+  try {
+    poll_locked();
+  } catch (const std::exception& e) {
+    // A poll cut short by stop() is not a failure worth a warning.
+    if (stop_requested_.load()) {
+      log_debug("Era poll failed: %s", {json::value(e.what())});
+    } else {
+      log_warning("Era poll failed: %s", {json::value(e.what())});
+    }
+  }
+}
+
+void EraThread::poll_locked() {
+  const std::string token = get_token_ ? get_token_() : std::string();
+  HttpResponse response = http_get(market_era_current_url(server_url_, market_id_), token);
+  if (response.status != 200) return;
+  json::value config = normalize_era_current_response(parse_json(response.body));
+  const json::object& fields = config.get_object();
+
+  const json::value* era_value = fields.if_contains("era_number");
+  const json::value era_number = era_value ? *era_value : json::value(nullptr);
+  const json::value* state_value = fields.if_contains("state");
+  const json::value state = state_value ? *state_value : json::value("active");
+  const json::value* closing_at = fields.if_contains("next_closing_at");
+  const bool close_scheduled = closing_at && !closing_at->is_null();
+  const bool active = state.is_string() && state.get_string() == "active";
+  const bool closing = state.is_string() && state.get_string() == "closing";
+  const std::string announcement = "Scheduled close announced at " +
+                                   (closing_at ? python_str(*closing_at) : std::string("None")) +
+                                   ". Continue normal operation.";
+
+  if (active && close_scheduled) log_info(announcement);
+
+  bool cancelled = false;
+  {
+    std::lock_guard<std::mutex> state_lock(mu_);
+    if (in_closing_ && active && same_era_number(era_number, last_known_era_number_)) {
+      in_closing_ = false;
+      cancelled = true;
+    }
+  }
+  if (cancelled) {
+    log_info("Era transition cancelled \u2014 resuming normal operation.");
+    if (restart_searches_fn_) {
+      try {
+        restart_searches_fn_();
+      } catch (const std::exception& e) {
+        log_warning("Restart searches callback failed: %s", {json::value(e.what())});
+      }
+    }
+  }
+
+  bool handle_close = false;
+  {
+    std::lock_guard<std::mutex> state_lock(mu_);
+    if (closing && !in_closing_) {
+      in_closing_ = true;
+      handle_close = true;
+    }
+  }
+  if (handle_close) {
+    log_info(announcement);
+    try {
+      sync_manager_->trigger_era_transition(era_number_for_transition(era_number), kill_searches_fn_,
+                                            restart_searches_fn_);
+      clear_transition_failed();
+    } catch (const std::exception& e) {
+      mark_transition_failed("closing", e.what());
+    }
+  }
+
+  json::value previous;
+  {
+    std::lock_guard<std::mutex> state_lock(mu_);
+    if (last_known_era_number_.is_null() || same_era_number(era_number, last_known_era_number_)) return;
+    previous = last_known_era_number_;
+    in_closing_ = false;
+  }
+  try {
+    sync_manager_->trigger_era_transition(era_number_for_transition(era_number), kill_searches_fn_,
+                                          restart_searches_fn_);
+  } catch (const std::exception& e) {
+    mark_transition_failed("new era", e.what());
+    return;
+  }
+  {
+    std::lock_guard<std::mutex> state_lock(mu_);
+    last_known_era_number_ = era_number;
+  }
+  clear_transition_failed();
+  try {
+    json::object nudge;
+    nudge["new_era_number"] = era_number;
+    nudge["previous_era_number"] = previous;
+    host().call_module_function("tidewright.agent_onboarding", "update_nudge", json::array{"era_change"}, nudge);
+  } catch (const std::exception& e) {
+    log_warning("update_nudge call failed: %s", {json::value(e.what())});
+  }
+}
+
+void EraThread::mark_transition_failed(const std::string& context, const std::string& error) {
+  {
+    std::lock_guard<std::mutex> lock(mu_);
+    transition_failed_ = true;
+    last_transition_error_ = context + ": " + error;
+  }
+  log_warning("Trigger era transition (%s) failed: %s", {json::value(context), json::value(error)});
+}
+
+void EraThread::clear_transition_failed() {
+  std::lock_guard<std::mutex> lock(mu_);
+  transition_failed_ = false;
+  last_transition_error_.reset();
+}
+
+EraThread::State EraThread::state() const {
+  std::lock_guard<std::mutex> lock(mu_);
+  State s;
+  s.started = started_;
+  s.has_thread = static_cast<bool>(worker_);
+  s.last_known_era_number = last_known_era_number_;
+  s.last_known_state = last_known_state_;
+  s.in_closing = in_closing_;
+  s.transition_failed = transition_failed_;
+  s.last_transition_error = last_transition_error_;
+  return s;
+}
+
+void EraThread::set_last_known_era_number(json::value value) {
+  std::lock_guard<std::mutex> lock(mu_);
+  last_known_era_number_ = std::move(value);
+}
+
+void EraThread::set_in_closing(bool value) {
+  std::lock_guard<std::mutex> lock(mu_);
+  in_closing_ = value;
+}
+
+}  // namespace tidewright::sync

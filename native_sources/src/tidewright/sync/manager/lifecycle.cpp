@@ -1,0 +1,494 @@
+// Consumer lifecycle and background threads: acquire/release, start/stop,
+// the poll thread, request_for_sync, corruption reports, era callbacks and
+// the stop of every manager at interpreter exit.
+//
+// Every thread started here holds a reference to its manager while it runs
+// and observes stop_requested(), so stop_internal() can always join it and a
+// manager is never destroyed under a running thread.
+#include "tidewright/sync/artifacts/found_pnl.hpp"
+#include "tidewright/sync/common/fs.hpp"
+#include "tidewright/sync/manager/sync_manager.hpp"
+#include "tidewright/sync/manifest/paths.hpp"
+#include "tidewright/sync/reporting/errors.hpp"
+#include "tidewright/sync/reporting/sync_events.hpp"
+
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <cstring>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace tidewright::sync {
+
+namespace {
+
+constexpr auto THREAD_JOIN_TIMEOUT = std::chrono::seconds(30);
+constexpr auto COALESCED_SYNC_WAIT = std::chrono::seconds(30);
+constexpr auto TRANSITION_END_WAIT = std::chrono::seconds(30);
+
+// Managers whose threads were started, so that interpreter exit also stops
+// those that are not (or no longer) in the registry.
+std::mutex g_started_mu;
+std::vector<std::weak_ptr<SyncManager>> g_started;  // guarded by g_started_mu
+
+void remember_started(const std::shared_ptr<SyncManager>& manager) {
+  std::lock_guard<std::mutex> lock(g_started_mu);
+  std::erase_if(g_started, [&](const std::weak_ptr<SyncManager>& w) {
+    auto p = w.lock();
+    return !p || p == manager;
+  });
+  g_started.push_back(manager);
+}
+
+std::chrono::steady_clock::duration seconds_of(double seconds) {
+  double bounded = std::clamp(seconds, 0.0, 1e8);
+  return std::chrono::duration_cast<std::chrono::steady_clock::duration>(std::chrono::duration<double>(bounded));
+}
+
+std::int64_t mtime_ns_or_zero(const std::string& path) {
+  struct stat st;
+  if (::stat(path.c_str(), &st) != 0) return 0;
+  return static_cast<std::int64_t>(st.st_mtim.tv_sec) * 1000000000 + st.st_mtim.tv_nsec;
+}
+
+// Newest first; the order of equal times is kept.
+void sort_newest_first(std::vector<std::string>& paths) {
+  std::vector<std::pair<std::int64_t, std::string>> keyed;
+  keyed.reserve(paths.size());
+  for (auto& p : paths) keyed.emplace_back(mtime_ns_or_zero(p), std::move(p));
+  std::stable_sort(keyed.begin(), keyed.end(), [](const auto& a, const auto& b) { return a.first > b.first; });
+  paths.clear();
+  for (auto& [t, p] : keyed) paths.push_back(std::move(p));
+}
+
+void write_whole_text(const std::string& path, const std::string& text) {
+  UniqueFd fd(::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666));
+  if (!fd.valid()) throw_os_error(errno, path);
+  std::size_t done = 0;
+  while (done < text.size()) {
+    ssize_t n = ::write(fd.get(), text.data() + done, text.size() - done);
+    if (n < 0) {
+      if (errno == EINTR) continue;
+      throw_os_error(errno, path);
+    }
+    done += static_cast<std::size_t>(n);
+  }
+  if (fd.reset() != 0) throw_os_error(errno, path);
+}
+
+}  // namespace
+
+// --- consumers ---------------------------------------------------------------
+
+void SyncManager::persist_consumer_count() {
+  try {
+    write_whole_text(consumer_count_path_, std::to_string(consumer_count_.load()));
+  } catch (const std::exception& e) {
+    log_warning("Failed to persist consumer count: %s", {json::value(e.what())});
+  }
+}
+
+void SyncManager::acquire() {
+  std::lock_guard<std::mutex> lock(consumer_mu_);
+  consumer_count_.store(consumer_count_.load() + 1);
+  persist_consumer_count();
+  if (!running_.load() && !consumer_lifecycle_started_.load()) {
+    std::lock_guard<std::mutex> lifecycle(lifecycle_mu_);
+    start_internal();
+    consumer_lifecycle_started_.store(true);
+  }
+}
+
+void SyncManager::release() {
+  // The registry lock keeps a concurrent get_or_create from handing out
+  // this instance while it is being stopped.
+  std::lock_guard<std::mutex> class_lock(class_mutex());
+  std::lock_guard<std::mutex> lock(consumer_mu_);
+  if (consumer_count_.load() <= 0) return;
+  consumer_count_.store(consumer_count_.load() - 1);
+  persist_consumer_count();
+  if (consumer_count_.load() == 0) {
+    stop_internal();
+    consumer_lifecycle_started_.store(false);
+    evict_locked(this);
+  }
+}
+
+// --- threads -------------------------------------------------------------------
+
+void SyncManager::start() {
+  std::lock_guard<std::mutex> lifecycle(lifecycle_mu_);
+  if (running_.load()) throw StateError("SyncManager already running");
+  start_sync_thread();
+}
+
+void SyncManager::start_sync_thread() {
+  std::shared_ptr<SyncManager> self = weak_from_this().lock();
+  if (!self) throw StateError("SyncManager threads need a manager owned by a shared_ptr");
+  {
+    std::lock_guard<std::mutex> lock(stop_mu_);
+    stop_event_ = false;
+  }
+  stop_requested_.store(false);
+  running_.store(true);
+  auto thread = std::make_shared<OwnedThread>([self] { self->poll_loop(); });
+  {
+    std::lock_guard<std::mutex> lock(threads_mu_);
+    poll_thread_ = std::move(thread);
+  }
+  remember_started(self);
+}
+
+void SyncManager::start_internal() {
+  start_sync_thread();
+  if (era_thread_) return;
+  std::weak_ptr<SyncManager> weak = weak_from_this();
+  auto notify = [weak](const char* event_type) {
+    return [weak, event_type] {
+      auto self = weak.lock();
+      if (!self) return;
+      ManifestPtr manifest = self->get_manifest();
+      self->notify_era_callbacks(event_type, manifest ? manifest->era_number_int() : 0);
+    };
+  };
+  EraThreadOptions options;
+  options.server_url = server_url_;
+  options.get_token = [weak] {
+    auto self = weak.lock();
+    if (!self) throw StateError("the sync manager is gone");
+    return self->fetch_token();
+  };
+  options.sync_manager = shared_from_this();
+  options.era_poll_interval_s = poll_interval_;
+  options.kill_searches_fn = SearchesFn::native(notify("kill"));
+  options.restart_searches_fn = SearchesFn::native(notify("restart"));
+  options.market_id = market_id_;
+  options.market_id_repr = std::to_string(market_id_);
+  auto era_thread = std::make_shared<EraThread>(std::move(options));
+  try {
+    era_thread->start();
+  } catch (const StateError& e) {
+    json::object fields;
+    fields["sub_service"] = "sync";
+    fields["component"] = "state";
+    fields["metadata"] = json::object{{"reason", "era_thread_start_state"}, {"source_function", "_start_internal"}};
+    log_sync_event("library_surface", "", 1, e.what(), fields);
+  }
+  std::lock_guard<std::mutex> lock(threads_mu_);
+  era_thread_ = std::move(era_thread);
+}
+
+void SyncManager::stop() {
+  if (running_.load()) stop_internal();
+}
+
+void SyncManager::stop_internal() {
+  std::lock_guard<std::mutex> lifecycle(lifecycle_mu_);
+  // Everything below observes these: the poll wait, transfers and backoff
+  // waits, the file-lock wait, the era thread's requests.
+  stop_requested_.store(true);
+  {
+    std::lock_guard<std::mutex> lock(stop_mu_);
+    stop_event_ = true;
+  }
+  stop_cv_.notify_all();
+
+  std::shared_ptr<EraThread> era_thread;
+  {
+    std::lock_guard<std::mutex> lock(threads_mu_);
+    era_thread = std::exchange(era_thread_, nullptr);
+  }
+  if (era_thread) {
+    try {
+      era_thread->stop();
+    } catch (const std::exception& e) {
+      log_warning("Failed to stop era thread: %s", {json::value(e.what())});
+    }
+  }
+
+  {
+    // A transition ends promptly once stopped; one running on this very
+    // thread (a callback stopping its own manager) cannot be waited for.
+    std::unique_lock<std::mutex> lock(transition_state_mu_);
+    bool ended = transition_cv_.wait_for(lock, TRANSITION_END_WAIT, [this] {
+      return !in_transition_.load() || transition_owner_ == std::this_thread::get_id();
+    });
+    if (!ended) log_warning("Era transition still running while stopping the sync manager");
+  }
+
+  {
+    std::lock_guard<std::mutex> sync_lock(sync_mu_);
+    std::shared_ptr<OwnedThread> poll_thread;
+    {
+      std::lock_guard<std::mutex> lock(threads_mu_);
+      poll_thread = poll_thread_;
+    }
+    if (poll_thread && !poll_thread->join_for(THREAD_JOIN_TIMEOUT) && !poll_thread->is_current()) {
+      log_warning("Sync poll thread did not stop within %s seconds", {json::value(30)});
+    }
+    running_.store(false);
+    consumer_lifecycle_started_.store(false);
+  }
+
+  std::vector<OwnedThread> repair_threads;
+  {
+    std::lock_guard<std::mutex> lock(repair_mu_);
+    repair_threads = std::move(repair_threads_);
+    repair_threads_.clear();
+  }
+  for (auto& t : repair_threads) {
+    if (!t.join_for(THREAD_JOIN_TIMEOUT) && !t.is_current()) {
+      log_warning("Background repair did not stop within %s seconds", {json::value(30)});
+    }
+  }
+  std::shared_ptr<OwnedThread> cleanup_thread;
+  {
+    std::lock_guard<std::mutex> lock(cleanup_mu_);
+    cleanup_thread = cleanup_thread_;
+  }
+  if (cleanup_thread) cleanup_thread->join_for(THREAD_JOIN_TIMEOUT);
+
+  // Foreground calls made from now on run normally again.
+  stop_requested_.store(false);
+}
+
+bool SyncManager::is_alive() const {
+  std::lock_guard<std::mutex> lock(threads_mu_);
+  return poll_thread_ && poll_thread_->running();
+}
+
+std::shared_ptr<EraThread> SyncManager::era_thread() const {
+  std::lock_guard<std::mutex> lock(threads_mu_);
+  return era_thread_;
+}
+
+void SyncManager::poll_loop() {
+  try {
+    while (true) {
+      if (!in_transition_.load()) {
+        try {
+          poll_once();
+        } catch (const std::exception& e) {
+          log_warning("Poll loop iteration failed: %s", {json::value(e.what())});
+        }
+      }
+      std::unique_lock<std::mutex> lock(stop_mu_);
+      if (stop_cv_.wait_for(lock, seconds_of(poll_interval_), [this] { return stop_event_; })) break;
+    }
+  } catch (const std::exception& e) {
+    log_warning("Sync poll thread stopped by an unexpected error: %s", {json::value(e.what())});
+  } catch (...) {
+    log_warning("Sync poll thread stopped by an unexpected error: %s", {json::value("unknown error")});
+  }
+}
+
+void SyncManager::poll_once() {
+  if (in_transition_.load()) return;
+  std::vector<std::string> files;
+  {
+    std::lock_guard<std::mutex> lock(repair_mu_);
+    files.swap(repair_queue_);
+  }
+  if (!files.empty()) repair(files);
+  std::unique_lock<std::mutex> sync_lock(sync_mu_, std::try_to_lock);
+  if (!sync_lock.owns_lock()) return;  // a foreground sync is running
+  try {
+    if (!in_transition_.load() && needs_sync() && !in_transition_.load()) {
+      acquire_flock();
+      try {
+        sync_with_manifest_refresh();
+      } catch (...) {
+        release_flock();
+        throw;
+      }
+      release_flock();
+    }
+  } catch (const std::exception& e) {
+    if (stop_requested()) {
+      log_debug("Poll once failed: %s", {json::value(e.what())});
+    } else {
+      log_warning("Poll once failed: %s", {json::value(e.what())});
+    }
+  }
+}
+
+// --- requests from other processes ------------------------------------------
+
+std::vector<std::string> SyncManager::request_for_sync() {
+  if (in_transition_.load() || path_exists(transition_lock_path())) {
+    throw StateError("Sync is in era transition mode \u2014 request_for_sync rejected");
+  }
+  if (!running_.load()) throw StateError("Sync thread is not running. Call start() or acquire() first.");
+
+  std::shared_ptr<CoalescedSync> running_sync;
+  std::shared_ptr<CoalescedSync> mine;
+  {
+    std::lock_guard<std::mutex> lock(coalescing_mu_);
+    if (coalescing_event_) {
+      running_sync = coalescing_event_;
+    } else {
+      mine = std::make_shared<CoalescedSync>();
+      coalescing_event_ = mine;
+    }
+  }
+  if (running_sync) {
+    std::unique_lock<std::mutex> lock(running_sync->mu);
+    running_sync->cv.wait_for(lock, COALESCED_SYNC_WAIT, [&] { return running_sync->done; });
+    lock.unlock();
+    return get_found_file_paths();
+  }
+
+  auto publish_done = [&] {
+    {
+      std::lock_guard<std::mutex> lock(mine->mu);
+      mine->done = true;
+    }
+    mine->cv.notify_all();
+    std::lock_guard<std::mutex> lock(coalescing_mu_);
+    coalescing_event_.reset();
+  };
+  SyncResult result;
+  try {
+    std::lock_guard<std::mutex> sync_lock(sync_mu_);
+    acquire_flock();
+    try {
+      result = sync_with_manifest_refresh();
+    } catch (...) {
+      release_flock();
+      throw;
+    }
+    release_flock();
+  } catch (...) {
+    publish_done();
+    throw;
+  }
+  publish_done();
+
+  if (!result.found_pnl_paths_downloaded.empty()) {
+    std::vector<std::string> paths;
+    for (const auto& relative : result.found_pnl_paths_downloaded) {
+      try {
+        paths.push_back(manifest_local_path(data_dir_, relative));
+      } catch (const ManifestError&) {
+      }
+    }
+    sort_newest_first(paths);
+    return paths;
+  }
+  return get_found_file_paths();
+}
+
+std::vector<std::string> SyncManager::get_found_file_paths() {
+  ManifestPtr manifest = get_manifest();
+  if (!manifest) return {};
+  json::object sections;
+  sections["found_signals"] = manifest->found_signals;
+  sections["found_strategies"] = manifest->found_strategies;
+  validate_membership_referenced_found_pnl_kinds(sections, manifest->files());
+  ManifestSiblings siblings = host().manifest_siblings();
+  std::vector<std::string> paths;
+  for (const auto& kv : manifest->files()) {
+    if (!is_found_pnl_file_kind(siblings.manifest_file_kind(kv.key(), kv.value()))) continue;
+    std::string local;
+    try {
+      local = manifest_local_path(data_dir_, kv.key());
+    } catch (const ManifestError&) {
+      continue;
+    }
+    if (path_exists(local)) paths.push_back(std::move(local));
+  }
+  sort_newest_first(paths);
+  return paths;
+}
+
+void SyncManager::report_corruption(const std::string& file_path) {
+  static const char* kNotRunning = "Sync thread is not running. Call start() or acquire() first.";
+  if (!running_.load()) throw StateError(kNotRunning);
+  if (ManifestPtr manifest = get_manifest(); manifest && !manifest->files().contains(file_path)) {
+    throw ValueError("File not in manifest: " + file_path);
+  }
+  std::shared_ptr<SyncManager> self = shared_from_this();
+  std::lock_guard<std::mutex> lock(repair_mu_);
+  // Checked again under the lock: stop_internal() collects the repair
+  // threads under it after clearing running_.
+  if (!running_.load()) throw StateError(kNotRunning);
+  repair_queue_.push_back(file_path);
+  std::erase_if(repair_threads_, [](const OwnedThread& t) { return !t.running(); });
+  repair_threads_.emplace_back([self] { self->process_repair_queue(); });
+}
+
+void SyncManager::process_repair_queue() {
+  try {
+    std::vector<std::string> files;
+    {
+      std::lock_guard<std::mutex> lock(repair_mu_);
+      files.swap(repair_queue_);
+    }
+    if (!files.empty()) repair(files);
+  } catch (const std::exception& e) {
+    log_warning("Background repair failed: %s", {json::value(e.what())});
+  } catch (...) {
+    log_warning("Background repair failed: %s", {json::value("unknown error")});
+  }
+}
+
+// --- era callbacks -------------------------------------------------------------
+
+void SyncManager::register_era_callback(HostRef callback) {
+  std::lock_guard<std::mutex> lock(era_callbacks_mu_);
+  era_callbacks_.push_back(std::move(callback));
+}
+
+void SyncManager::unregister_era_callback(const HostRef& callback) {
+  HostRef removed;  // released after the lock: dropping a host reference may wait for the host
+  std::lock_guard<std::mutex> lock(era_callbacks_mu_);
+  auto it = std::find_if(era_callbacks_.begin(), era_callbacks_.end(),
+                         [&](const HostRef& r) { return r.get() == callback.get(); });
+  if (it == era_callbacks_.end()) return;
+  removed = std::move(*it);
+  era_callbacks_.erase(it);
+}
+
+std::vector<HostRef> SyncManager::era_callbacks() const {
+  std::lock_guard<std::mutex> lock(era_callbacks_mu_);
+  return era_callbacks_;
+}
+
+void SyncManager::notify_era_callbacks(const std::string& event_type, std::int64_t era_number) {
+  for (const HostRef& callback : era_callbacks()) {
+    try {
+      host().call(callback, json::array{json::value(event_type), json::value(era_number)});
+    } catch (const std::exception& e) {
+      log_warning("Era callback failed (%s): %s", {json::value(event_type), json::value(e.what())}, true);
+    }
+  }
+}
+
+// --- interpreter exit -------------------------------------------------------------
+
+void SyncManager::shutdown_all() {
+  std::vector<std::shared_ptr<SyncManager>> managers;
+  for (auto& [key, manager] : instances()) managers.push_back(manager);
+  {
+    std::lock_guard<std::mutex> lock(g_started_mu);
+    for (auto& w : g_started) {
+      auto p = w.lock();
+      if (p && std::find(managers.begin(), managers.end(), p) == managers.end()) managers.push_back(std::move(p));
+    }
+    g_started.clear();
+  }
+  // Stop all transfers at once, then wait for each manager in turn.
+  for (auto& m : managers) m->shut_down_.store(true);
+  for (auto& m : managers) {
+    try {
+      m->stop_internal();
+    } catch (const std::exception& e) {
+      log_warning("Failed to stop sync manager for %s: %s", {json::value(m->data_dir()), json::value(e.what())});
+    }
+  }
+  EraThread::stop_all();
+}
+
+}  // namespace tidewright::sync

@@ -1,0 +1,424 @@
+"""The era-current endpoint, the era thread and era transitions against the data service."""
+
+import json
+import logging
+import os
+import signal
+import subprocess
+import sys
+import textwrap
+import time
+
+import pytest
+
+import tidewright.sync as sync
+
+ERA_CURRENT = "/market/1/era/current"
+SAME = b"identical in both eras"
+HINT = "Build a local wheel with build_wheel() and install it with: pip install --upgrade /path/to/tidewright-*.whl"
+
+
+@pytest.fixture(autouse=True)
+def stopped_managers():
+    yield
+    for manager in list(sync.SyncManager._instances.values()):
+        manager._stop_internal()
+    for key in list(sync.SyncManager._instances):
+        sync.SyncManager._evict(key)
+
+
+@pytest.fixture
+def svc(dataservice_factory):
+    """Era 1 with a file that era 2 keeps unchanged and one that era 2 drops."""
+    return dataservice_factory(extra_files={"shared/same.bin": ("data", SAME), "old/only.bin": ("data", b"era 1")})
+
+
+@pytest.fixture
+def data_dir(tmp_path):
+    path = tmp_path / "data"
+    path.mkdir()
+    return path
+
+
+def synced(svc, data_dir, poll_interval_s=3600.0):
+    m = sync.SyncManager.get_or_create(str(data_dir), svc.url, lambda: svc.token, poll_interval_s=poll_interval_s)
+    assert m.sync().era_number == 1
+    return m
+
+
+def publish_next(svc, era=None, **fields):
+    return svc.publish_era(era, extra_files={"shared/same.bin": ("data", SAME)}, **fields)
+
+
+def wait_for(predicate, timeout=30.0):
+    deadline = time.monotonic() + timeout
+    while time.monotonic() < deadline:
+        if predicate():
+            return True
+        time.sleep(0.05)
+    return predicate()
+
+
+def leftovers(data_dir):
+    """Transition and download debris in the data directory."""
+    found = [n for n in os.listdir(data_dir) if n.startswith((".transition_", ".sync_flock"))]
+    for root, _, files in os.walk(data_dir):
+        found += [os.path.join(root, f) for f in files if f.endswith(".tmp")]
+    return found
+
+
+def assert_era_files(svc, data_dir, m, era):
+    assert m.get_manifest().era_number == era
+    assert json.loads((data_dir / "manifest.json").read_text())["era_number"] == era
+    for path in svc.manifest(era)["files"]:
+        assert (data_dir / path).read_bytes() == svc.file_bytes(era, path), path
+    assert m.verify().valid
+
+
+# -- the endpoint -----------------------------------------------------------------
+
+@pytest.mark.parametrize("answer, config", [
+    ({"era": None, "state": "closing"}, {"era_number": None, "state": "closing"}),
+    ({"era": None}, {"era_number": None, "state": "between_eras"}),
+    ({"era": "x"}, {"era_number": None, "state": "between_eras"}),
+    ({"era": {"era_number": 7}, "state": "closing"}, {"era_number": 7, "state": "closing"}),
+    ({"era": {"era_number": 7, "state": "active"}, "state": "closing"}, {"era_number": 7, "state": "active"}),
+    ({"era": {"era_number": 7}, "state": None}, {"era_number": 7}),
+    ([1, 2], {}),
+    ("text", {}),
+])
+def test_era_current_answers_normalise(answer, config):
+    assert sync._normalize_era_current_response(answer) == config
+
+
+def test_flat_answers_and_urls():
+    flat = {"era_number": 3, "state": "active", "next_closing_at": "soon"}
+    assert sync._normalize_era_current_response(flat) is flat
+    wrapped = {"era": {"era_number": 4}, "state": "active"}
+    sync._normalize_era_current_response(wrapped)
+    assert wrapped == {"era": {"era_number": 4}, "state": "active"}  # the answer is not changed
+    assert sync._market_era_current_url("http://h:1", "3") == "http://h:1/market/3/era/current"
+    assert sync._market_era_current_url("http://h:1/", 2) == "http://h:1//market/2/era/current"
+    for bad, shown in [(0, "0"), (-1, "-1"), ("abc", "'abc'"), (None, "None")]:
+        with pytest.raises(ValueError) as info:
+            sync._market_era_current_url("http://h:1", bad)
+        assert str(info.value) == "market_id must be a positive integer, got " + shown
+
+
+# -- the era thread -------------------------------------------------------------------
+
+def test_era_thread_fields_and_lifecycle(svc, data_dir):
+    m = sync.SyncManager(str(data_dir), svc.url, lambda: svc.token)  # no manifest yet
+
+    def kill():
+        pass
+
+    thread = sync.EraThread(svc.url, lambda: svc.token, m, era_poll_interval_s=3600, kill_searches_fn=kill,
+                            market_id="1")
+    assert (thread._server_url, thread._market_id, thread._poll_interval) == (svc.url, 1, 3600)
+    assert thread._sync_manager is m and thread._kill_searches_fn is kill and thread._restart_searches_fn is None
+    assert (thread._started, thread._thread, thread._in_closing, thread._transition_failed) == (False, None, False,
+                                                                                                   False)
+    assert thread._last_known_era_number is None and thread._last_known_state is None
+    assert thread._last_transition_error is None and not thread._stop_event.is_set()
+    thread.stop()  # not started: nothing to do
+    thread.start()
+    with pytest.raises(sync.StateError, match="^EraThread already started$"):
+        thread.start()
+    assert thread.is_alive() and thread._thread.is_alive() and thread._started
+    assert wait_for(lambda: svc.requests_for(ERA_CURRENT))  # polls at once
+    assert thread._last_known_era_number is None  # no manifest: no new-era transitions
+    thread.stop()
+    assert not thread.is_alive() and thread._stop_event.is_set() and not thread._started
+    m.sync()
+    thread.start()  # a stopped thread starts again, now knowing the held era
+    assert thread._last_known_era_number == 1
+    thread.stop()
+
+    with pytest.raises(ValueError, match="market_id must be a positive integer, got 'abc'"):
+        sync.EraThread(svc.url, lambda: svc.token, m, market_id="abc")
+    with pytest.raises(ValueError):
+        sync.EraThread("http://example.com", lambda: svc.token, m)  # no bearer token over plain remote http
+    with pytest.raises(TypeError, match="sync_manager must be a SyncManager"):
+        sync.EraThread(svc.url, lambda: svc.token, object())
+
+
+@pytest.mark.parametrize("body, logged", [
+    (b"not json", "Era poll failed: "),
+    (b"\xff\xfe", "Era poll failed: "),
+    ({"state": "active"}, "Trigger era transition (new era) failed: "),
+    ({"era_number": "two", "state": "active"}, "Trigger era transition (new era) failed: "),
+    ({"era_number": 1.5, "state": "active"}, "Trigger era transition (new era) failed: "),
+    ({"era": 2}, "Trigger era transition (new era) failed: "),
+    ({"era_number": 1, "state": "paused"}, None),
+    ([{"era_number": 2}], "Trigger era transition (new era) failed: "),
+])
+def test_strange_answers_leave_the_thread_running_and_nothing_switched(svc, data_dir, caplog, body, logged):
+    m = synced(svc, data_dir)
+    thread = sync.EraThread(svc.url, lambda: svc.token, m, era_poll_interval_s=0.05)
+    caplog.set_level(logging.INFO, logger="tidewright.sync")
+    thread.start()
+    try:
+        svc.clear_requests()
+        svc.add_fault(ERA_CURRENT, "status", status=200, body=body, count=None)
+        assert wait_for(lambda: len(svc.requests_for(ERA_CURRENT)) >= 3)
+        assert thread.is_alive()
+    finally:
+        thread.stop()
+    messages = [r.getMessage() for r in caplog.records if r.name == "tidewright.sync"]
+    if logged:
+        assert any(msg.startswith(logged) for msg in messages), messages
+    else:
+        assert not any("failed" in msg for msg in messages), messages
+    assert thread._last_known_era_number == 1 and m.get_manifest().era_number == 1
+    assert not svc.requests_for("/data/manifest") and leftovers(data_dir) == []
+
+
+def test_closing_is_handled_once_and_a_cancelled_close_restarts_searches(svc, data_dir, caplog):
+    m = synced(svc, data_dir)
+    calls = []
+    thread = sync.EraThread(svc.url, lambda: svc.token, m, kill_searches_fn=lambda: calls.append("kill"),
+                            restart_searches_fn=lambda: calls.append("restart"))
+    thread._last_known_era_number = 1
+    caplog.set_level(logging.INFO, logger="tidewright.sync")
+
+    svc.set_era_state(next_closing_at="2031-01-01T00:00:00Z")
+    thread._poll_once()
+    assert "Scheduled close announced at 2031-01-01T00:00:00Z. Continue normal operation." in caplog.messages
+    assert calls == [] and not thread._in_closing
+
+    svc.set_era_state("closing")
+    thread._poll_once()
+    thread._poll_once()  # a second "closing" starts nothing
+    assert calls == ["kill"] and thread._in_closing and thread._transition_failed
+    assert thread._last_transition_error == ("closing: Active era confirmation for era_number=1 "
+                                             "returned state='closing'")
+    assert "Trigger era transition (closing) failed: Active era confirmation for era_number=1 returned " \
+           "state='closing'" in caplog.messages
+    assert m.get_manifest().era_number == 1 and leftovers(data_dir) == [] and not m._in_transition
+
+    svc.set_era_state("active", next_closing_at=None)
+    thread._poll_once()
+    assert calls == ["kill", "restart"] and not thread._in_closing
+    assert "Era transition cancelled \u2014 resuming normal operation." in caplog.messages
+
+    def failing_restart():
+        raise RuntimeError("no searches to restart")
+
+    other = sync.EraThread(svc.url, lambda: svc.token, m, restart_searches_fn=failing_restart)
+    other._last_known_era_number = 1
+    other._in_closing = True
+    other._poll_once()
+    assert not other._in_closing
+    assert "Restart searches callback failed: no searches to restart" in caplog.messages
+
+
+def test_a_failed_new_era_transition_is_retried_on_the_next_poll(svc, data_dir, caplog):
+    m = synced(svc, data_dir)
+    thread = sync.EraThread(svc.url, lambda: svc.token, m)
+    thread._last_known_era_number = 1
+    publish_next(svc)
+    svc.add_fault("/data/manifest", "status", status=404)
+    thread._poll_once()
+    assert thread._transition_failed and thread._last_known_era_number == 1
+    assert thread._last_transition_error == "new era: Failed to fetch era 2 manifest: HTTP 404"
+    assert m.get_manifest().era_number == 1 and leftovers(data_dir) == []
+    assert (data_dir / "old/only.bin").exists()
+    thread._poll_once()
+    assert not thread._transition_failed and thread._last_transition_error is None
+    assert thread._last_known_era_number == 2
+    assert_era_files(svc, data_dir, m, 2)
+
+
+def test_acquired_manager_follows_a_new_era(svc, data_dir, caplog, monkeypatch):
+    import tidewright.agent_onboarding
+
+    nudges = []
+    monkeypatch.setattr(tidewright.agent_onboarding, "update_nudge", lambda event, **kw: nudges.append((event, kw)))
+    m = synced(svc, data_dir, poll_interval_s=0.2)
+    events = []
+
+    def broken(event_type, era_number):
+        raise RuntimeError(f"callback broke on {event_type}")
+
+    class Listener:
+        def on_era(self, event_type, era_number):
+            events.append(("listener", event_type, era_number))
+
+    listener = Listener()
+    m.register_era_callback(broken)
+    m.register_era_callback(lambda event_type, era_number: events.append((event_type, era_number)))
+    m.register_era_callback(listener.on_era)
+    m.unregister_era_callback(listener.on_era)  # a new bound method object, equal to the registered one
+    m.unregister_era_callback(print)  # not registered: silent
+    assert len(m._era_callbacks) == 2
+    m.acquire()
+    publish_next(svc)
+    assert wait_for(lambda: ("restart", 2) in events)
+    assert events == [("kill", 1), ("restart", 2)]
+    assert_era_files(svc, data_dir, m, 2)
+    assert wait_for(lambda: nudges == [("era_change", {"new_era_number": 2, "previous_era_number": 1})])
+    era_thread = m._era_thread
+    assert wait_for(lambda: era_thread._last_known_era_number == 2) and not era_thread._transition_failed
+    failures = [r for r in caplog.records if r.getMessage().startswith("Era callback failed")]
+    assert [r.getMessage() for r in failures] == ["Era callback failed (kill): callback broke on kill",
+                                                 "Era callback failed (restart): callback broke on restart"]
+    assert all(r.exc_info and isinstance(r.exc_info[1], RuntimeError) for r in failures)
+    m.release()
+    assert not era_thread.is_alive() and leftovers(data_dir) == []
+
+
+# -- transitions ----------------------------------------------------------------------------
+
+def test_transition_stages_switches_and_cleans_up(svc, data_dir, monkeypatch):
+    import tidewright.auth
+    import tidewright.deployment
+    import tidewright.search_tracking
+
+    notified, recorded, tracked = [], [], []
+    monkeypatch.setattr(tidewright.auth, "notify_era_change", notified.append)
+
+    class Recorder:
+        def record_sync_update(self, **fields):
+            recorded.append(fields)
+
+    class Guard:
+        def __enter__(self):
+            return Recorder()
+
+        def __exit__(self, *exc):
+            return False
+
+    monkeypatch.setattr(tidewright.deployment, "runtime_freshness_guard", Guard)
+
+    class Tracker(tidewright.search_tracking.SearchTracker):
+        def handle_era_transition(self, **fields):
+            tracked.append((self.identity["kind"], fields))
+
+    monkeypatch.setattr(tidewright.search_tracking, "SearchTracker", Tracker)
+
+    m = synced(svc, data_dir)
+    os.utime(data_dir / "shared/same.bin", ns=(1_000_000_000, 2_000_000_000))
+    publish_next(svc)
+    svc.clear_requests()
+    calls = []
+
+    def kill():
+        calls.append(("kill", m._in_transition, (data_dir / ".transition_lock").read_text()))
+
+    m.trigger_era_transition(2, kill_searches_fn=kill, restart_searches_fn=lambda: calls.append("restart"))
+    assert calls == [("kill", True, str(os.getpid())), "restart"]
+    assert_era_files(svc, data_dir, m, 2)
+    assert not (data_dir / "old/only.bin").exists()
+    assert (data_dir / "shared/same.bin").read_bytes() == SAME
+    assert (data_dir / "shared/same.bin").stat().st_mtime_ns == 2_000_000_000  # copied with its times
+    downloaded = {r.path for r in svc.requests_for("/data/files/*")}
+    assert "/data/files/shared/same.bin" not in downloaded and "/data/files/" + next(
+        p for p in svc.manifest(2)["files"] if p.startswith("features/")) in downloaded
+    assert notified == [2]
+    assert tracked == [("local", {"new_era_number": 2, "previous_era_number": 1})]
+    assert {r["relative_path"] for r in recorded} == set(svc.manifest(2)["files"])
+    assert m.status() == "Era transition to era 2 complete"
+    assert not m._in_transition and leftovers(data_dir) == []
+
+
+@pytest.mark.parametrize("state_change, fault, message", [
+    (dict(era_number=3), None, "Active era_number=3 does not match requested transition era_number=2"),
+    (dict(era_number=1), None, "Active era_number=1 does not match requested transition era_number=2"),
+    (dict(state="between_eras"), None, "Active era confirmation for era_number=2 returned state='between_eras'"),
+    ({}, dict(status=404), "Failed to confirm active era: HTTP 404"),
+    ({}, dict(status=200, body="<html>"), "Failed to parse active era response during transition"),
+    ({}, dict(status=200, body={"era_number": None, "state": "active"}),
+     "Failed to parse active era response during transition"),
+])
+def test_gates_refuse_and_leave_the_old_era(svc, data_dir, state_change, fault, message):
+    m = synced(svc, data_dir)
+    publish_next(svc)
+    svc.set_era_state(**state_change)
+    if fault:
+        svc.add_fault(ERA_CURRENT, "status", count=None, **fault)
+    calls = []
+    with pytest.raises(sync.EraError) as info:
+        m.trigger_era_transition(2, kill_searches_fn=lambda: calls.append("kill"),
+                                 restart_searches_fn=lambda: calls.append("restart"))
+    assert str(info.value) == message
+    assert calls == ["kill"]
+    assert m.get_manifest().era_number == 1
+    assert json.loads((data_dir / "manifest.json").read_text())["era_number"] == 1
+    assert (data_dir / "old/only.bin").read_bytes() == b"era 1"
+    assert not m._in_transition and leftovers(data_dir) == []
+    assert m.status() == "Era transition to era 2 failed: " + message
+
+
+@pytest.mark.parametrize("auto_update, message", [
+    (None, "tidewright >= 99.1 required for era 2; auto-update failed: "
+           "automatic update is not available in this installation. " + HINT),
+    (lambda: {"success": False}, "tidewright >= 99.1 required for era 2; auto-update failed: "
+                                 "Could not auto-update to latest.. " + HINT),
+    (lambda: 1 / 0, "tidewright >= 99.1 required for era 2; auto-update failed: division by zero. " + HINT),
+    (lambda: {"success": True}, "tidewright >= 99.1 required for era 2. " + HINT),
+])
+def test_an_old_library_refuses_the_era(svc, data_dir, monkeypatch, caplog, auto_update, message):
+    import tidewright.deployment
+
+    if auto_update is not None:
+        monkeypatch.setattr(tidewright.deployment, "auto_update", auto_update)
+    m = synced(svc, data_dir)
+    publish_next(svc)
+    svc.set_era_state(min_library_version="99.1")
+    svc.clear_requests()
+    with pytest.raises(tidewright.deployment.LibraryUpdateRequired) as info:
+        m.trigger_era_transition(2)
+    assert str(info.value) == message
+    assert m.get_manifest().era_number == 1 and leftovers(data_dir) == []
+    assert not svc.requests_for("/data/manifest")  # refused before the new manifest is fetched
+
+    svc.set_era_state(min_library_version="not-a-version")
+    m.trigger_era_transition(2)  # an unreadable minimum does not block the era
+    assert "Invalid min_library_version from era config: " in "\n".join(caplog.messages)
+    assert_era_files(svc, data_dir, m, 2)
+
+
+def test_a_higher_era_during_the_downloads_restarts_the_transition(svc, data_dir):
+    m = synced(svc, data_dir)
+    publish_next(svc)
+    svc.on_request("/data/files/*", lambda: publish_next(svc, 3), after=3)
+    calls = []
+    m.trigger_era_transition(2, kill_searches_fn=lambda: calls.append("kill"),
+                             restart_searches_fn=lambda: calls.append("restart"))
+    assert calls == ["kill", "kill", "restart"]
+    assert_era_files(svc, data_dir, m, 3)
+    assert not (data_dir / "old/only.bin").exists()
+    assert not m._in_transition and leftovers(data_dir) == []
+
+
+CRASH_CHILD = """
+    import sys
+    import tidewright.sync as sync
+    m = sync.SyncManager(sys.argv[1], sys.argv[2], lambda: sys.argv[3])
+    m.trigger_era_transition(2)
+"""
+
+
+def test_a_killed_transition_leaves_the_old_era_and_the_next_one_completes(svc, data_dir):
+    m = synced(svc, data_dir)
+    old_manifest = (data_dir / "manifest.json").read_bytes()
+    publish_next(svc)
+    svc.add_fault("/data/files/*", "stall", count=None, skip=2, after_bytes=10)
+    child = subprocess.Popen([sys.executable, "-c", textwrap.dedent(CRASH_CHILD), str(data_dir), svc.url, svc.token],
+                             stderr=subprocess.PIPE)
+    try:
+        assert wait_for(lambda: len([r for r in svc.requests_for("/data/files/*") if r.fault == "stall"]) >= 1)
+        assert (data_dir / ".transition_era2.tmp").is_dir() and (data_dir / ".transition_lock").exists()
+    finally:
+        child.send_signal(signal.SIGKILL)
+        child.wait(30)
+    svc.clear_faults()
+    assert (data_dir / "manifest.json").read_bytes() == old_manifest
+    again = sync.SyncManager(str(data_dir), svc.url, lambda: svc.token)
+    assert again.get_manifest().era_number == 1 and again.verify().valid
+    assert (data_dir / "old/only.bin").read_bytes() == b"era 1"
+
+    again.trigger_era_transition(2)
+    assert_era_files(svc, data_dir, again, 2)
+    assert leftovers(data_dir) == []
