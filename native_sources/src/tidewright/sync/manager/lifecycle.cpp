@@ -25,7 +25,7 @@ namespace tidewright::sync {
 namespace {
 
 constexpr auto THREAD_JOIN_TIMEOUT = std::chrono::seconds(30);
-constexpr auto COALESCED_SYNC_WAIT = std::chrono::seconds(30);
+
 constexpr auto TRANSITION_END_WAIT = std::chrono::seconds(30);
 
 // Managers whose threads were started, so that interpreter exit also stops

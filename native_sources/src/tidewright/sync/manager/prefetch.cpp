@@ -25,7 +25,18 @@ std::vector<SyncManager::PrefetchedFeatureFile> SyncManager::request_feature_fil
   }
   if (!running()) throw StateError("Sync thread is not running. Call start() or acquire() first.");
 
-  // A request that arrives during a sync waits here for it to finish.
+  // A request that arrives while request_for_sync runs lets that sync finish
+  // first (for at most COALESCED_SYNC_WAIT; a timeout is not an error).
+  std::shared_ptr<CoalescedSync> running_sync;
+  {
+    std::lock_guard<std::mutex> coalescing(coalescing_mu_);
+    running_sync = coalescing_event_;
+  }
+  if (running_sync) {
+    std::unique_lock<std::mutex> wait(running_sync->mu);
+    running_sync->cv.wait_for(wait, COALESCED_SYNC_WAIT, [&] { return running_sync->done; });
+  }
+
   std::lock_guard<std::mutex> lock(sync_mu_);
   acquire_flock();
   struct ReleaseFlock {

@@ -21,6 +21,7 @@
 #include "tidewright/sync/transport/http_client.hpp"
 
 #include <atomic>
+#include <chrono>
 #include <condition_variable>
 #include <set>
 #include <thread>
@@ -387,6 +388,8 @@ class SyncManager : public std::enable_shared_from_this<SyncManager>, public Era
   std::vector<OwnedThread> repair_threads_;    // guarded by repair_mu_
 
   // The sync that request_for_sync callers arriving meanwhile wait for.
+  // How long a request that arrives during request_for_sync waits for it.
+  static constexpr std::chrono::seconds COALESCED_SYNC_WAIT{30};
   struct CoalescedSync {
     std::mutex mu;
     std::condition_variable cv;
