@@ -152,11 +152,6 @@ std::int64_t hash_existing(int fd, Sha256& hasher, const std::string& staging) {
   return total;
 }
 
-bool is_kind(const json::object& entry, const char* kind) {
-  const json::value* k = entry.if_contains("kind");
-  return k && k->is_string() && k->get_string() == kind;
-}
-
 }  // namespace
 
 HttpResponse SyncManager::http_get(const std::string& url, std::int64_t range_start, std::int64_t range_end) {
