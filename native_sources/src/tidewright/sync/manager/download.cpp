@@ -348,6 +348,14 @@ void SyncManager::download_file(const std::string& file_path, const json::object
           if (::ftruncate(fd.get(), 0) != 0) throw_os_error(errno, staging);
           throw SyncError("Download resume reset for " + file_path + ": HTTP 416");
         } else {
+          if (should_retry_http_status(json::value(response.status))) {
+            // A transient status is retried below, unless the server said not to.
+            json::object details = parse_sync_error_body(response.error_body);
+            const json::value* retryable = details.if_contains("retryable");
+            if (retryable && retryable->is_bool() && !retryable->get_bool()) {
+              throw sync_unavailable_from(url, attempt + 1, {response.status}, {}, details);
+            }
+          }
           raise_download_http_status(file_path, json::value(response.status));
         }
       }
