@@ -69,6 +69,20 @@ void take_vocabulary_metadata(SyncResult& result, const json::object& vocabulari
   result.n_instruments = field("n_instruments");
 }
 
+// Refuses entries that no download could be checked against: an entry that
+// is not an object, or a size that is not a non-negative integer. A missing
+// size is allowed (the server's length decides, the digest still binds).
+void validate_manifest_file_entries(const Manifest& manifest) {
+  for (const auto& kv : manifest.files()) {
+    const json::object* entry = as_object(&kv.value());
+    if (!entry) throw ManifestError("Manifest file entry must be an object: " + python_repr(std::string_view(kv.key())));
+    const json::value* size = entry->if_contains("size_bytes");
+    if (size && !size->is_null() && !(size->is_int64() && size->get_int64() >= 0)) {
+      throw ManifestError("Manifest file size_bytes must be a non-negative integer: " + python_repr(std::string_view(kv.key())));
+    }
+  }
+}
+
 std::vector<std::string> keys_of(const json::object& files) {
   std::vector<std::string> out;
   out.reserve(files.size());
@@ -235,6 +249,7 @@ SyncResult SyncManager::sync_impl() {
         server_data, std::vector<std::string>(missing_found_pnl_paths_.begin(), missing_found_pnl_paths_.end()));
   }
   ManifestPtr server = Manifest::from_sanitized(std::move(server_data));
+  validate_manifest_file_entries(*server);
   if (local && server->era_number_int() != local_era) {
     throw EraError("Era mismatch: local era_number=" + std::to_string(local_era) +
                    ", server era_number=" + std::to_string(server->era_number_int()));
