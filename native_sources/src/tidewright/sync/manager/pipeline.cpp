@@ -256,6 +256,17 @@ SyncResult SyncManager::sync_impl() {
   }
   std::int64_t free_bytes = free_disk_bytes(data_dir_);
 
+  // Found PnL files that storage no longer has leave the manifest and the
+  // signals index, which gets a new content address. The index as the
+  // server published it must be on disk: the scrub rewrites that file.
+  auto exclude_missing_found_pnl = [this](ManifestPtr& manifest) {
+    if (missing_found_pnl_paths_.empty()) return;
+    std::vector<std::string> missing(missing_found_pnl_paths_.begin(), missing_found_pnl_paths_.end());
+    json::object data = drop_missing_found_pnl_paths(manifest->data(), missing);
+    scrub_missing_found_pnl_paths_from_signals_index(data_dir_, data, missing);
+    manifest = Manifest::from_sanitized(std::move(data));
+  };
+
   // Nothing new: the local manifest is current; check the files and the
   // era artifacts.
   std::optional<std::string> signals_index_path = manifest_signals_index_path(*server);
@@ -296,6 +307,7 @@ SyncResult SyncManager::sync_impl() {
       if (vocabulary_due) result.vocabulary_downloaded = download_vocabulary(*server);
       if (seed_due) result.shuffle_seed_downloaded = download_shuffle_seed(*server);
       if (vocabulary_due || seed_due) download_signals_index(*server, result);
+      exclude_missing_found_pnl(server);
       json::object vocabularies = validate_manifest_vocabulary_files(data_dir_, *server);
       load_manifest_signals_index(data_dir_, *server);
       write_manifest_json(data_dir_, server->data(), manifest_sha, body_sha);
@@ -405,13 +417,6 @@ SyncResult SyncManager::sync_impl() {
   }
 
   // Commit.
-  if (!missing_found_pnl_paths_.empty()) {
-    std::vector<std::string> missing(missing_found_pnl_paths_.begin(), missing_found_pnl_paths_.end());
-    json::object data = drop_missing_found_pnl_paths(server->data(), missing);
-    scrub_missing_found_pnl_paths_from_signals_index(data_dir_, data, missing);
-    server = Manifest::from_sanitized(std::move(data));
-    signals_index_path = manifest_signals_index_path(*server);
-  }
   if (HostRef guard = runtime_freshness_guard()) {
     for (const auto& [path, entry] : to_download) {
       json::object kwargs;
@@ -423,6 +428,7 @@ SyncResult SyncManager::sync_impl() {
     }
   }
   download_signals_index(*server, result);
+  exclude_missing_found_pnl(server);
   load_manifest_signals_index(data_dir_, *server);
   result.useful_signals_downloaded = distinct_groups(to_download_paths, "useful_signals", siblings.epochs);
   bool vocabulary_due = false;
