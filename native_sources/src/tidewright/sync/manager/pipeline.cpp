@@ -410,8 +410,15 @@ SyncResult SyncManager::sync_impl() {
           "Manifest signal PnL artifact is missing from storage; excluding stale membership entry and retrying sync: %s",
           {json::value(*missing)});
       SyncResult restarted = sync_with_manifest_refresh();
+      // Files finished before the restart are found by hash and not counted
+      // again there: they belong to this sync's totals.
       restarted.bytes_downloaded += result.bytes_downloaded;
       restarted.features_downloaded += result.features_downloaded;
+      std::set<std::string> seen(restarted.found_pnl_paths_downloaded.begin(),
+                                 restarted.found_pnl_paths_downloaded.end());
+      for (const auto& path : result.found_pnl_paths_downloaded) {
+        if (seen.insert(path).second) restarted.found_pnl_paths_downloaded.push_back(path);
+      }
       return restarted;
     }
   }
