@@ -28,8 +28,25 @@ std::optional<std::int64_t> int_field(const json::object& e, const char* name) {
 
 HashCache::HashCache(std::string path) : path_(std::move(path)) {}
 
+HashCache::Entry HashCache::make_entry(json::value stored) {
+  Entry entry;
+  if (const json::object* e = as_object(&stored)) {
+    auto size = int_field(*e, "size_bytes");
+    auto mtime = int_field(*e, "mtime_ns");
+    auto ctime = int_field(*e, "ctime_ns");
+    auto inode = int_field(*e, "inode");
+    const json::value* sha = e->if_contains("sha256");
+    if (size && mtime && ctime && inode && sha && sha->is_string()) {
+      entry.key = StatKey{*size, *mtime, *ctime, *inode};
+      entry.sha256 = std::string(sha->get_string());
+    }
+  }
+  entry.stored = std::move(stored);
+  return entry;
+}
+
 void HashCache::load() {
-  std::unordered_map<std::string, json::value> loaded;
+  std::unordered_map<std::string, Entry> loaded;
   if (path_exists(path_)) {
     try {
       json::value payload = parse_json(read_file(path_));
@@ -40,7 +57,7 @@ void HashCache::load() {
                         to_int(*version) == SYNC_HASH_CACHE_VERSION;
       if (version_ok && files && files->is_object()) {
         for (const auto& kv : files->get_object()) {
-          if (kv.value().is_object()) loaded.emplace(std::string(kv.key()), kv.value());
+          if (kv.value().is_object()) loaded.emplace(std::string(kv.key()), make_entry(kv.value()));
         }
       }
     } catch (const std::exception& e) {
@@ -55,27 +72,18 @@ void HashCache::load() {
 
 std::optional<std::string> HashCache::cached_sha(const std::string& file_path, const std::string& local_path,
                                                  const std::string& expected_sha) {
-  StatKey key;
-  try {
-    key = stat_key(local_path);
-  } catch (const std::exception&) {
-    return std::nullopt;
-  }
+  std::optional<StatKey> key = try_stat_key(local_path);
+  if (!key) return std::nullopt;
+  return cached_sha(file_path, *key, expected_sha);
+}
+
+std::optional<std::string> HashCache::cached_sha(const std::string& file_path, const StatKey& key,
+                                                 const std::string& expected_sha) {
   std::lock_guard<std::mutex> lock(mu_);
   auto it = entries_.find(file_path);
-  if (it == entries_.end() || !it->second.is_object()) return std::nullopt;
-  const json::object& e = it->second.get_object();
-  auto size = int_field(e, "size_bytes");
-  auto mtime = int_field(e, "mtime_ns");
-  auto ctime = int_field(e, "ctime_ns");
-  auto inode = int_field(e, "inode");
-  if (!size || !mtime || !ctime || !inode) return std::nullopt;
-  if (*size != key.size || *mtime != key.mtime_ns || *ctime != key.ctime_ns || *inode != key.inode) {
-    return std::nullopt;
-  }
-  const json::value* sha = e.if_contains("sha256");
-  if (!sha || !sha->is_string() || sha->get_string() != expected_sha) return std::nullopt;
-  return std::string(sha->get_string());
+  if (it == entries_.end() || !it->second.key || !(*it->second.key == key)) return std::nullopt;
+  if (it->second.sha256 != expected_sha) return std::nullopt;
+  return it->second.sha256;
 }
 
 void HashCache::remember(const std::string& file_path, const std::string& local_path, const std::string& actual_sha) {
@@ -88,8 +96,8 @@ void HashCache::remember(const std::string& file_path, const std::string& local_
   json::value entry = entry_for(actual_sha, key);
   std::lock_guard<std::mutex> lock(mu_);
   auto it = entries_.find(file_path);
-  if (it != entries_.end() && it->second == entry) return;
-  entries_[file_path] = std::move(entry);
+  if (it != entries_.end() && it->second.stored == entry) return;
+  entries_[file_path] = make_entry(std::move(entry));
   dirty_ = true;
 }
 
@@ -100,7 +108,7 @@ void HashCache::persist() {
     if (!dirty_) return;
     json::object files;
     files.reserve(entries_.size());
-    for (const auto& [k, v] : entries_) files[k] = v;
+    for (const auto& [k, v] : entries_) files[k] = v.stored;
     snapshot["version"] = SYNC_HASH_CACHE_VERSION;
     snapshot["files"] = std::move(files);
     dirty_ = false;
@@ -117,7 +125,7 @@ void HashCache::persist() {
 json::object HashCache::entries() const {
   std::lock_guard<std::mutex> lock(mu_);
   json::object out;
-  for (const auto& [k, v] : entries_) out[k] = v;
+  for (const auto& [k, v] : entries_) out[k] = v.stored;
   return out;
 }
 

@@ -34,6 +34,9 @@ class HashCache {
   // digest equals `expected_sha`; empty otherwise (the caller hashes).
   std::optional<std::string> cached_sha(const std::string& file_path, const std::string& local_path,
                                         const std::string& expected_sha);
+  // The same for a file whose identity the caller has just taken.
+  std::optional<std::string> cached_sha(const std::string& file_path, const StatKey& key,
+                                        const std::string& expected_sha);
   // Remembers `actual_sha` for the file's current identity.
   void remember(const std::string& file_path, const std::string& local_path, const std::string& actual_sha);
   // Writes the cache when it changed since the last write; failures are
@@ -45,10 +48,19 @@ class HashCache {
   bool dirty() const;
 
  private:
+  // An entry as stored, and its fields read once for lookups (none when an
+  // integer field cannot be read or the digest is not text).
+  struct Entry {
+    json::value stored;
+    std::optional<StatKey> key;
+    std::string sha256;
+  };
+  static Entry make_entry(json::value stored);
+
   const std::string path_;
   mutable std::mutex mu_;
-  std::unordered_map<std::string, json::value> entries_;  // guarded by mu_
-  bool dirty_ = false;                                    // guarded by mu_
+  std::unordered_map<std::string, Entry> entries_;  // guarded by mu_
+  bool dirty_ = false;                              // guarded by mu_
 };
 
 }  // namespace tidewright::sync

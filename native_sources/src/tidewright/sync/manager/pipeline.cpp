@@ -180,28 +180,21 @@ SyncResult SyncManager::sync_impl() {
                          ", server era_number=" + std::to_string(*server_era));
         }
         free_disk_bytes(data_dir_);
-        json::object vocabularies = validate_manifest_vocabulary_files(data_dir_, *local);
+        std::shared_ptr<const json::object> vocabularies = validated_vocabularies(*local);
         ShuffleSeedExpectations expect{local_era,
                                        manifest_positive_int(*local, "market_id").value_or(market_id_),
                                        manifest_positive_int(*local, "version"),
                                        shuffle_seed_generation_for_manifest(*local)};
         validate_shuffle_seed_file(path_join(data_dir_, SHUFFLE_SEED_FILENAME), expect);
-        for (const auto& kv : local->files()) {
-          std::string path(kv.key());
-          if (vocabulary_named_universe_from_path(path) || manifest_file_is_sync_excluded(path, kv.value(), siblings) ||
-              kind_of(kv.value()) == "vault_module") {
-            continue;
-          }
-          if (!local_file_matches_manifest(path, manifest_local_path(data_dir_, path), kv.value(), true)) {
-            throw SyncError("Manifest version matched but local data files need repair");
-          }
+        if (first_local_mismatch(*local, siblings)) {
+          throw SyncError("Manifest version matched but local data files need repair");
         }
         load_manifest_signals_index(data_dir_, *local);
         SyncResult result;
         result.era_number = local_era;
         result.pnl_column_count = to_int(local->pnl_column_count()).value_or(0);
         result.n_features = count_features(*local, siblings);
-        take_vocabulary_metadata(result, vocabularies);
+        take_vocabulary_metadata(result, *vocabularies);
         {
           std::lock_guard<std::mutex> lock(state_mu_);
           vocabulary_ = vocabularies;
@@ -275,7 +268,7 @@ SyncResult SyncManager::sync_impl() {
     bool seed_due = false;
     bool files_ok = true;
     try {
-      validate_manifest_vocabulary_files(data_dir_, *server);
+      validated_vocabularies(*server);
     } catch (const SyncError&) {
       vocabulary_due = true;
     }
@@ -288,17 +281,9 @@ SyncResult SyncManager::sync_impl() {
     } catch (const SyncError&) {
       seed_due = true;
     }
-    for (const auto& kv : server->files()) {
-      std::string path(kv.key());
-      if (vocabulary_named_universe_from_path(path) || manifest_file_is_sync_excluded(path, kv.value(), siblings) ||
-          kind_of(kv.value()) == "vault_module") {
-        continue;
-      }
-      if (!local_file_matches_manifest(path, manifest_local_path(data_dir_, path), kv.value(), true)) {
-        log_warning("Manifest version matched but local data files need repair");
-        files_ok = false;
-        break;
-      }
+    if (first_local_mismatch(*server, siblings)) {
+      log_warning("Manifest version matched but local data files need repair");
+      files_ok = false;
     }
     if (files_ok) {
       SyncResult result;
@@ -308,11 +293,11 @@ SyncResult SyncManager::sync_impl() {
       if (seed_due) result.shuffle_seed_downloaded = download_shuffle_seed(*server);
       if (vocabulary_due || seed_due) download_signals_index(*server, result);
       exclude_missing_found_pnl(server);
-      json::object vocabularies = validate_manifest_vocabulary_files(data_dir_, *server);
+      std::shared_ptr<const json::object> vocabularies = validated_vocabularies(*server);
       load_manifest_signals_index(data_dir_, *server);
       write_manifest_json(data_dir_, server->data(), manifest_sha, body_sha);
       hash_cache_.persist();
-      take_vocabulary_metadata(result, vocabularies);
+      take_vocabulary_metadata(result, *vocabularies);
       result.n_features = count_features(*server, siblings);
       {
         std::lock_guard<std::mutex> lock(state_mu_);
@@ -331,12 +316,13 @@ SyncResult SyncManager::sync_impl() {
   std::vector<std::pair<std::string, json::object>> to_download;
   std::vector<std::string> to_download_paths;
   bool same_era_local = local && local_era == server->era_number_int();
+  ManifestLocalPaths locals(data_dir_);
   for (const auto& kv : server->files()) {
     std::string path(kv.key());
     if (vocabulary_named_universe_from_path(path)) continue;
     if (signals_index_path && path == *signals_index_path) continue;
     if (manifest_file_is_sync_excluded(path, kv.value(), siblings)) continue;
-    std::string local_path = manifest_local_path(data_dir_, path);
+    std::string local_path = locals.resolve(path);
     std::string kind = kind_of(kv.value());
     const json::value* local_info = same_era_local ? local->files().if_contains(path) : nullptr;
     bool exists = path_exists(local_path);
@@ -440,7 +426,7 @@ SyncResult SyncManager::sync_impl() {
   result.useful_signals_downloaded = distinct_groups(to_download_paths, "useful_signals", siblings.epochs);
   bool vocabulary_due = false;
   try {
-    validate_manifest_vocabulary_files(data_dir_, *server);
+    validated_vocabularies(*server);
   } catch (const SyncError&) {
     vocabulary_due = true;
   }
@@ -449,13 +435,13 @@ SyncResult SyncManager::sync_impl() {
   write_manifest_json(data_dir_, server->data(), manifest_sha, body_sha);
   hash_cache_.persist();
   remove_sync_progress_json(data_dir_);
-  json::object vocabularies = validate_manifest_vocabulary_files(data_dir_, *server);
+  std::shared_ptr<const json::object> vocabularies = validated_vocabularies(*server);
   {
     std::lock_guard<std::mutex> lock(state_mu_);
     manifest_ = server;
     vocabulary_ = vocabularies;
   }
-  take_vocabulary_metadata(result, vocabularies);
+  take_vocabulary_metadata(result, *vocabularies);
   result.n_features = count_features(*server, siblings);
   std::vector<std::string> all_paths = keys_of(server->files());
   result.n_useful_signals = distinct_groups(all_paths, "useful_signals", siblings.epochs);
