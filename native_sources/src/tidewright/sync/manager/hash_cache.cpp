@@ -86,6 +86,17 @@ std::optional<std::string> HashCache::cached_sha(const std::string& file_path, c
   return it->second.sha256;
 }
 
+std::vector<char> HashCache::cached_batch(const std::vector<Query>& queries) {
+  std::vector<char> hits(queries.size(), 0);
+  std::lock_guard<std::mutex> lock(mu_);
+  for (std::size_t i = 0; i < queries.size(); ++i) {
+    auto it = entries_.find(*queries[i].file_path);
+    hits[i] = it != entries_.end() && it->second.key && *it->second.key == queries[i].key &&
+              it->second.sha256 == *queries[i].expected_sha;
+  }
+  return hits;
+}
+
 void HashCache::remember(const std::string& file_path, const std::string& local_path, const std::string& actual_sha) {
   StatKey key;
   try {

@@ -15,6 +15,7 @@
 #include <optional>
 #include <string>
 #include <unordered_map>
+#include <vector>
 
 namespace tidewright::sync {
 
@@ -37,6 +38,14 @@ class HashCache {
   // The same for a file whose identity the caller has just taken.
   std::optional<std::string> cached_sha(const std::string& file_path, const StatKey& key,
                                         const std::string& expected_sha);
+  // cached_sha for many files under one lock: whether each file's digest is
+  // remembered for its identity and equals the expected digest.
+  struct Query {
+    const std::string* file_path;
+    StatKey key;
+    const std::string* expected_sha;
+  };
+  std::vector<char> cached_batch(const std::vector<Query>& queries);
   // Remembers `actual_sha` for the file's current identity.
   void remember(const std::string& file_path, const std::string& local_path, const std::string& actual_sha);
   // Writes the cache when it changed since the last write; failures are

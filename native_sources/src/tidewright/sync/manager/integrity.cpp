@@ -79,7 +79,38 @@ std::optional<std::string> SyncManager::first_local_mismatch(const Manifest& man
   std::optional<std::string> mismatch;  // guarded by mu
   std::exception_ptr error;             // guarded by mu
 
+  // Files whose size fits and whose digest is to be looked up, checked in
+  // blocks so that the hash cache's lock is taken once per block.
+  struct Pending {
+    std::string path;
+    std::string local;
+    StatKey identity;
+    std::string expected_sha;
+    const json::value* info;
+  };
+  constexpr std::size_t kBlock = 256;
+
   auto check = [&](std::size_t begin, std::size_t end) {
+    auto fail = [&](std::string path) {
+      std::lock_guard<std::mutex> lock(mu);
+      if (!mismatch) mismatch = std::move(path);
+      stop.store(true);
+    };
+    std::vector<Pending> block;
+    auto settle = [&] {
+      std::vector<HashCache::Query> queries;
+      queries.reserve(block.size());
+      for (const auto& p : block) queries.push_back({&p.path, p.identity, &p.expected_sha});
+      std::vector<char> hits = hash_cache_.cached_batch(queries);
+      for (std::size_t j = 0; j < block.size(); ++j) {
+        if (!hits[j] && !local_file_matches_manifest(block[j].path, block[j].local, *block[j].info, false)) {
+          fail(block[j].path);
+          return false;
+        }
+      }
+      block.clear();
+      return true;
+    };
     try {
       ManifestLocalPaths locals(data_dir_);
       for (std::size_t i = begin; i < end && !stop.load(std::memory_order_relaxed); ++i) {
@@ -91,13 +122,17 @@ std::optional<std::string> SyncManager::first_local_mismatch(const Manifest& man
         }
         std::optional<StatKey> identity;
         std::string local = locals.resolve(path, &identity);
-        if (!local_file_matches_manifest(path, local, kv.value(), true, identity)) {
-          std::lock_guard<std::mutex> lock(mu);
-          if (!mismatch) mismatch = std::move(path);
-          stop.store(true);
-          return;
+        std::string expected_sha = expected_sha_of(kv.value());
+        std::int64_t expected_size = expected_size_of(kv.value());
+        if (!identity || expected_sha.empty() || (expected_size >= 0 && identity->size != expected_size)) {
+          // Links, missing files, size mismatches and entries without a digest.
+          if (!local_file_matches_manifest(path, local, kv.value(), true, identity)) return fail(std::move(path));
+          continue;
         }
+        block.push_back({std::move(path), std::move(local), *identity, std::move(expected_sha), &kv.value()});
+        if (block.size() == kBlock && !settle()) return;
       }
+      if (!stop.load() && !block.empty()) settle();
     } catch (...) {
       std::lock_guard<std::mutex> lock(mu);
       if (!error) error = std::current_exception();
