@@ -251,3 +251,39 @@ def test_found_pnl_missing_from_storage_is_excluded_until_the_manifest_changes(d
     result = m.sync()
     assert FOUND_PNL in result.found_pnl_paths_downloaded
     assert_in_step(dataservice, tmp_path)
+
+
+def test_needs_sync_sees_local_changes_behind_unchanged_names(dataservice, tmp_path):
+    data, outside = tmp_path / "data", tmp_path / "outside"
+    data.mkdir()
+    outside.mkdir()
+    m = manager(dataservice, data)
+    m.sync()
+    assert not m.needs_sync()
+
+    # Same bytes, new modification time: hashed again and still current.
+    os.utime(data / FEATURE, ns=(1, 1))
+    assert not m.needs_sync()
+
+    # A vocabulary edited in place (its manifest entry is not what decides).
+    vocabulary = data / "named_universes" / "top50" / "vocabulary.json"
+    text = vocabulary.read_text(encoding="utf-8")
+    vocabulary.write_text(text.replace('"era_number":1', '"era_number":7'), encoding="utf-8")
+    assert m.needs_sync()
+    vocabulary.write_text(text, encoding="utf-8")
+    assert not m.needs_sync()
+
+    # A data file swapped for a link to an identical file outside.
+    (outside / "copy.arrow").write_bytes(local_bytes(data, FEATURE))
+    os.remove(data / FEATURE)
+    (data / FEATURE).symlink_to(outside / "copy.arrow")
+    assert m.needs_sync()
+    with pytest.raises(sync.ManifestError, match="escapes data directory"):
+        m.sync()
+
+    # manifest.json edited by hand: the server's hash hint no longer names it.
+    os.remove(data / FEATURE)
+    m.sync()
+    manifest = data / "manifest.json"
+    manifest.write_bytes(manifest.read_bytes() + b" ")
+    assert m.needs_sync()
