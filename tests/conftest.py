@@ -36,3 +36,11 @@ def dataservice_factory():
 def dataservice(dataservice_factory):
     """A started service with one tiny era (market 1, era 1, token ``svc.token``)."""
     return dataservice_factory()
+
+
+@pytest.fixture
+def instant_backoff(monkeypatch):
+    """Backoff waits of zero seconds (stop requests are still honoured)."""
+    from tidewright.sync_backoff import SyncBackoffPolicy
+
+    monkeypatch.setattr(SyncBackoffPolicy, "delay_seconds", classmethod(lambda cls, attempt_index: 0.0))

@@ -148,6 +148,9 @@ json::object validate_vocabulary_file(const std::string& path, std::int64_t expe
 }
 
 std::optional<std::string> vocabulary_named_universe_from_path(std::string_view file_path) {
+  // Normalising a path never changes a segment's text, so every spelling of
+  // a vocabulary path holds its file name: most paths end here, unparsed.
+  if (file_path.find("vocabulary.json") == std::string_view::npos) return std::nullopt;
   std::string safe;
   try {
     safe = safe_manifest_relative_path(file_path);

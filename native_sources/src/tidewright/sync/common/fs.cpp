@@ -192,15 +192,25 @@ bool is_regular_file(const std::string& path) {
   return ::stat(path.c_str(), &st) == 0 && S_ISREG(st.st_mode);
 }
 
-StatKey stat_key(const std::string& path) {
-  struct stat st;
-  if (::stat(path.c_str(), &st) != 0) throw_os_error(errno, path);
+StatKey stat_key_of(const struct ::stat& st) {
   StatKey key;
   key.size = static_cast<std::int64_t>(st.st_size);
   key.mtime_ns = static_cast<std::int64_t>(st.st_mtim.tv_sec) * 1000000000LL + st.st_mtim.tv_nsec;
   key.ctime_ns = static_cast<std::int64_t>(st.st_ctim.tv_sec) * 1000000000LL + st.st_ctim.tv_nsec;
   key.inode = static_cast<std::int64_t>(st.st_ino);
   return key;
+}
+
+StatKey stat_key(const std::string& path) {
+  struct stat st;
+  if (::stat(path.c_str(), &st) != 0) throw_os_error(errno, path);
+  return stat_key_of(st);
+}
+
+std::optional<StatKey> try_stat_key(const std::string& path) {
+  struct stat st;
+  if (::stat(path.c_str(), &st) != 0) return std::nullopt;
+  return stat_key_of(st);
 }
 
 std::int64_t file_size(const std::string& path) { return stat_key(path).size; }

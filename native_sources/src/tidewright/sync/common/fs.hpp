@@ -9,6 +9,8 @@
 #include <string_view>
 #include <utility>
 
+struct stat;
+
 namespace tidewright::sync {
 
 // A file's identity for the hash cache.
@@ -57,6 +59,10 @@ bool is_regular_file(const std::string& path);
 
 // Throwing operations.
 StatKey stat_key(const std::string& path);
+// The identity of a stat result.
+StatKey stat_key_of(const struct ::stat& st);
+// stat_key, or nothing when the path cannot be stat'ed (lenient).
+std::optional<StatKey> try_stat_key(const std::string& path);
 std::int64_t file_size(const std::string& path);
 std::string read_file(const std::string& path);
 void make_dirs(const std::string& path);  // exist-ok

@@ -1,6 +1,7 @@
 // Downloading the era artifacts: vocabularies (with repair of stale manifest
 // entries), the signals index and the shuffle seed.
 #include "tidewright/sync/artifacts/shuffle_seed.hpp"
+#include "tidewright/sync/artifacts/functions_file.hpp"
 #include "tidewright/sync/artifacts/signals_index.hpp"
 #include "tidewright/sync/artifacts/vocabulary.hpp"
 #include "tidewright/sync/common/fs.hpp"
@@ -37,7 +38,44 @@ std::optional<std::string> text_field(const json::object& entry, const char* key
 
 std::optional<json::object> SyncManager::vocabulary() const {
   std::lock_guard<std::mutex> lock(state_mu_);
-  return vocabulary_;
+  if (!vocabulary_) return std::nullopt;
+  return *vocabulary_;
+}
+
+std::shared_ptr<const json::object> SyncManager::validated_vocabularies(const Manifest& manifest) {
+  // The key names everything the validation reads: the era, the pointers
+  // and entries of the manifest, and the identity of each local file. A
+  // file that cannot be found makes no key; the validation then reports it.
+  std::string key = std::to_string(manifest.era_number_int()) + "\n" + dump_json(manifest.functions());
+  std::vector<std::string> paths = vocabulary_manifest_paths(manifest.files());
+  paths.emplace_back(FUNCTIONS_FILENAME);
+  bool cacheable = true;
+  for (const auto& path : paths) {
+    const json::value* entry = manifest.files().if_contains(path);
+    std::optional<StatKey> identity;
+    try {
+      identity = try_stat_key(manifest_local_path(data_dir_, path));
+    } catch (const ManifestError&) {
+    }
+    if (!identity) {
+      cacheable = false;
+      break;
+    }
+    key += "\n" + path + "\n" + (entry ? dump_json(*entry) : std::string("-")) + "\n" +
+           std::to_string(identity->size) + " " + std::to_string(identity->mtime_ns) + " " +
+           std::to_string(identity->ctime_ns) + " " + std::to_string(identity->inode);
+  }
+  if (cacheable) {
+    std::lock_guard<std::mutex> lock(vocabulary_validation_mu_);
+    if (vocabulary_validation_key_ == key) return vocabulary_validation_result_;
+  }
+  auto vocabularies = std::make_shared<const json::object>(validate_manifest_vocabulary_files(data_dir_, manifest));
+  if (cacheable) {
+    std::lock_guard<std::mutex> lock(vocabulary_validation_mu_);
+    vocabulary_validation_key_ = std::move(key);
+    vocabulary_validation_result_ = vocabularies;
+  }
+  return vocabularies;
 }
 
 void SyncManager::repair_vocabulary_manifest_entry(Manifest& server_manifest, const std::string& file_path,
@@ -135,7 +173,7 @@ bool SyncManager::download_vocabulary(Manifest& server_manifest, const std::opti
   }
   {
     std::lock_guard<std::mutex> lock(state_mu_);
-    vocabulary_ = std::move(validated);
+    vocabulary_ = std::make_shared<const json::object>(std::move(validated));
   }
   return downloaded;
 }

@@ -6,7 +6,15 @@
 #include "tidewright/sync/manifest/paths.hpp"
 #include "tidewright/sync/reporting/errors.hpp"
 
+#include <dirent.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
 #include <filesystem>
+#include <functional>
+#include <memory>
 #include <set>
 #include <system_error>
 
@@ -20,28 +28,44 @@ bool ends_with_tmp(const std::string& name) {
   return name.size() >= 4 && name.compare(name.size() - 4, 4, ".tmp") == 0;
 }
 
-template <typename Keep>
-void remove_tmp_files(const std::string& data_dir, Keep keep) {
-  std::error_code ec;
-  std::string root = real_path(data_dir);
-  fs::recursive_directory_iterator it(root, fs::directory_options::skip_permission_denied, ec);
-  if (ec) {
-    log_debug("best-effort tmp scan failed for %s: %s", {json::value(data_dir), json::value(ec.message())});
+// Calls visit(path) for every regular file below `dir`, not following links.
+// The entries' types come from the directory listing, so a large tree costs
+// no stat per file unless the file system does not report types.
+void walk_regular_files(const std::string& dir, const std::function<void(const std::string&)>& visit,
+                        const std::string& data_dir) {
+  std::unique_ptr<DIR, int (*)(DIR*)> listing(::opendir(dir.c_str()), ::closedir);
+  if (!listing) {
+    if (errno != EACCES) {
+      log_debug("best-effort tmp scan failed for %s: %s", {json::value(data_dir), json::value(std::strerror(errno))});
+    }
     return;
   }
-  for (; it != fs::recursive_directory_iterator(); it.increment(ec)) {
-    if (ec) {
-      log_debug("best-effort tmp scan failed for %s: %s", {json::value(data_dir), json::value(ec.message())});
-      return;
+  while (const dirent* entry = ::readdir(listing.get())) {
+    std::string_view name(entry->d_name);
+    if (name == "." || name == "..") continue;
+    std::string path = dir + "/" + std::string(name);
+    unsigned char type = entry->d_type;
+    if (type == DT_UNKNOWN) {
+      struct stat st;
+      if (::lstat(path.c_str(), &st) != 0) continue;
+      type = S_ISDIR(st.st_mode) ? DT_DIR : S_ISREG(st.st_mode) ? DT_REG : DT_LNK;
     }
-    std::error_code type_ec;
-    if (!it->is_regular_file(type_ec) || it->is_symlink(type_ec)) continue;
-    std::string path = it->path().string();
-    if (!ends_with_tmp(it->path().filename().string()) || keep(path)) continue;
-    std::error_code rm_ec;
-    fs::remove(it->path(), rm_ec);
-    if (rm_ec) log_debug("best-effort tmp cleanup failed for %s: %s", {json::value(path), json::value(rm_ec.message())});
+    if (type == DT_DIR) {
+      walk_regular_files(path, visit, data_dir);
+    } else if (type == DT_REG) {
+      visit(path);
+    }
   }
+}
+
+template <typename Keep>
+void remove_tmp_files(const std::string& data_dir, Keep keep) {
+  walk_regular_files(real_path(data_dir), [&](const std::string& path) {
+    if (!ends_with_tmp(path) || keep(path)) return;
+    if (::unlink(path.c_str()) != 0 && errno != ENOENT) {
+      log_debug("best-effort tmp cleanup failed for %s: %s", {json::value(path), json::value(std::strerror(errno))});
+    }
+  }, data_dir);
 }
 
 }  // namespace

@@ -18,6 +18,7 @@
 #include <cstring>
 #include <exception>
 #include <fcntl.h>
+#include <limits>
 #include <pthread.h>
 #include <sys/stat.h>
 #include <thread>
@@ -67,8 +68,12 @@ class StagingSink : public BodySink {
         throw SyncError("Download failed for " + file_path_ + ": unexpected Content-Range " +
                         (value ? *value : std::string("(none)")));
       }
+      complete_length_ = range->complete_length;
     }
   }
+
+  // The file's length as the last 206 announced it, if it did.
+  std::optional<std::int64_t> complete_length() const { return complete_length_; }
 
   void write(std::string_view bytes) override {
     const char* data = bytes.data();
@@ -106,7 +111,23 @@ class StagingSink : public BodySink {
   std::int64_t range_start_;
   const std::string& file_path_;
   ProgressFeed* progress_ = nullptr;
+  std::optional<std::int64_t> complete_length_;
 };
+
+// The length N of an unsatisfied-range answer "bytes */N".
+std::optional<std::int64_t> unsatisfied_range_length(const HttpHeaders& headers) {
+  std::optional<std::string> value = headers.get("Content-Range");
+  if (!value) return std::nullopt;
+  std::string text = strip_ws(*value);
+  constexpr std::string_view kPrefix = "bytes */";
+  if (text.size() <= kPrefix.size() || text.compare(0, kPrefix.size(), kPrefix) != 0) return std::nullopt;
+  std::int64_t n = 0;
+  for (std::size_t i = kPrefix.size(); i < text.size(); ++i) {
+    if (text[i] < '0' || text[i] > '9' || n > (std::numeric_limits<std::int64_t>::max() - 9) / 10) return std::nullopt;
+    n = n * 10 + (text[i] - '0');
+  }
+  return n;
+}
 
 void truncate_staging(const std::string& staging) {
   UniqueFd fd(::open(staging.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666));
@@ -130,7 +151,6 @@ std::int64_t hash_existing(int fd, Sha256& hasher, const std::string& staging) {
   }
   return total;
 }
-
 
 }  // namespace
 
@@ -287,8 +307,13 @@ void SyncManager::download_file(const std::string& file_path, const json::object
       }
       if (::lseek(fd.get(), 0, SEEK_END) < 0) throw_os_error(errno, staging);
 
+      // Without a size in the manifest, the length comes from the server's
+      // Content-Range; a short chunk or an unsatisfiable range at the end
+      // also ends the file.
+      std::optional<std::int64_t> total;
+      if (expected_size >= 0) total = expected_size;
       bool done = false;
-      while (!done && (expected_size < 0 || received < expected_size)) {
+      while (!done && (!total || received < *total)) {
         const std::int64_t start = received;
         const std::int64_t end = start + chunk - 1;
         std::optional<std::string> token;
@@ -306,8 +331,13 @@ void SyncManager::download_file(const std::string& file_path, const json::object
             throw SyncError("Download failed for " + file_path + ": empty range " + std::to_string(start) + "-" +
                             std::to_string(end));
           }
-          if (expected_size < 0 && response.body_bytes < chunk) done = true;
+          if (!total) total = sink.complete_length();
+          if (!total && response.body_bytes < chunk) done = true;
         } else if (response.status == 416) {
+          if (expected_size < 0 && unsatisfied_range_length(response.headers) == received) {
+            done = true;  // asked for the range just past the end
+            continue;
+          }
           if (download_manifest_superseded(file_info)) throw superseded_error("http_416", received, start, end);
           json::object fields;
           fields["expected_size"] = expected_size;
@@ -318,6 +348,14 @@ void SyncManager::download_file(const std::string& file_path, const json::object
           if (::ftruncate(fd.get(), 0) != 0) throw_os_error(errno, staging);
           throw SyncError("Download resume reset for " + file_path + ": HTTP 416");
         } else {
+          if (should_retry_http_status(json::value(response.status))) {
+            // A transient status is retried below, unless the server said not to.
+            json::object details = parse_sync_error_body(response.error_body);
+            const json::value* retryable = details.if_contains("retryable");
+            if (retryable && retryable->is_bool() && !retryable->get_bool()) {
+              throw sync_unavailable_from(url, attempt + 1, {response.status}, {}, details);
+            }
+          }
           raise_download_http_status(file_path, json::value(response.status));
         }
       }

@@ -37,14 +37,33 @@ std::optional<std::int64_t> int_field(const json::object& e, const char* name) {
 
 HashCache::HashCache(std::string path) : path_(std::move(path)) {}
 
-void HashCache::load() {
-  std::unordered_map<std::string, json::value> loaded;
-  std::int64_t written_at = 0;
-  if (path_exists(path_)) {
-    try {
-      written_at = stat_key(path_).mtime_ns;
-    } catch (const std::exception&) {
+HashCache::Entry HashCache::make_entry(json::value stored) {
+  Entry entry;
+  if (const json::object* e = as_object(&stored)) {
+    auto size = int_field(*e, "size_bytes");
+    auto mtime = int_field(*e, "mtime_ns");
+    auto ctime = int_field(*e, "ctime_ns");
+    auto inode = int_field(*e, "inode");
+    const json::value* sha = e->if_contains("sha256");
+    if (size && mtime && ctime && inode && sha && sha->is_string()) {
+      entry.key = StatKey{*size, *mtime, *ctime, *inode};
+      entry.sha256 = std::string(sha->get_string());
     }
+  }
+  entry.stored = std::move(stored);
+  return entry;
+}
+
+bool HashCache::trusted(const Entry& entry, const StatKey& key, const std::string& expected_sha) {
+  return entry.key && *entry.key == key && entry.sha256 == expected_sha && key.mtime_ns < entry.hashed_at_ns &&
+         key.ctime_ns < entry.hashed_at_ns;
+}
+
+void HashCache::load() {
+  std::unordered_map<std::string, Entry> loaded;
+  if (path_exists(path_)) {
+    std::int64_t written_at = 0;
+    if (std::optional<StatKey> cache_key = try_stat_key(path_)) written_at = cache_key->mtime_ns;
     try {
       json::value payload = parse_json(read_file(path_));
       const json::object* obj = as_object(&payload);
@@ -54,7 +73,10 @@ void HashCache::load() {
                         to_int(*version) == SYNC_HASH_CACHE_VERSION;
       if (version_ok && files && files->is_object()) {
         for (const auto& kv : files->get_object()) {
-          if (kv.value().is_object()) loaded.emplace(std::string(kv.key()), kv.value());
+          if (!kv.value().is_object()) continue;
+          Entry entry = make_entry(kv.value());
+          entry.hashed_at_ns = written_at;
+          loaded.emplace(std::string(kv.key()), std::move(entry));
         }
       }
     } catch (const std::exception& e) {
@@ -64,37 +86,32 @@ void HashCache::load() {
   }
   std::lock_guard<std::mutex> lock(mu_);
   entries_ = std::move(loaded);
-  remembered_at_.clear();
-  written_at_ns_ = written_at;
   dirty_ = false;
 }
 
 std::optional<std::string> HashCache::cached_sha(const std::string& file_path, const std::string& local_path,
                                                  const std::string& expected_sha) {
-  StatKey key;
-  try {
-    key = stat_key(local_path);
-  } catch (const std::exception&) {
-    return std::nullopt;
-  }
+  std::optional<StatKey> key = try_stat_key(local_path);
+  if (!key) return std::nullopt;
+  return cached_sha(file_path, *key, expected_sha);
+}
+
+std::optional<std::string> HashCache::cached_sha(const std::string& file_path, const StatKey& key,
+                                                 const std::string& expected_sha) {
   std::lock_guard<std::mutex> lock(mu_);
   auto it = entries_.find(file_path);
-  if (it == entries_.end() || !it->second.is_object()) return std::nullopt;
-  const json::object& e = it->second.get_object();
-  auto size = int_field(e, "size_bytes");
-  auto mtime = int_field(e, "mtime_ns");
-  auto ctime = int_field(e, "ctime_ns");
-  auto inode = int_field(e, "inode");
-  if (!size || !mtime || !ctime || !inode) return std::nullopt;
-  if (*size != key.size || *mtime != key.mtime_ns || *ctime != key.ctime_ns || *inode != key.inode) {
-    return std::nullopt;
+  if (it == entries_.end() || !trusted(it->second, key, expected_sha)) return std::nullopt;
+  return it->second.sha256;
+}
+
+std::vector<char> HashCache::cached_batch(const std::vector<Query>& queries) {
+  std::vector<char> hits(queries.size(), 0);
+  std::lock_guard<std::mutex> lock(mu_);
+  for (std::size_t i = 0; i < queries.size(); ++i) {
+    auto it = entries_.find(*queries[i].file_path);
+    hits[i] = it != entries_.end() && trusted(it->second, queries[i].key, *queries[i].expected_sha);
   }
-  auto when = remembered_at_.find(file_path);
-  std::int64_t hashed_at = when != remembered_at_.end() ? when->second : written_at_ns_;
-  if (key.mtime_ns >= hashed_at || key.ctime_ns >= hashed_at) return std::nullopt;  // racy: hash again
-  const json::value* sha = e.if_contains("sha256");
-  if (!sha || !sha->is_string() || sha->get_string() != expected_sha) return std::nullopt;
-  return std::string(sha->get_string());
+  return hits;
 }
 
 void HashCache::remember(const std::string& file_path, const std::string& local_path, const std::string& actual_sha) {
@@ -107,10 +124,14 @@ void HashCache::remember(const std::string& file_path, const std::string& local_
   json::value entry = entry_for(actual_sha, key);
   std::int64_t now = coarse_now_ns();
   std::lock_guard<std::mutex> lock(mu_);
-  remembered_at_[file_path] = now;
   auto it = entries_.find(file_path);
-  if (it != entries_.end() && it->second == entry) return;
-  entries_[file_path] = std::move(entry);
+  if (it != entries_.end() && it->second.stored == entry) {
+    it->second.hashed_at_ns = now;
+    return;
+  }
+  Entry fresh = make_entry(std::move(entry));
+  fresh.hashed_at_ns = now;
+  entries_[file_path] = std::move(fresh);
   dirty_ = true;
 }
 
@@ -121,16 +142,13 @@ void HashCache::persist() {
     if (!dirty_) return;
     json::object files;
     files.reserve(entries_.size());
-    for (const auto& [k, v] : entries_) files[k] = v;
+    for (const auto& [k, v] : entries_) files[k] = v.stored;
     snapshot["version"] = SYNC_HASH_CACHE_VERSION;
     snapshot["files"] = std::move(files);
     dirty_ = false;
   }
   try {
     atomic_write(path_, dump_json(snapshot, {.sort_keys = true}));
-    std::int64_t written_at = stat_key(path_).mtime_ns;
-    std::lock_guard<std::mutex> lock(mu_);
-    written_at_ns_ = written_at;
   } catch (const std::exception& e) {
     log_warning("Failed to persist sync hash cache: %s", {json::value(e.what())});
     std::lock_guard<std::mutex> lock(mu_);
@@ -141,7 +159,7 @@ void HashCache::persist() {
 json::object HashCache::entries() const {
   std::lock_guard<std::mutex> lock(mu_);
   json::object out;
-  for (const auto& [k, v] : entries_) out[k] = v;
+  for (const auto& [k, v] : entries_) out[k] = v.stored;
   return out;
 }
 

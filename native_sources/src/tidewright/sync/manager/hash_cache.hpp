@@ -10,7 +10,7 @@
 // hashed again until time has moved on. Times are compared in the file
 // system's own (coarse) clock.
 //
-// Thread-safe: the maps and the dirty flag are guarded by mu_; hashing and
+// Thread-safe: the map and the dirty flag are guarded by mu_; hashing and
 // file writes happen outside it, so download workers remember digests
 // concurrently.
 #pragma once
@@ -22,6 +22,7 @@
 #include <optional>
 #include <string>
 #include <unordered_map>
+#include <vector>
 
 namespace tidewright::sync {
 
@@ -41,6 +42,17 @@ class HashCache {
   // digest equals `expected_sha`; empty otherwise (the caller hashes).
   std::optional<std::string> cached_sha(const std::string& file_path, const std::string& local_path,
                                         const std::string& expected_sha);
+  // The same for a file whose identity the caller has just taken.
+  std::optional<std::string> cached_sha(const std::string& file_path, const StatKey& key,
+                                        const std::string& expected_sha);
+  // cached_sha for many files under one lock: whether each file's digest is
+  // remembered for its identity and equals the expected digest.
+  struct Query {
+    const std::string* file_path;
+    StatKey key;
+    const std::string* expected_sha;
+  };
+  std::vector<char> cached_batch(const std::vector<Query>& queries);
   // Remembers `actual_sha` for the file's current identity.
   void remember(const std::string& file_path, const std::string& local_path, const std::string& actual_sha);
   // Writes the cache when it changed since the last write; failures are
@@ -52,12 +64,22 @@ class HashCache {
   bool dirty() const;
 
  private:
+  // An entry as stored, and its fields read once for lookups (none when an
+  // integer field cannot be read or the digest is not text).
+  struct Entry {
+    json::value stored;
+    std::optional<StatKey> key;
+    std::string sha256;
+    std::int64_t hashed_at_ns = 0;  // the digest is trusted for older file times only
+  };
+  // REQUIRES: mu_ held.
+  static bool trusted(const Entry& entry, const StatKey& key, const std::string& expected_sha);
+  static Entry make_entry(json::value stored);
+
   const std::string path_;
   mutable std::mutex mu_;
-  std::unordered_map<std::string, json::value> entries_;          // guarded by mu_
-  std::unordered_map<std::string, std::int64_t> remembered_at_;  // guarded by mu_
-  std::int64_t written_at_ns_ = 0;                                // guarded by mu_
-  bool dirty_ = false;                                            // guarded by mu_
+  std::unordered_map<std::string, Entry> entries_;  // guarded by mu_
+  bool dirty_ = false;                              // guarded by mu_
 };
 
 }  // namespace tidewright::sync

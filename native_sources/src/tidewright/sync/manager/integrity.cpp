@@ -12,6 +12,12 @@
 #include "tidewright/sync/reporting/errors.hpp"
 #include "tidewright/sync/transport/files.hpp"
 
+#include <algorithm>
+#include <atomic>
+#include <exception>
+#include <mutex>
+#include <thread>
+
 namespace tidewright::sync {
 
 namespace {
@@ -40,17 +46,16 @@ std::int64_t expected_size_of(const json::value& info) {
 }  // namespace
 
 bool SyncManager::local_file_matches_manifest(const std::string& file_path, const std::string& local_path,
-                                              const json::value& file_info, bool cache_allowed) {
-  if (!path_exists(local_path)) return false;
+                                              const json::value& file_info, bool cache_allowed,
+                                              const std::optional<StatKey>& identity) {
+  // One stat answers existence, size and the cache lookup.
+  std::optional<StatKey> key = identity ? identity : try_stat_key(local_path);
+  if (!key) return false;
   std::int64_t expected_size = expected_size_of(file_info);
-  try {
-    if (expected_size >= 0 && file_size(local_path) != expected_size) return false;
-  } catch (const OSError&) {
-    return false;
-  }
+  if (expected_size >= 0 && key->size != expected_size) return false;
   std::string expected_sha = expected_sha_of(file_info);
   if (expected_sha.empty()) return true;
-  if (cache_allowed && hash_cache_.cached_sha(file_path, local_path, expected_sha)) return true;
+  if (cache_allowed && hash_cache_.cached_sha(file_path, *key, expected_sha)) return true;
   std::string actual;
   try {
     actual = sha256_file(local_path);
@@ -61,6 +66,91 @@ bool SyncManager::local_file_matches_manifest(const std::string& file_path, cons
   return actual == expected_sha;
 }
 
+std::optional<std::string> SyncManager::first_local_mismatch(
+    const Manifest& manifest, const ManifestSiblings& siblings, const std::function<bool(const std::string&)>& skip) {
+  constexpr std::size_t kFilesPerThread = 16384;
+  constexpr std::size_t kMaxThreads = 4;
+  const json::object& files = manifest.files();
+  const std::size_t wanted = (files.size() + kFilesPerThread - 1) / kFilesPerThread;
+  const std::size_t threads =
+      std::max<std::size_t>(1, std::min({wanted, kMaxThreads, std::size_t{std::thread::hardware_concurrency()}}));
+  std::atomic<bool> stop{false};
+  std::mutex mu;
+  std::optional<std::string> mismatch;  // guarded by mu
+  std::exception_ptr error;             // guarded by mu
+
+  // Files whose size fits and whose digest is to be looked up, checked in
+  // blocks so that the hash cache's lock is taken once per block.
+  struct Pending {
+    std::string path;
+    std::string local;
+    StatKey identity;
+    std::string expected_sha;
+    const json::value* info;
+  };
+  constexpr std::size_t kBlock = 256;
+
+  auto check = [&](std::size_t begin, std::size_t end) {
+    auto fail = [&](std::string path) {
+      std::lock_guard<std::mutex> lock(mu);
+      if (!mismatch) mismatch = std::move(path);
+      stop.store(true);
+    };
+    std::vector<Pending> block;
+    auto settle = [&] {
+      std::vector<HashCache::Query> queries;
+      queries.reserve(block.size());
+      for (const auto& p : block) queries.push_back({&p.path, p.identity, &p.expected_sha});
+      std::vector<char> hits = hash_cache_.cached_batch(queries);
+      for (std::size_t j = 0; j < block.size(); ++j) {
+        if (!hits[j] && !local_file_matches_manifest(block[j].path, block[j].local, *block[j].info, false)) {
+          fail(block[j].path);
+          return false;
+        }
+      }
+      block.clear();
+      return true;
+    };
+    try {
+      ManifestLocalPaths locals(data_dir_);
+      for (std::size_t i = begin; i < end && !stop.load(std::memory_order_relaxed); ++i) {
+        const auto& kv = *(files.begin() + static_cast<std::ptrdiff_t>(i));
+        std::string path(kv.key());
+        if ((skip && skip(path)) || vocabulary_named_universe_from_path(path) ||
+            manifest_file_is_sync_excluded(path, kv.value(), siblings) || kind_of(kv.value()) == "vault_module") {
+          continue;
+        }
+        std::optional<StatKey> identity;
+        std::string local = locals.resolve(path, &identity);
+        std::string expected_sha = expected_sha_of(kv.value());
+        std::int64_t expected_size = expected_size_of(kv.value());
+        if (!identity || expected_sha.empty() || (expected_size >= 0 && identity->size != expected_size)) {
+          // Links, missing files, size mismatches and entries without a digest.
+          if (!local_file_matches_manifest(path, local, kv.value(), true, identity)) return fail(std::move(path));
+          continue;
+        }
+        block.push_back({std::move(path), std::move(local), *identity, std::move(expected_sha), &kv.value()});
+        if (block.size() == kBlock && !settle()) return;
+      }
+      if (!stop.load() && !block.empty()) settle();
+    } catch (...) {
+      std::lock_guard<std::mutex> lock(mu);
+      if (!error) error = std::current_exception();
+      stop.store(true);
+    }
+  };
+
+  const std::size_t per_thread = (files.size() + threads - 1) / threads;
+  std::vector<std::thread> helpers;
+  for (std::size_t t = 1; t < threads; ++t) {
+    helpers.emplace_back(check, t * per_thread, std::min(files.size(), (t + 1) * per_thread));
+  }
+  check(0, std::min(files.size(), per_thread));
+  for (auto& helper : helpers) helper.join();
+  if (error) std::rethrow_exception(error);
+  return mismatch;
+}
+
 bool SyncManager::local_manifest_files_complete(Manifest& manifest) {
   ManifestSiblings siblings = host().manifest_siblings();
   try {
@@ -69,7 +159,7 @@ bool SyncManager::local_manifest_files_complete(Manifest& manifest) {
                                    manifest_positive_int(manifest, "version"),
                                    shuffle_seed_generation_for_manifest(manifest)};
     validate_shuffle_seed_file(path_join(data_dir_, SHUFFLE_SEED_FILENAME), expect);
-    validate_manifest_vocabulary_files(data_dir_, manifest);
+    validated_vocabularies(manifest);
   } catch (const SyncError&) {
     return false;
   }
@@ -79,20 +169,14 @@ bool SyncManager::local_manifest_files_complete(Manifest& manifest) {
       if (!manifest.files().contains(path)) return false;
     }
   }
-  for (const auto& kv : manifest.files()) {
-    std::string path(kv.key());
-    if (rotation.leaves_out(path, kv.value(), siblings)) continue;
-    if (vocabulary_named_universe_from_path(path) || manifest_file_is_sync_excluded(path, kv.value(), siblings) ||
-        kind_of(kv.value()) == "vault_module") {
-      continue;
-    }
-    std::string local;
-    try {
-      local = manifest_local_path(data_dir_, path);
-    } catch (const ManifestError&) {
-      return false;
-    }
-    if (!local_file_matches_manifest(path, local, kv.value(), true)) return false;
+  try {
+    auto leaves_out = [&](const std::string& path) {
+      const json::value* info = manifest.files().if_contains(path);
+      return info && rotation.leaves_out(path, *info, siblings);
+    };
+    if (first_local_mismatch(manifest, siblings, leaves_out)) return false;
+  } catch (const ManifestError&) {
+    return false;
   }
   try {
     load_manifest_signals_index(data_dir_, manifest);
@@ -160,13 +244,14 @@ VerifyResult SyncManager::verify() {
       }
     }
   }
+  ManifestLocalPaths locals(data_dir_);
   for (const auto& kv : manifest->files()) {
     std::string path(kv.key());
     if (rotation.leaves_out(path, kv.value(), siblings)) continue;
     if (manifest_file_is_sync_excluded(path, kv.value(), siblings)) continue;
     std::string local;
     try {
-      local = manifest_local_path(data_dir_, path);
+      local = locals.resolve(path);
     } catch (const ManifestError&) {
       result.corrupted_files.push_back(path);
       result.valid = false;

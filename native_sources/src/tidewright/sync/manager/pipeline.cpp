@@ -69,6 +69,20 @@ void take_vocabulary_metadata(SyncResult& result, const json::object& vocabulari
   result.n_instruments = field("n_instruments");
 }
 
+// Refuses entries that no download could be checked against: an entry that
+// is not an object, or a size that is not a non-negative integer. A missing
+// size is allowed (the server's length decides, the digest still binds).
+void validate_manifest_file_entries(const Manifest& manifest) {
+  for (const auto& kv : manifest.files()) {
+    const json::object* entry = as_object(&kv.value());
+    if (!entry) throw ManifestError("Manifest file entry must be an object: " + python_repr(std::string_view(kv.key())));
+    const json::value* size = entry->if_contains("size_bytes");
+    if (size && !size->is_null() && !(size->is_int64() && size->get_int64() >= 0)) {
+      throw ManifestError("Manifest file size_bytes must be a non-negative integer: " + python_repr(std::string_view(kv.key())));
+    }
+  }
+}
+
 std::vector<std::string> keys_of(const json::object& files) {
   std::vector<std::string> out;
   out.reserve(files.size());
@@ -166,29 +180,21 @@ SyncResult SyncManager::sync_impl() {
                          ", server era_number=" + std::to_string(*server_era));
         }
         RotationPlan rotation = plan_feature_rotation_for_sync(*local, free_disk_bytes(data_dir_));
-        json::object vocabularies = validate_manifest_vocabulary_files(data_dir_, *local);
+        std::shared_ptr<const json::object> vocabularies = validated_vocabularies(*local);
         ShuffleSeedExpectations expect{local_era,
                                        manifest_positive_int(*local, "market_id").value_or(market_id_),
                                        manifest_positive_int(*local, "version"),
                                        shuffle_seed_generation_for_manifest(*local)};
         validate_shuffle_seed_file(path_join(data_dir_, SHUFFLE_SEED_FILENAME), expect);
-        for (const auto& kv : local->files()) {
-          std::string path(kv.key());
-          if (!rotation.covers(path)) continue;
-          if (vocabulary_named_universe_from_path(path) || manifest_file_is_sync_excluded(path, kv.value(), siblings) ||
-              kind_of(kv.value()) == "vault_module") {
-            continue;
-          }
-          if (!local_file_matches_manifest(path, manifest_local_path(data_dir_, path), kv.value(), true)) {
-            throw SyncError("Manifest version matched but local data files need repair");
-          }
+        if (first_local_mismatch(*local, siblings, [&](const std::string& path) { return !rotation.covers(path); })) {
+          throw SyncError("Manifest version matched but local data files need repair");
         }
         load_manifest_signals_index(data_dir_, *local);
         SyncResult result;
         result.era_number = local_era;
         result.pnl_column_count = to_int(local->pnl_column_count()).value_or(0);
         result.n_features = count_features(*local, siblings);
-        take_vocabulary_metadata(result, vocabularies);
+        take_vocabulary_metadata(result, *vocabularies);
         {
           std::lock_guard<std::mutex> lock(state_mu_);
           vocabulary_ = vocabularies;
@@ -237,12 +243,24 @@ SyncResult SyncManager::sync_impl() {
         server_data, std::vector<std::string>(missing_found_pnl_paths_.begin(), missing_found_pnl_paths_.end()));
   }
   ManifestPtr server = Manifest::from_sanitized(std::move(server_data));
+  validate_manifest_file_entries(*server);
   if (local && server->era_number_int() != local_era) {
     throw EraError("Era mismatch: local era_number=" + std::to_string(local_era) +
                    ", server era_number=" + std::to_string(server->era_number_int()));
   }
   std::int64_t free_bytes = free_disk_bytes(data_dir_);
   RotationPlan rotation = plan_feature_rotation_for_sync(*server, free_bytes);
+
+  // Found PnL files that storage no longer has leave the manifest and the
+  // signals index, which gets a new content address. The index as the
+  // server published it must be on disk: the scrub rewrites that file.
+  auto exclude_missing_found_pnl = [this](ManifestPtr& manifest) {
+    if (missing_found_pnl_paths_.empty()) return;
+    std::vector<std::string> missing(missing_found_pnl_paths_.begin(), missing_found_pnl_paths_.end());
+    json::object data = drop_missing_found_pnl_paths(manifest->data(), missing);
+    scrub_missing_found_pnl_paths_from_signals_index(data_dir_, data, missing);
+    manifest = Manifest::from_sanitized(std::move(data));
+  };
 
   // Nothing new: the local manifest is current; check the files and the
   // era artifacts.
@@ -252,7 +270,7 @@ SyncResult SyncManager::sync_impl() {
     bool seed_due = false;
     bool files_ok = true;
     try {
-      validate_manifest_vocabulary_files(data_dir_, *server);
+      validated_vocabularies(*server);
     } catch (const SyncError&) {
       vocabulary_due = true;
     }
@@ -265,18 +283,9 @@ SyncResult SyncManager::sync_impl() {
     } catch (const SyncError&) {
       seed_due = true;
     }
-    for (const auto& kv : server->files()) {
-      std::string path(kv.key());
-      if (!rotation.covers(path)) continue;
-      if (vocabulary_named_universe_from_path(path) || manifest_file_is_sync_excluded(path, kv.value(), siblings) ||
-          kind_of(kv.value()) == "vault_module") {
-        continue;
-      }
-      if (!local_file_matches_manifest(path, manifest_local_path(data_dir_, path), kv.value(), true)) {
-        log_warning("Manifest version matched but local data files need repair");
-        files_ok = false;
-        break;
-      }
+    if (first_local_mismatch(*server, siblings, [&](const std::string& path) { return !rotation.covers(path); })) {
+      log_warning("Manifest version matched but local data files need repair");
+      files_ok = false;
     }
     if (files_ok) {
       SyncResult result;
@@ -285,11 +294,12 @@ SyncResult SyncManager::sync_impl() {
       if (vocabulary_due) result.vocabulary_downloaded = download_vocabulary(*server);
       if (seed_due) result.shuffle_seed_downloaded = download_shuffle_seed(*server);
       if (vocabulary_due || seed_due) download_signals_index(*server, result);
-      json::object vocabularies = validate_manifest_vocabulary_files(data_dir_, *server);
+      exclude_missing_found_pnl(server);
+      std::shared_ptr<const json::object> vocabularies = validated_vocabularies(*server);
       load_manifest_signals_index(data_dir_, *server);
       write_manifest_json(data_dir_, server->data(), manifest_sha, body_sha);
       hash_cache_.persist();
-      take_vocabulary_metadata(result, vocabularies);
+      take_vocabulary_metadata(result, *vocabularies);
       result.n_features = count_features(*server, siblings);
       {
         std::lock_guard<std::mutex> lock(state_mu_);
@@ -309,13 +319,14 @@ SyncResult SyncManager::sync_impl() {
   std::vector<std::pair<std::string, json::object>> to_download;
   std::vector<std::string> to_download_paths;
   bool same_era_local = local && local_era == server->era_number_int();
+  ManifestLocalPaths locals(data_dir_);
   for (const auto& kv : server->files()) {
     std::string path(kv.key());
     if (!rotation.covers(path)) continue;
     if (vocabulary_named_universe_from_path(path)) continue;
     if (signals_index_path && path == *signals_index_path) continue;
     if (manifest_file_is_sync_excluded(path, kv.value(), siblings)) continue;
-    std::string local_path = manifest_local_path(data_dir_, path);
+    std::string local_path = locals.resolve(path);
     std::string kind = kind_of(kv.value());
     const json::value* local_info = same_era_local ? local->files().if_contains(path) : nullptr;
     bool exists = path_exists(local_path);
@@ -389,20 +400,20 @@ SyncResult SyncManager::sync_impl() {
           "Manifest signal PnL artifact is missing from storage; excluding stale membership entry and retrying sync: %s",
           {json::value(*missing)});
       SyncResult restarted = sync_with_manifest_refresh();
+      // Files finished before the restart are found by hash and not counted
+      // again there: they belong to this sync's totals.
       restarted.bytes_downloaded += result.bytes_downloaded;
       restarted.features_downloaded += result.features_downloaded;
+      std::set<std::string> seen(restarted.found_pnl_paths_downloaded.begin(),
+                                 restarted.found_pnl_paths_downloaded.end());
+      for (const auto& path : result.found_pnl_paths_downloaded) {
+        if (seen.insert(path).second) restarted.found_pnl_paths_downloaded.push_back(path);
+      }
       return restarted;
     }
   }
 
   // Commit.
-  if (!missing_found_pnl_paths_.empty()) {
-    std::vector<std::string> missing(missing_found_pnl_paths_.begin(), missing_found_pnl_paths_.end());
-    json::object data = drop_missing_found_pnl_paths(server->data(), missing);
-    scrub_missing_found_pnl_paths_from_signals_index(data_dir_, data, missing);
-    server = Manifest::from_sanitized(std::move(data));
-    signals_index_path = manifest_signals_index_path(*server);
-  }
   if (HostRef guard = runtime_freshness_guard()) {
     for (const auto& [path, entry] : to_download) {
       json::object kwargs;
@@ -414,11 +425,12 @@ SyncResult SyncManager::sync_impl() {
     }
   }
   download_signals_index(*server, result);
+  exclude_missing_found_pnl(server);
   load_manifest_signals_index(data_dir_, *server);
   result.useful_signals_downloaded = distinct_groups(to_download_paths, "useful_signals", siblings.epochs);
   bool vocabulary_due = false;
   try {
-    validate_manifest_vocabulary_files(data_dir_, *server);
+    validated_vocabularies(*server);
   } catch (const SyncError&) {
     vocabulary_due = true;
   }
@@ -427,13 +439,13 @@ SyncResult SyncManager::sync_impl() {
   write_manifest_json(data_dir_, server->data(), manifest_sha, body_sha);
   hash_cache_.persist();
   remove_sync_progress_json(data_dir_);
-  json::object vocabularies = validate_manifest_vocabulary_files(data_dir_, *server);
+  std::shared_ptr<const json::object> vocabularies = validated_vocabularies(*server);
   {
     std::lock_guard<std::mutex> lock(state_mu_);
     manifest_ = server;
     vocabulary_ = vocabularies;
   }
-  take_vocabulary_metadata(result, vocabularies);
+  take_vocabulary_metadata(result, *vocabularies);
   complete_rotation_promotion(*server, rotation, result);
   result.n_features = count_features(*server, siblings);
   std::vector<std::string> all_paths = keys_of(server->files());

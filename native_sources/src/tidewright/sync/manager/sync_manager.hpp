@@ -119,8 +119,19 @@ class SyncManager : public std::enable_shared_from_this<SyncManager>, public Era
   SyncResult sync_impl();
 
   // --- integrity ---
+  // `identity`: the file's identity when the caller has just taken it
+  // (saves the stat).
   bool local_file_matches_manifest(const std::string& file_path, const std::string& local_path,
-                                   const json::value& file_info, bool cache_allowed = true);
+                                   const json::value& file_info, bool cache_allowed = true,
+                                   const std::optional<StatKey>& identity = std::nullopt);
+  // The first file of `manifest` kept locally by sync (not a vocabulary,
+  // not sync-excluded, not a vault module) whose local copy does not match
+  // its entry, hash cache allowed; nothing when all match. Large manifests
+  // are checked by a few threads at once (a no-op sync is one stat per
+  // file). A path's ManifestError propagates.
+  // `skip` leaves files out (those a rotation does not keep).
+  std::optional<std::string> first_local_mismatch(const Manifest& manifest, const ManifestSiblings& siblings,
+                                                  const std::function<bool(const std::string&)>& skip = {});
   bool local_manifest_files_complete(Manifest& manifest);
   bool needs_sync();
   VerifyResult verify();
@@ -154,6 +165,10 @@ class SyncManager : public std::enable_shared_from_this<SyncManager>, public Era
                               const std::optional<std::string>& target_data_dir = {});
   bool download_shuffle_seed(const Manifest& server_manifest, const std::optional<std::string>& target_data_dir = {});
   std::optional<json::object> vocabulary() const;
+  // validate_manifest_vocabulary_files, remembered while the vocabulary
+  // files, the functions file and their manifest entries stay the same (the
+  // files by identity, as the hash cache does).
+  std::shared_ptr<const json::object> validated_vocabularies(const Manifest& manifest);
   // Fetches one vocabulary from its URL, validates it and writes it; true
   // when a file was written.
   bool download_validated_vocabulary_repair(const std::string& file_path, const json::object& file_info,
@@ -277,7 +292,12 @@ class SyncManager : public std::enable_shared_from_this<SyncManager>, public Era
   std::set<std::string> missing_found_pnl_paths_;                      // guarded by sync_mu_
   std::optional<std::int64_t> missing_found_pnl_manifest_version_;     // guarded by sync_mu_
 
-  std::optional<json::object> vocabulary_;  // guarded by state_mu_
+  // The validated vocabulary set; shared, never changed once built.
+  std::shared_ptr<const json::object> vocabulary_;  // guarded by state_mu_
+
+  std::mutex vocabulary_validation_mu_;
+  std::string vocabulary_validation_key_;                           // guarded by vocabulary_validation_mu_
+  std::shared_ptr<const json::object> vocabulary_validation_result_;  // guarded by vocabulary_validation_mu_
 
   std::mutex cleanup_mu_;
   std::shared_ptr<OwnedThread> cleanup_thread_;  // guarded by cleanup_mu_

@@ -5,6 +5,8 @@
 #include "tidewright/sync/transport/files.hpp"
 
 #include <chrono>
+#include <map>
+#include <mutex>
 #include <set>
 
 namespace tidewright::sync {
@@ -22,13 +24,37 @@ json::value get_or_null(const json::object& object, std::string_view key) {
   return value ? *value : json::value(nullptr);
 }
 
+// Digests of manifest.json files by identity, as the hash cache keeps data
+// files: a manifest of 100,000 files is tens of megabytes, hashed on every
+// version probe otherwise. Any change of size, times or inode is a miss.
+std::mutex g_manifest_digest_mu;
+std::map<std::string, std::pair<StatKey, std::string>> g_manifest_digests;  // guarded by g_manifest_digest_mu
+constexpr std::size_t kMaxManifestDigests = 16;
+
 // The hash of manifest.json, or empty when it cannot be read.
 std::optional<std::string> local_manifest_sha256(const std::string& data_dir) {
+  const std::string path = manifest_json_path(data_dir);
+  std::optional<StatKey> before = try_stat_key(path);
+  if (before) {
+    std::lock_guard<std::mutex> lock(g_manifest_digest_mu);
+    auto it = g_manifest_digests.find(path);
+    if (it != g_manifest_digests.end() && it->second.first == *before) return it->second.second;
+  }
+  std::string digest;
   try {
-    return sha256_file(manifest_json_path(data_dir));
+    digest = sha256_file(path);
   } catch (const OSError&) {
     return std::nullopt;
   }
+  // Remembered only when the file did not change while it was read.
+  if (before && try_stat_key(path) == before) {
+    std::lock_guard<std::mutex> lock(g_manifest_digest_mu);
+    if (g_manifest_digests.size() >= kMaxManifestDigests && !g_manifest_digests.count(path)) {
+      g_manifest_digests.erase(g_manifest_digests.begin());
+    }
+    g_manifest_digests[path] = {*before, digest};
+  }
+  return digest;
 }
 
 }  // namespace

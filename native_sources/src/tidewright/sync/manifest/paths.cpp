@@ -4,6 +4,8 @@
 #include "tidewright/sync/common/url.hpp"
 #include "tidewright/sync/reporting/errors.hpp"
 
+#include <fcntl.h>
+#include <sys/stat.h>
 #include <sys/utsname.h>
 
 #include <algorithm>
@@ -184,6 +186,45 @@ std::string manifest_local_path(const std::string& data_dir, std::string_view fi
   // pointing outside it lands outside the root and is refused below.
   const std::string candidate = real_path(path_join(root, relative));
   if (!path_within(root, candidate)) {
+    throw ManifestError("Manifest file path escapes data directory: " + python_repr(file_path));
+  }
+  return candidate;
+}
+
+ManifestLocalPaths::ManifestLocalPaths(const std::string& data_dir) : root_(real_path(data_dir)) {}
+
+std::string ManifestLocalPaths::resolve(std::string_view file_path, std::optional<StatKey>* identity) {
+  const std::string relative = safe_manifest_relative_path(file_path);
+  const std::size_t slash = relative.rfind('/');
+  const std::string parent_key = slash == std::string::npos ? std::string() : relative.substr(0, slash);
+  const std::string leaf = slash == std::string::npos ? relative : relative.substr(slash + 1);
+  auto it = parents_.find(parent_key);
+  if (it == parents_.end()) {
+    // A safe path has no "..", so resolving the parent and then the last
+    // segment is the same walk that resolving the whole path makes.
+    Parent fresh;
+    fresh.path = parent_key.empty() ? root_ : real_path(path_join(root_, parent_key));
+    it = parents_.emplace(parent_key, std::move(fresh)).first;
+  }
+  Parent& parent = it->second;
+  if (parent.used && !parent.fd.valid() && open_parents_ < kMaxOpenParents) {
+    parent.fd = UniqueFd(::open(parent.path.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+    if (parent.fd.valid()) ++open_parents_;
+  }
+  parent.used = true;
+  std::string candidate = path_join(parent.path, leaf);
+  if (identity) identity->reset();
+  struct stat st;
+  int rc = parent.fd.valid() ? ::fstatat(parent.fd.get(), leaf.c_str(), &st, AT_SYMLINK_NOFOLLOW)
+                             : ::lstat(candidate.c_str(), &st);
+  if (rc == 0) {
+    if (S_ISLNK(st.st_mode)) {
+      candidate = real_path(candidate);
+    } else if (identity) {
+      *identity = stat_key_of(st);
+    }
+  }
+  if (!path_within(root_, candidate)) {
     throw ManifestError("Manifest file path escapes data directory: " + python_repr(file_path));
   }
   return candidate;

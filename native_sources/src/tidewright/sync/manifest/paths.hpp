@@ -7,16 +7,19 @@
 // goes through safe_manifest_relative_path first, so that a hostile or broken
 // manifest can never address anything outside the data directory.
 //
-// All functions are thread-safe. Only manifest_local_path touches the file
-// system (to resolve links); none touches the network.
+// All functions are thread-safe. Only manifest_local_path and
+// ManifestLocalPaths touch the file system (to resolve links); none touches
+// the network.
 #pragma once
 
+#include "tidewright/sync/common/fs.hpp"
 #include "tidewright/sync/common/json.hpp"
 #include "tidewright/sync/host/host.hpp"
 
 #include <optional>
 #include <string>
 #include <string_view>
+#include <unordered_map>
 #include <vector>
 
 namespace tidewright::sync {
@@ -54,6 +57,35 @@ std::string safe_manifest_relative_path(std::string_view file_path);
 // not lie inside the resolved data directory (for instance through a link
 // that points outside it).
 std::string manifest_local_path(const std::string& data_dir, std::string_view file_path);
+
+// manifest_local_path for many paths of one data directory: the data
+// directory and each parent directory are resolved once, so a path costs one
+// lstat of its last segment (relative to an open descriptor of its directory
+// when the directory holds several files), and a full resolution only when
+// that segment is a link. Meant for one pass over a manifest: a directory
+// replaced by a link during the pass is seen by the next pass. Not
+// thread-safe.
+class ManifestLocalPaths {
+ public:
+  explicit ManifestLocalPaths(const std::string& data_dir);
+  // The same path, or the same error, as manifest_local_path(data_dir, file_path).
+  // With `identity`, also the identity of the file found there when the
+  // lstat taken on the way tells it (an existing entry that is not a link).
+  std::string resolve(std::string_view file_path, std::optional<StatKey>* identity = nullptr);
+
+ private:
+  struct Parent {
+    std::string path;  // resolved
+    UniqueFd fd;       // opened on the second use, while few are open
+    bool used = false;
+  };
+  static constexpr int kMaxOpenParents = 256;
+
+  std::string root_;
+  // By relative parent ("" for the root).
+  std::unordered_map<std::string, Parent> parents_;
+  int open_parents_ = 0;
+};
 
 // --- feature files ---
 

@@ -1,0 +1,289 @@
+"""The sync pipeline against the reference data service: cold and no-op syncs,
+new manifest versions, verify and repair, disk space, hostile manifests, and
+what a failed sync leaves behind."""
+
+import json
+import logging
+import os
+import re
+
+import pytest
+
+import tidewright.auth
+import tidewright.sync as sync
+from sync_helpers import (BIG, BIG_BYTES, FEATURE, FOUND_PNL, FOUND_PNL_KINDS, assert_in_step, file_requests,
+                          local_bytes, manager, request_budget, requested_paths, tmp_files)
+from tools.dataservice import DataService
+
+pytestmark = pytest.mark.usefixtures("instant_backoff")
+
+
+@pytest.mark.parametrize("concurrency, public_files", [(1, False), (4, True)])
+def test_cold_sync_brings_every_file_and_a_second_sync_makes_one_request(dataservice_factory, tmp_path, concurrency,
+                                                                         public_files):
+    svc = dataservice_factory(public_files=public_files)
+    data = tmp_path / "data"
+    data.mkdir()
+    m = manager(svc, data, sync_http_chunk_bytes=1024, sync_max_concurrency=concurrency)
+    assert m.needs_sync()
+
+    result = m.sync()
+
+    assert_in_step(svc, data)
+    files = svc.manifest()["files"]
+    features = [p for p, e in files.items() if e["kind"] == "feature"]
+    assert (result.era_number, result.features_downloaded, result.n_features) == (1, len(features), len(features))
+    vocabularies = [p for p in files if p.startswith("named_universes/")]
+    assert result.bytes_downloaded == sum(e["size_bytes"] for p, e in files.items() if p not in vocabularies)
+    assert sorted(result.found_pnl_paths_downloaded) == sorted(
+        p for p, e in files.items() if e["kind"] in FOUND_PNL_KINDS)
+    assert (result.useful_signals_downloaded, result.n_useful_signals, result.n_found_strategies) == (1, 1, 1)
+    assert (result.t_signal_is, result.t_strategy_is, result.n_instruments, result.pnl_column_count) == (
+        1001, 501, 50, 4)
+    assert result.vocabulary_downloaded and result.shuffle_seed_downloaded
+    assert m.get_manifest().version == 1
+    ranged = [r for r in file_requests(svc) if r.range]
+    assert ranged and all(r.range.endswith(f"-{int(r.range[6:].split('-')[0]) + 1023}") for r in ranged)
+    assert all(r.has_authorization != public_files for r in file_requests(svc))
+
+    # Current: the version probe alone, in this manager and in a fresh one
+    # that starts from what the first left on disk.
+    for current in (m, manager(svc, data)):
+        svc.clear_requests()
+        again = current.sync()
+        assert [r.path for r in svc.requests] == ["/data/manifest/version"]
+        assert (again.era_number, again.bytes_downloaded, again.n_features) == (1, 0, len(features))
+        assert not current.needs_sync()
+
+
+def test_new_version_fetches_only_the_changed_file(dataservice, tmp_path):
+    m = manager(dataservice, tmp_path)
+    m.sync()
+    old = local_bytes(tmp_path, FEATURE)
+
+    dataservice.set_version(touch=[FEATURE])
+    assert m.needs_sync()
+    dataservice.clear_requests()
+    result = m.sync()
+
+    assert requested_paths(dataservice) == [FEATURE]
+    assert local_bytes(tmp_path, FEATURE) != old
+    assert_in_step(dataservice, tmp_path)
+    assert (result.features_downloaded, result.bytes_downloaded) == (1, len(old))
+    assert m.get_manifest().version == 2
+    assert not m.needs_sync()
+
+
+def test_verify_finds_missing_and_corrupted_files_and_repair_restores_them(dataservice_factory, tmp_path):
+    svc = dataservice_factory(large_file_bytes=BIG_BYTES)
+    m = manager(svc, tmp_path)
+    assert m.verify() == sync.VerifyResult(valid=True, corrupted_files=[], missing_files=[])  # no manifest yet
+    m.sync()
+    assert m.verify().valid
+
+    flipped = "features/top200/signal_is/px001__ret__lag0__v1.arrow"
+    os.remove(tmp_path / FEATURE)
+    data = bytearray(local_bytes(tmp_path, flipped))
+    data[100] ^= 0x01  # same size: only the digest tells
+    (tmp_path / flipped).write_bytes(bytes(data))
+    with open(tmp_path / BIG, "r+b") as handle:
+        handle.truncate(BIG_BYTES - 1)
+
+    assert m.needs_sync()
+    report = m.verify()
+    assert not report.valid
+    assert report.missing_files == [FEATURE]
+    assert sorted(report.corrupted_files) == sorted([flipped, BIG])
+
+    svc.clear_requests()
+    result = m.repair(report.missing_files + report.corrupted_files)
+    assert requested_paths(svc) == sorted([FEATURE, flipped, BIG])
+    assert result.bytes_downloaded == 2 * 2048 + BIG_BYTES
+    assert m.verify().valid
+    assert_in_step(svc, tmp_path)
+    assert not m.needs_sync()
+    svc.clear_requests()
+    m.sync()
+    assert [r.path for r in svc.requests] == ["/data/manifest/version"]
+
+
+def test_download_set_larger_than_free_space_fails_before_any_file_request(dataservice_factory, tmp_path):
+    svc = dataservice_factory(entry_overrides={FEATURE: {"size_bytes": 2 ** 60}})
+    m = manager(svc, tmp_path)
+    with pytest.raises(sync.DiskSpaceError) as info:
+        m.sync()
+    match = re.fullmatch(r"Insufficient disk space: need (\d+) bytes, have (\d+) bytes available", str(info.value))
+    assert match and int(match.group(1)) > 2 ** 60 > int(match.group(2))
+    assert file_requests(svc) == []
+    assert m.get_manifest() is None and not (tmp_path / "manifest.json").exists()
+
+
+def hostile_files(change):
+    files = DataService().manifest()["files"]
+    change(files)
+    return {"files": files}
+
+
+def _entry(size=4):
+    return {"size_bytes": size, "sha256": "0" * 64, "kind": "feature"}
+
+
+@pytest.mark.parametrize("overrides, message", [
+    (hostile_files(lambda f: f.update({"../outside/evil.arrow": _entry()})), "contains unsafe segments"),
+    (hostile_files(lambda f: f.update({"features/../../outside/evil.arrow": _entry()})), "contains unsafe segments"),
+    (hostile_files(lambda f: f.update({"ABSOLUTE": _entry()})), "must be relative"),
+    (hostile_files(lambda f: f.update({FEATURE: "not an entry"})), "entry must be an object"),
+    (hostile_files(lambda f: f.update({FEATURE: [2048]})), "entry must be an object"),
+    (hostile_files(lambda f: f[FEATURE].update(size_bytes=-1)), "size_bytes must be a non-negative integer"),
+    (hostile_files(lambda f: f[FEATURE].update(size_bytes="2048")), "size_bytes must be a non-negative integer"),
+    (hostile_files(lambda f: f[FEATURE].update(size_bytes=2048.0)), "size_bytes must be a non-negative integer"),
+    (hostile_files(lambda f: f[FEATURE].update(size_bytes=True)), "size_bytes must be a non-negative integer"),
+    ({"files": [FEATURE]}, '"files" must be a JSON object'),
+    ({"files": "features"}, '"files" must be a JSON object'),
+], ids=["parent", "nested-parent", "absolute", "text-entry", "list-entry", "negative-size", "text-size",
+        "float-size", "bool-size", "list-files", "text-files"])
+def test_hostile_manifest_ends_in_a_manifest_error_and_writes_nothing(dataservice_factory, tmp_path, overrides,
+                                                                      message):
+    outside = tmp_path / "outside"
+    if isinstance(overrides["files"], dict) and "ABSOLUTE" in overrides["files"]:
+        files = dict(overrides["files"])
+        files[str(outside / "evil.arrow")] = files.pop("ABSOLUTE")
+        overrides = {"files": files}
+    data = tmp_path / "data"
+    data.mkdir()
+    svc = dataservice_factory(manifest_overrides=overrides)
+    m = manager(svc, data)
+    with pytest.raises(sync.ManifestError, match=re.escape(message)):
+        m.sync()
+    assert file_requests(svc) == []
+    assert sorted(os.listdir(tmp_path)) == ["data"]
+    assert m.get_manifest() is None and not (data / "manifest.json").exists()
+
+
+def test_symlink_out_of_the_data_directory_is_refused(dataservice, tmp_path):
+    data, outside = tmp_path / "data", tmp_path / "outside"
+    data.mkdir()
+    outside.mkdir()
+    (data / "features").symlink_to(outside)
+    m = manager(dataservice, data)
+    with pytest.raises(sync.ManifestError, match="escapes data directory"):
+        m.sync()
+    assert os.listdir(outside) == []
+    assert m.get_manifest() is None and not (data / "manifest.json").exists()
+
+
+def _missing_file(svc):
+    svc.set_version(touch=[FEATURE, BIG])
+    svc.add_fault("/data/files/" + FEATURE, "status", status=404, count=None)
+
+
+@pytest.mark.parametrize("break_next_sync, error, message", [
+    (_missing_file, sync.PermanentDownloadError, f"Download failed for {FEATURE}: HTTP 404"),
+    (lambda svc: svc.set_version(entry_overrides={FEATURE: {"size_bytes": 2 ** 60}}), sync.DiskSpaceError,
+     "Insufficient disk space: need "),
+    (lambda svc: (svc.set_version(), svc.add_fault("/data/manifest", "status", status=503, retryable=False)),
+     sync.SyncUnavailableError, "retryable=False"),
+    (lambda svc: svc.add_fault("/data/manifest/version", "status", status=401), tidewright.auth.AuthError,
+     "Authentication failed: HTTP 401"),
+    (lambda svc: svc.set_version(entry_overrides={"../escape.arrow": _entry()}), sync.ManifestError,
+     "unsafe segments"),
+    (lambda svc: svc.publish_era(), sync.EraError, "Era mismatch: local era_number=1, server era_number=2"),
+], ids=["missing-file", "disk-space", "unavailable", "auth", "hostile", "new-era"])
+def test_failure_before_commit_leaves_the_local_manifest_untouched(dataservice_factory, tmp_path, break_next_sync,
+                                                                   error, message):
+    svc = dataservice_factory(large_file_bytes=BIG_BYTES)
+    m = manager(svc, tmp_path)
+    m.sync()
+    committed = {name: local_bytes(tmp_path, name) for name in ("manifest.json", ".manifest_sync_metadata.json")}
+
+    break_next_sync(svc)
+    with request_budget(svc), pytest.raises(error, match=re.escape(message)) as info:
+        m.sync()
+
+    if error is sync.PermanentDownloadError:
+        assert (info.value.file_path, info.value.status) == (FEATURE, 404)
+    assert {name: local_bytes(tmp_path, name) for name in committed} == committed
+    assert (m.get_manifest().version, m.get_manifest().era_number) == (1, 1)
+    assert sync.SyncManager(str(tmp_path), svc.url, token=svc.token).get_manifest().version == 1
+
+
+def test_recovery_after_a_failed_sync_completes_the_new_version(dataservice_factory, tmp_path):
+    svc = dataservice_factory(large_file_bytes=BIG_BYTES)
+    m = manager(svc, tmp_path)
+    m.sync()
+    _missing_file(svc)
+    with request_budget(svc), pytest.raises(sync.PermanentDownloadError):
+        m.sync()
+    svc.clear_faults()
+    m.sync()
+    assert m.get_manifest().version == 2
+    assert_in_step(svc, tmp_path)
+
+
+def test_found_pnl_missing_from_storage_is_excluded_until_the_manifest_changes(dataservice, tmp_path, caplog):
+    dataservice.add_fault("/data/files/" + FOUND_PNL, "status", status=404, count=None)
+    m = manager(dataservice, tmp_path)
+    caplog.set_level(logging.WARNING, logger="tidewright.sync")
+
+    with request_budget(dataservice):
+        result = m.sync()
+
+    assert "excluding stale membership entry and retrying sync: " + FOUND_PNL in caplog.text
+    served = dataservice.manifest()["files"]
+    kept = {p: e for p, e in served.items() if p != FOUND_PNL and not p.startswith("_control/")}
+    local = json.loads(local_bytes(tmp_path, "manifest.json"))
+    assert FOUND_PNL not in local["files"] and FOUND_PNL not in m.get_manifest().files
+    for path in kept:
+        assert local_bytes(tmp_path, path) == dataservice.file_bytes(None, path), path
+    index = json.loads(local_bytes(tmp_path, local["signals_index"]))
+    assert FOUND_PNL not in json.dumps(index) and "sig0000" in json.dumps(index)
+    assert sorted(result.found_pnl_paths_downloaded) == sorted(
+        p for p, e in kept.items() if e["kind"] in FOUND_PNL_KINDS)
+    assert m.verify().valid and tmp_files(tmp_path) == []
+
+    dataservice.clear_requests()
+    m.sync()
+    assert [r.path for r in dataservice.requests] == ["/data/manifest/version"]
+
+    # A new manifest version forgets the exclusion: the file is asked for again.
+    dataservice.clear_faults()
+    dataservice.set_version()
+    result = m.sync()
+    assert FOUND_PNL in result.found_pnl_paths_downloaded
+    assert_in_step(dataservice, tmp_path)
+
+
+def test_needs_sync_sees_local_changes_behind_unchanged_names(dataservice, tmp_path):
+    data, outside = tmp_path / "data", tmp_path / "outside"
+    data.mkdir()
+    outside.mkdir()
+    m = manager(dataservice, data)
+    m.sync()
+    assert not m.needs_sync()
+
+    # Same bytes, new modification time: hashed again and still current.
+    os.utime(data / FEATURE, ns=(1, 1))
+    assert not m.needs_sync()
+
+    # A vocabulary edited in place (its manifest entry is not what decides).
+    vocabulary = data / "named_universes" / "top50" / "vocabulary.json"
+    text = vocabulary.read_text(encoding="utf-8")
+    vocabulary.write_text(text.replace('"era_number":1', '"era_number":7'), encoding="utf-8")
+    assert m.needs_sync()
+    vocabulary.write_text(text, encoding="utf-8")
+    assert not m.needs_sync()
+
+    # A data file swapped for a link to an identical file outside.
+    (outside / "copy.arrow").write_bytes(local_bytes(data, FEATURE))
+    os.remove(data / FEATURE)
+    (data / FEATURE).symlink_to(outside / "copy.arrow")
+    assert m.needs_sync()
+    with pytest.raises(sync.ManifestError, match="escapes data directory"):
+        m.sync()
+
+    # manifest.json edited by hand: the server's hash hint no longer names it.
+    os.remove(data / FEATURE)
+    m.sync()
+    manifest = data / "manifest.json"
+    manifest.write_bytes(manifest.read_bytes() + b" ")
+    assert m.needs_sync()
