@@ -17,7 +17,6 @@ import _thread
 
 import pytest
 
-import tidewright.sync as sync
 from tidewright import cli
 
 SECRET = "tok-Zq9XvB2mLw"  # distinctive, so that a leak anywhere is found
@@ -306,13 +305,6 @@ def test_watch_reports_new_versions_and_releases_on_ctrl_c(service, data_dir, mo
     assert code == cli.EXIT_INTERRUPTED
     assert made[0].calls == ["acquire", "release"]
     assert "watching" in out.getvalue() and "now at era 1 version 2" in out.getvalue()
-
-
-@pytest.mark.skipif(hasattr(sync.SyncManager, "acquire"), reason="this build has acquire()/release()")
-def test_watch_explains_a_build_without_acquire(service, data_dir, monkeypatch):
-    monkeypatch.setenv(cli.TOKEN_ENV, SECRET)
-    code, _, err = run_cli("watch", "--server", service.url, "--data-dir", data_dir)
-    assert code == cli.EXIT_OTHER and "acquire()" in err
 
 
 def test_demo_syncs_verifies_and_summarises(tmp_path):

@@ -907,9 +907,6 @@ def cmd_status(run: Run) -> dict:
 
 def cmd_watch(run: Run) -> dict:
     manager = run.manager(registered=True)
-    if not (callable(getattr(manager, "acquire", None)) and callable(getattr(manager, "release", None))):
-        raise CliError(EXIT_OTHER, "this build of tidewright.sync has no acquire()/release(), which 'watch' needs",
-                       "upgrade tidewright, or run 'tidewright-sync sync' periodically instead")
     result = run.call(manager.sync)
     summary = sync_summary(manager, result, 0.0, run.progress)
     say = (lambda text: None) if run.args.json else run.console.print

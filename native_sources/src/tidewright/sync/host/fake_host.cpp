@@ -27,15 +27,15 @@ std::string FakeHost::format_message(std::string_view format, const json::array&
   for (std::size_t i = 0; i < format.size(); ++i) {
     char c = format[i];
     if (c == '%' && i + 1 < format.size()) {
-      char spec = format[i + 1];
-      if (spec == '%') {
+      char conversion = format[i + 1];
+      if (conversion == '%') {
         out.push_back('%');
         ++i;
         continue;
       }
-      if ((spec == 's' || spec == 'd' || spec == 'r') && next < args.size()) {
+      if ((conversion == 's' || conversion == 'd' || conversion == 'r') && next < args.size()) {
         const json::value& arg = args[next++];
-        out += spec == 'r' ? python_repr(arg) : python_str(arg);
+        out += conversion == 'r' ? python_repr(arg) : python_str(arg);
         ++i;
         continue;
       }

@@ -462,7 +462,7 @@ std::optional<std::int64_t> SyncManager::run_transition_attempt(std::int64_t new
           json::array{json::value(data_dir_), json::value(new_era_number),
                       old_manifest ? old_manifest->era_number() : json::value(nullptr)});
 
-      json::object vocabularies = validate_manifest_vocabulary_files(data_dir_, *manifest);
+      std::shared_ptr<const json::object> vocabularies = validated_vocabularies(*manifest);
       {
         std::lock_guard<std::mutex> lock(state_mu_);
         vocabulary_ = std::move(vocabularies);
