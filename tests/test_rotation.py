@@ -472,3 +472,22 @@ def test_planner_keeps_mandatory_and_prefetched_files_first(tmp_path):
     assert sync.load_feature_rotation_state(tmp_path) == stamped.state
     with pytest.raises(rotation.MandatoryArtifactsTooLargeError, match="^s.json: .*need 10 bytes.* 9 bytes"):
         rotation.plan_rotation(artifacts, {**settings, "feature_budget_bytes": 9})
+
+
+def test_an_era_transition_stages_only_the_selection_and_promotes_it(svc, data):
+    budget = budget_for(svc, 4)
+    write_settings(data, seed=5, feature_budget_bytes=budget)
+    m = make_manager(svc, data)
+    m.sync()
+    svc.publish_era(2, features=12, family_size=3, feature_bytes=FEATURE_BYTES)
+
+    m.trigger_era_transition(2)
+
+    assert m.get_manifest().era_number == 2
+    on_disk = local_features(data)
+    assert 0 < len(on_disk) <= 4 and sum(on_disk.values()) <= budget
+    state = sync.load_feature_rotation_state(str(data))
+    assert state.era_number == 2
+    assert features_of(state.active_relative_paths) == sorted(on_disk)
+    assert m.verify() == sync.VerifyResult()
+    assert not list(data.glob(".transition_era*")) and not (data / ".transition_lock").exists()

@@ -12,6 +12,7 @@
 #include "tidewright/sync/common/fs.hpp"
 #include "tidewright/sync/era/era_current.hpp"
 #include "tidewright/sync/manager/cleanup.hpp"
+#include "tidewright/sync/manager/rotation_plan.hpp"
 #include "tidewright/sync/manager/sync_manager.hpp"
 #include "tidewright/sync/manifest/manifest_files.hpp"
 #include "tidewright/sync/manifest/paths.hpp"
@@ -309,8 +310,17 @@ std::optional<std::int64_t> SyncManager::run_transition_attempt(std::int64_t new
                      " does not match active era_number=" + era_text);
     }
 
+    // The rotation selection for the new era (every file without rotation).
+    RotationPlan rotation = plan_feature_rotation_for_sync(*manifest, free_disk_bytes(data_dir_));
+    for (const auto& path : rotation.active) {
+      if (!manifest->files().contains(path)) {
+        throw SyncError("Active rotation path is missing from transition manifest: " + path);
+      }
+    }
+
     std::vector<std::pair<std::string, json::object>> to_fetch;
     for (const auto& kv : manifest->files()) {
+      if (!rotation.covers(std::string(kv.key()))) continue;
       if (manifest_file_is_sync_excluded(kv.key(), kv.value(), siblings)) continue;
       to_fetch.emplace_back(std::string(kv.key()), kv.value().is_object() ? kv.value().get_object() : json::object());
     }
@@ -449,6 +459,7 @@ std::optional<std::int64_t> SyncManager::run_transition_attempt(std::int64_t new
           }
         }
       }
+      complete_rotation_promotion(*manifest, rotation, result);
       hash_cache_.persist();
       schedule_cleanup_old_eras(true);
 
