@@ -44,3 +44,15 @@ def instant_backoff(monkeypatch):
     from tidewright.sync_backoff import SyncBackoffPolicy
 
     monkeypatch.setattr(SyncBackoffPolicy, "delay_seconds", classmethod(lambda cls, attempt_index: 0.0))
+
+
+@pytest.fixture(autouse=True)
+def stopped_managers():
+    """Every test ends with no registered manager running or registered."""
+    yield
+    import tidewright.sync as sync
+
+    for manager in list(sync.SyncManager._instances.values()):
+        manager._stop_internal()
+    for key in list(sync.SyncManager._instances):
+        sync.SyncManager._evict(key)

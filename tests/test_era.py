@@ -18,15 +18,6 @@ SAME = b"identical in both eras"
 HINT = "Build a local wheel with build_wheel() and install it with: pip install --upgrade /path/to/tidewright-*.whl"
 
 
-@pytest.fixture(autouse=True)
-def stopped_managers():
-    yield
-    for manager in list(sync.SyncManager._instances.values()):
-        manager._stop_internal()
-    for key in list(sync.SyncManager._instances):
-        sync.SyncManager._evict(key)
-
-
 @pytest.fixture
 def svc(dataservice_factory):
     """Era 1 with a file that era 2 keeps unchanged and one that era 2 drops."""

@@ -16,15 +16,6 @@ FEATURE = "features/top50/signal_is/px000__ret__lag0__v1.arrow"
 NOT_RUNNING = "Sync thread is not running. Call start() or acquire() first."
 
 
-@pytest.fixture(autouse=True)
-def stopped_managers():
-    yield
-    for manager in list(sync.SyncManager._instances.values()):
-        manager._stop_internal()
-    for key in list(sync.SyncManager._instances):
-        sync.SyncManager._evict(key)
-
-
 @pytest.fixture
 def data_dir(tmp_path):
     path = tmp_path / "data"

@@ -8,6 +8,7 @@
 #include "tidewright/sync/common/fs.hpp"
 #include "tidewright/sync/common/url.hpp"
 #include "tidewright/sync/manager/cleanup.hpp"
+#include "tidewright/sync/manager/download_set.hpp"
 #include "tidewright/sync/manager/sync_manager.hpp"
 #include "tidewright/sync/manifest/manifest_files.hpp"
 #include "tidewright/sync/manifest/paths.hpp"
@@ -353,35 +354,17 @@ SyncResult SyncManager::sync_impl() {
         }
       }
     }
-    json::object entry = kv.value().is_object() ? kv.value().get_object() : json::object();
-    if (auto base = server->base_url_text()) {
-      entry["_manifest_base_url"] = *base;
-    } else {
-      entry["_manifest_base_url"] = nullptr;
-    }
-    entry["_manifest_version"] = server->version_int();
-    entry["_manifest_era_number"] = server->era_number_int();
     to_download_paths.push_back(path);
-    to_download.emplace_back(path, std::move(entry));
+    to_download.emplace_back(path, download_entry(*server, kv.value()));
   }
 
   // Space.
   cleanup_sync_tmp_files(data_dir_, to_download_paths);
-  std::int64_t needed = 0;
-  for (const auto& [path, entry] : to_download) {
-    if (auto size = siblings.manifest_file_size(entry)) needed += *size;
-  }
-  if (needed > 0 && needed > free_bytes) {
-    throw DiskSpaceError("Insufficient disk space: need " + std::to_string(needed) + " bytes, have " +
-                         std::to_string(free_bytes) + " bytes available");
-  }
+  const std::int64_t needed = require_disk_space(to_download, free_bytes, siblings);
 
   // Download.
   if (!to_download.empty()) {
-    json::object progress_files;
-    for (const auto& [path, entry] : to_download) progress_files[path] = entry;
-    write_sync_progress_json(data_dir_, server->era_number_int() < 0 ? 0 : server->era_number_int(),
-                             server->version_int() < 0 ? 0 : server->version_int(), progress_files, siblings);
+    write_download_progress(data_dir_, *server, to_download, siblings);
     progress_.start("download", static_cast<std::int64_t>(to_download.size()), needed);
     struct FinishProgress {
       ProgressFeed& feed;

@@ -3,6 +3,7 @@
 // rotation schedule; the files are remembered so that rotation keeps them.
 #include "tidewright/sync/common/fs.hpp"
 #include "tidewright/sync/common/url.hpp"
+#include "tidewright/sync/manager/download_set.hpp"
 #include "tidewright/sync/manager/sync_manager.hpp"
 #include "tidewright/sync/manifest/paths.hpp"
 #include "tidewright/sync/manifest/sanitize.hpp"
@@ -82,34 +83,17 @@ std::vector<SyncManager::PrefetchedFeatureFile> SyncManager::request_feature_fil
     }
   }
 
-  std::vector<std::pair<std::string, json::object>> to_download;
-  std::int64_t needed = 0;
+  DownloadSet to_download;
   for (const auto& [name, path] : wanted) {
     const json::value& info = files.at(path);
     if (local_file_matches_manifest(path, manifest_local_path(data_dir_, path), info, true)) continue;
-    json::object entry = info.is_object() ? info.get_object() : json::object();
-    if (auto base = manifest->base_url_text()) {
-      entry["_manifest_base_url"] = *base;
-    } else {
-      entry["_manifest_base_url"] = nullptr;
-    }
-    entry["_manifest_version"] = manifest->version_int();
-    entry["_manifest_era_number"] = manifest->era_number_int();
-    if (auto size = siblings.manifest_file_size(entry)) needed += *size;
-    to_download.emplace_back(path, std::move(entry));
+    to_download.emplace_back(path, download_entry(*manifest, info));
   }
 
-  std::int64_t free_bytes = free_disk_bytes(data_dir_);
-  if (needed > 0 && needed > free_bytes) {
-    throw DiskSpaceError("Insufficient disk space: need " + std::to_string(needed) + " bytes, have " +
-                         std::to_string(free_bytes) + " bytes available");
-  }
+  const std::int64_t needed = require_disk_space(to_download, free_disk_bytes(data_dir_), siblings);
 
   if (!to_download.empty()) {
-    json::object progress_files;
-    for (const auto& [path, entry] : to_download) progress_files[path] = entry;
-    write_sync_progress_json(data_dir_, manifest->era_number_int() < 0 ? 0 : manifest->era_number_int(),
-                             manifest->version_int() < 0 ? 0 : manifest->version_int(), progress_files, siblings);
+    write_download_progress(data_dir_, *manifest, to_download, siblings);
     progress_.start("prefetch", static_cast<std::int64_t>(to_download.size()), needed);
     struct FinishProgress {
       SyncManager* self;

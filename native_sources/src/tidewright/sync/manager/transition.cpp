@@ -13,6 +13,7 @@
 #include "tidewright/sync/era/era_current.hpp"
 #include "tidewright/sync/manager/cleanup.hpp"
 #include "tidewright/sync/manager/rotation_plan.hpp"
+#include "tidewright/sync/manager/download_set.hpp"
 #include "tidewright/sync/manager/sync_manager.hpp"
 #include "tidewright/sync/manifest/manifest_files.hpp"
 #include "tidewright/sync/manifest/paths.hpp"
@@ -391,10 +392,7 @@ std::optional<std::int64_t> SyncManager::run_transition_attempt(std::int64_t new
         ~FinishProgress() { feed.finish(); }
       } finish_progress{progress_};
       for (auto& [path, entry] : queued) {
-        json::object info = entry;
-        if (std::optional<std::string> base = manifest->base_url_text()) info["_manifest_base_url"] = *base;
-        info["_manifest_version"] = manifest->version_int();
-        info["_manifest_era_number"] = manifest->era_number_int();
+        json::object info = download_entry(*manifest, entry);
         try {
           download_file(path, info, result, options);
         } catch (const SyncError& e) {

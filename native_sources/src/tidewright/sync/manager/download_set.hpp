@@ -1,0 +1,32 @@
+// A set of manifest files about to be downloaded, and what every download
+// batch does before it starts: prepare the entries, check the disk space,
+// and publish the progress file.
+#pragma once
+
+#include "tidewright/sync/common/json.hpp"
+#include "tidewright/sync/host/host.hpp"
+#include "tidewright/sync/manifest/manifest.hpp"
+
+#include <cstdint>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace tidewright::sync {
+
+using DownloadSet = std::vector<std::pair<std::string, json::object>>;
+
+// A copy of the manifest entry `info` extended with the manifest's base URL,
+// version and era number, which the downloader uses for the file URL and its
+// supersede probes.
+json::object download_entry(const Manifest& manifest, const json::value& info);
+
+// The bytes the set needs. Throws DiskSpaceError "Insufficient disk space:
+// need N bytes, have F bytes available" when they exceed `free_bytes`.
+std::int64_t require_disk_space(const DownloadSet& files, std::int64_t free_bytes, const ManifestSiblings& siblings);
+
+// Writes "sync-progress.json" for the set.
+void write_download_progress(const std::string& data_dir, const Manifest& manifest, const DownloadSet& files,
+                             const ManifestSiblings& siblings);
+
+}  // namespace tidewright::sync
