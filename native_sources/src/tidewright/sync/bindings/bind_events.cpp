@@ -15,18 +15,10 @@ namespace tidewright::sync::bindings {
 
 namespace {
 
-json::value plain_value(nb::handle object) {
-  try {
-    return to_json(object);
-  } catch (nb::python_error&) {
-    return json::value(to_text(object));
-  }
-}
-
 json::object event_from(nb::handle mapping) {
   nb::object items = nb::module_::import_("builtins").attr("dict")(mapping);
   json::object event;
-  for (auto [key, value] : nb::borrow<nb::dict>(items)) event[to_text(key)] = plain_value(value);
+  for (auto [key, value] : nb::borrow<nb::dict>(items)) event[to_text(key)] = to_json_or_text(value);
   return event;
 }
 
@@ -38,7 +30,7 @@ std::vector<std::int64_t> int_list(nb::handle values) {
   std::vector<std::int64_t> out;
   if (values.is_none()) return out;
   for (nb::handle v : values) {
-    auto n = to_int(plain_value(v));
+    auto n = to_int(to_json_or_text(v));
     out.push_back(n.value_or(0));
   }
   return out;
@@ -65,11 +57,11 @@ void bind_events(nb::module_& m) {
       "_log_sync_event",
       [](nb::handle event_type, nb::handle file_path, nb::handle count, nb::handle reason, nb::kwargs fields) {
         json::object event;
-        event["event_type"] = plain_value(event_type);
+        event["event_type"] = to_json_or_text(event_type);
         event["file"] = text_or_empty(file_path);
-        event["count"] = plain_value(count);
+        event["count"] = to_json_or_text(count);
         event["reason"] = text_or_empty(reason);
-        for (auto [key, value] : fields) event[to_text(key)] = plain_value(value);
+        for (auto [key, value] : fields) event[to_text(key)] = to_json_or_text(value);
         emit(event);
       },
       nb::arg("event_type"), nb::arg("file_path").none(), nb::arg("count").none(), nb::arg("reason").none(),
@@ -99,7 +91,7 @@ void bind_events(nb::module_& m) {
   m.def(
       "_sync_event_stable_coalesce_value",
       [](nb::handle value) {
-        json::value plain = plain_value(value);
+        json::value plain = to_json_or_text(value);
         return sync_event_stable_coalesce_value(&plain);
       },
       nb::arg("value").none());
@@ -111,7 +103,7 @@ void bind_events(nb::module_& m) {
       nb::arg("event"));
   m.def(
       "_sync_event_value_mentions_timeout",
-      [](nb::handle value) { return sync_event_value_mentions_timeout(plain_value(value)); }, nb::arg("value").none());
+      [](nb::handle value) { return sync_event_value_mentions_timeout(to_json_or_text(value)); }, nb::arg("value").none());
   m.def(
       "_sync_event_file_from_url", [](nb::handle url) { return sync_event_file_from_url(text_or_empty(url)); },
       nb::arg("url").none());
@@ -120,7 +112,7 @@ void bind_events(nb::module_& m) {
       "_emit_sync_unavailable_status",
       [](const std::string& event_type, nb::handle url, nb::handle statuses, nb::handle failures, nb::handle details,
          double started_at) {
-        json::value plain = details.is_none() ? json::value(json::object()) : plain_value(details);
+        json::value plain = details.is_none() ? json::value(json::object()) : to_json_or_text(details);
         json::object fields = plain.is_object() ? plain.get_object() : json::object();
         std::vector<std::int64_t> status_list = int_list(statuses);
         std::vector<std::string> failure_list = text_list(failures);

@@ -75,15 +75,6 @@ std::optional<std::string> optional_text(nb::handle object) {
   return to_text(object);
 }
 
-// A caller's value as plain data; values without a JSON form keep their text.
-json::value plain_value(nb::handle object) {
-  try {
-    return to_json(object);
-  } catch (nb::python_error&) {
-    return json::value(to_text(object));
-  }
-}
-
 // The bytes of a bytes-like object or the UTF-8 of a str; empty otherwise.
 std::optional<std::string> raw_bytes(nb::handle object) {
   if (nb::isinstance<nb::str>(object)) return to_text(object);
@@ -192,7 +183,7 @@ void bind_http(nb::module_& m) {
       [](nb::handle req, nb::handle transport) {
         HttpRequest request = request_from(req);
         std::optional<json::value> knob;
-        if (!transport.is_none()) knob = plain_value(transport);
+        if (!transport.is_none()) knob = to_json_or_text(transport);
         return should_use_curl_transport(request, knob ? &*knob : nullptr);
       },
       nb::arg("req"), nb::arg("transport") = nb::none());
@@ -228,7 +219,7 @@ void bind_http(nb::module_& m) {
   m.def(
       "_sync_unavailable_from",
       [](nb::handle url, nb::handle attempts, nb::handle statuses, nb::handle failures, nb::handle details) {
-        json::value plain = details.is_none() ? json::value(json::object()) : plain_value(details);
+        json::value plain = details.is_none() ? json::value(json::object()) : to_json_or_text(details);
         const json::object empty;
         const json::object& fields = plain.is_object() ? plain.get_object() : empty;
         SyncUnavailableError built = sync_unavailable_from("", 0, {}, {}, fields);

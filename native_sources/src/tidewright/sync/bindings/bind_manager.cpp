@@ -68,11 +68,7 @@ nb::handle g_module;
 
 std::optional<json::value> knob(nb::handle value) {
   if (value.is_none()) return std::nullopt;
-  try {
-    return to_json(value);
-  } catch (nb::python_error&) {
-    return json::value(to_text(value));
-  }
+  return to_json_or_text(value);
 }
 
 std::string path_text(nb::handle value) {

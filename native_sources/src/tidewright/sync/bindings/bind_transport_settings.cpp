@@ -11,20 +11,9 @@ namespace tidewright::sync::bindings {
 
 namespace {
 
-// A caller's value as plain data. Values with no JSON form (a Decimal, a
-// path object) keep only their text form, which is what the knob parsers and
-// int() conversions look at anyway.
-json::value plain_value(nb::handle object) {
-  try {
-    return to_json(object);
-  } catch (nb::python_error&) {
-    return json::value(to_text(object));
-  }
-}
-
-std::optional<json::value> optional_plain_value(nb::handle object) {
+std::optional<json::value> optional_to_json_or_text(nb::handle object) {
   if (object.is_none()) return std::nullopt;
-  return plain_value(object);
+  return to_json_or_text(object);
 }
 
 const json::value* pointer(const std::optional<json::value>& value) { return value ? &*value : nullptr; }
@@ -60,13 +49,13 @@ void bind_transport_settings(nb::module_& m) {
   m.def("_sync_http_response_read_bytes", &sync_http_response_read_bytes);
 
   m.def(
-      "_sync_http_transport", [](nb::handle raw) { return sync_http_transport(pointer(optional_plain_value(raw))); },
+      "_sync_http_transport", [](nb::handle raw) { return sync_http_transport(pointer(optional_to_json_or_text(raw))); },
       nb::arg("raw") = nb::none());
   m.def(
-      "_sync_http_chunk_bytes", [](nb::handle raw) { return sync_http_chunk_bytes(pointer(optional_plain_value(raw))); },
+      "_sync_http_chunk_bytes", [](nb::handle raw) { return sync_http_chunk_bytes(pointer(optional_to_json_or_text(raw))); },
       nb::arg("raw") = nb::none());
   m.def(
-      "_sync_max_concurrency", [](nb::handle raw) { return sync_max_concurrency(pointer(optional_plain_value(raw))); },
+      "_sync_max_concurrency", [](nb::handle raw) { return sync_max_concurrency(pointer(optional_to_json_or_text(raw))); },
       nb::arg("raw") = nb::none());
 
   // The batch is unbounded whatever its shape, so the counts are accepted as given.
@@ -78,12 +67,12 @@ void bind_transport_settings(nb::module_& m) {
         nb::arg("timeout_seconds").none());
 
   m.def(
-      "_should_retry_http_status", [](nb::handle status) { return should_retry_http_status(plain_value(status)); },
+      "_should_retry_http_status", [](nb::handle status) { return should_retry_http_status(to_json_or_text(status)); },
       nb::arg("status").none());
   m.def(
       "_raise_download_http_status",
       [](nb::handle file_path, nb::handle status) {
-        raise_download_http_status(to_text(file_path), plain_value(status));
+        raise_download_http_status(to_text(file_path), to_json_or_text(status));
       },
       nb::arg("file_path"), nb::arg("status").none());
 }

@@ -101,6 +101,14 @@ json::value to_json(nb::handle object) {
   raise_from_python();
 }
 
+json::value to_json_or_text(nb::handle object) {
+  try {
+    return to_json(object);
+  } catch (nb::python_error&) {
+    return json::value(to_text(object));
+  }
+}
+
 nb::object from_json_array(const json::array& array) {
   nb::object list = steal_or_throw(PyList_New(static_cast<Py_ssize_t>(array.size())));
   Py_ssize_t i = 0;

@@ -14,6 +14,10 @@ namespace nb = nanobind;
 // dict/list/tuple/str/int/float/bool/None -> JSON value. Other objects raise
 // TypeError ("Object of type X is not JSON serializable").
 json::value to_json(nb::handle object);
+// to_json, except that a value with no JSON form (a Decimal, a path object)
+// keeps only its text form: what knob parsers and int() conversions look at.
+json::value to_json_or_text(nb::handle object);
+
 // JSON value -> new host object (dict keeps key order).
 nb::object from_json(const json::value& value);
 nb::object from_json_array(const json::array& value);
