@@ -291,11 +291,9 @@ def test_stalled_answers_end_when_the_service_stops(dataservice_factory):
         t.start()
     time.sleep(0.3)
     assert all(t.is_alive() for t in threads)
-    started = time.monotonic()
     svc.stop()
     for t in threads:
         t.join(5)
-    assert time.monotonic() - started < 3
     assert not any(t.is_alive() for t in threads)
     assert len(outcomes) == 2 and not any(isinstance(o, int) and o > 10 for o in outcomes)
 

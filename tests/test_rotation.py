@@ -127,6 +127,23 @@ def test_shrinking_budget_removes_inactive_features_and_lifting_it_restores_them
     assert m._active_rotation_state is None
 
 
+def test_a_replaced_settings_loader_is_asked_even_without_a_settings_file(svc, data, monkeypatch):
+    from tidewright import _rotation_settings
+
+    contexts = []
+
+    def load(data_dir, *, catalog_context=None):
+        contexts.append(catalog_context)
+        return _rotation_settings.RotationSettings(seed=3, feature_budget_bytes=budget_for(svc, 2), source="test")
+
+    monkeypatch.setattr(_rotation_settings, "load_rotation_settings", load)
+    m = make_manager(svc, data)
+    result = m.sync()
+    assert contexts and all(c and c["named_universes"] for c in contexts)
+    assert len(local_features(data)) < len(feature_paths(svc.manifest())) == 12
+    assert result.rotation_seed == 3 and m.needs_sync() is False
+
+
 def test_the_same_seed_gives_the_same_selection(svc, tmp_path):
     chosen = []
     for name, seed in (("a", 3), ("b", 3), ("c", 4)):

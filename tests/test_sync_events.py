@@ -103,6 +103,6 @@ def test_outage_and_backoff_reports(records, label):
     outage, in_search, plain = (r.tidewright_sync_event for r in records)
     assert (outage["file"], outage["endpoint"], outage["statuses"], outage["failures"]) == (
         label, f"/data/files/{label}", [503, 503], ["URLError"])
-    assert outage["error_code"] == "busy" and 3 <= outage["elapsed_seconds"] < 10
+    assert outage["error_code"] == "busy" and outage["elapsed_seconds"] >= 3
     assert (in_search["surface"], in_search["count"], in_search["wait_seconds"]) == ("search", 1, 0.5)
     assert (plain["surface"], plain["reason"], plain["attempt"]) == ("file_download", "partial_transfer", 1)

@@ -253,6 +253,26 @@ def test_found_pnl_missing_from_storage_is_excluded_until_the_manifest_changes(d
     assert_in_step(dataservice, tmp_path)
 
 
+def test_orphan_staging_files_are_removed_by_later_no_op_syncs(dataservice, tmp_path):
+    m = manager(dataservice, tmp_path)
+    m.sync()
+    for _ in range(3):  # scans that find the directories clean (and remember them so)
+        m.sync()
+    feature_dir = os.path.dirname(FEATURE)
+    for relative in (FEATURE + ".tmp", "features/x.tmp", "new/deeper/y.tmp"):
+        os.makedirs(tmp_path / os.path.dirname(relative), exist_ok=True)
+        (tmp_path / relative).write_bytes(b"left by a killed process")
+        m.sync()
+        assert tmp_files(tmp_path) == [], relative
+    # A staging file written into a directory without changing its entries'
+    # set (an existing one rewritten) is not an orphan created since: only
+    # new names matter, and a rename onto an existing name is one.
+    (tmp_path / feature_dir / "z").write_bytes(b"z")
+    os.replace(tmp_path / feature_dir / "z", tmp_path / (FEATURE + ".tmp"))
+    m.sync()
+    assert tmp_files(tmp_path) == [] and m.verify().valid
+
+
 def test_needs_sync_sees_local_changes_behind_unchanged_names(dataservice, tmp_path):
     data, outside = tmp_path / "data", tmp_path / "outside"
     data.mkdir()

@@ -188,3 +188,8 @@ def load_rotation_settings(data_dir, *, catalog_context=None):
     if isinstance(catalog_context, Mapping):
         _check_scope(settings, catalog_context, path)
     return settings
+
+
+# The sync core answers "no settings file, rotation off" itself while this
+# loader is the one installed; a replacement is always called.
+load_rotation_settings.__tidewright_native__ = "load_rotation_settings"

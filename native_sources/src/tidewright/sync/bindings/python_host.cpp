@@ -283,6 +283,14 @@ json::value PythonHost::call_module_function(std::string_view module, std::strin
   });
 }
 
+bool PythonHost::module_function_is_native_default(std::string_view module, std::string_view function) {
+  if (shutting_down()) return false;
+  return with_gil([&] {
+    nb::object fn = import_module(module).attr(nb::str(function.data(), function.size()));
+    return is_native_default(fn, std::string(function).c_str());
+  });
+}
+
 HostRef PythonHost::call_module_function_ref(std::string_view module, std::string_view function,
                                              const json::array& args, const json::object& kwargs) {
   return with_gil([&] {

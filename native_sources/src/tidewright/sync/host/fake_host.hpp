@@ -32,6 +32,8 @@ class FakeHost : public Host {
   ManifestSiblings manifest_siblings() override;
   json::value call_module_function(std::string_view module, std::string_view function,
                                    const json::array& args, const json::object& kwargs) override;
+  // Registered functions are the test's own; nothing counts as a default.
+  bool module_function_is_native_default(std::string_view, std::string_view) override { return false; }
   HostRef call_module_function_ref(std::string_view module, std::string_view function,
                                    const json::array& args, const json::object& kwargs) override;
   json::value call_method(const HostRef& object, std::string_view method, const json::array& args,

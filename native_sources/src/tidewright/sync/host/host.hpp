@@ -89,6 +89,10 @@ class Host {
   virtual json::value call_module_function(std::string_view module, std::string_view function,
                                            const json::array& args,
                                            const json::object& kwargs = {}) = 0;
+  // True when `module.function` is still the package's own default (it
+  // carries the "__tidewright_native__" marker naming itself), so the core
+  // may answer the easy cases natively without calling it.
+  virtual bool module_function_is_native_default(std::string_view module, std::string_view function) = 0;
   // Like call_module_function, but keeps the result as a host object.
   virtual HostRef call_module_function_ref(std::string_view module, std::string_view function,
                                            const json::array& args,

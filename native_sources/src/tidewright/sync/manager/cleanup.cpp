@@ -8,6 +8,7 @@
 
 #include <dirent.h>
 #include <sys/stat.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -24,48 +25,102 @@ namespace fs = std::filesystem;
 
 namespace {
 
-bool ends_with_tmp(const std::string& name) {
+bool ends_with_tmp(std::string_view name) {
   return name.size() >= 4 && name.compare(name.size() - 4, 4, ".tmp") == 0;
 }
 
-// Calls visit(path) for every regular file below `dir`, not following links.
-// The entries' types come from the directory listing, so a large tree costs
-// no stat per file unless the file system does not report types.
-void walk_regular_files(const std::string& dir, const std::function<void(const std::string&)>& visit,
-                        const std::string& data_dir) {
-  std::unique_ptr<DIR, int (*)(DIR*)> listing(::opendir(dir.c_str()), ::closedir);
-  if (!listing) {
-    if (errno != EACCES) {
-      log_debug("best-effort tmp scan failed for %s: %s", {json::value(data_dir), json::value(std::strerror(errno))});
-    }
-    return;
-  }
-  while (const dirent* entry = ::readdir(listing.get())) {
-    std::string_view name(entry->d_name);
-    if (name == "." || name == "..") continue;
-    std::string path = dir + "/" + std::string(name);
-    unsigned char type = entry->d_type;
-    if (type == DT_UNKNOWN) {
-      struct stat st;
-      if (::lstat(path.c_str(), &st) != 0) continue;
-      type = S_ISDIR(st.st_mode) ? DT_DIR : S_ISREG(st.st_mode) ? DT_REG : DT_LNK;
-    }
-    if (type == DT_DIR) {
-      walk_regular_files(path, visit, data_dir);
-    } else if (type == DT_REG) {
-      visit(path);
-    }
-  }
+// The file system stamps times from the coarse real-time clock.
+std::int64_t coarse_now_ns() {
+  struct timespec ts;
+  ::clock_gettime(CLOCK_REALTIME_COARSE, &ts);
+  return static_cast<std::int64_t>(ts.tv_sec) * 1000000000LL + ts.tv_nsec;
 }
 
+// Calls visit(path) for every regular file below a directory whose name
+// ends in ".tmp", not following links. The entries' types come from the
+// directory listing, and a path is only built for the few names that
+// qualify, so a large tree costs one listing per directory and no stat per
+// file (unless the file system does not report types). With a memo, a
+// directory remembered clean and unchanged costs one stat.
+class TmpWalk {
+ public:
+  TmpWalk(const std::string& data_dir, const std::function<void(const std::string&)>& visit, TmpScanMemo* memo)
+      : data_dir_(data_dir), visit_(visit), memo_(memo), started_ns_(coarse_now_ns()) {}
+
+  void walk(const std::string& dir) {
+    std::optional<StatKey> identity;
+    if (memo_) {
+      struct stat st;
+      if (::lstat(dir.c_str(), &st) != 0 || !S_ISDIR(st.st_mode)) {
+        memo_->clean_dirs.erase(dir);
+        return;
+      }
+      identity = stat_key_of(st);
+      auto it = memo_->clean_dirs.find(dir);
+      if (it != memo_->clean_dirs.end() && it->second.identity == *identity) {
+        std::vector<std::string> subdirs = it->second.subdirs;  // the recursion may change the map
+        for (const auto& name : subdirs) walk(dir + "/" + name);
+        return;
+      }
+    }
+    std::unique_ptr<DIR, int (*)(DIR*)> listing(::opendir(dir.c_str()), ::closedir);
+    if (!listing) {
+      if (errno != EACCES) {
+        log_debug("best-effort tmp scan failed for %s: %s", {json::value(data_dir_), json::value(std::strerror(errno))});
+      }
+      if (memo_) memo_->clean_dirs.erase(dir);
+      return;
+    }
+    bool saw_tmp = false;
+    std::vector<std::string> subdirs;
+    while (const dirent* entry = ::readdir(listing.get())) {
+      std::string_view name(entry->d_name);
+      unsigned char type = entry->d_type;
+      if (type == DT_REG && !ends_with_tmp(name)) continue;
+      if (name == "." || name == "..") continue;
+      if (type != DT_DIR && type != DT_REG && type != DT_UNKNOWN) continue;
+      std::string path = dir + "/" + std::string(name);
+      if (type == DT_UNKNOWN) {
+        struct stat st;
+        if (::lstat(path.c_str(), &st) != 0) continue;
+        type = S_ISDIR(st.st_mode) ? DT_DIR : S_ISREG(st.st_mode) ? DT_REG : DT_LNK;
+      }
+      if (type == DT_DIR) {
+        subdirs.emplace_back(name);
+      } else if (type == DT_REG && ends_with_tmp(name)) {
+        saw_tmp = true;
+        visit_(path);
+      }
+    }
+    listing.reset();
+    if (memo_) {
+      if (!saw_tmp && identity->mtime_ns < started_ns_ && identity->ctime_ns < started_ns_) {
+        memo_->clean_dirs[dir] = TmpScanMemo::Dir{*identity, subdirs};
+      } else {
+        memo_->clean_dirs.erase(dir);
+      }
+    }
+    for (const auto& name : subdirs) walk(dir + "/" + name);
+  }
+
+ private:
+  const std::string& data_dir_;
+  const std::function<void(const std::string&)>& visit_;
+  TmpScanMemo* memo_;
+  const std::int64_t started_ns_;
+};
+
 template <typename Keep>
-void remove_tmp_files(const std::string& data_dir, Keep keep) {
-  walk_regular_files(real_path(data_dir), [&](const std::string& path) {
-    if (!ends_with_tmp(path) || keep(path)) return;
+void remove_tmp_files(const std::string& data_dir, Keep keep, TmpScanMemo* memo = nullptr) {
+  std::function<void(const std::string&)> visit = [&](const std::string& path) {
+    if (keep(path)) return;
     if (::unlink(path.c_str()) != 0 && errno != ENOENT) {
       log_debug("best-effort tmp cleanup failed for %s: %s", {json::value(path), json::value(std::strerror(errno))});
     }
-  }, data_dir);
+  };
+  std::unique_lock<std::mutex> lock;
+  if (memo) lock = std::unique_lock<std::mutex>(memo->mu);
+  TmpWalk(data_dir, visit, memo).walk(real_path(data_dir));
 }
 
 }  // namespace
@@ -85,7 +140,8 @@ void remove_manifest_tmp_file(const std::string& data_dir, const std::string& fi
   }
 }
 
-void cleanup_sync_tmp_files(const std::string& data_dir, const std::vector<std::string>& preserve_relative_paths) {
+void cleanup_sync_tmp_files(const std::string& data_dir, const std::vector<std::string>& preserve_relative_paths,
+                            TmpScanMemo* memo) {
   std::set<std::string> preserve;
   for (const auto& p : preserve_relative_paths) {
     try {
@@ -93,7 +149,7 @@ void cleanup_sync_tmp_files(const std::string& data_dir, const std::vector<std::
     } catch (const ManifestError&) {
     }
   }
-  remove_tmp_files(data_dir, [&](const std::string& path) { return preserve.count(path) > 0; });
+  remove_tmp_files(data_dir, [&](const std::string& path) { return preserve.count(path) > 0; }, memo);
 }
 
 void remove_all_tmp_files(const std::string& data_dir) {

@@ -2,9 +2,13 @@
 // failures are logged, never raised.
 #pragma once
 
+#include "tidewright/sync/common/fs.hpp"
+
 #include <cstdint>
+#include <mutex>
 #include <optional>
 #include <string>
+#include <unordered_map>
 #include <vector>
 
 namespace tidewright::sync {
@@ -12,9 +16,29 @@ namespace tidewright::sync {
 // Deletes "<local path of file_path>.tmp"; a missing file is fine.
 void remove_manifest_tmp_file(const std::string& data_dir, const std::string& file_path);
 
+// What earlier scans for staging files found: the directories that held
+// none, with their identity at the time and their subdirectories. Creating,
+// removing or renaming an entry changes a directory's times, so a directory
+// whose identity has not moved since is still free of staging files and is
+// not listed again; only its subdirectories are visited. A directory changed
+// during the scan that saw it (times not older than the scan's start) is not
+// remembered. One per manager; scans through it are serialised.
+class TmpScanMemo {
+ public:
+  struct Dir {
+    StatKey identity;
+    std::vector<std::string> subdirs;  // names
+  };
+  std::mutex mu;
+  std::unordered_map<std::string, Dir> clean_dirs;  // by path; guarded by mu
+};
+
 // Deletes every "*.tmp" file below `data_dir` except the staging files of
-// `preserve_relative_paths` (resumable downloads of the current set).
-void cleanup_sync_tmp_files(const std::string& data_dir, const std::vector<std::string>& preserve_relative_paths = {});
+// `preserve_relative_paths` (resumable downloads of the current set). With
+// `memo`, directories unchanged since an earlier scan found them clean are
+// not listed again.
+void cleanup_sync_tmp_files(const std::string& data_dir, const std::vector<std::string>& preserve_relative_paths = {},
+                            TmpScanMemo* memo = nullptr);
 
 // Deletes every "*.tmp" file below `data_dir` (superseded transitions).
 void remove_all_tmp_files(const std::string& data_dir);

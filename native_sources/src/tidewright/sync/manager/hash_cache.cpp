@@ -60,7 +60,7 @@ bool HashCache::trusted(const Entry& entry, const StatKey& key, const std::strin
 }
 
 void HashCache::load() {
-  std::unordered_map<std::string, Entry> loaded;
+  boost::unordered_flat_map<std::string, Entry> loaded;
   if (path_exists(path_)) {
     std::int64_t written_at = 0;
     if (std::optional<StatKey> cache_key = try_stat_key(path_)) written_at = cache_key->mtime_ns;

@@ -18,10 +18,11 @@
 #include "tidewright/sync/common/fs.hpp"
 #include "tidewright/sync/common/json.hpp"
 
+#include <boost/unordered/unordered_flat_map.hpp>
+
 #include <mutex>
 #include <optional>
 #include <string>
-#include <unordered_map>
 #include <vector>
 
 namespace tidewright::sync {
@@ -78,7 +79,9 @@ class HashCache {
 
   const std::string path_;
   mutable std::mutex mu_;
-  std::unordered_map<std::string, Entry> entries_;  // guarded by mu_
+  // Open addressing: a lookup is one probe of a flat array, which matters
+  // when a no-op sync looks up every file of a large era.
+  boost::unordered_flat_map<std::string, Entry> entries_;  // guarded by mu_
   bool dirty_ = false;                              // guarded by mu_
 };
 

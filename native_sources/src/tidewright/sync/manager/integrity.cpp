@@ -22,11 +22,11 @@ namespace tidewright::sync {
 
 namespace {
 
-std::string kind_of(const json::value& info) {
+bool is_vault_module(const json::value& info) {
   if (const json::object* obj = as_object(&info)) {
-    if (const json::value* k = obj->if_contains("kind"); k && k->is_string()) return std::string(k->get_string());
+    if (const json::value* k = obj->if_contains("kind"); k && k->is_string()) return k->get_string() == "vault_module";
   }
-  return "";
+  return false;
 }
 
 std::string expected_sha_of(const json::value& info) {
@@ -66,8 +66,8 @@ bool SyncManager::local_file_matches_manifest(const std::string& file_path, cons
   return actual == expected_sha;
 }
 
-std::optional<std::string> SyncManager::first_local_mismatch(
-    const Manifest& manifest, const ManifestSiblings& siblings, const std::function<bool(const std::string&)>& skip) {
+std::optional<std::string> SyncManager::first_local_mismatch(const Manifest& manifest, const ManifestSiblings& siblings,
+                                                             const FileFilter& skip) {
   constexpr std::size_t kFilesPerThread = 16384;
   constexpr std::size_t kMaxThreads = 4;
   const json::object& files = manifest.files();
@@ -116,8 +116,8 @@ std::optional<std::string> SyncManager::first_local_mismatch(
       for (std::size_t i = begin; i < end && !stop.load(std::memory_order_relaxed); ++i) {
         const auto& kv = *(files.begin() + static_cast<std::ptrdiff_t>(i));
         std::string path(kv.key());
-        if ((skip && skip(path)) || vocabulary_named_universe_from_path(path) ||
-            manifest_file_is_sync_excluded(path, kv.value(), siblings) || kind_of(kv.value()) == "vault_module") {
+        if ((skip && skip(path, kv.value())) || vocabulary_named_universe_from_path(path) ||
+            manifest_file_is_sync_excluded(path, kv.value(), siblings) || is_vault_module(kv.value())) {
           continue;
         }
         std::optional<StatKey> identity;
@@ -170,10 +170,10 @@ bool SyncManager::local_manifest_files_complete(Manifest& manifest) {
     }
   }
   try {
-    auto leaves_out = [&](const std::string& path) {
-      const json::value* info = manifest.files().if_contains(path);
-      return info && rotation.leaves_out(path, *info, siblings);
-    };
+    FileFilter leaves_out;
+    if (rotation.active) {
+      leaves_out = [&](const std::string& path, const json::value& info) { return rotation.leaves_out(path, info, siblings); };
+    }
     if (first_local_mismatch(manifest, siblings, leaves_out)) return false;
   } catch (const ManifestError&) {
     return false;

@@ -25,6 +25,12 @@ namespace {
 
 constexpr std::int64_t SUPERSEDE_RESTART_LIMIT = 3;
 
+// The files a rotating plan leaves out of the local checks; none otherwise.
+SyncManager::FileFilter uncovered_by(const RotationPlan& rotation) {
+  if (!rotation.rotating) return {};
+  return [&rotation](const std::string& path, const json::value&) { return !rotation.covers(path); };
+}
+
 std::string kind_of(const json::value& info) {
   if (const json::object* obj = as_object(&info)) {
     if (const json::value* k = obj->if_contains("kind"); k && k->is_string()) return std::string(k->get_string());
@@ -187,7 +193,7 @@ SyncResult SyncManager::sync_impl() {
                                        manifest_positive_int(*local, "version"),
                                        shuffle_seed_generation_for_manifest(*local)};
         validate_shuffle_seed_file(path_join(data_dir_, SHUFFLE_SEED_FILENAME), expect);
-        if (first_local_mismatch(*local, siblings, [&](const std::string& path) { return !rotation.covers(path); })) {
+        if (first_local_mismatch(*local, siblings, uncovered_by(rotation))) {
           throw SyncError("Manifest version matched but local data files need repair");
         }
         load_manifest_signals_index(data_dir_, *local);
@@ -201,7 +207,7 @@ SyncResult SyncManager::sync_impl() {
           vocabulary_ = vocabularies;
         }
         complete_rotation_promotion(*local, rotation, result);
-        cleanup_sync_tmp_files(data_dir_);
+        cleanup_sync_tmp_files(data_dir_, {}, &tmp_scan_memo_);
         return result;
       } catch (const SyncUnavailableError&) {
         throw;
@@ -284,7 +290,7 @@ SyncResult SyncManager::sync_impl() {
     } catch (const SyncError&) {
       seed_due = true;
     }
-    if (first_local_mismatch(*server, siblings, [&](const std::string& path) { return !rotation.covers(path); })) {
+    if (first_local_mismatch(*server, siblings, uncovered_by(rotation))) {
       log_warning("Manifest version matched but local data files need repair");
       files_ok = false;
     }
@@ -308,7 +314,7 @@ SyncResult SyncManager::sync_impl() {
         manifest_ = server;
       }
       complete_rotation_promotion(*server, rotation, result);
-      cleanup_sync_tmp_files(data_dir_);
+      cleanup_sync_tmp_files(data_dir_, {}, &tmp_scan_memo_);
       return result;
     }
   }
@@ -359,7 +365,7 @@ SyncResult SyncManager::sync_impl() {
   }
 
   // Space.
-  cleanup_sync_tmp_files(data_dir_, to_download_paths);
+  cleanup_sync_tmp_files(data_dir_, to_download_paths, &tmp_scan_memo_);
   const std::int64_t needed = require_disk_space(to_download, free_bytes, siblings);
 
   // Download.

@@ -9,7 +9,10 @@
 #include "tidewright/sync/rotation/catalog.hpp"
 #include "tidewright/sync/rotation/state.hpp"
 
+#include <cerrno>
 #include <chrono>
+
+#include <sys/stat.h>
 
 namespace tidewright::sync {
 
@@ -27,6 +30,15 @@ std::string full_download_marker() {
 json::value field_or_null(const json::object& object, std::string_view key) {
   const json::value* v = object.if_contains(key);
   return v ? *v : json::value(nullptr);
+}
+
+// With the package's own settings loader in place, a data directory without
+// a settings file has rotation off, and nothing needs the era's catalogue
+// (building it walks every manifest file, the bulk of a no-op sync).
+bool rotation_known_off(const std::string& data_dir) {
+  if (!host().module_function_is_native_default(ROTATION_SETTINGS_MODULE, "load_rotation_settings")) return false;
+  struct stat st {};
+  return ::stat(path_join(data_dir, ROTATION_SETTINGS_FILENAME).c_str(), &st) != 0 && errno == ENOENT;
 }
 
 // The user's rotation settings for the data directory, validated against
@@ -145,6 +157,7 @@ std::optional<json::object> SyncManager::active_rotation_state() const {
 
 std::optional<json::object> SyncManager::feature_rotation_settings_for_manifest(const Manifest& manifest,
                                                                                 std::int64_t free_disk_bytes) {
+  if (rotation_known_off(data_dir_)) return std::nullopt;
   json::array rows = rotation_planning_rows(manifest.data(), host().manifest_siblings());
   auto loaded = load_rotation_settings(data_dir_, manifest.data(), rows, free_disk_bytes);
   if (!loaded) return std::nullopt;
@@ -153,6 +166,7 @@ std::optional<json::object> SyncManager::feature_rotation_settings_for_manifest(
 
 RotationPlan SyncManager::plan_feature_rotation_for_sync(const Manifest& manifest, std::int64_t free_disk_bytes) {
   RotationPlan plan;
+  if (rotation_known_off(data_dir_)) return plan;
   ManifestSiblings siblings = host().manifest_siblings();
   json::array rows = rotation_planning_rows(manifest.data(), siblings);
   auto loaded = load_rotation_settings(data_dir_, manifest.data(), rows, free_disk_bytes);
@@ -269,6 +283,7 @@ void SyncManager::complete_rotation_promotion(const Manifest& manifest, const Ro
 
 bool SyncManager::feature_rotation_needs_sync(const Manifest& manifest) {
   try {
+    if (rotation_known_off(data_dir_)) return false;
     json::array rows = rotation_planning_rows(manifest.data(), host().manifest_siblings());
     auto loaded = load_rotation_settings(data_dir_, manifest.data(), rows, 0);
     if (!loaded) return false;

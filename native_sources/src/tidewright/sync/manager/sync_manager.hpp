@@ -11,6 +11,7 @@
 #include "tidewright/sync/common/owned_thread.hpp"
 #include "tidewright/sync/era/era_thread.hpp"
 #include "tidewright/sync/host/host.hpp"
+#include "tidewright/sync/manager/cleanup.hpp"
 #include "tidewright/sync/manager/hash_cache.hpp"
 #include "tidewright/sync/manager/progress.hpp"
 #include "tidewright/sync/manager/results.hpp"
@@ -129,9 +130,11 @@ class SyncManager : public std::enable_shared_from_this<SyncManager>, public Era
   // its entry, hash cache allowed; nothing when all match. Large manifests
   // are checked by a few threads at once (a no-op sync is one stat per
   // file). A path's ManifestError propagates.
-  // `skip` leaves files out (those a rotation does not keep).
+  // `skip(path, entry)` leaves files out (those a rotation does not keep);
+  // an empty one keeps every file.
+  using FileFilter = std::function<bool(const std::string&, const json::value&)>;
   std::optional<std::string> first_local_mismatch(const Manifest& manifest, const ManifestSiblings& siblings,
-                                                  const std::function<bool(const std::string&)>& skip = {});
+                                                  const FileFilter& skip = {});
   bool local_manifest_files_complete(Manifest& manifest);
   bool needs_sync();
   VerifyResult verify();
@@ -295,6 +298,7 @@ class SyncManager : public std::enable_shared_from_this<SyncManager>, public Era
   // The validated vocabulary set; shared, never changed once built.
   std::shared_ptr<const json::object> vocabulary_;  // guarded by state_mu_
 
+  TmpScanMemo tmp_scan_memo_;  // the pipeline's scans for orphan staging files
   std::mutex vocabulary_validation_mu_;
   std::string vocabulary_validation_key_;                           // guarded by vocabulary_validation_mu_
   std::shared_ptr<const json::object> vocabulary_validation_result_;  // guarded by vocabulary_validation_mu_

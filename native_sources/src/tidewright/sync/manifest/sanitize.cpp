@@ -206,6 +206,7 @@ bool is_retired_unsupported_runtime_module_path(std::string_view path) {
 bool is_retired_found_pnl_long_file(std::string_view path) {
   while (!path.empty() && is_sep(path.front())) path.remove_prefix(1);
   while (!path.empty() && is_sep(path.back())) path.remove_suffix(1);
+  if (!path.ends_with("long.arrow")) return false;  // the common case, cheaply
   // Exactly five segments, empty ones counted (a//b is three).
   std::string_view first, last;
   std::size_t segments = 0, start = 0;
