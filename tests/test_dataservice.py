@@ -298,6 +298,42 @@ def test_stalled_answers_end_when_the_service_stops(dataservice_factory):
     assert len(outcomes) == 2 and not any(isinstance(o, int) and o > 10 for o in outcomes)
 
 
+def test_restart_breaks_open_answers_and_serves_again_on_the_same_port(dataservice_factory):
+    svc = dataservice_factory()
+    url, path = svc.url, "/data/files/" + FEATURE
+    svc.add_fault(path, "stall", after_bytes=10)
+    svc.add_fault("/data/manifest", "status", status=503, skip=1)
+    outcomes = []
+
+    def client():
+        try:
+            outcomes.append(len(raw_get(svc, path, timeout=30)[1].read()))
+        except (OSError, http.client.HTTPException) as exc:
+            outcomes.append(type(exc).__name__)
+
+    thread = threading.Thread(target=client)
+    thread.start()
+    deadline = time.monotonic() + 10
+    while not any(r.bytes_sent == 10 for r in svc.requests_for(path)) and time.monotonic() < deadline:
+        time.sleep(0.01)
+    svc.restart()
+    thread.join(10)
+    assert not thread.is_alive() and outcomes == ["IncompleteRead"]
+    assert svc.url == url
+    assert get(svc, path)[2] == svc.file_bytes(None, FEATURE)
+    # Faults and the request log outlive the restart.
+    assert [get(svc, "/data/manifest")[0] for _ in range(2)] == [200, 503]
+    assert len(svc.requests_for(path)) == 2
+
+    svc.stop()
+    with pytest.raises(ConnectionRefusedError):
+        socket.create_connection(("127.0.0.1", int(url.rsplit(":", 1)[1])), timeout=5)
+    svc.start()
+    assert svc.url == url and get(svc, "/data/manifest/version")[0] == 200
+    with pytest.raises(RuntimeError):
+        svc.start()
+
+
 def test_new_versions_and_eras(dataservice):
     before = dataservice.manifest()
     old_sha = get_version_sha(dataservice)
@@ -371,6 +407,8 @@ def test_tls_with_the_generated_certificate(dataservice_factory):
     # A client that never completes the handshake does not block others.
     with socket.create_connection(("127.0.0.1", int(svc.url.rsplit(":", 1)[1]))):
         assert get(svc, "/data/manifest/version", context=context)[0] == 200
+    svc.restart()  # the certificate is kept
+    assert get(svc, "/data/manifest/version", context=context)[0] == 200
 
 
 def test_command_line_serves_until_interrupted():

@@ -370,17 +370,49 @@ def test_an_old_library_refuses_the_era(svc, data_dir, monkeypatch, caplog, auto
     assert_era_files(svc, data_dir, m, 2)
 
 
-def test_a_higher_era_during_the_downloads_restarts_the_transition(svc, data_dir):
+# Era 3 is published while the transition to era 2 runs. Before the files are
+# staged or while they are, the attempt is superseded and starts over for era
+# 3; a gate that finds era 3 instead of era 2 refuses. Whatever the moment, the
+# directory is wholly in one era afterwards, and a transition to era 3 ends it.
+GATE_MISMATCH = "Active era_number=3 does not match requested transition era_number=2"
+
+
+@pytest.mark.parametrize("published_at, after, ends_in, error", [
+    (ERA_CURRENT, 1, 1, GATE_MISMATCH),     # the first gate
+    (ERA_CURRENT, 2, 3, None),              # the supersede check before staging
+    ("/data/files/*", 1, 3, None),          # the first download gets era 3's bytes
+    ("/data/files/*", 3, 3, None),
+    # the era artifacts, staged after the files
+    ("/data/shuffle", 1, 1, "shuffle_seed.enc response era_number=3 does not match manifest era_number=2"),
+    (ERA_CURRENT, 3, 1, GATE_MISMATCH),     # the gate before the switch
+    (ERA_CURRENT, 4, 2, GATE_MISMATCH),     # the check after the switch
+    (ERA_CURRENT, 5, 2, GATE_MISMATCH),     # the check before searches restart
+])
+def test_a_later_era_published_during_a_transition(svc, data_dir, published_at, after, ends_in, error):
     m = synced(svc, data_dir)
     publish_next(svc)
-    svc.on_request("/data/files/*", lambda: publish_next(svc, 3), after=3)
+    svc.on_request(published_at, lambda: publish_next(svc, 3), after=after)
     calls = []
-    m.trigger_era_transition(2, kill_searches_fn=lambda: calls.append("kill"),
-                             restart_searches_fn=lambda: calls.append("restart"))
-    assert calls == ["kill", "kill", "restart"]
-    assert_era_files(svc, data_dir, m, 3)
-    assert not (data_dir / "old/only.bin").exists()
+    try:
+        m.trigger_era_transition(2, kill_searches_fn=lambda: calls.append("kill"),
+                                 restart_searches_fn=lambda: calls.append("restart"))
+        raised = None
+    except Exception as exc:  # noqa: BLE001 - the type is checked below
+        raised = exc
+    if error is None:
+        assert raised is None and calls == ["kill", "kill", "restart"]
+        assert not (data_dir / "old/only.bin").exists()
+    else:
+        assert isinstance(raised, sync.EraError) and str(raised) == error
+        assert calls == ["kill"]
+    assert_era_files(svc, data_dir, m, ends_in)
+    assert sync.SyncManager(str(data_dir), svc.url, lambda: svc.token).verify().valid
     assert not m._in_transition and leftovers(data_dir) == []
+
+    if ends_in != 3:
+        m.trigger_era_transition(3)
+        assert_era_files(svc, data_dir, m, 3)
+        assert leftovers(data_dir) == []
 
 
 CRASH_CHILD = """

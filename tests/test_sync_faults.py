@@ -10,7 +10,7 @@ import pytest
 import tidewright.auth
 import tidewright.sync as sync
 from sync_helpers import (BIG, BIG_BYTES, CHUNK, FEATURE, assert_in_step, body_bytes_served, file_requests,
-                          local_bytes, manager, range_starts, request_budget, tmp_files)
+                          local_bytes, manager, range_starts, request_budget, tmp_files, tree)
 
 pytestmark = pytest.mark.usefixtures("instant_backoff")
 
@@ -166,3 +166,99 @@ def test_three_supersedes_end_the_sync(svc, tmp_path, caplog):
     assert len(svc.requests_for("/data/manifest")) == 3
     assert m.get_manifest() is None and not (tmp_path / "manifest.json").exists()
     assert tmp_files(tmp_path) == [BIG + ".tmp"]
+
+
+# -- slow, stalled and half-working services ---------------------------------------------
+
+
+def test_slow_and_late_answers_within_the_timeouts_are_waited_for(svc, tmp_path):
+    svc.add_fault("/data/manifest", "delay", seconds=1.0)
+    svc.add_fault(BIG_URL_PATH, "slow", bytes_per_second=256 * 1024, count=None)
+    synced(svc, tmp_path)
+    assert len(svc.requests_for("/data/manifest")) == 1
+    assert range_starts(svc, BIG) == [0, CHUNK, 2 * CHUNK, 3 * CHUNK]
+
+
+def test_a_body_that_stalls_past_the_no_progress_timeout_is_resumed(svc, tmp_path):
+    # The service sends 1000 bytes of the second chunk and then nothing: the
+    # transfer ends after the no-progress timeout and resumes after them.
+    svc.add_fault(BIG_URL_PATH, "stall", skip=1, after_bytes=1000)
+    synced(svc, tmp_path)
+    resumed = CHUNK + 1000
+    assert range_starts(svc, BIG) == [0, CHUNK] + list(range(resumed, BIG_BYTES, CHUNK))
+    assert body_bytes_served(svc, BIG) == BIG_BYTES
+
+
+@pytest.mark.parametrize("kind", ["truncate", "reset"])
+def test_a_broken_manifest_body_is_fetched_again(svc, tmp_path, kind):
+    svc.add_fault("/data/manifest", kind, after_bytes=100)
+    synced(svc, tmp_path)
+    assert [r.bytes_sent for r in svc.requests_for("/data/manifest")][0] == 100
+    assert len(svc.requests_for("/data/manifest")) == 2
+
+
+def test_a_version_probe_that_keeps_failing_falls_back_to_the_full_manifest(svc, tmp_path):
+    m, _ = synced(svc, tmp_path)
+    svc.add_fault("/data/manifest/version", "status", status=501, count=None)  # not transient: not retried
+    svc.clear_requests()
+    synced(svc, tmp_path)
+    assert [r.path for r in svc.requests] == ["/data/manifest/version", "/data/manifest"]
+
+    svc.set_version(touch=[FEATURE])
+    svc.clear_requests()
+    m, _ = synced(svc, tmp_path)
+    assert m.get_manifest().version == 2
+    assert [r.path for r in file_requests(svc)] == ["/data/files/" + FEATURE]
+
+
+class _Keyring:
+    """A token source that fails once ``lock()`` was called."""
+
+    def __init__(self, token):
+        self.token, self.locked = token, False
+
+    def lock(self):
+        self.locked = True
+
+    def __call__(self):
+        if self.locked:
+            raise PermissionError("keyring locked")
+        return self.token
+
+
+# A new version of BIG is published; its download is then refused. The error
+# names the cause and the data directory is the one of version 1.
+MID_SYNC_FAILURES = {
+    "file-401": (lambda svc, keyring: svc.add_fault(BIG_URL_PATH, "status", status=401, count=None),
+                 tidewright.auth.AuthError, f"Authentication failed while downloading {BIG}: HTTP 401"),
+    "token-source-fails": (lambda svc, keyring: svc.on_request("/data/manifest", keyring.lock),
+                           PermissionError, "keyring locked"),
+    "manifest-not-json": (lambda svc, keyring: svc.add_fault("/data/manifest", "status", status=200, body="<html>"),
+                          sync.ManifestError, "Invalid manifest JSON: "),
+}
+
+
+@pytest.mark.parametrize("break_sync, error, message", MID_SYNC_FAILURES.values(), ids=MID_SYNC_FAILURES.keys())
+def test_a_sync_refused_half_way_leaves_the_previous_state(svc, tmp_path, break_sync, error, message):
+    keyring = _Keyring(svc.token)
+    m = sync.SyncManager(str(tmp_path), svc.url, keyring, sync_http_chunk_bytes=CHUNK)
+    with request_budget(svc):
+        m.sync()
+    before = tree(tmp_path)
+    svc.set_version(touch=[BIG])
+    break_sync(svc, keyring)
+    with request_budget(svc), pytest.raises(error) as info:
+        m.sync()
+    assert str(info.value).startswith(message)
+    # Only the staging file and the progress report of the failed run are new.
+    after = tree(tmp_path)
+    assert {p: b for p, b in after.items() if p in before} == before
+    assert set(after) - set(before) <= {BIG + ".tmp", "sync-progress.json"}
+    assert m.get_manifest().version == 1 and m.verify().valid
+
+    svc.clear_faults()
+    keyring.locked = False
+    with request_budget(svc):
+        m.sync()
+    assert_in_step(svc, tmp_path)
+    assert m.get_manifest().version == 2

@@ -251,14 +251,20 @@ class DataService:
     # -- lifecycle ------------------------------------------------------------
 
     def start(self) -> "DataService":
-        """Listen on ``host`` (port 0: an ephemeral port) and serve in a background thread."""
+        """Listen on ``host`` (port 0: an ephemeral port) and serve in a background thread.
+
+        A stopped service may be started again: it listens on the port it had
+        before and serves the same data; with TLS it makes a new certificate.
+        """
         if self._httpd is not None:
             raise RuntimeError("DataService already started")
+        self._stop_event.clear()
         context = None
         if self.tls:
             context = self._make_tls_context()
         self._httpd = _Server((self.host, self._port), _Handler, self, context)
         port = self._httpd.server_address[1]
+        self._port = port  # a later start() listens here again
         scheme = "https" if self.tls else "http"
         host = f"[{self.host}]" if ":" in self.host else self.host
         self.url = f"{scheme}://{host}:{port}"
@@ -274,6 +280,22 @@ class DataService:
 
     def stop(self) -> None:
         """Stop serving: stalled and slow answers end, open connections are closed. Idempotent."""
+        self._shut_down()
+        if self._tls_dir is not None:
+            shutil.rmtree(self._tls_dir, ignore_errors=True)
+            self._tls_dir = None
+
+    def restart(self) -> "DataService":
+        """Stop and serve again at once, on the same port and with the same
+        certificate: what a client sees of a service restarted under it.
+        Open connections break and stalled answers end; the published data,
+        the scripted faults, the hooks and the request log are kept."""
+        if self._httpd is None:
+            raise RuntimeError("DataService is not running")
+        self._shut_down()
+        return self.start()
+
+    def _shut_down(self) -> None:
         self._stop_event.set()
         httpd, self._httpd = self._httpd, None
         if httpd is not None:
@@ -284,9 +306,6 @@ class DataService:
         if self._thread is not None:
             self._thread.join(timeout=5.0)
             self._thread = None
-        if self._tls_dir is not None:
-            shutil.rmtree(self._tls_dir, ignore_errors=True)
-            self._tls_dir = None
 
     def __enter__(self) -> "DataService":
         return self.start()
@@ -475,8 +494,9 @@ class DataService:
     # -- TLS --------------------------------------------------------------------
 
     def _make_tls_context(self) -> ssl.SSLContext:
-        self._tls_dir = tempfile.mkdtemp(prefix="dataservice-tls-")
-        self.ca_file, self.cert_file, self.key_file = make_test_certificates(self._tls_dir, self.host)
+        if self._tls_dir is None:  # a restart keeps the certificate
+            self._tls_dir = tempfile.mkdtemp(prefix="dataservice-tls-")
+            self.ca_file, self.cert_file, self.key_file = make_test_certificates(self._tls_dir, self.host)
         context = ssl.SSLContext(ssl.PROTOCOL_TLS_SERVER)
         context.load_cert_chain(self.cert_file, self.key_file)
         return context

@@ -244,52 +244,56 @@ VerifyResult SyncManager::verify() {
       }
     }
   }
+  enum class FileState { kIntact, kMissing, kCorrupted };
   ManifestLocalPaths locals(data_dir_);
-  for (const auto& kv : manifest->files()) {
-    std::string path(kv.key());
-    if (rotation.leaves_out(path, kv.value(), siblings)) continue;
-    if (manifest_file_is_sync_excluded(path, kv.value(), siblings)) continue;
+  auto check = [&](const std::string& path, const json::value& info) {
     std::string local;
     try {
       local = locals.resolve(path);
     } catch (const ManifestError&) {
-      result.corrupted_files.push_back(path);
-      result.valid = false;
-      continue;
+      return FileState::kCorrupted;
     }
-    if (!path_exists(local)) {
-      result.missing_files.push_back(path);
-      result.valid = false;
-      continue;
-    }
-    std::int64_t expected_size = expected_size_of(kv.value());
+    if (!path_exists(local)) return FileState::kMissing;
+    std::int64_t expected_size = expected_size_of(info);
     std::int64_t actual_size = -1;
     try {
       actual_size = file_size(local);
     } catch (const OSError&) {
-      result.missing_files.push_back(path);
-      result.valid = false;
-      continue;
+      return FileState::kMissing;
     }
-    if (expected_size >= 0 && actual_size != expected_size) {
-      result.corrupted_files.push_back(path);
-      result.valid = false;
-      continue;
-    }
-    std::string expected_sha = expected_sha_of(kv.value());
-    if (expected_sha.empty()) continue;
-    std::string actual;
+    if (expected_size >= 0 && actual_size != expected_size) return FileState::kCorrupted;
+    std::string expected_sha = expected_sha_of(info);
+    if (expected_sha.empty()) return FileState::kIntact;
     try {
-      actual = sha256_file(local);
+      return sha256_file(local) == expected_sha ? FileState::kIntact : FileState::kCorrupted;
     } catch (const OSError&) {
-      result.corrupted_files.push_back(path);
-      result.valid = false;
-      continue;
+      return FileState::kCorrupted;
     }
-    if (actual != expected_sha) {
-      result.corrupted_files.push_back(path);
-      result.valid = false;
-    }
+  };
+
+  std::vector<std::pair<std::string, FileState>> suspects;
+  for (const auto& kv : manifest->files()) {
+    std::string path(kv.key());
+    if (rotation.leaves_out(path, kv.value(), siblings)) continue;
+    if (manifest_file_is_sync_excluded(path, kv.value(), siblings)) continue;
+    FileState state = check(path, kv.value());
+    if (state != FileState::kIntact) suspects.emplace_back(std::move(path), state);
+  }
+  if (!suspects.empty()) {
+    // A sync of another process promotes each file as soon as it is verified
+    // and writes manifest.json last: what looked wrong may be a newer file
+    // of a sync under way. Look again while no sync can run.
+    acquire_flock();
+    struct Release {
+      SyncManager* self;
+      ~Release() { self->release_flock(); }
+    } release{this};
+    for (auto& [path, state] : suspects) state = check(path, manifest->files().at(path));
+  }
+  for (const auto& [path, state] : suspects) {
+    if (state == FileState::kIntact) continue;
+    (state == FileState::kMissing ? result.missing_files : result.corrupted_files).push_back(path);
+    result.valid = false;
   }
   return result;
 }

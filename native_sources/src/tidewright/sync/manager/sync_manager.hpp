@@ -137,6 +137,9 @@ class SyncManager : public std::enable_shared_from_this<SyncManager>, public Era
                                                   const FileFilter& skip = {});
   bool local_manifest_files_complete(Manifest& manifest);
   bool needs_sync();
+  // Hashes every file of the held manifest (never the hash cache). Files that
+  // look missing or corrupted are checked again under the cross-process lock,
+  // so a sync running in another process is waited for rather than reported.
   VerifyResult verify();
   SyncResult repair(const std::vector<std::string>& files);
   SyncResult ensure_manifest_file_available(const std::string& file_path, const json::value& file_info);

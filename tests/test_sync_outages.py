@@ -1,0 +1,121 @@
+"""Sync while the data service is away: restarted under a running download,
+not listening at all, or behind a certificate the client does not trust.
+Each ends with correct files, or with a typed error and the previous state
+kept, and the next sync after the service is back completes."""
+
+import concurrent.futures
+import os
+import threading
+import time
+
+import pytest
+
+import tidewright.sync as sync
+from sync_helpers import (BIG, BIG_BYTES, CHUNK, FEATURE, assert_in_step, body_bytes_served, manager, range_starts,
+                          request_budget, tree)
+from tidewright.sync_backoff import SyncBackoffCancelled, SyncBackoffPolicy, backoff_context
+
+BIG_URL_PATH = "/data/files/" + BIG
+
+
+@pytest.fixture
+def svc(dataservice_factory):
+    return dataservice_factory(large_file_bytes=BIG_BYTES)
+
+
+@pytest.fixture
+def backoff_waits(monkeypatch):
+    """Attempt indices the backoff policy was asked for, per thread; the waits are short."""
+    asked = []
+
+    def delay_seconds(cls, attempt_index):
+        asked.append((threading.get_ident(), attempt_index))
+        return 0.01
+
+    monkeypatch.setattr(SyncBackoffPolicy, "delay_seconds", classmethod(delay_seconds))
+    return asked
+
+
+@pytest.fixture
+def in_background():
+    """Runs a callable on another thread; its future is joined (bounded) at teardown."""
+    pool = concurrent.futures.ThreadPoolExecutor(max_workers=2)
+    yield pool.submit
+    pool.shutdown(wait=False, cancel_futures=True)
+
+
+def wait_for(predicate, timeout=30.0):
+    deadline = time.monotonic() + timeout
+    while time.monotonic() < deadline:
+        if predicate():
+            return True
+        time.sleep(0.01)
+    return predicate()
+
+
+def budgeted_sync(svc, m):
+    with request_budget(svc):
+        return m.sync()
+
+
+def test_a_service_restarted_under_a_download_is_resumed_where_it_broke_off(svc, tmp_path, backoff_waits,
+                                                                             in_background):
+    svc.add_fault(BIG_URL_PATH, "stall", skip=1, after_bytes=1000)
+    m = manager(svc, tmp_path)
+    running = in_background(budgeted_sync, svc, m)
+    assert wait_for(lambda: any(r.fault == "stall" and r.bytes_sent == 1000 for r in svc.requests_for(BIG_URL_PATH)))
+    svc.restart()
+    running.result(timeout=60)
+    assert_in_step(svc, tmp_path)
+    # The 1000 bytes received before the restart are kept: nothing is sent twice.
+    assert range_starts(svc, BIG)[:3] == [0, CHUNK, CHUNK + 1000]
+    assert body_bytes_served(svc, BIG) == BIG_BYTES
+
+
+@pytest.mark.parametrize("stopped_by", ["backoff context", "manager stop"])
+def test_nothing_listening_is_retried_until_stopped_and_the_next_sync_completes(svc, tmp_path, backoff_waits,
+                                                                                in_background, stopped_by):
+    m = manager(svc, tmp_path)
+    budgeted_sync(svc, m)
+    before = tree(tmp_path)
+    svc.stop()
+    svc.set_version(touch=[FEATURE])
+
+    if stopped_by == "backoff context":
+        with backoff_context(stop_requested=lambda: len(backoff_waits) >= 6), pytest.raises(SyncBackoffCancelled):
+            m.sync()
+        assert [attempt for _, attempt in backoff_waits] == list(range(6))  # one retry loop, still going
+    else:
+        m.start()  # the poll thread meets the outage too
+        running = in_background(m.sync)
+        assert wait_for(lambda: len(backoff_waits) >= 6)
+        m.stop()
+        with pytest.raises(SyncBackoffCancelled):
+            running.result(timeout=30)
+        assert not m.is_alive()
+    assert tree(tmp_path) == before
+    assert m.get_manifest().version == 1
+
+    svc.start()  # the same port
+    budgeted_sync(svc, m)
+    assert_in_step(svc, tmp_path)
+    assert m.get_manifest().version == 2
+
+
+def test_an_untrusted_certificate_sends_nothing_and_the_configured_ca_is_trusted(dataservice_factory, tmp_path,
+                                                                                 monkeypatch, backoff_waits):
+    svc = dataservice_factory(tls=True)
+    for name in ("SSL_CERT_FILE", "CURL_CA_BUNDLE", "SSL_CERT_DIR"):
+        monkeypatch.delenv(name, raising=False)
+    m = manager(svc, tmp_path)
+    with backoff_context(stop_requested=lambda: len(backoff_waits) >= 3), pytest.raises(SyncBackoffCancelled):
+        m.sync()
+    # Retried as a network failure; the handshake fails before a request (and
+    # its token) is sent.
+    assert [attempt for _, attempt in backoff_waits] == [0, 1, 2]
+    assert svc.requests == []
+    assert os.listdir(tmp_path) == [] and m.get_manifest() is None
+
+    monkeypatch.setenv("SSL_CERT_FILE", svc.ca_file)
+    budgeted_sync(svc, m)
+    assert_in_step(svc, tmp_path)
