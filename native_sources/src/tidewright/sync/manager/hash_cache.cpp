@@ -84,7 +84,7 @@ void HashCache::load() {
       loaded.clear();
     }
   }
-  std::lock_guard<std::mutex> lock(mu_);
+  std::unique_lock<std::shared_mutex> lock(mu_);
   entries_ = std::move(loaded);
   dirty_ = false;
 }
@@ -98,7 +98,7 @@ std::optional<std::string> HashCache::cached_sha(const std::string& file_path, c
 
 std::optional<std::string> HashCache::cached_sha(const std::string& file_path, const StatKey& key,
                                                  const std::string& expected_sha) {
-  std::lock_guard<std::mutex> lock(mu_);
+  std::shared_lock<std::shared_mutex> lock(mu_);
   auto it = entries_.find(file_path);
   if (it == entries_.end() || !trusted(it->second, key, expected_sha)) return std::nullopt;
   return it->second.sha256;
@@ -106,7 +106,7 @@ std::optional<std::string> HashCache::cached_sha(const std::string& file_path, c
 
 std::vector<char> HashCache::cached_batch(const std::vector<Query>& queries) {
   std::vector<char> hits(queries.size(), 0);
-  std::lock_guard<std::mutex> lock(mu_);
+  std::shared_lock<std::shared_mutex> lock(mu_);
   for (std::size_t i = 0; i < queries.size(); ++i) {
     auto it = entries_.find(*queries[i].file_path);
     hits[i] = it != entries_.end() && trusted(it->second, queries[i].key, *queries[i].expected_sha);
@@ -123,7 +123,7 @@ void HashCache::remember(const std::string& file_path, const std::string& local_
   }
   json::value entry = entry_for(actual_sha, key);
   std::int64_t now = coarse_now_ns();
-  std::lock_guard<std::mutex> lock(mu_);
+  std::unique_lock<std::shared_mutex> lock(mu_);
   auto it = entries_.find(file_path);
   if (it != entries_.end() && it->second.stored == entry) {
     it->second.hashed_at_ns = now;
@@ -138,7 +138,7 @@ void HashCache::remember(const std::string& file_path, const std::string& local_
 void HashCache::persist() {
   json::object snapshot;
   {
-    std::lock_guard<std::mutex> lock(mu_);
+    std::unique_lock<std::shared_mutex> lock(mu_);
     if (!dirty_) return;
     json::object files;
     files.reserve(entries_.size());
@@ -151,20 +151,20 @@ void HashCache::persist() {
     atomic_write(path_, dump_json(snapshot, {.sort_keys = true}));
   } catch (const std::exception& e) {
     log_warning("Failed to persist sync hash cache: %s", {json::value(e.what())});
-    std::lock_guard<std::mutex> lock(mu_);
+    std::unique_lock<std::shared_mutex> lock(mu_);
     dirty_ = true;
   }
 }
 
 json::object HashCache::entries() const {
-  std::lock_guard<std::mutex> lock(mu_);
+  std::shared_lock<std::shared_mutex> lock(mu_);
   json::object out;
   for (const auto& [k, v] : entries_) out[k] = v.stored;
   return out;
 }
 
 bool HashCache::dirty() const {
-  std::lock_guard<std::mutex> lock(mu_);
+  std::shared_lock<std::shared_mutex> lock(mu_);
   return dirty_;
 }
 

@@ -10,8 +10,9 @@
 // hashed again until time has moved on. Times are compared in the file
 // system's own (coarse) clock.
 //
-// Thread-safe: the map and the dirty flag are guarded by mu_; hashing and
-// file writes happen outside it, so download workers remember digests
+// Thread-safe: the map and the dirty flag are guarded by mu_ (lookups share
+// it, so the threads of a no-op check do not queue on each other); hashing
+// and file writes happen outside it, so download workers remember digests
 // concurrently.
 #pragma once
 
@@ -21,6 +22,7 @@
 #include <boost/unordered/unordered_flat_map.hpp>
 
 #include <mutex>
+#include <shared_mutex>
 #include <optional>
 #include <string>
 #include <vector>
@@ -78,7 +80,7 @@ class HashCache {
   static Entry make_entry(json::value stored);
 
   const std::string path_;
-  mutable std::mutex mu_;
+  mutable std::shared_mutex mu_;
   // Open addressing: a lookup is one probe of a flat array, which matters
   // when a no-op sync looks up every file of a large era.
   boost::unordered_flat_map<std::string, Entry> entries_;  // guarded by mu_
