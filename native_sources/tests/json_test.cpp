@@ -28,6 +28,21 @@ TEST(JsonWriter, PrintsValuesLikeTheHost) {
   EXPECT_EQ(python_str(json::value("plain")), "plain");
 }
 
+TEST(JsonWriter, WritesBytesThatAreNotUtf8AsTheirOwnCodePointsSoTheTextReadsBack) {
+  // Header values and file names may hold any bytes; a text that the parser
+  // refuses would make a side file unreadable for good.
+  EXPECT_EQ(dump_json(json::value("\xF5\xAD\x8D\x9A")), R"("\u00f5\u00ad\u008d\u009a")");  // past U+10FFFF
+  EXPECT_EQ(dump_json(json::value("\xED\xA0\x80")), R"("\u00ed\u00a0\u0080")");            // a surrogate
+  EXPECT_EQ(dump_json(json::value("\xC0\x80")), R"("\u00c0\u0080")");                          // overlong NUL
+  EXPECT_EQ(dump_json(json::value("\xC3\xA9\xF0\x9F\x98\x80")), R"("\u00e9\ud83d\ude00")");
+  std::mt19937_64 bytes(3);
+  for (int i = 0; i < 5000; ++i) {
+    std::string text(1 + bytes() % 12, '\0');
+    for (auto& c : text) c = static_cast<char>(bytes() & 0xFF);
+    ASSERT_NO_THROW(parse_json(dump_json(json::value(text))));
+  }
+}
+
 TEST(JsonParse, RejectsMalformedTextAndConvertsIntegersLikeTheHost) {
   EXPECT_THROW(parse_json("{"), JsonParseError);
   EXPECT_EQ(to_int(json::value(" 42 ")), 42);

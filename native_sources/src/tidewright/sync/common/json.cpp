@@ -243,8 +243,10 @@ std::string format_float(double value) {
 
 namespace {
 
-// Decodes one UTF-8 code point starting at s[i]; advances i. Invalid bytes
-// decode as themselves (U+0080..U+00FF) so that writing never fails.
+// Decodes one UTF-8 code point starting at s[i]; advances i. Bytes that do
+// not start a well-formed sequence (overlong forms, surrogates and values
+// past U+10FFFF included) decode as themselves (U+0080..U+00FF), so that
+// writing never fails and what is written always reads back.
 std::uint32_t next_code_point(std::string_view s, std::size_t& i) {
   auto b0 = static_cast<unsigned char>(s[i]);
   if (b0 < 0x80) {
@@ -264,6 +266,11 @@ std::uint32_t next_code_point(std::string_view s, std::size_t& i) {
       return b0;
     }
     cp = (cp << 6) | (b & 0x3F);
+  }
+  static constexpr std::uint32_t kSmallest[] = {0, 0, 0x80, 0x800, 0x10000};
+  if (cp < kSmallest[len] || cp > 0x10FFFF || (cp >= 0xD800 && cp <= 0xDFFF)) {
+    ++i;
+    return b0;
   }
   i += len;
   return cp;
