@@ -193,7 +193,8 @@ std::string sync_progress_text(std::int64_t era_number, std::int64_t version, co
     info["kind"] = text_form_or_empty(entry, "kind");
     info["platform"] = text_form_or_empty(entry, "platform");
     if (size) {
-      total_bytes += *size;
+      // Saturates: sizes from a hostile manifest may add up past 64 bits.
+      total_bytes = *size > INT64_MAX - total_bytes ? INT64_MAX : total_bytes + *size;
       info["size_bytes"] = *size;
     } else {
       unknown_size_files.emplace_back(kv.key());
