@@ -98,6 +98,25 @@ def test_partial_download_resumes_in_the_next_sync(svc, tmp_path):
     assert not orphan.exists()
 
 
+def test_partial_download_of_a_file_changed_since_starts_over(svc, tmp_path):
+    svc.add_fault(BIG_URL_PATH, "truncate", after_bytes=10_000)
+    svc.add_fault(BIG_URL_PATH, "status", status=400)
+    m = manager(svc, tmp_path)
+    with request_budget(svc), pytest.raises(sync.PermanentDownloadError):
+        m.sync()
+    svc.set_version(touch=[BIG])
+    svc.clear_requests()
+
+    with request_budget(svc):
+        m.sync()
+    assert_in_step(svc, tmp_path)
+    # The old version's 10,000 bytes are dropped before a range is asked for,
+    # not resumed and then refused by the digest.
+    assert range_starts(svc, BIG) == [0, CHUNK, 2 * CHUNK, 3 * CHUNK]
+    assert body_bytes_served(svc, BIG) == BIG_BYTES
+    assert os.listxattr(tmp_path / BIG) == []
+
+
 def test_leftover_staging_file_that_is_not_a_prefix_is_replaced(svc, tmp_path):
     staging = tmp_path / (BIG + ".tmp")
     staging.parent.mkdir(parents=True)
