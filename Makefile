@@ -66,10 +66,10 @@ fuzz: apt-deps venv
 	PATH="$(CURDIR)/$(VENV)/bin:$$PATH" CC=clang CXX=clang++ cmake -S . -B build/fuzz -G Ninja \
 	  -DTW_BUILD_FUZZ=ON -DTW_SANITIZE=fuzz -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
 	PATH="$(CURDIR)/$(VENV)/bin:$$PATH" cmake --build build/fuzz -j $(JOBS)
-	@set -e; for t in manifest paths artifacts; do \
+	@set -e; for t in manifest paths artifacts era_current side_files; do \
 	  mkdir -p build/fuzz/corpus-$$t; \
 	  echo "== fuzz_$$t ($(FUZZ_SECONDS) s)"; \
-	  if ! build/fuzz/fuzz_$$t -max_total_time=$(FUZZ_SECONDS) -print_final_stats=1 -artifact_prefix=build/fuzz/ \
+	  if ! UBSAN_OPTIONS=halt_on_error=1:print_stacktrace=1 build/fuzz/fuzz_$$t -max_total_time=$(FUZZ_SECONDS) -print_final_stats=1 -artifact_prefix=build/fuzz/ \
 	      build/fuzz/corpus-$$t native_sources/fuzz/corpus/$$t > build/fuzz/$$t.log 2>&1; then \
 	    tail -40 build/fuzz/$$t.log; echo "fuzz_$$t found a failure (input saved under build/fuzz/)"; exit 1; \
 	  fi; \
