@@ -57,6 +57,15 @@ demo: install
 bench: install
 	$(VPY) bench/bench_peers.py $(BENCH_ARGS)
 
+# Kill -9 at random moments of a sync against a throttled local service;
+# checks the data directory after each kill and after a recovery sync, and
+# reports the bytes fetched again (see bench/crash_sync.py).
+CRASH_ROUNDS ?= 5
+CRASH_ARGS ?=
+.PHONY: crash-test
+crash-test: install
+	$(VPY) bench/crash_sync.py --rounds $(CRASH_ROUNDS) $(CRASH_ARGS)
+
 # libFuzzer targets (clang, ASan + UBSan) over the corpus kept in the repo;
 # FUZZ_SECONDS per target. New inputs found are kept under build/fuzz.
 FUZZ_SECONDS ?= 60
