@@ -120,10 +120,10 @@ def file_sha(path: str) -> str:
     return digest.hexdigest()
 
 
-def lacking_bytes(svc: DataService, data_dir: str) -> int:
-    """What the directory lacks for the served manifest: missing or stale
-    files, less the part of a staging file that is a prefix of the file."""
-    lacking = 0
+def lacking_bytes(svc: DataService, data_dir: str) -> dict[str, int]:
+    """What the directory lacks for the served manifest, per file: missing or
+    stale files, less the part of a staging file that is a prefix of the file."""
+    lacking = {}
     for rel, entry in svc.manifest()["files"].items():
         path = local_path(data_dir, rel)
         if os.path.isfile(path) and file_sha(path) == entry["sha256"]:
@@ -135,12 +135,18 @@ def lacking_bytes(svc: DataService, data_dir: str) -> int:
                 staged = handle.read()
         if staged and len(staged) <= size and svc.file_bytes(None, rel)[:len(staged)] == staged:
             size -= len(staged)
-        lacking += size
+        lacking[rel] = size
     return lacking
 
 
-def file_bytes_served(svc: DataService) -> int:
-    return sum(r.bytes_sent for r in svc.requests_for("/data/files/*") if r.status in (200, 206))
+def file_bytes_served(svc: DataService, since: int = 0) -> dict[str, int]:
+    """Body bytes sent per file, for the requests from number ``since`` on."""
+    served: dict[str, int] = {}
+    for r in svc.requests[since:]:
+        if r.path.startswith("/data/files/") and r.status in (200, 206):
+            rel = r.path[len("/data/files/"):]
+            served[rel] = served.get(rel, 0) + r.bytes_sent
+    return served
 
 
 def timed_sync(svc: DataService, data_dir: str, timeout: float) -> float:
@@ -340,7 +346,7 @@ def one_round(index: int, state: str, args, rng: random.Random, full_sync: float
         era_bytes = sum(e["size_bytes"] for e in svc.manifest()["files"].values())
         throttle(svc, args)
         expected = timed_sync(svc, data_dir, args.recovery_timeout)
-        needed = lacking_bytes(svc, data_dir)
+        needed = sum(lacking_bytes(svc, data_dir).values())
 
         aim_commit = index % 3 == 2
         kill_at = rng.uniform(0.88, 1.0) * expected if aim_commit else rng.uniform(0.0, 1.0) * expected
@@ -349,16 +355,23 @@ def one_round(index: int, state: str, args, rng: random.Random, full_sync: float
         problems = check_directory(data_dir, published, seeds)
         # Bytes the service sent that the killed process never wrote down:
         # they were in the sockets (or the process) when it died.
-        in_flight = file_bytes_served(svc) - (needed - lacking_bytes(svc, data_dir))
+        lacking = lacking_bytes(svc, data_dir)
+        in_flight = sum(file_bytes_served(svc).values()) - (needed - sum(lacking.values()))
 
+        first_recovery_request = len(svc.requests)
         recovery_problems, recovery_took = recover(svc, data_dir, args.recovery_timeout)
         problems += recovery_problems
-        served = file_bytes_served(svc)
+        served = sum(file_bytes_served(svc).values())
         refetch = served - needed
+        again = {rel: n - lacking.get(rel, 0) for rel, n in file_bytes_served(svc, first_recovery_request).items()
+                 if n > lacking.get(rel, 0)}
         line = (f"{state:15s} kill at {kill_at:4.2f} s of {expected:4.2f} ({phase:15s}) "
                 f"needed {needed / MIB:5.2f} MiB, served {served / MIB:5.2f} MiB, refetch "
                 f"{refetch / KIB:6.1f} KiB = {100.0 * refetch / era_bytes:5.2f} % "
                 f"(in flight at the kill {in_flight / KIB:5.1f} KiB); recovery {recovery_took:4.2f} s")
+        if again:
+            line += "\n    fetched again by the recovery: " + ", ".join(
+                f"{rel} ({n} B)" for rel, n in sorted(again.items(), key=lambda kv: -kv[1])[:4])
         if problems:
             line += "\n    " + "\n    ".join(problems[:8])
         return Outcome(not problems, line, 100.0 * refetch / era_bytes,
