@@ -57,6 +57,15 @@ demo: install
 bench: install
 	$(VPY) bench/bench_peers.py $(BENCH_ARGS)
 
+# Kill -9 at random moments of a sync against a throttled local service;
+# checks the data directory after each kill and after a recovery sync, and
+# reports the bytes fetched again (see bench/crash_sync.py).
+CRASH_ROUNDS ?= 5
+CRASH_ARGS ?=
+.PHONY: crash-test
+crash-test: install
+	$(VPY) bench/crash_sync.py --rounds $(CRASH_ROUNDS) $(CRASH_ARGS)
+
 # libFuzzer targets (clang, ASan + UBSan) over the corpus kept in the repo;
 # FUZZ_SECONDS per target. New inputs found are kept under build/fuzz.
 FUZZ_SECONDS ?= 60
@@ -66,10 +75,10 @@ fuzz: apt-deps venv
 	PATH="$(CURDIR)/$(VENV)/bin:$$PATH" CC=clang CXX=clang++ cmake -S . -B build/fuzz -G Ninja \
 	  -DTW_BUILD_FUZZ=ON -DTW_SANITIZE=fuzz -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
 	PATH="$(CURDIR)/$(VENV)/bin:$$PATH" cmake --build build/fuzz -j $(JOBS)
-	@set -e; for t in manifest paths artifacts; do \
+	@set -e; for t in manifest paths artifacts era_current side_files; do \
 	  mkdir -p build/fuzz/corpus-$$t; \
 	  echo "== fuzz_$$t ($(FUZZ_SECONDS) s)"; \
-	  if ! build/fuzz/fuzz_$$t -max_total_time=$(FUZZ_SECONDS) -print_final_stats=1 -artifact_prefix=build/fuzz/ \
+	  if ! UBSAN_OPTIONS=halt_on_error=1:print_stacktrace=1 build/fuzz/fuzz_$$t -max_total_time=$(FUZZ_SECONDS) -print_final_stats=1 -artifact_prefix=build/fuzz/ \
 	      build/fuzz/corpus-$$t native_sources/fuzz/corpus/$$t > build/fuzz/$$t.log 2>&1; then \
 	    tail -40 build/fuzz/$$t.log; echo "fuzz_$$t found a failure (input saved under build/fuzz/)"; exit 1; \
 	  fi; \

@@ -98,6 +98,43 @@ def test_partial_download_resumes_in_the_next_sync(svc, tmp_path):
     assert not orphan.exists()
 
 
+def test_partial_download_of_a_file_changed_since_starts_over(svc, tmp_path):
+    svc.add_fault(BIG_URL_PATH, "truncate", after_bytes=10_000)
+    svc.add_fault(BIG_URL_PATH, "status", status=400)
+    m = manager(svc, tmp_path)
+    with request_budget(svc), pytest.raises(sync.PermanentDownloadError):
+        m.sync()
+    svc.set_version(touch=[BIG])
+    svc.clear_requests()
+
+    with request_budget(svc):
+        m.sync()
+    assert_in_step(svc, tmp_path)
+    # The old version's 10,000 bytes are dropped before a range is asked for,
+    # not resumed and then refused by the digest.
+    assert range_starts(svc, BIG) == [0, CHUNK, 2 * CHUNK, 3 * CHUNK]
+    assert body_bytes_served(svc, BIG) == BIG_BYTES
+    assert os.listxattr(tmp_path / BIG) == []
+
+
+def test_partial_vocabulary_left_by_a_killed_sync_is_resumed_at_the_commit(svc, tmp_path):
+    vocabulary = "named_universes/top50/vocabulary.json"
+    body = svc.file_bytes(None, vocabulary)
+    staging = tmp_path / (vocabulary + ".tmp")
+    staging.parent.mkdir(parents=True)
+    staging.write_bytes(body[:100])
+    synced(svc, tmp_path)
+    assert range_starts(svc, vocabulary) == [100]
+    assert body_bytes_served(svc, vocabulary) == len(body) - 100
+
+    # Kept through the download set, but removed when the vocabulary on disk
+    # turns out to be current.
+    staging.write_bytes(body[:100])
+    svc.set_version(touch=[FEATURE])
+    synced(svc, tmp_path)
+    assert len(range_starts(svc, vocabulary)) == 1
+
+
 def test_leftover_staging_file_that_is_not_a_prefix_is_replaced(svc, tmp_path):
     staging = tmp_path / (BIG + ".tmp")
     staging.parent.mkdir(parents=True)

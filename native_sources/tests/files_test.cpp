@@ -1,6 +1,7 @@
 #include "tidewright/sync/transport/files.hpp"
 
 #include "tidewright/sync/common/fs.hpp"
+#include "tidewright/sync/manager/download_set.hpp"
 #include "tidewright/sync/manifest/manifest_files.hpp"
 #include "tidewright/sync/reporting/errors.hpp"
 
@@ -160,6 +161,18 @@ TEST(SyncProgress, SizesComeFromTheSiblingsAndUnknownOnesAreListed) {
   EXPECT_EQ(progress["total_bytes"], 4);
   EXPECT_EQ(progress["total_bytes_known"], false);
   EXPECT_EQ(progress["unknown_size_files"], json::array{"b.arrow"});
+}
+
+TEST(SyncProgress, TotalsOfHugeSizesSaturateInsteadOfWrappingAround) {
+  // Each size is valid on its own; a wrapped sum would be negative and pass
+  // the disk space check.
+  json::object files = parse_json(R"({"a": {"size_bytes": 9223372036854775807}, "b": {"size_bytes": 2}})").as_object();
+  ManifestSiblings siblings = default_manifest_siblings();
+  json::object progress = parse_json(sync_progress_text(1, 1, files, siblings, 0.0)).as_object();
+  EXPECT_EQ(progress["total_bytes"], INT64_MAX);
+  DownloadSet set;
+  for (const auto& kv : files) set.emplace_back(std::string(kv.key()), kv.value().as_object());
+  EXPECT_THROW(require_disk_space(set, 1LL << 40, siblings), DiskSpaceError);
 }
 
 TEST(ManifestFiles, HintMatchesOnlyTheManifestTheSideFileWasWrittenFor) {

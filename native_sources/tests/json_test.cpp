@@ -2,6 +2,10 @@
 
 #include <gtest/gtest.h>
 
+#include <cmath>
+#include <cstring>
+#include <random>
+
 namespace tidewright::sync {
 namespace {
 
@@ -24,6 +28,21 @@ TEST(JsonWriter, PrintsValuesLikeTheHost) {
   EXPECT_EQ(python_str(json::value("plain")), "plain");
 }
 
+TEST(JsonWriter, WritesBytesThatAreNotUtf8AsTheirOwnCodePointsSoTheTextReadsBack) {
+  // Header values and file names may hold any bytes; a text that the parser
+  // refuses would make a side file unreadable for good.
+  EXPECT_EQ(dump_json(json::value("\xF5\xAD\x8D\x9A")), R"("\u00f5\u00ad\u008d\u009a")");  // past U+10FFFF
+  EXPECT_EQ(dump_json(json::value("\xED\xA0\x80")), R"("\u00ed\u00a0\u0080")");            // a surrogate
+  EXPECT_EQ(dump_json(json::value("\xC0\x80")), R"("\u00c0\u0080")");                          // overlong NUL
+  EXPECT_EQ(dump_json(json::value("\xC3\xA9\xF0\x9F\x98\x80")), R"("\u00e9\ud83d\ude00")");
+  std::mt19937_64 bytes(3);
+  for (int i = 0; i < 5000; ++i) {
+    std::string text(1 + bytes() % 12, '\0');
+    for (auto& c : text) c = static_cast<char>(bytes() & 0xFF);
+    ASSERT_NO_THROW(parse_json(dump_json(json::value(text))));
+  }
+}
+
 TEST(JsonParse, RejectsMalformedTextAndConvertsIntegersLikeTheHost) {
   EXPECT_THROW(parse_json("{"), JsonParseError);
   EXPECT_EQ(to_int(json::value(" 42 ")), 42);
@@ -32,6 +51,35 @@ TEST(JsonParse, RejectsMalformedTextAndConvertsIntegersLikeTheHost) {
   EXPECT_FALSE(to_int(json::value("x")).has_value());
   EXPECT_FALSE(to_int(json::value("1.5")).has_value());
   EXPECT_FALSE(to_int(json::value(nullptr)).has_value());
+}
+
+TEST(JsonParse, FloatsReadBackAsTheValuesTheyWereWrittenFrom) {
+  // Texts the host's encoder writes; the library's fast conversion reads
+  // each of these one unit in the last place off.
+  EXPECT_EQ(parse_json("5.563474000000008e+23").get_double(), 5.563474000000008e+23);
+  EXPECT_EQ(parse_json("556347400000000811118475").get_double(), 556347400000000811118475.0);
+  EXPECT_EQ(dump_json(parse_json("[5.563474000000008e+23, 0.1, 1700000000.123456]")),
+            "[5.563474000000008e+23, 0.1, 1700000000.123456]");
+
+  // Non-finite floats as the host writes and reads them, outside strings only.
+  json::value special = parse_json(R"({"a": [NaN, -Infinity, 1e999, 2], "NaN": "Infinity"})");
+  EXPECT_TRUE(std::isnan(special.at("a").at(0).get_double()));
+  EXPECT_EQ(special.at("a").at(1).get_double(), -INFINITY);
+  EXPECT_EQ(special.at("a").at(2).get_double(), INFINITY);
+  EXPECT_EQ(special.at("a").at(3).get_int64(), 2);
+  EXPECT_EQ(special.at("NaN"), "Infinity");
+  EXPECT_EQ(dump_json(special), R"({"a": [NaN, -Infinity, Infinity, 2], "NaN": "Infinity"})");
+  EXPECT_THROW(parse_json("[NaNa]"), JsonParseError);
+  EXPECT_THROW(parse_json("[Infinity"), JsonParseError);
+
+  std::mt19937_64 bits(7);
+  for (int i = 0; i < 20000; ++i) {
+    std::uint64_t b = bits();
+    double d;
+    std::memcpy(&d, &b, sizeof d);
+    if (!std::isfinite(d)) continue;
+    ASSERT_EQ(parse_json(dump_json(json::value(d))).get_double(), d) << dump_json(json::value(d));
+  }
 }
 
 }  // namespace

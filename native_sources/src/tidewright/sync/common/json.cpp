@@ -1,22 +1,190 @@
 #include "tidewright/sync/common/json.hpp"
 
+#include <boost/json/basic_parser_impl.hpp>
+
 #include <algorithm>
 #include <charconv>
 #include <cmath>
 #include <cstring>
+#include <limits>
+#include <optional>
 #include <vector>
 
 namespace tidewright::sync {
 
-json::value parse_json(std::string_view text) {
-  boost::system::error_code ec;
+namespace {
+
+// Builds values as the library's own parser does, except for numbers with a
+// fraction or an exponent (or too large for 64 bits): those are read again
+// from their text with std::from_chars, which rounds correctly. The
+// library's fast conversion is often one unit in the last place off, so a
+// float the host wrote would not read back as the same value, and a file
+// written from it would not say what the server said.
+class PreciseHandler {
+ public:
+  static constexpr std::size_t max_object_size = json::object::max_size();
+  static constexpr std::size_t max_array_size = json::array::max_size();
+  static constexpr std::size_t max_key_size = json::string::max_size();
+  static constexpr std::size_t max_string_size = json::string::max_size();
+
+  json::value_stack st;
+
+  bool on_document_begin(json::error_code&) { return true; }
+  bool on_document_end(json::error_code&) { return true; }
+  bool on_object_begin(json::error_code&) { return true; }
+  bool on_object_end(std::size_t n, json::error_code&) {
+    st.push_object(n);
+    return true;
+  }
+  bool on_array_begin(json::error_code&) { return true; }
+  bool on_array_end(std::size_t n, json::error_code&) {
+    st.push_array(n);
+    return true;
+  }
+  bool on_key_part(json::string_view s, std::size_t, json::error_code&) {
+    st.push_chars(s);
+    return true;
+  }
+  bool on_key(json::string_view s, std::size_t, json::error_code&) {
+    st.push_key(s);
+    return true;
+  }
+  bool on_string_part(json::string_view s, std::size_t, json::error_code&) {
+    st.push_chars(s);
+    return true;
+  }
+  bool on_string(json::string_view s, std::size_t, json::error_code&) {
+    st.push_string(s);
+    return true;
+  }
+  bool on_number_part(json::string_view s, json::error_code&) {
+    number_.append(s.data(), s.size());
+    return true;
+  }
+  bool on_int64(std::int64_t i, json::string_view, json::error_code&) {
+    next_number_is_nan();
+    number_.clear();
+    st.push_int64(i);
+    return true;
+  }
+  bool on_uint64(std::uint64_t u, json::string_view, json::error_code&) {
+    next_number_is_nan();
+    number_.clear();
+    st.push_uint64(u);
+    return true;
+  }
+  bool on_double(double d, json::string_view s, json::error_code&) {
+    number_.append(s.data(), s.size());
+    double exact = 0;
+    const char* end = number_.data() + number_.size();
+    auto [ptr, ec] = std::from_chars(number_.data(), end, exact);
+    if (ec == std::errc() && ptr == end) d = exact;  // out of range: keep the library's infinity
+    if (next_number_is_nan()) d = std::numeric_limits<double>::quiet_NaN();
+    number_.clear();
+    st.push_double(d);
+    return true;
+  }
+  bool on_bool(bool b, json::error_code&) {
+    st.push_bool(b);
+    return true;
+  }
+  bool on_null(json::error_code&) {
+    st.push_null();
+    return true;
+  }
+  bool on_comment_part(json::string_view, json::error_code&) { return true; }
+  bool on_comment(json::string_view, json::error_code&) { return true; }
+
+  // For text whose non-finite literals were replaced (see
+  // with_non_finite_literals_replaced): per number, in document order,
+  // whether it stood for NaN.
+  std::vector<char> nan_numbers;
+
+ private:
+  bool next_number_is_nan() {
+    if (next_number_ >= nan_numbers.size()) return false;
+    return nan_numbers[next_number_++] != 0;
+  }
+
+  std::string number_;  // the parts of a number split across writes
+  std::size_t next_number_ = 0;
+};
+
+// The host's encoder writes NaN, Infinity and -Infinity for non-finite
+// floats, and its decoder reads them back. The library knows no such
+// literals, so outside strings they become numbers too large for a double
+// (read as infinities) and `nan_numbers` marks, per number in document
+// order, those that were NaN. Empty when the text has none of them.
+std::optional<std::string> with_non_finite_literals_replaced(std::string_view text, std::vector<char>& nan_numbers) {
+  if (text.find("NaN") == std::string_view::npos && text.find("Infinity") == std::string_view::npos) {
+    return std::nullopt;
+  }
+  auto starts = [&](std::size_t i, std::string_view word) { return text.substr(i, word.size()) == word; };
+  auto is_number_char = [](char c) {
+    return (c >= '0' && c <= '9') || c == '-' || c == '+' || c == '.' || c == 'e' || c == 'E';
+  };
+  std::string out;
+  out.reserve(text.size() + 16);
+  bool replaced = false;
+  std::size_t i = 0;
+  while (i < text.size()) {
+    char c = text[i];
+    if (c == '"') {  // copy the string, escapes included
+      std::size_t j = i + 1;
+      while (j < text.size() && text[j] != '"') j += text[j] == '\\' ? 2 : 1;
+      j = std::min(j + 1, text.size());
+      out.append(text.substr(i, j - i));
+      i = j;
+    } else if (starts(i, "NaN")) {
+      out += "1e999";
+      nan_numbers.push_back(1);
+      replaced = true;
+      i += 3;
+    } else if (starts(i, "Infinity") || starts(i, "-Infinity")) {
+      out += c == '-' ? "-1e999" : "1e999";
+      nan_numbers.push_back(0);
+      replaced = true;
+      i += c == '-' ? 9 : 8;
+    } else if (c == '-' || (c >= '0' && c <= '9')) {
+      std::size_t j = i + 1;
+      while (j < text.size() && is_number_char(text[j])) ++j;
+      out.append(text.substr(i, j - i));
+      nan_numbers.push_back(0);
+      i = j;
+    } else {
+      out.push_back(c);
+      ++i;
+    }
+  }
+  if (!replaced) return std::nullopt;
+  return out;
+}
+
+json::value parse_with(std::string_view text, std::vector<char> nan_numbers, json::error_code& ec) {
   json::parse_options options;
   options.max_depth = 1024;
-  json::value value = json::parse(text, ec, {}, options);
-  if (ec) {
-    throw JsonParseError(ec.message());
+  json::basic_parser<PreciseHandler> parser(options);
+  parser.handler().st.reset();
+  parser.handler().nan_numbers = std::move(nan_numbers);
+  std::size_t used = parser.write_some(false, text.data(), text.size(), ec);
+  if (!ec && used < text.size()) ec = json::error::extra_data;
+  if (ec) return nullptr;
+  return parser.handler().st.release();
+}
+
+}  // namespace
+
+json::value parse_json(std::string_view text) {
+  json::error_code ec;
+  json::value value = parse_with(text, {}, ec);
+  if (!ec) return value;
+  std::vector<char> nan_numbers;
+  if (std::optional<std::string> replaced = with_non_finite_literals_replaced(text, nan_numbers)) {
+    json::error_code second;
+    value = parse_with(*replaced, std::move(nan_numbers), second);
+    if (!second) return value;
   }
-  return value;
+  throw JsonParseError(ec.message());
 }
 
 std::string format_float(double value) {
@@ -75,8 +243,10 @@ std::string format_float(double value) {
 
 namespace {
 
-// Decodes one UTF-8 code point starting at s[i]; advances i. Invalid bytes
-// decode as themselves (U+0080..U+00FF) so that writing never fails.
+// Decodes one UTF-8 code point starting at s[i]; advances i. Bytes that do
+// not start a well-formed sequence (overlong forms, surrogates and values
+// past U+10FFFF included) decode as themselves (U+0080..U+00FF), so that
+// writing never fails and what is written always reads back.
 std::uint32_t next_code_point(std::string_view s, std::size_t& i) {
   auto b0 = static_cast<unsigned char>(s[i]);
   if (b0 < 0x80) {
@@ -96,6 +266,11 @@ std::uint32_t next_code_point(std::string_view s, std::size_t& i) {
       return b0;
     }
     cp = (cp << 6) | (b & 0x3F);
+  }
+  static constexpr std::uint32_t kSmallest[] = {0, 0, 0x80, 0x800, 0x10000};
+  if (cp < kSmallest[len] || cp > 0x10FFFF || (cp >= 0xD800 && cp <= 0xDFFF)) {
+    ++i;
+    return b0;
   }
   i += len;
   return cp;

@@ -21,6 +21,7 @@
 #include <limits>
 #include <pthread.h>
 #include <sys/stat.h>
+#include <sys/xattr.h>
 #include <thread>
 #include <unistd.h>
 
@@ -113,6 +114,30 @@ class StagingSink : public BodySink {
   ProgressFeed* progress_ = nullptr;
   std::optional<std::int64_t> complete_length_;
 };
+
+// A staging file carries the digest of the file it holds a prefix of in an
+// extended attribute, so that a prefix of other bytes (a download of an
+// earlier manifest version, interrupted) starts over at once instead of being
+// resumed and found wrong only at the end. Where the file system has no user
+// attributes, or the file has none, the staging file is resumed as it is.
+constexpr const char* kStagingDigestAttribute = "user.tidewright.sha256";
+
+// Whether the staging file is marked as a prefix of another file.
+bool staging_marked_for_other_bytes(int fd, const std::string& expected_sha) {
+  char value[128];
+  ssize_t n = ::fgetxattr(fd, kStagingDigestAttribute, value, sizeof value);
+  if (n < 0 || expected_sha.empty()) return false;
+  return std::string_view(value, static_cast<std::size_t>(n)) != expected_sha;
+}
+
+// Best effort: without the mark the file is only resumed blindly.
+void mark_staging(int fd, const std::string& expected_sha) {
+  if (expected_sha.empty()) {
+    ::fremovexattr(fd, kStagingDigestAttribute);
+    return;
+  }
+  ::fsetxattr(fd, kStagingDigestAttribute, expected_sha.data(), expected_sha.size(), 0);
+}
 
 // The length N of an unsatisfied-range answer "bytes */N".
 std::optional<std::int64_t> unsatisfied_range_length(const HttpHeaders& headers) {
@@ -295,6 +320,15 @@ void SyncManager::download_file(const std::string& file_path, const json::object
       Sha256 hasher;
       UniqueFd fd(::open(staging.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0666));
       if (!fd.valid()) throw_os_error(errno, staging);
+      if (staging_marked_for_other_bytes(fd.get(), expected_sha)) {
+        json::object fields;
+        fields["expected_size"] = expected_size;
+        fields["actual_size"] = file_size(staging);
+        fields["expected_sha"] = expected_sha;
+        log_sync_event("range_resume_reset", file_path, 1, "stale_tmp", fields);
+        if (::ftruncate(fd.get(), 0) != 0) throw_os_error(errno, staging);
+      }
+      mark_staging(fd.get(), expected_sha);
       std::int64_t received = hash_existing(fd.get(), hasher, staging);
       if (received > 0) {
         log_sync_event("range_resume", file_path, 1, "partial_tmp", {{"bytes_existing", received}});
@@ -392,6 +426,7 @@ void SyncManager::download_file(const std::string& file_path, const json::object
         backoff("sha256_mismatch");
         continue;
       }
+      ::fremovexattr(fd.get(), kStagingDigestAttribute);  // the mark belongs to the staging file only
       if (fd.reset() != 0) throw_os_error(errno, staging);
       break;
     } catch (const SyncUnavailableError& e) {

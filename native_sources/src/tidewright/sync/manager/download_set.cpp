@@ -3,6 +3,8 @@
 #include "tidewright/sync/reporting/errors.hpp"
 #include "tidewright/sync/transport/files.hpp"
 
+#include <cstdint>
+
 namespace tidewright::sync {
 
 json::object download_entry(const Manifest& manifest, const json::value& info) {
@@ -20,7 +22,10 @@ json::object download_entry(const Manifest& manifest, const json::value& info) {
 std::int64_t require_disk_space(const DownloadSet& files, std::int64_t free_bytes, const ManifestSiblings& siblings) {
   std::int64_t needed = 0;
   for (const auto& [path, entry] : files) {
-    if (auto size = siblings.manifest_file_size(entry)) needed += *size;
+    // Saturates: sizes from a hostile manifest may add up past 64 bits.
+    if (auto size = siblings.manifest_file_size(entry)) {
+      needed = *size > INT64_MAX - needed ? INT64_MAX : needed + *size;
+    }
   }
   if (needed > 0 && needed > free_bytes) {
     throw DiskSpaceError("Insufficient disk space: need " + std::to_string(needed) + " bytes, have " +

@@ -7,6 +7,7 @@
 // lock we therefore check that the locked file is still the one at
 // ".sync_flock" and take the lock again when it is not.
 #include "tidewright/sync/common/fs.hpp"
+#include "tidewright/sync/manager/side_files.hpp"
 #include "tidewright/sync/manager/sync_manager.hpp"
 #include "tidewright/sync/reporting/errors.hpp"
 
@@ -63,21 +64,18 @@ bool owner_is_stale(const std::string& owner_path) {
   } catch (const std::exception&) {
     return false;  // vanished or unreadable: look again
   }
-  std::size_t space = text.find(' ');
-  if (space == std::string::npos) return false;
-  std::string host = text.substr(space + 1);
-  while (!host.empty() && (host.back() == '\n' || host.back() == ' ')) host.pop_back();
-  if (host != this_host()) return false;  // another machine's process: cannot tell
-  long pid = std::strtol(text.substr(0, space).c_str(), nullptr, 10);
-  if (pid <= 0) return true;
-  return ::kill(static_cast<pid_t>(pid), 0) != 0 && errno == ESRCH;
+  std::optional<LockOwner> owner = parse_lock_owner(text);
+  if (!owner) return false;                        // still being written
+  if (owner->host != this_host()) return false;    // another machine's process: cannot tell
+  if (!owner->pid) return true;                    // garbled by a process of this host
+  return ::kill(*owner->pid, 0) != 0 && errno == ESRCH;
 }
 
 }  // namespace
 
 void SyncManager::acquire_owner_file() {
   const std::string owner_path = flock_path_ + ".owner";
-  const std::string content = std::to_string(::getpid()) + " " + this_host() + "\n";
+  const std::string content = lock_owner_text(::getpid(), this_host());
   while (true) {
     UniqueFd fd(::open(owner_path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666));
     if (fd.valid()) {

@@ -59,25 +59,38 @@ bool HashCache::trusted(const Entry& entry, const StatKey& key, const std::strin
          key.ctime_ns < entry.hashed_at_ns;
 }
 
+json::object parse_hash_cache_text(std::string_view text) {
+  json::value payload = parse_json(text);
+  const json::object* obj = as_object(&payload);
+  const json::value* version = obj ? obj->if_contains("version") : nullptr;
+  const json::value* files = obj ? obj->if_contains("files") : nullptr;
+  bool version_ok =
+      version && (version->is_int64() || version->is_uint64()) && to_int(*version) == SYNC_HASH_CACHE_VERSION;
+  json::object entries;
+  if (!version_ok || !files || !files->is_object()) return entries;
+  for (const auto& kv : files->get_object()) {
+    if (kv.value().is_object()) entries[kv.key()] = kv.value();
+  }
+  return entries;
+}
+
+std::string hash_cache_text(json::object files) {
+  json::object snapshot;
+  snapshot["version"] = SYNC_HASH_CACHE_VERSION;
+  snapshot["files"] = std::move(files);
+  return dump_json(snapshot, {.sort_keys = true});
+}
+
 void HashCache::load() {
   boost::unordered_flat_map<std::string, Entry> loaded;
   if (path_exists(path_)) {
     std::int64_t written_at = 0;
     if (std::optional<StatKey> cache_key = try_stat_key(path_)) written_at = cache_key->mtime_ns;
     try {
-      json::value payload = parse_json(read_file(path_));
-      const json::object* obj = as_object(&payload);
-      const json::value* version = obj ? obj->if_contains("version") : nullptr;
-      const json::value* files = obj ? obj->if_contains("files") : nullptr;
-      bool version_ok = version && (version->is_int64() || version->is_uint64()) &&
-                        to_int(*version) == SYNC_HASH_CACHE_VERSION;
-      if (version_ok && files && files->is_object()) {
-        for (const auto& kv : files->get_object()) {
-          if (!kv.value().is_object()) continue;
-          Entry entry = make_entry(kv.value());
-          entry.hashed_at_ns = written_at;
-          loaded.emplace(std::string(kv.key()), std::move(entry));
-        }
+      for (const auto& kv : parse_hash_cache_text(read_file(path_))) {
+        Entry entry = make_entry(kv.value());
+        entry.hashed_at_ns = written_at;
+        loaded.emplace(std::string(kv.key()), std::move(entry));
       }
     } catch (const std::exception& e) {
       log_warning("Ignoring unreadable sync hash cache: %s", {json::value(e.what())});
@@ -136,19 +149,16 @@ void HashCache::remember(const std::string& file_path, const std::string& local_
 }
 
 void HashCache::persist() {
-  json::object snapshot;
+  json::object files;
   {
     std::unique_lock<std::shared_mutex> lock(mu_);
     if (!dirty_) return;
-    json::object files;
     files.reserve(entries_.size());
     for (const auto& [k, v] : entries_) files[k] = v.stored;
-    snapshot["version"] = SYNC_HASH_CACHE_VERSION;
-    snapshot["files"] = std::move(files);
     dirty_ = false;
   }
   try {
-    atomic_write(path_, dump_json(snapshot, {.sort_keys = true}));
+    atomic_write(path_, hash_cache_text(std::move(files)));
   } catch (const std::exception& e) {
     log_warning("Failed to persist sync hash cache: %s", {json::value(e.what())});
     std::unique_lock<std::shared_mutex> lock(mu_);

@@ -32,6 +32,13 @@ namespace tidewright::sync {
 inline constexpr const char* SYNC_HASH_CACHE_FILENAME = ".sync_hash_cache.json";
 inline constexpr std::int64_t SYNC_HASH_CACHE_VERSION = 1;
 
+// The entries of a cache file's text that are objects, by path; empty when
+// the text is not a version-1 cache object. Throws JsonParseError when the
+// text is not JSON.
+json::object parse_hash_cache_text(std::string_view text);
+// The text written for `files` (sorted keys).
+std::string hash_cache_text(json::object files);
+
 class HashCache {
  public:
   explicit HashCache(std::string path);

@@ -7,6 +7,7 @@
 // manager is never destroyed under a running thread.
 #include "tidewright/sync/artifacts/found_pnl.hpp"
 #include "tidewright/sync/common/fs.hpp"
+#include "tidewright/sync/manager/side_files.hpp"
 #include "tidewright/sync/manager/sync_manager.hpp"
 #include "tidewright/sync/manifest/paths.hpp"
 #include "tidewright/sync/reporting/errors.hpp"
@@ -84,7 +85,7 @@ void write_whole_text(const std::string& path, const std::string& text) {
 
 void SyncManager::persist_consumer_count() {
   try {
-    write_whole_text(consumer_count_path_, std::to_string(consumer_count_.load()));
+    write_whole_text(consumer_count_path_, consumer_count_text(consumer_count_.load()));
   } catch (const std::exception& e) {
     log_warning("Failed to persist consumer count: %s", {json::value(e.what())});
   }

@@ -364,8 +364,12 @@ SyncResult SyncManager::sync_impl() {
     to_download.emplace_back(path, download_entry(*server, kv.value()));
   }
 
-  // Space.
-  cleanup_sync_tmp_files(data_dir_, to_download_paths, &tmp_scan_memo_);
+  // Space. The vocabularies are downloaded at the commit, through the same
+  // staging files: a partial one left by an interrupted sync is resumed there.
+  std::vector<std::string> resumable = to_download_paths;
+  const std::vector<std::string> vocabulary_paths = vocabulary_manifest_paths(server->files());
+  resumable.insert(resumable.end(), vocabulary_paths.begin(), vocabulary_paths.end());
+  cleanup_sync_tmp_files(data_dir_, resumable, &tmp_scan_memo_);
   const std::int64_t needed = require_disk_space(to_download, free_bytes, siblings);
 
   // Download.
@@ -424,6 +428,7 @@ SyncResult SyncManager::sync_impl() {
     vocabulary_due = true;
   }
   if (vocabulary_due) result.vocabulary_downloaded = download_vocabulary(*server);
+  for (const auto& path : vocabulary_paths) remove_manifest_tmp_file(data_dir_, path);  // not needed after all
   result.shuffle_seed_downloaded = download_shuffle_seed(*server);
   write_manifest_json(data_dir_, server->data(), manifest_sha, body_sha);
   hash_cache_.persist();

@@ -2,6 +2,7 @@
 
 #include "tidewright/sync/common/fs.hpp"
 #include "tidewright/sync/era/market.hpp"
+#include "tidewright/sync/manager/side_files.hpp"
 #include "tidewright/sync/manifest/manifest_files.hpp"
 #include "tidewright/sync/manifest/sanitize.hpp"
 #include "tidewright/sync/reporting/errors.hpp"
@@ -54,7 +55,7 @@ void SyncManager::load_consumer_count() {
   if (path_exists(consumer_count_path_)) {
     try {
       std::string text = read_file(consumer_count_path_);
-      std::optional<std::int64_t> parsed = to_int(json::value(text));
+      std::optional<std::int64_t> parsed = parse_consumer_count(text);
       if (!parsed) {
         std::string stripped = text;
         auto is_ws = [](char c) { return c == ' ' || c == '\n' || c == '\t' || c == '\r' || c == '\f' || c == '\v'; };

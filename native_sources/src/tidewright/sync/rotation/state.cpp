@@ -122,15 +122,13 @@ std::vector<std::string> manifest_prefetched_feature_paths(const Manifest& manif
   return out;
 }
 
-std::set<std::string> read_prefetched_feature_relative_paths(const std::string& data_dir, const Manifest& manifest,
-                                                             const ManifestSiblings& siblings) {
-  std::string path = prefetched_features_state_path(data_dir);
-  if (!path_exists(path)) return {};
+std::set<std::string> parse_prefetched_features_text(std::string_view text, const Manifest& manifest,
+                                                     const ManifestSiblings& siblings) {
   json::value payload;
   try {
-    payload = parse_json(read_file(path));
+    payload = parse_json(text);
   } catch (const std::exception& e) {
-    log_debug("Ignoring unreadable prefetched features file %s: %s", {json::value(path), json::value(e.what())});
+    log_debug("Ignoring unreadable prefetched features file: %s", {json::value(e.what())});
     return {};
   }
   const json::object* object = as_object(&payload);
@@ -147,15 +145,34 @@ std::set<std::string> read_prefetched_feature_relative_paths(const std::string& 
   return std::set<std::string>(kept.begin(), kept.end());
 }
 
-void write_prefetched_feature_relative_paths(const std::string& data_dir, std::optional<std::int64_t> era_number,
-                                             const std::set<std::string>& relative_paths) {
+std::set<std::string> read_prefetched_feature_relative_paths(const std::string& data_dir, const Manifest& manifest,
+                                                             const ManifestSiblings& siblings) {
+  std::string path = prefetched_features_state_path(data_dir);
+  if (!path_exists(path)) return {};
+  std::string text;
+  try {
+    text = read_file(path);
+  } catch (const std::exception& e) {
+    log_debug("Ignoring unreadable prefetched features file %s: %s", {json::value(path), json::value(e.what())});
+    return {};
+  }
+  return parse_prefetched_features_text(text, manifest, siblings);
+}
+
+std::string prefetched_features_text(std::optional<std::int64_t> era_number,
+                                     const std::set<std::string>& relative_paths) {
   json::object payload;
   payload["schema_version"] = PREFETCHED_FEATURES_VERSION;
   payload["era_number"] = era_number ? json::value(*era_number) : json::value(nullptr);
   json::array paths;
   for (const auto& p : relative_paths) paths.emplace_back(p);  // a std::set iterates sorted
   payload["paths"] = std::move(paths);
-  atomic_write(prefetched_features_state_path(data_dir), dump_json(payload, JsonWriteOptions{.sort_keys = true}));
+  return dump_json(payload, JsonWriteOptions{.sort_keys = true});
+}
+
+void write_prefetched_feature_relative_paths(const std::string& data_dir, std::optional<std::int64_t> era_number,
+                                             const std::set<std::string>& relative_paths) {
+  atomic_write(prefetched_features_state_path(data_dir), prefetched_features_text(era_number, relative_paths));
 }
 
 }  // namespace tidewright::sync

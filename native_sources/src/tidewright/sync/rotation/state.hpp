@@ -65,6 +65,12 @@ std::vector<std::string> manifest_prefetched_feature_paths(const Manifest& manif
 // gives an empty set; never throws for a bad file.
 std::set<std::string> read_prefetched_feature_relative_paths(const std::string& data_dir, const Manifest& manifest,
                                                              const ManifestSiblings& siblings);
+// The same for the file's text (never throws).
+std::set<std::string> parse_prefetched_features_text(std::string_view text, const Manifest& manifest,
+                                                     const ManifestSiblings& siblings);
+// The text written for `relative_paths` of `era_number`.
+std::string prefetched_features_text(std::optional<std::int64_t> era_number,
+                                     const std::set<std::string>& relative_paths);
 
 // Replaces the prefetched file with `relative_paths` for `era_number`.
 void write_prefetched_feature_relative_paths(const std::string& data_dir, std::optional<std::int64_t> era_number,

@@ -177,8 +177,8 @@ std::string sync_progress_path(const std::string& data_dir) {
   return path_join(data_dir, SYNC_PROGRESS_FILENAME);
 }
 
-void write_sync_progress_json(const std::string& data_dir, std::int64_t era_number, std::int64_t version,
-                              const json::object& files_to_download, const ManifestSiblings& siblings) {
+std::string sync_progress_text(std::int64_t era_number, std::int64_t version, const json::object& files_to_download,
+                               const ManifestSiblings& siblings, double updated_at) {
   std::int64_t total_bytes = 0;
   json::array unknown_size_files;
   json::object files;
@@ -193,7 +193,8 @@ void write_sync_progress_json(const std::string& data_dir, std::int64_t era_numb
     info["kind"] = text_form_or_empty(entry, "kind");
     info["platform"] = text_form_or_empty(entry, "platform");
     if (size) {
-      total_bytes += *size;
+      // Saturates: sizes from a hostile manifest may add up past 64 bits.
+      total_bytes = *size > INT64_MAX - total_bytes ? INT64_MAX : total_bytes + *size;
       info["size_bytes"] = *size;
     } else {
       unknown_size_files.emplace_back(kv.key());
@@ -204,12 +205,18 @@ void write_sync_progress_json(const std::string& data_dir, std::int64_t era_numb
   progress["phase"] = "syncing";
   progress["era_number"] = era_number;
   progress["version"] = version;
-  progress["updated_at"] = wall_clock_seconds();
+  progress["updated_at"] = updated_at;
   progress["total_bytes"] = total_bytes;
   progress["total_bytes_known"] = unknown_size_files.empty();
   progress["unknown_size_files"] = std::move(unknown_size_files);
   progress["files"] = std::move(files);
-  atomic_write(sync_progress_path(data_dir), dump_json(progress, {.sort_keys = true}));
+  return dump_json(progress, {.sort_keys = true});
+}
+
+void write_sync_progress_json(const std::string& data_dir, std::int64_t era_number, std::int64_t version,
+                              const json::object& files_to_download, const ManifestSiblings& siblings) {
+  atomic_write(sync_progress_path(data_dir),
+               sync_progress_text(era_number, version, files_to_download, siblings, wall_clock_seconds()));
 }
 
 void remove_sync_progress_json(const std::string& data_dir) {

@@ -80,6 +80,9 @@ std::string sync_progress_path(const std::string& data_dir);
 // the entry's values ("" when missing or null).
 void write_sync_progress_json(const std::string& data_dir, std::int64_t era_number, std::int64_t version,
                               const json::object& files_to_download, const ManifestSiblings& siblings);
+// The text write_sync_progress_json writes, with "updated_at" given.
+std::string sync_progress_text(std::int64_t era_number, std::int64_t version, const json::object& files_to_download,
+                               const ManifestSiblings& siblings, double updated_at);
 
 // Deletes the progress file. Never throws: a missing file is fine, any other
 // failure is logged at debug level.
