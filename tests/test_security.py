@@ -193,6 +193,7 @@ class ConnectionTrap:
         self.sock.listen(16)
         self.url = "http://127.0.0.1:%d" % self.sock.getsockname()[1]
         self.connections = 0
+        self.heads = []  # the request head received on each connection
         self._thread = threading.Thread(target=self._accept, daemon=True)
         self._thread.start()
 
@@ -202,8 +203,17 @@ class ConnectionTrap:
                 conn, _ = self.sock.accept()
             except OSError:
                 return
-            self.connections += 1
-            conn.close()
+            with conn:
+                conn.settimeout(10)
+                head = b""
+                with contextlib.suppress(OSError):
+                    while b"\r\n\r\n" not in head:
+                        chunk = conn.recv(4096)
+                        if not chunk:
+                            break
+                        head += chunk
+                self.heads.append(head.decode("latin-1"))
+                self.connections += 1
 
     def close(self):
         with contextlib.suppress(OSError):
@@ -258,6 +268,17 @@ def test_plain_http_off_the_machine_is_refused_before_connecting(dataservice_fac
             manager(bad, data).sync()
         assert not (data / "manifest.json").exists()
     assert trap.connections == 0
+
+
+def test_a_redirect_off_the_machine_never_carries_the_token(dataservice_factory, trap, instant_backoff):
+    svc = dataservice_factory(token=SECRET)
+    svc.add_fault("/data/manifest", "status", status=302, count=None,
+                  set_headers={"Location": OFF_MACHINE + "/data/manifest"})
+    with backoff_context(stop_requested=lambda: trap.connections > 0), pytest.raises(SyncBackoffCancelled):
+        sync._http_get(svc.url + "/data/manifest", SECRET)
+    assert trap.heads and trap.heads[0].startswith("GET http://example.invalid/data/manifest ")
+    for head in trap.heads:
+        assert SECRET not in head and "authorization:" not in head.lower(), head
 
 
 def test_an_untrusted_certificate_fails_before_any_request_is_sent(dataservice_factory, tmp_path, monkeypatch,
