@@ -89,11 +89,13 @@ fuzz: apt-deps venv
 # The curl program is not instrumented, and with a sanitizer runtime preloaded
 # it hangs at start-up (setlocale's lock); the engine runs it for public
 # downloads, so both runs put this shim first on PATH: it drops LD_PRELOAD and
-# runs the real curl. $(1): the run's build directory.
+# runs the real curl. The shim is a Python script because the shells crash at
+# start-up with the TSan runtime preloaded. $(1): the run's build directory.
 define sanitizer_curl_shim
 	mkdir -p $(1)/bin
 	@real="$$(command -v curl)"; if [ -n "$$real" ]; then \
-	  printf '#!/bin/sh\nunset LD_PRELOAD\nexec "%s" "$$@"\n' "$$real" > $(1)/bin/curl; chmod +x $(1)/bin/curl; fi
+	  printf '#!%s\nimport os, sys\nos.environ.pop("LD_PRELOAD", None)\nos.execv("%s", ["%s"] + sys.argv[1:])\n' \
+	    "$(CURDIR)/$(VPY)" "$$real" "$$real" > $(1)/bin/curl; chmod +x $(1)/bin/curl; fi
 endef
 
 TSAN_DIR := build/tsan
