@@ -76,16 +76,6 @@ fuzz: apt-deps venv
 	  grep -E "stat::number_of_executed_units|stat::peak_rss_mb" build/fuzz/$$t.log; \
 	 done
 
-# ThreadSanitizer run of the whole pytest suite. The extension is built with
-# TW_SANITIZE=thread in its own CMake build directory and installed into
-# build/tsan/site, which PYTHONPATH puts ahead of the regular installation;
-# the regular venv's interpreter runs the tests. CPython itself is not
-# instrumented, so the TSan runtime has to be in the process before the
-# interpreter starts: it is loaded with LD_PRELOAD (without it, importing the
-# module fails with "cannot allocate memory in static TLS block"). Child
-# interpreters that tests start inherit both variables. native_sources/tsan.supp
-# lists the known false positives. Reports go to build/tsan/report.<pid>; the
-# target fails when there is any. TSAN_TESTS narrows the run.
 # The curl program is not instrumented, and with a sanitizer runtime preloaded
 # it hangs at start-up (setlocale's lock); the engine runs it for public
 # downloads, so both runs put this shim first on PATH: it drops LD_PRELOAD and
@@ -98,6 +88,16 @@ define sanitizer_curl_shim
 	    "$(CURDIR)/$(VPY)" "$$real" "$$real" > $(1)/bin/curl; chmod +x $(1)/bin/curl; fi
 endef
 
+# ThreadSanitizer run of the whole pytest suite. The extension is built with
+# TW_SANITIZE=thread in its own CMake build directory and installed into
+# build/tsan/site, which PYTHONPATH puts ahead of the regular installation;
+# the regular venv's interpreter runs the tests. CPython itself is not
+# instrumented, so the TSan runtime has to be in the process before the
+# interpreter starts: it is loaded with LD_PRELOAD (without it, importing the
+# module fails with "cannot allocate memory in static TLS block"). Child
+# interpreters that tests start inherit both variables. native_sources/tsan.supp
+# lists the known false positives. Reports go to build/tsan/report.<pid>; the
+# target fails when there is any. TSAN_TESTS narrows the run.
 TSAN_DIR := build/tsan
 TSAN_TESTS ?= tests
 TSAN_OPTIONS_RUN := log_path=$(CURDIR)/$(TSAN_DIR)/report second_deadlock_stack=1 halt_on_error=0 \
