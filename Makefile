@@ -17,7 +17,7 @@ SUDO := $(shell [ "$$(id -u)" = 0 ] || echo sudo)
 
 BENCH_ARGS ?=
 
-.PHONY: install apt-deps venv package test cpp-test py-test demo bench fuzz tsan clean
+.PHONY: install apt-deps venv package test cpp-test py-test demo bench fuzz tsan asan clean
 
 install: apt-deps venv package
 
@@ -85,18 +85,30 @@ fuzz: apt-deps venv
 	  grep -E "stat::number_of_executed_units|stat::peak_rss_mb" build/fuzz/$$t.log; \
 	 done
 
-# ThreadSanitizer run of the threaded parts (lifecycle, era thread, era
-# transitions). The extension is built with TW_SANITIZE=thread in its own
-# CMake build directory and installed into build/tsan/site, which PYTHONPATH
-# puts ahead of the regular installation; the regular venv's interpreter runs
-# the tests. CPython itself is not instrumented, so the TSan runtime has to be
-# in the process before the interpreter starts: it is loaded with LD_PRELOAD
-# (without it, importing the module fails with "cannot allocate memory in
-# static TLS block"). Child interpreters that tests start inherit both
-# variables. native_sources/tsan.supp lists the known false positives.
-# Reports go to build/tsan/report.<pid>; the target fails when there is any.
+# The curl program is not instrumented, and with a sanitizer runtime preloaded
+# it hangs at start-up (setlocale's lock); the engine runs it for public
+# downloads, so both runs put this shim first on PATH: it drops LD_PRELOAD and
+# runs the real curl. The shim is a Python script because the shells crash at
+# start-up with the TSan runtime preloaded. $(1): the run's build directory.
+define sanitizer_curl_shim
+	mkdir -p $(1)/bin
+	@real="$$(command -v curl)"; if [ -n "$$real" ]; then \
+	  printf '#!%s\nimport os, sys\nos.environ.pop("LD_PRELOAD", None)\nos.execv("%s", ["%s"] + sys.argv[1:])\n' \
+	    "$(CURDIR)/$(VPY)" "$$real" "$$real" > $(1)/bin/curl; chmod +x $(1)/bin/curl; fi
+endef
+
+# ThreadSanitizer run of the whole pytest suite. The extension is built with
+# TW_SANITIZE=thread in its own CMake build directory and installed into
+# build/tsan/site, which PYTHONPATH puts ahead of the regular installation;
+# the regular venv's interpreter runs the tests. CPython itself is not
+# instrumented, so the TSan runtime has to be in the process before the
+# interpreter starts: it is loaded with LD_PRELOAD (without it, importing the
+# module fails with "cannot allocate memory in static TLS block"). Child
+# interpreters that tests start inherit both variables. native_sources/tsan.supp
+# lists the known false positives. Reports go to build/tsan/report.<pid>; the
+# target fails when there is any. TSAN_TESTS narrows the run.
 TSAN_DIR := build/tsan
-TSAN_TESTS ?= tests/test_lifecycle.py tests/test_era.py
+TSAN_TESTS ?= tests
 TSAN_OPTIONS_RUN := log_path=$(CURDIR)/$(TSAN_DIR)/report second_deadlock_stack=1 halt_on_error=0 \
   suppressions=$(CURDIR)/native_sources/tsan.supp
 
@@ -104,11 +116,48 @@ tsan: apt-deps venv
 	rm -rf $(TSAN_DIR)/site $(TSAN_DIR)/report.*
 	$(PIP) install -q --disable-pip-version-check --no-build-isolation --no-deps --target $(TSAN_DIR)/site \
 	  -C cmake.define.TW_SANITIZE=thread -C cmake.build-type=RelWithDebInfo -C build-dir=$(TSAN_DIR)/cmake .
+	$(call sanitizer_curl_shim,$(TSAN_DIR))
+	@status=0; \
 	LD_PRELOAD="$$(g++ -print-file-name=libtsan.so)" TSAN_OPTIONS="$(TSAN_OPTIONS_RUN)" \
-	  PYTHONPATH="$(CURDIR)/$(TSAN_DIR)/site" $(VPY) -m pytest -q -p no:cacheprovider $(TSAN_TESTS)
-	@if ls $(TSAN_DIR)/report.* >/dev/null 2>&1; then \
+	  PATH="$(CURDIR)/$(TSAN_DIR)/bin:$$PATH" PYTHONPATH="$(CURDIR)/$(TSAN_DIR)/site" $(VPY) -m pytest -q -p no:cacheprovider $(TSAN_TESTS) || status=$$?; \
+	if ls $(TSAN_DIR)/report.* >/dev/null 2>&1; then \
 	  echo "ThreadSanitizer reports:"; ls $(TSAN_DIR)/report.*; exit 1; \
-	else echo "ThreadSanitizer: no reports"; fi
+	else echo "ThreadSanitizer: no reports"; fi; \
+	exit $$status
+
+# AddressSanitizer + UndefinedBehaviorSanitizer run of the whole pytest suite,
+# built and installed like the tsan target (TW_SANITIZE=address, which also
+# makes every UBSan finding fatal) into build/asan/site. The ASan runtime must
+# come first in the process, so it is LD_PRELOADed into the uninstrumented
+# interpreter; children that tests start (CLI runs, crash and lock children)
+# inherit the variables and write their reports to the same place.
+# detect_leaks=0: CPython never frees much of what it allocates at start-up
+# and exit, so LeakSanitizer would bury any real finding under the
+# interpreter's own allocations. libstdc++ is preloaded with it: the
+# interpreter does not link it, and ASan's __cxa_throw interceptor must find
+# the real one when the runtime starts (else the first C++ throw aborts with
+# "CHECK failed ... real___cxa_throw"). Reports go to build/asan/report.<pid> and
+# build/asan/ubsan.<pid>; the target fails when pytest fails or any exists.
+ASAN_DIR := build/asan
+ASAN_TESTS ?= tests
+ASAN_OPTIONS_RUN := detect_leaks=0 log_path=$(CURDIR)/$(ASAN_DIR)/report abort_on_error=1 \
+  strict_string_checks=1 check_initialization_order=1 detect_stack_use_after_return=1
+UBSAN_OPTIONS_RUN := log_path=$(CURDIR)/$(ASAN_DIR)/ubsan print_stacktrace=1 halt_on_error=1
+
+asan: apt-deps venv
+	rm -rf $(ASAN_DIR)/site $(ASAN_DIR)/report.* $(ASAN_DIR)/ubsan.*
+	$(PIP) install -q --disable-pip-version-check --no-build-isolation --no-deps --target $(ASAN_DIR)/site \
+	  -C cmake.define.TW_SANITIZE=address -C cmake.build-type=RelWithDebInfo -C build-dir=$(ASAN_DIR)/cmake .
+	$(call sanitizer_curl_shim,$(ASAN_DIR))
+	@status=0; \
+	LD_PRELOAD="$$(g++ -print-file-name=libasan.so):$$(g++ -print-file-name=libstdc++.so)" ASAN_OPTIONS="$(ASAN_OPTIONS_RUN)" \
+	  UBSAN_OPTIONS="$(UBSAN_OPTIONS_RUN)" PATH="$(CURDIR)/$(ASAN_DIR)/bin:$$PATH" \
+	  PYTHONPATH="$(CURDIR)/$(ASAN_DIR)/site" \
+	  $(VPY) -m pytest -q -p no:cacheprovider $(ASAN_TESTS) || status=$$?; \
+	if ls $(ASAN_DIR)/report.* $(ASAN_DIR)/ubsan.* >/dev/null 2>&1; then \
+	  echo "AddressSanitizer/UBSan reports:"; ls $(ASAN_DIR)/report.* $(ASAN_DIR)/ubsan.* 2>/dev/null; exit 1; \
+	else echo "AddressSanitizer/UBSan: no reports"; fi; \
+	exit $$status
 
 clean:
 	rm -rf build $(VENV)

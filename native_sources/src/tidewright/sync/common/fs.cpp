@@ -243,6 +243,39 @@ void make_dirs(const std::string& path) {
   if (!is_directory(path)) throw_os_error(ENOTDIR, path);
 }
 
+UniqueFd open_directory_beneath(const std::string& root, std::string_view relative) {
+  constexpr int kFlags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
+  UniqueFd dir(::open(root.c_str(), kFlags));
+  if (!dir.valid()) throw_os_error(errno, root);
+  std::string walked = root;
+  std::size_t start = 0;
+  while (start <= relative.size()) {
+    std::size_t end = relative.find('/', start);
+    if (end == std::string_view::npos) end = relative.size();
+    const std::string name(relative.substr(start, end - start));
+    start = end + 1;
+    if (name.empty() || name == ".") continue;
+    walked = path_join(walked, name);
+    if (name == "..") throw_os_error(EINVAL, walked);
+    int fd = ::openat(dir.get(), name.c_str(), kFlags);
+    if (fd < 0 && errno == ENOENT) {
+      if (::mkdirat(dir.get(), name.c_str(), 0777) != 0 && errno != EEXIST) throw_os_error(errno, walked);
+      fd = ::openat(dir.get(), name.c_str(), kFlags);
+    }
+    if (fd < 0) {
+      int error = errno;
+      struct stat st;
+      // O_DIRECTORY reports a link as "not a directory"; name it for what it is.
+      if (error == ENOTDIR && ::fstatat(dir.get(), name.c_str(), &st, AT_SYMLINK_NOFOLLOW) == 0 && S_ISLNK(st.st_mode)) {
+        error = ELOOP;
+      }
+      throw_os_error(error, walked);
+    }
+    dir = UniqueFd(fd);
+  }
+  return dir;
+}
+
 void remove_file(const std::string& path) {
   if (::unlink(path.c_str()) != 0) throw_os_error(errno, path);
 }

@@ -66,6 +66,12 @@ std::optional<StatKey> try_stat_key(const std::string& path);
 std::int64_t file_size(const std::string& path);
 std::string read_file(const std::string& path);
 void make_dirs(const std::string& path);  // exist-ok
+// The directory `relative` ("/"-separated, below `root`), opened one segment
+// at a time from `root` without following links and created where missing
+// (exist-ok). A link on the way fails with ELOOP (OSError) instead of leading
+// elsewhere, and the descriptor keeps naming the directory it found even if
+// the tree is rearranged afterwards. ".." segments fail with EINVAL.
+UniqueFd open_directory_beneath(const std::string& root, std::string_view relative);
 void remove_file(const std::string& path);  // FileNotFoundError when missing
 void rename_file(const std::string& from, const std::string& to);
 // Free bytes available to this user on the file system holding `path`.

@@ -154,10 +154,65 @@ std::optional<std::int64_t> unsatisfied_range_length(const HttpHeaders& headers)
   return n;
 }
 
-void truncate_staging(const std::string& staging) {
-  UniqueFd fd(::open(staging.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666));
-  if (!fd.valid()) throw_os_error(errno, staging);
-}
+// The staging file "<name>.tmp" of one download, always reached through a
+// descriptor of its directory that was opened segment by segment below the
+// data directory without following links (the path was checked before, but
+// the tree may change after the check). Whatever is planted in the data
+// directory meanwhile, a link at the staging name or a directory swapped for
+// a link, reads, writes, truncation and the final rename stay inside it.
+class StagingFile {
+ public:
+  // `local` is the checked final path, inside the resolved `root`.
+  StagingFile(const std::string& root, const std::string& local, const std::string& file_path)
+      : path_(local + ".tmp"), name_(path_basename(local) + ".tmp"), final_name_(path_basename(local)) {
+    const std::string parent = path_dirname(local);
+    std::string_view relative;
+    if (parent.size() > root.size()) relative = std::string_view(parent).substr(root.size());
+    try {
+      dir_ = open_directory_beneath(root, relative);
+    } catch (const OSError& e) {
+      if (e.error_number != ELOOP) throw;
+      throw ManifestError("Manifest file path escapes data directory: " + python_repr(file_path));
+    }
+  }
+
+  const std::string& path() const { return path_; }
+
+  // Opens (creating) the staging file for reading and appending. Anything
+  // but a regular file at the name (a link, a pipe that would block a read)
+  // is never ours: it is removed, not followed.
+  UniqueFd open() {
+    for (int attempt = 0;; ++attempt) {
+      UniqueFd fd(::openat(dir_.get(), name_.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0666));
+      if (fd.valid()) {
+        struct stat st;
+        if (::fstat(fd.get(), &st) != 0) throw_os_error(errno, path_);
+        if (S_ISREG(st.st_mode)) return fd;
+      } else if (errno != ELOOP) {
+        throw_os_error(errno, path_);
+      }
+      if (attempt > 0) throw_os_error(ELOOP, path_);
+      log_warning("Removing %s: a staging file must be a regular file", {json::value(path_)});
+      if (::unlinkat(dir_.get(), name_.c_str(), 0) != 0 && errno != ENOENT) throw_os_error(errno, path_);
+    }
+  }
+
+  void truncate() {
+    UniqueFd fd = open();
+    if (::ftruncate(fd.get(), 0) != 0) throw_os_error(errno, path_);
+  }
+
+  // The atomic rename onto the final name, in the same directory.
+  void promote() {
+    if (::renameat(dir_.get(), name_.c_str(), dir_.get(), final_name_.c_str()) != 0) throw_os_error(errno, path_);
+  }
+
+ private:
+  std::string path_;
+  std::string name_;
+  std::string final_name_;
+  UniqueFd dir_;
+};
 
 // Reads an existing staging file into the hasher; returns its length.
 std::int64_t hash_existing(int fd, Sha256& hasher, const std::string& staging) {
@@ -284,8 +339,8 @@ void SyncManager::download_file(const std::string& file_path, const json::object
   const bool is_public = manifest_base_url_uses_public_download(server_url_, base);
   const std::string target = options.target_data_dir.value_or(data_dir_);
   const std::string local = manifest_local_path(target, file_path);
-  const std::string staging = local + ".tmp";
-  make_dirs(path_dirname(staging));
+  StagingFile staging_file(real_path(target), local, file_path);
+  const std::string& staging = staging_file.path();
 
   const std::int64_t expected_size = int_field(file_info, "size_bytes").value_or(-1);
   const std::string expected_sha = lower_stripped(file_info.if_contains("sha256"));
@@ -311,15 +366,14 @@ void SyncManager::download_file(const std::string& file_path, const json::object
     fields["manifest_version"] = int_field(file_info, "_manifest_version") ? json::value(*int_field(file_info, "_manifest_version")) : json::value(nullptr);
     fields["manifest_era_number"] = int_field(file_info, "_manifest_era_number") ? json::value(*int_field(file_info, "_manifest_era_number")) : json::value(nullptr);
     log_sync_event("manifest_superseded", file_path, 1, reason, fields);
-    truncate_staging(staging);
+    staging_file.truncate();
     return ManifestSupersededError("Manifest advanced while downloading " + file_path + "; refreshing before retry");
   };
 
   while (true) {
     try {
       Sha256 hasher;
-      UniqueFd fd(::open(staging.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0666));
-      if (!fd.valid()) throw_os_error(errno, staging);
+      UniqueFd fd = staging_file.open();
       if (staging_marked_for_other_bytes(fd.get(), expected_sha)) {
         json::object fields;
         fields["expected_size"] = expected_size;
@@ -451,7 +505,7 @@ void SyncManager::download_file(const std::string& file_path, const json::object
   }
 
   // Promotion.
-  rename_file(staging, local);
+  staging_file.promote();
   std::string kind = file_info.if_contains("kind") && file_info.at("kind").is_string()
                          ? std::string(file_info.at("kind").get_string())
                          : std::string();

@@ -103,7 +103,9 @@ void SyncManager::acquire_flock() {
   }
   try {
     while (true) {
-      UniqueFd fd(::open(flock_path_.c_str(), O_RDWR | O_CREAT | O_APPEND | O_CLOEXEC, 0666));
+      // O_NOFOLLOW: a link planted at the name would make O_CREAT create its
+      // target, wherever that is.
+      UniqueFd fd(::open(flock_path_.c_str(), O_RDWR | O_CREAT | O_APPEND | O_NOFOLLOW | O_CLOEXEC, 0666));
       if (!fd.valid()) throw_os_error(errno, flock_path_);
       // Poll rather than block so that a stop request ends the wait.
       while (::flock(fd.get(), LOCK_EX | LOCK_NB) != 0) {

@@ -64,8 +64,10 @@ void sort_newest_first(std::vector<std::string>& paths) {
   for (auto& [t, p] : keyed) paths.push_back(std::move(p));
 }
 
+// A control file of the data directory: a link planted at its name is
+// refused (ELOOP), never written through.
 void write_whole_text(const std::string& path, const std::string& text) {
-  UniqueFd fd(::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666));
+  UniqueFd fd(::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0666));
   if (!fd.valid()) throw_os_error(errno, path);
   std::size_t done = 0;
   while (done < text.size()) {

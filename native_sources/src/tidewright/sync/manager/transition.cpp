@@ -64,7 +64,8 @@ void copy_file_with_times(const std::string& from, const std::string& to) {
 
 void write_pid_file(const std::string& path) {
   const std::string text = std::to_string(::getpid());
-  UniqueFd fd(::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666));
+  // A link planted at the name is refused (ELOOP), never written through.
+  UniqueFd fd(::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0666));
   if (!fd.valid()) throw_os_error(errno, path);
   if (::write(fd.get(), text.data(), text.size()) != static_cast<ssize_t>(text.size())) throw_os_error(errno, path);
   if (fd.reset() != 0) throw_os_error(errno, path);

@@ -164,7 +164,9 @@ void atomic_write(const std::string& path, std::string_view data) {
   if (!parent.empty()) make_dirs(parent);
   std::string temporary = temporary_name(path);
   TemporaryFileGuard guard(temporary);
-  UniqueFd fd(::open(temporary.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666));
+  // The name is new for every write: anything already there (a planted link
+  // above all) is not ours to write through.
+  UniqueFd fd(::open(temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0666));
   if (!fd.valid()) throw_os_error(errno, temporary);
   write_all(fd.get(), data, temporary);
   // A failing close can mean lost data (e.g. on network file systems).

@@ -1,0 +1,415 @@
+"""Where the bearer token may go and where the engine may write.
+
+The token is never logged, never put on a command line, never sent in clear
+text off the machine, and only to a peer whose certificate checks out; and
+nothing a manifest or a planted link says makes the engine write outside the
+data directory.
+"""
+
+import contextlib
+import io
+import logging
+import os
+import shutil
+import socket
+import sys
+import threading
+
+import pytest
+
+import tidewright.auth
+import tidewright.sync as sync
+from tidewright import cli
+from tidewright.sync_backoff import SyncBackoffCancelled, backoff_context
+
+from tests.sync_helpers import BIG, BIG_BYTES, FEATURE, FOUND_PNL, assert_in_step, manager, request_budget
+
+SECRET = "tok-Kp7WqR3nZx"  # distinctive, so that a leak anywhere is found
+VOCABULARY = "named_universes/top50/vocabulary.json"
+
+
+# -- the token in logs, errors and CLI output ------------------------------------
+
+
+@pytest.fixture
+def all_records():
+    """Every log record of every logger, at DEBUG, while the test runs."""
+    seen = []
+
+    class Collect(logging.Handler):
+        def emit(self, record):
+            seen.append(record)
+
+    loggers = [logging.getLogger()] + [logging.getLogger(name) for name in list(logging.root.manager.loggerDict)]
+    levels = [(lg, lg.level) for lg in loggers]
+    for lg in loggers:
+        lg.setLevel(logging.DEBUG)
+    handler = Collect(level=logging.DEBUG)
+    logging.getLogger().addHandler(handler)
+    logging.getLogger("tidewright.sync").addHandler(handler)  # in case it does not propagate
+    yield seen
+    logging.getLogger().removeHandler(handler)
+    logging.getLogger("tidewright.sync").removeHandler(handler)
+    for lg, level in levels:
+        lg.setLevel(level)
+
+
+def record_text(record):
+    """All a handler could print of a record: message, arguments, extra
+    attributes (sync events included) and the formatted exception."""
+    parts = [record.getMessage(), repr(record.args), repr(vars(record))]
+    if record.exc_info:
+        parts.append(logging.Formatter().formatException(record.exc_info))
+    return "\n".join(parts)
+
+
+def error_text(exc):
+    return "\n".join([str(exc), repr(exc), repr(exc.args), repr(vars(exc))])
+
+
+def test_the_token_appears_in_no_log_record_and_no_error(dataservice_factory, tmp_path, all_records,
+                                                         instant_backoff):
+    svc = dataservice_factory(token=SECRET, large_file_bytes=BIG_BYTES)
+    svc.add_fault("/data/manifest/version", "status", status=503)
+    svc.add_fault("/data/manifest", "reset", after_bytes=10)
+    svc.add_fault("/data/files/" + FEATURE, "corrupt")
+    svc.add_fault("/data/files/" + BIG, "truncate", after_bytes=1000)
+    svc.add_fault("/data/files/" + FOUND_PNL, "status", status=404, count=None)
+    svc.add_fault("/data/shuffle", "status", status=500)
+    m = manager(svc, tmp_path)
+    with request_budget(svc):
+        m.sync()
+    assert m.verify().valid
+
+    errors = []
+    for fault in ({"status": 401}, {"status": 503, "retryable": False, "reason": "maintenance"}):
+        svc.clear_faults()
+        svc.set_version(touch=[FEATURE])
+        svc.add_fault("/data/files/" + FEATURE, "status", count=None, **fault)
+        with request_budget(svc), pytest.raises((tidewright.auth.AuthError, sync.SyncError)) as info:
+            m.sync()
+        errors.append(info.value)
+    assert isinstance(errors[0], tidewright.auth.AuthError)
+    assert isinstance(errors[1], sync.SyncUnavailableError)
+    # A wrong token is not the configured one, but it must not be echoed either.
+    (tmp_path / "other").mkdir()
+    wrong = sync.SyncManager(str(tmp_path / "other"), svc.url, token=SECRET + "-stale")
+    with pytest.raises(tidewright.auth.AuthError) as info:
+        wrong.sync()
+    errors.append(info.value)
+
+    events = [r for r in all_records if hasattr(r, "tidewright_sync_event")]
+    assert {"http_retry", "checksum_repair"} <= {r.tidewright_sync_event["event_type"] for r in events}
+    assert len(all_records) > 20
+    for record in all_records:
+        assert SECRET not in record_text(record), record_text(record)
+    for exc in errors:
+        assert SECRET not in error_text(exc)
+    assert SECRET not in repr(m.status())
+
+
+def test_the_cli_never_prints_the_token(dataservice_factory, tmp_path, monkeypatch, all_records, instant_backoff):
+    svc = dataservice_factory(token=SECRET, features=4)
+    data = tmp_path / "data"
+    data.mkdir()
+    monkeypatch.setenv(cli.TOKEN_ENV, SECRET)
+    svc.add_fault("/data/manifest", "status", status=503)
+    svc.add_fault("/data/files/" + FEATURE, "corrupt")
+    outputs = []
+    for argv in (["sync", "-vv"], ["sync", "-vv", "--json", "--verify"], ["status", "-vv", "--json"],
+                 ["verify", "-v", "--json"]):
+        out, err = io.StringIO(), io.StringIO()
+        code = cli.main(argv + ["--server", svc.url, "--data-dir", str(data)], stdout=out, stderr=err)
+        outputs.append((code, out.getvalue() + err.getvalue()))
+    assert [code for code, _ in outputs] == [0, 0, 0, 0]
+
+    # Failures: the token refused, and the same failure with a token file.
+    token_file = tmp_path / "token"
+    token_file.write_text(SECRET + "\n")
+    svc.set_version(touch=[FEATURE])
+    svc.add_fault("/data/manifest", "status", status=401, count=None)
+    for extra in (["--json"], ["--token-file", str(token_file)]):
+        out, err = io.StringIO(), io.StringIO()
+        code = cli.main(["sync", "-vv", "--server", svc.url, "--data-dir", str(data)] + extra, stdout=out,
+                        stderr=err)
+        outputs.append((code, out.getvalue() + err.getvalue()))
+    assert [code for code, _ in outputs[-2:]] == [cli.EXIT_AUTH] * 2
+    for _, text in outputs:
+        assert SECRET not in text, text
+    for record in all_records:
+        assert SECRET not in record_text(record)
+
+
+# -- the token never on a command line --------------------------------------------
+
+CURL_WRAPPER = """#!{python}
+# Records this process's own command line, then runs the real program.
+import os, sys
+with open("/proc/self/cmdline", "rb") as cmdline, open(os.path.join({log!r}, str(os.getpid())), "wb") as out:
+    out.write(cmdline.read().replace(b"\\0", b" "))
+os.execv({real!r}, [{real!r}] + sys.argv[1:])
+"""
+
+
+@pytest.mark.skipif(shutil.which("curl") is None, reason="needs the curl program")
+def test_forced_curl_mode_runs_curl_only_for_public_requests(dataservice_factory, tmp_path, monkeypatch):
+    svc = dataservice_factory(token=SECRET, tls=True, public_files=True)
+    bin_dir, data = tmp_path / "bin", tmp_path / "data"
+    bin_dir.mkdir()
+    data.mkdir()
+    log = tmp_path / "curl-cmdlines"
+    log.mkdir()
+    wrapper = bin_dir / "curl"
+    wrapper.write_text(CURL_WRAPPER.format(python=sys.executable, log=str(log), real=shutil.which("curl")))
+    wrapper.chmod(0o755)
+    monkeypatch.setenv("PATH", f"{bin_dir}{os.pathsep}{os.environ.get('PATH', '')}")
+    monkeypatch.setenv("SSL_CERT_FILE", svc.ca_file)
+    monkeypatch.setenv("CURL_CA_BUNDLE", svc.ca_file)
+
+    m = manager(svc, data, sync_http_transport="curl")
+    # Failing curl runs never reach the service: count them too.
+    with backoff_context(stop_requested=lambda: len(svc.requests) + len(os.listdir(log)) > 400):
+        m.sync()
+    assert_in_step(svc, data)
+
+    cmdlines = [entry.read_text() for entry in log.iterdir()]
+    assert cmdlines, "the public file downloads should have gone through curl"
+    for line in cmdlines:
+        assert SECRET not in line and "authorization" not in line.lower(), line
+        assert "/data/files/" in line, line
+    authorized = {r.path for r in svc.requests if r.has_authorization}
+    assert {"/data/manifest/version", "/data/manifest", "/data/shuffle"} <= authorized
+    assert not any(p.startswith("/data/files/") for p in authorized)
+
+
+# -- never in clear text off the machine, never to an unverified peer -------------
+
+
+class ConnectionTrap:
+    """A loopback listener that counts the connections made to it. As the
+    proxy of every scheme, it catches any request the engine would send
+    off the machine before a name is even looked up."""
+
+    def __init__(self):
+        self.sock = socket.socket()
+        self.sock.bind(("127.0.0.1", 0))
+        self.sock.listen(16)
+        self.url = "http://127.0.0.1:%d" % self.sock.getsockname()[1]
+        self.connections = 0
+        self.heads = []  # the request head received on each connection
+        self._thread = threading.Thread(target=self._accept, daemon=True)
+        self._thread.start()
+
+    def _accept(self):
+        while True:
+            try:
+                conn, _ = self.sock.accept()
+            except OSError:
+                return
+            with conn:
+                conn.settimeout(10)
+                head = b""
+                with contextlib.suppress(OSError):
+                    while b"\r\n\r\n" not in head:
+                        chunk = conn.recv(4096)
+                        if not chunk:
+                            break
+                        head += chunk
+                self.heads.append(head.decode("latin-1"))
+                self.connections += 1
+
+    def close(self):
+        with contextlib.suppress(OSError):
+            self.sock.shutdown(socket.SHUT_RDWR)
+        self.sock.close()
+        self._thread.join()
+
+
+@pytest.fixture
+def trap(monkeypatch):
+    trap = ConnectionTrap()
+    for name in ("http_proxy", "https_proxy", "all_proxy", "HTTPS_PROXY", "ALL_PROXY"):
+        monkeypatch.setenv(name, trap.url)
+    for name in ("no_proxy", "NO_PROXY"):
+        monkeypatch.setenv(name, "127.0.0.1,localhost")
+    yield trap
+    trap.close()
+
+
+OFF_MACHINE = "http://example.invalid"
+
+
+def test_the_trap_catches_a_request_that_would_leave_the_machine(trap):
+    # The guard of the tests below: a public https request to a host off the
+    # machine is allowed, and goes to the trap instead of the network.
+    with backoff_context(stop_requested=lambda: trap.connections > 0), pytest.raises(SyncBackoffCancelled):
+        sync._http_get_public("https://example.invalid/data/files/x", transport="urllib")
+    assert trap.connections > 0
+
+
+def test_plain_http_off_the_machine_is_refused_before_connecting(dataservice_factory, tmp_path, trap):
+    svc = dataservice_factory(token=SECRET)
+    refused = (ValueError, sync.ManifestError)
+    for call in (lambda: sync._http_get(OFF_MACHINE + "/data/manifest", SECRET),
+                 lambda: sync._http_get(OFF_MACHINE + "/data/manifest/version", SECRET),
+                 lambda: sync._http_get_manifest_version(OFF_MACHINE + "/data/manifest/version", SECRET),
+                 lambda: sync._http_get_public(OFF_MACHINE + "/data/files/a.arrow"),
+                 lambda: sync._http_get_public(OFF_MACHINE + "/data/files/a.arrow", transport="curl"),
+                 lambda: sync.SyncManager(str(tmp_path), OFF_MACHINE, token=SECRET),
+                 lambda: sync.EraThread(OFF_MACHINE, lambda: SECRET, manager(svc, tmp_path))):
+        with pytest.raises(refused, match="example.invalid"):
+            call()
+
+    # A manifest pointing its files (all of them, or one) off the machine.
+    files = svc.manifest()["files"]
+    for overrides in ({"base_url": OFF_MACHINE + "/data/files"},
+                      {"files": {**files, FEATURE: {**files[FEATURE], "base_url": OFF_MACHINE + "/f"}}}):
+        bad = dataservice_factory(token=SECRET, manifest_overrides=overrides)
+        data = tmp_path / f"data{len(os.listdir(tmp_path))}"
+        data.mkdir()
+        with request_budget(bad), pytest.raises(sync.ManifestError, match="example.invalid"):
+            manager(bad, data).sync()
+        assert not (data / "manifest.json").exists()
+    assert trap.connections == 0
+
+
+def test_a_redirect_off_the_machine_never_carries_the_token(dataservice_factory, trap, instant_backoff):
+    svc = dataservice_factory(token=SECRET)
+    svc.add_fault("/data/manifest", "status", status=302, count=None,
+                  set_headers={"Location": OFF_MACHINE + "/data/manifest"})
+    with backoff_context(stop_requested=lambda: trap.connections > 0), pytest.raises(SyncBackoffCancelled):
+        sync._http_get(svc.url + "/data/manifest", SECRET)
+    assert trap.heads and trap.heads[0].startswith("GET http://example.invalid/data/manifest ")
+    for head in trap.heads:
+        assert SECRET not in head and "authorization:" not in head.lower(), head
+
+
+def test_an_untrusted_certificate_fails_before_any_request_is_sent(dataservice_factory, tmp_path, monkeypatch,
+                                                                   instant_backoff):
+    svc = dataservice_factory(token=SECRET, tls=True)
+    for name in ("SSL_CERT_FILE", "SSL_CERT_DIR", "CURL_CA_BUNDLE"):
+        monkeypatch.delenv(name, raising=False)
+    retries = []
+
+    class Count(logging.Handler):
+        def emit(self, record):
+            event = getattr(record, "tidewright_sync_event", None)
+            if event and event["event_type"] == "http_retry":
+                retries.append(event)
+
+    logger = logging.getLogger("tidewright.sync")
+    handler, level = Count(), logger.level
+    logger.addHandler(handler)
+    logger.setLevel(logging.DEBUG)
+    try:
+        m = manager(svc, tmp_path)
+        with backoff_context(stop_requested=lambda: len(retries) >= 2), pytest.raises(SyncBackoffCancelled):
+            m.sync()
+    finally:
+        logger.removeHandler(handler)
+        logger.setLevel(level)
+    assert retries and {e["reason"] for e in retries} == {"URLError"}
+    assert svc.requests == []  # no request, so no token, reached the service
+    assert not (tmp_path / "manifest.json").exists()
+
+    monkeypatch.setenv("SSL_CERT_FILE", svc.ca_file)
+    m.sync()
+    assert_in_step(svc, tmp_path)
+
+
+# -- nothing written outside the data directory -----------------------------------
+
+
+def snapshot(directory):
+    """Everything below ``directory``: links with their targets, files with their bytes."""
+    found = {}
+    for root, dirs, names in os.walk(directory):
+        for name in dirs + names:
+            full = os.path.join(root, name)
+            rel = os.path.relpath(full, directory)
+            if os.path.islink(full):
+                found[rel] = ("link", os.readlink(full))
+            elif os.path.isfile(full):
+                with open(full, "rb") as handle:
+                    found[rel] = ("file", handle.read())
+            else:
+                found[rel] = ("dir",)
+    return found
+
+
+@pytest.fixture
+def outside(tmp_path):
+    """A sibling of the data directory, with files the tests aim links at."""
+    path = tmp_path / "outside"
+    (path / "sub").mkdir(parents=True)
+    (path / "short").write_bytes(b"outside, short")
+    (path / "long").write_bytes(b"L" * (BIG_BYTES * 2))
+    (path / "sub" / "keep").write_bytes(b"keep me")
+    return path
+
+
+def test_links_planted_at_staging_names_are_replaced_not_followed(dataservice_factory, tmp_path, outside):
+    svc = dataservice_factory(large_file_bytes=BIG_BYTES)
+    data = tmp_path / "data"
+    before = snapshot(outside)
+    planted = {FEATURE: outside / "short", BIG: outside / "long", VOCABULARY: outside / "sub" / "keep",
+               "functions.json": outside / "missing"}
+    for path, target in planted.items():
+        staging = data / (path + ".tmp")
+        staging.parent.mkdir(parents=True, exist_ok=True)
+        staging.symlink_to(target)
+    (data / FOUND_PNL).parent.mkdir(parents=True)
+    os.mkfifo(data / (FOUND_PNL + ".tmp"))  # reading it would block forever
+
+    m = manager(svc, data)
+    with request_budget(svc):
+        m.sync()
+    assert snapshot(outside) == before
+    assert_in_step(svc, data)
+    for path in planted:
+        assert not os.path.islink(data / path)
+
+
+def test_a_directory_swapped_for_a_link_during_a_download_is_not_followed(dataservice_factory, tmp_path, outside,
+                                                                         instant_backoff):
+    svc = dataservice_factory(large_file_bytes=BIG_BYTES)
+    data = tmp_path / "data"
+    data.mkdir()
+    before = snapshot(outside)
+    big_dir = data / os.path.dirname(BIG)
+
+    def swap():
+        # The first chunk is on its way; the next attempt opens the staging
+        # file again and finally renames it.
+        big_dir.rename(data / "parked")
+        big_dir.symlink_to(outside / "sub", target_is_directory=True)
+
+    svc.on_request("/data/files/" + BIG, swap)
+    svc.add_fault("/data/files/" + BIG, "reset", after_bytes=1000)
+    m = manager(svc, data, sync_max_concurrency=1)
+    with request_budget(svc), contextlib.suppress(sync.ManifestError):
+        m.sync()
+    assert snapshot(outside) == before
+
+
+@pytest.mark.parametrize("name", [".consumer_count", ".sync_flock", ".transition_lock", ".transition_era2.tmp",
+                                  "manifest.json", ".manifest_sync_metadata.json", "sync-progress.json",
+                                  ".sync_hash_cache.json", "shuffle_seed.enc", "functions.json"])
+def test_side_files_planted_as_links_leave_the_outside_alone(dataservice_factory, tmp_path, outside, name):
+    svc = dataservice_factory()
+    data = tmp_path / "data"
+    data.mkdir()
+    # A dangling link too: creating the file it names is a write outside.
+    target = {".transition_era2.tmp": outside / "sub", ".sync_flock": outside / "created"}.get(name, outside / "short")
+    (data / name).symlink_to(target)
+    before = snapshot(outside)
+
+    m = manager(svc, data)
+    with request_budget(svc), contextlib.suppress(OSError, sync.SyncError):
+        m.acquire()
+        m.sync()
+        svc.publish_era(2)
+        m.trigger_era_transition(2)
+    with contextlib.suppress(OSError, sync.SyncError):
+        m.release()
+    assert snapshot(outside) == before
