@@ -9,6 +9,7 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <sys/statvfs.h>
+#include <time.h>
 #include <unistd.h>
 #include <vector>
 
@@ -190,6 +191,12 @@ bool is_directory(const std::string& path) {
 bool is_regular_file(const std::string& path) {
   struct stat st;
   return ::stat(path.c_str(), &st) == 0 && S_ISREG(st.st_mode);
+}
+
+std::int64_t coarse_now_ns() {
+  struct timespec ts;
+  ::clock_gettime(CLOCK_REALTIME_COARSE, &ts);
+  return static_cast<std::int64_t>(ts.tv_sec) * 1000000000LL + ts.tv_nsec;
 }
 
 StatKey stat_key_of(const struct ::stat& st) {

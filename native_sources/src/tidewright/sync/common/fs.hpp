@@ -61,6 +61,10 @@ bool is_regular_file(const std::string& path);
 StatKey stat_key(const std::string& path);
 // The identity of a stat result.
 StatKey stat_key_of(const struct ::stat& st);
+// Now, in the coarse real-time clock the file system stamps times from. A
+// digest taken at time T vouches only for files whose times are older than
+// T: a file rewritten within the same tick keeps its size and times.
+std::int64_t coarse_now_ns();
 // stat_key, or nothing when the path cannot be stat'ed (lenient).
 std::optional<StatKey> try_stat_key(const std::string& path);
 std::int64_t file_size(const std::string& path);

@@ -8,7 +8,6 @@
 
 #include <dirent.h>
 #include <sys/stat.h>
-#include <time.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -27,13 +26,6 @@ namespace {
 
 bool ends_with_tmp(std::string_view name) {
   return name.size() >= 4 && name.compare(name.size() - 4, 4, ".tmp") == 0;
-}
-
-// The file system stamps times from the coarse real-time clock.
-std::int64_t coarse_now_ns() {
-  struct timespec ts;
-  ::clock_gettime(CLOCK_REALTIME_COARSE, &ts);
-  return static_cast<std::int64_t>(ts.tv_sec) * 1000000000LL + ts.tv_nsec;
 }
 
 // Calls visit(path) for every regular file below a directory whose name

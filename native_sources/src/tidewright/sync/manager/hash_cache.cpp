@@ -4,18 +4,10 @@
 #include "tidewright/sync/reporting/errors.hpp"
 #include "tidewright/sync/transport/files.hpp"
 
-#include <time.h>
 
 namespace tidewright::sync {
 
 namespace {
-
-// The file system stamps times from the coarse real-time clock.
-std::int64_t coarse_now_ns() {
-  struct timespec ts;
-  ::clock_gettime(CLOCK_REALTIME_COARSE, &ts);
-  return static_cast<std::int64_t>(ts.tv_sec) * 1000000000LL + ts.tv_nsec;
-}
 
 json::object entry_for(const std::string& sha, const StatKey& key) {
   json::object e;

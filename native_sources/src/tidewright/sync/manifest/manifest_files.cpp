@@ -40,14 +40,16 @@ std::optional<std::string> local_manifest_sha256(const std::string& data_dir) {
     auto it = g_manifest_digests.find(path);
     if (it != g_manifest_digests.end() && it->second.first == *before) return it->second.second;
   }
+  const std::int64_t hashed_at = coarse_now_ns();
   std::string digest;
   try {
     digest = sha256_file(path);
   } catch (const OSError&) {
     return std::nullopt;
   }
-  // Remembered only when the file did not change while it was read.
-  if (before && try_stat_key(path) == before) {
+  // Remembered only when the file did not change while it was read, and
+  // only when its times are older than the reading (see coarse_now_ns).
+  if (before && try_stat_key(path) == before && before->mtime_ns < hashed_at && before->ctime_ns < hashed_at) {
     std::lock_guard<std::mutex> lock(g_manifest_digest_mu);
     if (g_manifest_digests.size() >= kMaxManifestDigests && !g_manifest_digests.count(path)) {
       g_manifest_digests.erase(g_manifest_digests.begin());
