@@ -67,7 +67,7 @@ bool SyncManager::local_file_matches_manifest(const std::string& file_path, cons
 }
 
 std::optional<std::string> SyncManager::first_local_mismatch(const Manifest& manifest, const ManifestSiblings& siblings,
-                                                             const FileFilter& skip) {
+                                                             const FileFilter& skip, std::int64_t* feature_count) {
   constexpr std::size_t kFilesPerThread = 16384;
   constexpr std::size_t kMaxThreads = 4;
   const json::object& files = manifest.files();
@@ -79,6 +79,9 @@ std::optional<std::string> SyncManager::first_local_mismatch(const Manifest& man
   const std::size_t threads = std::max<std::size_t>(
       1, std::min({wanted, std::max<std::size_t>(kMaxThreads, std::thread::hardware_concurrency())}));
   std::atomic<bool> stop{false};
+  // Counted here, where each entry is at hand anyway, rather than in another
+  // pass over a large manifest.
+  std::atomic<std::int64_t> features{0};
   std::mutex mu;
   std::optional<std::string> mismatch;  // guarded by mu
   std::exception_ptr error;             // guarded by mu
@@ -115,11 +118,18 @@ std::optional<std::string> SyncManager::first_local_mismatch(const Manifest& man
       block.clear();
       return true;
     };
+    std::int64_t counted = 0;
+    struct AddCount {
+      std::atomic<std::int64_t>& total;
+      std::int64_t& counted;
+      ~AddCount() { total += counted; }
+    } add_count{features, counted};
     try {
       ManifestLocalPaths locals(data_dir_);
       for (std::size_t i = begin; i < end && !stop.load(std::memory_order_relaxed); ++i) {
         const auto& kv = *(files.begin() + static_cast<std::ptrdiff_t>(i));
         std::string path(kv.key());
+        if (feature_count && siblings.manifest_file_kind(path, kv.value()) == "feature") ++counted;
         if ((skip && skip(path, kv.value())) || vocabulary_named_universe_from_path(path) ||
             manifest_file_is_sync_excluded(path, kv.value(), siblings) || is_vault_module(kv.value())) {
           continue;
@@ -152,6 +162,7 @@ std::optional<std::string> SyncManager::first_local_mismatch(const Manifest& man
   check(0, std::min(files.size(), per_thread));
   for (auto& helper : helpers) helper.join();
   if (error) std::rethrow_exception(error);
+  if (feature_count) *feature_count = features.load();
   return mismatch;
 }
 

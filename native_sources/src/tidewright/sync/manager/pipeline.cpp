@@ -193,14 +193,15 @@ SyncResult SyncManager::sync_impl() {
                                        manifest_positive_int(*local, "version"),
                                        shuffle_seed_generation_for_manifest(*local)};
         validate_shuffle_seed_file(path_join(data_dir_, SHUFFLE_SEED_FILENAME), expect);
-        if (first_local_mismatch(*local, siblings, uncovered_by(rotation))) {
+        std::int64_t n_features = 0;
+        if (first_local_mismatch(*local, siblings, uncovered_by(rotation), &n_features)) {
           throw SyncError("Manifest version matched but local data files need repair");
         }
         load_manifest_signals_index(data_dir_, *local);
         SyncResult result;
         result.era_number = local_era;
         result.pnl_column_count = to_int(local->pnl_column_count()).value_or(0);
-        result.n_features = count_features(*local, siblings);
+        result.n_features = n_features;
         take_vocabulary_metadata(result, *vocabularies);
         {
           std::lock_guard<std::mutex> lock(state_mu_);

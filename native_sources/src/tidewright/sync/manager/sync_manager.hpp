@@ -131,10 +131,13 @@ class SyncManager : public std::enable_shared_from_this<SyncManager>, public Era
   // are checked by a few threads at once (a no-op sync is one stat per
   // file). A path's ManifestError propagates.
   // `skip(path, entry)` leaves files out (those a rotation does not keep);
-  // an empty one keeps every file.
+  // an empty one keeps every file. With `feature_count`, also counts the
+  // manifest's files of kind "feature" on the way (every file, skipped or
+  // not; the count is complete only when nothing mismatches).
   using FileFilter = std::function<bool(const std::string&, const json::value&)>;
   std::optional<std::string> first_local_mismatch(const Manifest& manifest, const ManifestSiblings& siblings,
-                                                  const FileFilter& skip = {});
+                                                  const FileFilter& skip = {},
+                                                  std::int64_t* feature_count = nullptr);
   bool local_manifest_files_complete(Manifest& manifest);
   bool needs_sync();
   // Hashes every file of the held manifest (never the hash cache). Files that
