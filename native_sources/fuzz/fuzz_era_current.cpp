@@ -3,6 +3,7 @@
 // written; a market id is accepted exactly when it reads as a positive
 // integer, and then is that integer; an era directory id is the number the
 // name spells.
+#include "fuzz_support.hpp"
 #include "tidewright/sync/common/json.hpp"
 #include "tidewright/sync/era/era_current.hpp"
 #include "tidewright/sync/era/market.hpp"
@@ -18,20 +19,11 @@
 #include <string>
 
 using namespace tidewright::sync;
+using tidewright::sync::fuzz::QuietHost;
+using tidewright::sync::fuzz::require;
 
 namespace {
 
-class QuietHost : public FakeHost {
- public:
-  bool log_enabled(LogLevel) override { return false; }
-};
-
-void require(bool condition, const char* what) {
-  if (!condition) {
-    std::fprintf(stderr, "invariant broken: %s\n", what);
-    std::abort();
-  }
-}
 
 // Equality of values as written (NaN is not equal to itself).
 bool same(const json::value& a, const json::value& b) {

@@ -8,6 +8,7 @@
 // parser accepts, its writer writes back the same; a cache never answers a
 // digest other than the one asked about; the side files vouch only for what
 // they describe.
+#include "fuzz_support.hpp"
 #include "tidewright/sync/artifacts/shuffle_seed.hpp"
 #include "tidewright/sync/common/fs.hpp"
 #include "tidewright/sync/common/json.hpp"
@@ -33,20 +34,11 @@
 #include <string>
 
 using namespace tidewright::sync;
+using tidewright::sync::fuzz::QuietHost;
+using tidewright::sync::fuzz::require;
 
 namespace {
 
-class QuietHost : public FakeHost {
- public:
-  bool log_enabled(LogLevel) override { return false; }
-};
-
-void require(bool condition, const char* what) {
-  if (!condition) {
-    std::fprintf(stderr, "invariant broken: %s\n", what);
-    std::abort();
-  }
-}
 
 std::string g_dir;  // a scratch data directory for the parsers that read files
 

@@ -222,17 +222,11 @@ SyncResult SyncManager::sync_impl() {
   HttpResponse fetched = http_get(server_url_ + "/data/manifest");
   if (fetched.status == 401) throw AuthError("Authentication failed: HTTP " + std::to_string(fetched.status));
   if (fetched.status != 200) throw SyncError("Failed to fetch manifest: HTTP " + std::to_string(fetched.status));
-  json::value parsed;
-  try {
-    parsed = parse_json(fetched.body);
-  } catch (const JsonParseError& e) {
-    throw ManifestError(std::string("Invalid manifest JSON: ") + e.what());
-  }
-  if (!parsed.is_object()) throw ManifestError("Invalid manifest JSON: the manifest must be a JSON object");
-  if (const json::value* files = parsed.get_object().if_contains("files"); files && !files->is_object() && !files->is_null()) {
+  const json::object parsed = parse_manifest_json(fetched.body);
+  if (const json::value* files = parsed.if_contains("files"); files && !files->is_object() && !files->is_null()) {
     throw ManifestError("Invalid manifest JSON: \"files\" must be a JSON object");
   }
-  json::object server_data = sanitize_manifest_data_for_sync(parsed.get_object(), siblings);
+  json::object server_data = sanitize_manifest_data_for_sync(parsed, siblings);
   std::string kept_body = std::move(fetched.body);
   if (auto newer = newer_public_manifest(server_data)) {
     server_data = sanitize_manifest_data_for_sync(newer->first, siblings);

@@ -294,15 +294,9 @@ std::optional<std::int64_t> SyncManager::run_transition_attempt(std::int64_t new
     if (fetched.status != 200) {
       throw SyncError("Failed to fetch era " + era_text + " manifest: HTTP " + std::to_string(fetched.status));
     }
-    json::value parsed;
-    try {
-      parsed = parse_json(fetched.body);
-    } catch (const JsonParseError& e) {
-      throw ManifestError(std::string("Invalid manifest JSON: ") + e.what());
-    }
-    if (!parsed.is_object()) throw ManifestError("Invalid manifest JSON: the manifest must be a JSON object");
+    const json::object parsed = parse_manifest_json(fetched.body);
     const ManifestSiblings siblings = host().manifest_siblings();
-    ManifestPtr manifest = Manifest::create(parsed.get_object(), siblings);
+    ManifestPtr manifest = Manifest::create(parsed, siblings);
     std::optional<std::int64_t> manifest_era = to_int(manifest->era_number());
     if (!manifest_era) {
       throw EraError("Era transition manifest has invalid era_number=" + python_repr(manifest->era_number()));

@@ -73,4 +73,15 @@ std::optional<std::string> Manifest::base_url_text() const {
   return std::nullopt;
 }
 
+json::object parse_manifest_json(std::string_view body) {
+  json::value parsed;
+  try {
+    parsed = parse_json(body);
+  } catch (const JsonParseError& e) {
+    throw ManifestError(std::string("Invalid manifest JSON: ") + e.what());
+  }
+  if (!parsed.is_object()) throw ManifestError("Invalid manifest JSON: the manifest must be a JSON object");
+  return std::move(parsed.get_object());
+}
+
 }  // namespace tidewright::sync

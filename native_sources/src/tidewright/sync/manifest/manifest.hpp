@@ -85,4 +85,8 @@ class Manifest {
 
 using ManifestPtr = std::shared_ptr<Manifest>;
 
+// A manifest response body as a JSON object; ManifestError "Invalid manifest
+// JSON: ..." when it does not decode or is not an object.
+json::object parse_manifest_json(std::string_view body);
+
 }  // namespace tidewright::sync
