@@ -17,7 +17,7 @@ SUDO := $(shell [ "$$(id -u)" = 0 ] || echo sudo)
 
 BENCH_ARGS ?=
 
-.PHONY: install apt-deps venv package test cpp-test py-test demo bench fuzz tsan asan clean
+.PHONY: install apt-deps venv package test cpp-test py-test demo bench fuzz tsan asan coverage clean
 
 install: apt-deps venv package
 
@@ -158,6 +158,28 @@ asan: apt-deps venv
 	  echo "AddressSanitizer/UBSan reports:"; ls $(ASAN_DIR)/report.* $(ASAN_DIR)/ubsan.* 2>/dev/null; exit 1; \
 	else echo "AddressSanitizer/UBSan: no reports"; fi; \
 	exit $$status
+
+# Line coverage of the native sources by both suites together: the extension
+# is built with TW_COVERAGE into build/coverage/site (put ahead of the regular
+# installation by PYTHONPATH, like the sanitiser runs) and the C++ tests into
+# build/coverage/cpp; gcovr merges the counters of every process the suites
+# ran (CLI and crash children included) and tools/coverage_summary.py prints
+# the combined figure and the files under 80 %.
+COV_DIR := build/coverage
+coverage: apt-deps venv
+	@$(PIP) install -q --disable-pip-version-check gcovr
+	rm -rf $(COV_DIR)/site
+	mkdir -p $(COV_DIR) && find $(COV_DIR) -name '*.gcda' -delete
+	$(PIP) install -q --disable-pip-version-check --no-build-isolation --no-deps --target $(COV_DIR)/site \
+	  -C cmake.define.TW_COVERAGE=ON -C cmake.build-type=Debug -C build-dir=$(COV_DIR)/py .
+	PATH="$(CURDIR)/$(VENV)/bin:$$PATH" cmake -S . -B $(COV_DIR)/cpp -G Ninja -DTW_BUILD_TESTS=ON -DTW_COVERAGE=ON \
+	  -DCMAKE_BUILD_TYPE=Debug >/dev/null
+	PATH="$(CURDIR)/$(VENV)/bin:$$PATH" cmake --build $(COV_DIR)/cpp -j $(JOBS)
+	PATH="$(CURDIR)/$(VENV)/bin:$$PATH" ctest --test-dir $(COV_DIR)/cpp -j $(JOBS) --output-on-failure -Q
+	PYTHONPATH="$(CURDIR)/$(COV_DIR)/site" $(VPY) -m pytest -q -p no:cacheprovider tests
+	$(VENV)/bin/gcovr -r . --filter 'native_sources/src/' -j $(JOBS) --gcov-ignore-parse-errors=negative_hits.warn_once_per_file \
+	  --json-summary $(COV_DIR)/summary.json --txt $(COV_DIR)/coverage.txt $(COV_DIR)/py $(COV_DIR)/cpp
+	$(VPY) tools/coverage_summary.py $(COV_DIR)/summary.json --under 80
 
 clean:
 	rm -rf build $(VENV)
