@@ -63,8 +63,9 @@ BODY_FAULTS = {
     # A 200 to a range is the whole file: it replaces the part received.
     "range-ignored": (dict(kind="ignore_range", skip=1), [0, CHUNK], CHUNK + BIG_BYTES),
     "empty-206": (dict(kind="empty_206", skip=1), [0, CHUNK, CHUNK, 2 * CHUNK, 3 * CHUNK], BIG_BYTES),
+    # A Content-Range other than asked: the staging file is worth nothing, the file starts over.
     "wrong-content-range": (dict(kind="bad_content_range", skip=1),
-                            [0, CHUNK, CHUNK, 2 * CHUNK, 3 * CHUNK], BIG_BYTES + CHUNK),
+                            [0, CHUNK, 0, CHUNK, 2 * CHUNK, 3 * CHUNK], BIG_BYTES + 2 * CHUNK),
     # 416 to a resumed range: the staging file starts over.
     "416": (dict(kind="status", status=416, skip=1), [0, CHUNK, 0, CHUNK, 2 * CHUNK, 3 * CHUNK], BIG_BYTES + CHUNK),
 }
@@ -77,6 +78,47 @@ def test_broken_bodies_and_ranges_end_with_correct_files(svc, tmp_path, fault, s
     synced(svc, tmp_path)
     assert range_starts(svc, BIG) == starts
     assert body_bytes_served(svc, BIG) == served
+
+
+# (fault, range starts asked for the large file)
+OVERLONG_FAULTS = {
+    # A 206 that goes on past its range, without end or by an announced
+    # length: the range is written, the rest refused, and the next pass
+    # resumes right after the range.
+    "206-without-end": (dict(kind="overlong", skip=1), [0, CHUNK, 2 * CHUNK, 3 * CHUNK]),
+    "206-announcing-more": (dict(kind="overlong", skip=1, after_bytes=5000), [0, CHUNK, 2 * CHUNK, 3 * CHUNK]),
+    # A 200 that ignores the range and goes on past the file: the file is
+    # complete at its size and checked as it is, nothing more is asked.
+    "200-without-end": (dict(kind="overlong_whole", skip=1), [0, CHUNK]),
+}
+
+
+@pytest.mark.parametrize("fault, starts", OVERLONG_FAULTS.values(), ids=OVERLONG_FAULTS.keys())
+def test_bodies_longer_than_asked_stop_at_the_expected_length(svc, tmp_path, fault, starts):
+    fault = dict(fault)
+    svc.add_fault(BIG_URL_PATH, fault.pop("kind"), **fault)
+    synced(svc, tmp_path)
+    assert range_starts(svc, BIG) == starts
+    [hostile] = [r for r in file_requests(svc, BIG) if r.fault]
+    assert hostile.bytes_sent < 64 << 20, "the client should hang up instead of reading on"
+
+
+def test_a_206_without_content_range_is_taken_as_the_range_asked(svc, tmp_path):
+    # As through a proxy that drops the header: no range is asked twice.
+    svc.add_fault(BIG_URL_PATH, "headers", drop_headers=["Content-Range"], count=None)
+    synced(svc, tmp_path)
+    assert range_starts(svc, BIG) == [0, CHUNK, 2 * CHUNK, 3 * CHUNK]
+
+
+def test_a_content_range_that_keeps_contradicting_the_request_ends_the_sync(svc, tmp_path):
+    svc.add_fault(BIG_URL_PATH, "bad_content_range", skip=1, count=None)
+    m = manager(svc, tmp_path)
+    with request_budget(svc), pytest.raises(sync.PermanentDownloadError) as info:
+        m.sync()
+    assert (info.value.file_path, info.value.status) == (BIG, 206)
+    assert (f"asked for bytes 0-{CHUNK - 1}, the server answered Content-Range: bytes 1-{CHUNK - 1}/{BIG_BYTES}"
+            in str(info.value))
+    assert range_starts(svc, BIG) == [0, CHUNK, 0]  # started over once, then given up
 
 
 def test_partial_download_resumes_in_the_next_sync(svc, tmp_path):
