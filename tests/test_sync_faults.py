@@ -2,13 +2,18 @@
 broken bodies and ranges, resumed downloads, and manifests that move on while
 files download. Every scripted fault ends with correct files or a typed error."""
 
+import io
+import json
 import logging
 import os
+import threading
 
 import pytest
 
 import tidewright.auth
 import tidewright.sync as sync
+from peak_rss import UNDER_SANITIZER, describe, measure
+from raw_http_server import RawHttpServer, endless_body, respond, trickled_headers
 from sync_helpers import (BIG, BIG_BYTES, CHUNK, FEATURE, assert_in_step, body_bytes_served, file_requests,
                           local_bytes, manager, range_starts, request_budget, tmp_files, tree)
 
@@ -341,3 +346,92 @@ def test_a_sync_refused_half_way_leaves_the_previous_state(svc, tmp_path, break_
         m.sync()
     assert_in_step(svc, tmp_path)
     assert m.get_manifest().version == 2
+
+
+# -- hostile services: memory and time stay bounded ------------------------------------
+
+MIB = 1 << 20
+needs_plain_memory = pytest.mark.skipif(UNDER_SANITIZER, reason="peak RSS means nothing under a sanitizer runtime")
+
+
+def streamed_manifest(entries, era=1):
+    """A manifest of ``entries`` feature files, written as it is generated
+    (the server never holds it), ended by the close."""
+    def action(ex):
+        ex.head(200, [("Content-Type", "application/json"), ("Connection", "close")])
+        ex.send(b'{"version": 1, "era_number": %d, "market_id": 1, "files": {' % era)
+        for first in range(0, entries, 1000):
+            ex.send(",".join(
+                f'"features/top50/signal_is/f{i:07d}__ret__lag0__v1.arrow": '
+                f'{{"size_bytes": {1000 + i}, "sha256": "{i:064x}", "kind": "feature"}}'
+                for i in range(first, min(first + 1000, entries))).encode() + (b"," if first + 1000 < entries else b""))
+        ex.send(b"}}")
+    return action
+
+
+def sync_in_child(server_url, data_dir):
+    return measure(f"""
+        m = sync.SyncManager({str(data_dir)!r}, {server_url!r}, token="t")
+        m.sync()
+    """)
+
+
+# path -> answer, then what the sync raises and how often each path is asked
+ENDLESS = {
+    # The probe is given up at 1 MiB and the sync goes on to the manifest.
+    "version-probe": ({"/data/manifest/version": endless_body(prefix=b'{"version": 1, "x": "', filler=b"x" * 65536),
+                       "/data/manifest": respond(404, b"{}")},
+                      "SyncError", "Failed to fetch manifest: HTTP 404"),
+    # A manifest whose text never ends: given up at 256 MiB, not retried.
+    "manifest": ({"/data/manifest/version": respond(404, b"{}"),
+                  "/data/manifest": endless_body(prefix=b'{"version": 1, "era_number": 1, "files": {')},
+                 "ManifestError", f"exceeds {256 * MIB} bytes"),
+}
+
+
+@needs_plain_memory
+@pytest.mark.parametrize("routes, error, message", ENDLESS.values(), ids=ENDLESS.keys())
+def test_endless_answers_end_at_their_cap_in_bounded_memory(tmp_path, routes, error, message):
+    with RawHttpServer(lifetime=240) as srv:
+        for path, answer in routes.items():
+            srv.route(path, answer)
+        outcome = sync_in_child(srv.url(), tmp_path)
+        assert (outcome.get("error"), message in outcome.get("message", "")) == (error, True), describe(outcome)
+        assert outcome["peak_mib"] < 200, describe(outcome)
+        assert [len(srv.requests_for(path)) for path in routes] == [1, 1]
+
+
+@needs_plain_memory
+def test_a_manifest_of_200k_files_is_read_without_copies_of_its_text(tmp_path):
+    # A local manifest of another era stops the sync right after the
+    # server's manifest is built: what is measured is fetching and parsing
+    # it (38 MB of text; read whole, then parsed and copied, it took 230 MiB).
+    (tmp_path / "manifest.json").write_text(json.dumps({"version": 1, "era_number": 2, "market_id": 1, "files": {}}))
+    with RawHttpServer(lifetime=240) as srv:
+        srv.route("/data/manifest/version", respond(404, b"{}"))
+        srv.route("/data/manifest", streamed_manifest(200_000))
+        outcome = sync_in_child(srv.url(), tmp_path)
+    assert outcome.get("error") == "EraError" and "server era_number=1" in outcome["message"], describe(outcome)
+    assert outcome["peak_mib"] < 175, describe(outcome)
+
+
+def test_a_head_trickled_forever_is_an_outage_the_command_line_gives_up_on(tmp_path):
+    from tidewright import cli
+
+    sync._set_sync_http_header_deadline_seconds(0.5)
+    outcome = {}
+    try:
+        with RawHttpServer() as srv:
+            for path in ("/data/manifest/version", "/data/manifest"):
+                srv.route(path, trickled_headers(every=0.1))
+            out, err = io.StringIO(), io.StringIO()
+            argv = ["sync", "--server", srv.url(), "--data-dir", str(tmp_path), "--token", "t", "--give-up-after", "1"]
+            runner = threading.Thread(target=lambda: outcome.update(code=cli.main(argv, stdout=out, stderr=err)),
+                                      daemon=True)
+            runner.start()
+            runner.join(60)  # a hang guard far above the second it takes
+            assert not runner.is_alive(), "the command kept waiting for a head that never ends"
+    finally:
+        sync._set_sync_http_header_deadline_seconds(None)
+    assert outcome["code"] == cli.EXIT_UNAVAILABLE, err.getvalue()
+    assert "gave up" in err.getvalue()
