@@ -479,6 +479,20 @@ def test_curl_statuses_and_failures_look_like_the_in_process_client(fake_curl, e
         200, 503, 404, 0]
 
 
+def test_curl_download_streams_a_successful_body_into_the_file(fake_curl, tmp_path):
+    target = tmp_path / "out.bin"
+    # A header value that looks like a status line must not be taken for one.
+    fake_curl.answer(206, "0123456789", headers=(
+        "HTTP/1.1 206 Partial Content\r\nVia: HTTP/1.1 proxy\r\nContent-Range: bytes 0-9/10\r\n\r\n"))
+    status, headers = sync._download_request_to_path(urllib.request.Request(DATA_URL), str(target), 5.0)
+    assert (status, headers["Via"], target.read_bytes()) == (206, "HTTP/1.1 proxy", b"0123456789")
+
+    fake_curl.answer(404, "gone", exit_code=22)
+    missing = tmp_path / "missing.bin"
+    assert sync._download_request_to_path(urllib.request.Request(DATA_URL), str(missing), 5.0)[0] == 404
+    assert not missing.exists()
+
+
 # -- TLS -------------------------------------------------------------------------
 
 

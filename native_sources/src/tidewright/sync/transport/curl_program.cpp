@@ -280,11 +280,18 @@ class CurlExchange {
     }
   }
 
+  // The status of the last response block ("HTTP/" at the start of a line).
   std::int64_t last_head_status() const {
-    std::size_t at = head_text_.rfind("HTTP/");
-    if (at == std::string::npos) return 0;
-    std::string_view line = std::string_view(head_text_).substr(at);
-    return curl_status_from_stdout(line.substr(0, line.find_first_of("\r\n")));
+    std::int64_t status = 0;
+    std::string_view rest = head_text_;
+    while (!rest.empty()) {
+      std::size_t end = rest.find('\n');
+      std::string_view line = rest.substr(0, end);
+      if (line.substr(0, 5) == "HTTP/") status = curl_status_from_stdout(line);
+      if (end == std::string_view::npos) break;
+      rest.remove_prefix(end + 1);
+    }
+    return status;
   }
 
   double since_start() const {
