@@ -1,5 +1,5 @@
 """A small HTTP/1.1 server for the tests whose answers are written byte by
-byte: bodies that never end, bodies longer than they announce, header lines
+byte: bodies that never end or are longer than they announce, header lines
 trickled one at a time. The reference data service answers like a correct
 server that is sometimes broken; this one answers like a hostile one.
 
@@ -37,15 +37,6 @@ class Exchange:
         self.headers = headers  # lower-case names
         self.sent = 0  # bytes written after the head
         self._sock = sock
-
-    @property
-    def range(self):
-        """``(first, last)`` of a "bytes=first-last" Range (last None when open), or None."""
-        value = self.headers.get("range", "")
-        if not value.startswith("bytes="):
-            return None
-        first, _, last = value[len("bytes="):].partition("-")
-        return int(first), (int(last) if last else None)
 
     def send(self, data):
         """Writes all of ``data``; raises ClientGone when the client left or the server stops."""
@@ -187,11 +178,10 @@ class RawHttpServer:
 # -- answers ---------------------------------------------------------------------
 
 
-def respond(status, body=b"", headers=(), content_length=True):
-    """A plain answer; ``content_length`` False leaves the length to the close."""
+def respond(status, body=b"", headers=()):
+    """A plain answer."""
     def action(ex):
-        extra = [("Content-Length", len(body))] if content_length else []
-        ex.head(status, list(headers) + extra + [("Connection", "close")])
+        ex.head(status, list(headers) + [("Content-Length", len(body)), ("Connection", "close")])
         ex.send(body)
     return action
 
@@ -206,42 +196,6 @@ def endless_body(status=200, prefix=b"", filler=_FILLER, headers=(), content_len
         ex.send(prefix)
         while ex.sent < limit:
             ex.send(filler)
-    return action
-
-
-def overlong_range(data, extra=b"\0" * 65536, status=206, content_range=True, limit=1 << 30):
-    """The asked range of ``data`` followed by ``extra`` bytes again and
-    again: a 206 whose length lies (or, with ``status`` 200, the whole of
-    ``data`` despite the range, and then more)."""
-    def action(ex):
-        first, last = ex.range or (0, None)
-        if status == 200:
-            first, last = 0, len(data) - 1
-        last = len(data) - 1 if last is None else min(last, len(data) - 1)
-        headers = [("Connection", "close")]
-        if status == 206 and content_range:
-            headers.append(("Content-Range", f"bytes {first}-{last}/{len(data)}"))
-        ex.head(status, headers)
-        ex.send(data[first:last + 1])
-        while ex.sent < limit:
-            ex.send(extra)
-    return action
-
-
-def ranged(data, content_range=lambda first, last, size: f"bytes {first}-{last}/{size}"):
-    """A correct 206 for the asked range of ``data``, except that the
-    Content-Range header is ``content_range(first, last, size)`` (None: no
-    such header)."""
-    def action(ex):
-        first, last = ex.range or (0, None)
-        last = len(data) - 1 if last is None else min(last, len(data) - 1)
-        body = data[first:last + 1]
-        headers = [("Content-Length", len(body)), ("Connection", "close")]
-        value = content_range(first, last, len(data))
-        if value is not None:
-            headers.append(("Content-Range", value))
-        ex.head(206, headers)
-        ex.send(body)
     return action
 
 
