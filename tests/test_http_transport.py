@@ -16,9 +16,11 @@ from urllib.parse import urlsplit
 import pytest
 
 import tidewright.sync as sync
+from raw_http_server import RawHttpServer, endless_body, respond, trickled_headers
 from tidewright.sync_backoff import SyncBackoffCancelled, SyncBackoffPolicy, backoff_context
 
 TOKEN = "tok-123"
+MIB = 1 << 20
 
 
 # -- a scripted server ---------------------------------------------------------
@@ -343,6 +345,31 @@ sys.stderr.write(answer["stderr"])
 sys.exit(answer["exit"])
 """
 
+# Curl as a hostile server makes it look: a head never finished, or a body
+# that never ends (each bounded, should the client not stop it).
+HOSTILE_CURL = r"""#!{python}
+import json, os, sys, time
+with open({answer!r}) as f:
+    answer = json.load(f)
+args = sys.argv[1:]
+with open(args[args.index("-D") + 1], "w", encoding="latin-1") as head:
+    if answer["mode"] == "trickle":
+        head.write("HTTP/1.1 200 OK\r\n")
+        for n in range(600):
+            head.write("X-Trickle-%d: .\r\n" % n)
+            head.flush()
+            time.sleep(0.1)
+        sys.exit(28)
+    head.write("HTTP/1.1 200 OK\r\n\r\n")
+try:
+    with open(args[args.index("-o") + 1], "wb") as body:
+        for _ in range(1 << 16):
+            body.write(b"x" * 65536)
+except OSError:
+    sys.exit(23)
+sys.stdout.write("200")
+"""
+
 
 class FakeCurl:
     def __init__(self, directory):
@@ -350,14 +377,20 @@ class FakeCurl:
         self.log = directory / "argv.log"
         self.answer_file = directory / "answer.json"
         self.path = directory / "curl"
-        self.path.write_text(FAKE_CURL.format(python=sys.executable, log=str(self.log), answer=str(self.answer_file)))
-        self.path.chmod(0o755)
+        self._script = FAKE_CURL.format(python=sys.executable, log=str(self.log), answer=str(self.answer_file))
         self.answer(200, "hello")
+        self.path.chmod(0o755)
 
     def answer(self, status, body="", headers="", exit_code=0, stderr=""):
         dump = headers or f"HTTP/1.1 {status} X\r\nContent-Length: {len(body)}\r\n\r\n"
+        self.path.write_text(self._script)
         self.answer_file.write_text(json.dumps({"headers": dump, "body": body, "stdout": f"{status:03d}",
                                          "stderr": stderr, "exit": exit_code}))
+
+    def misbehave(self, mode):
+        """"trickle": header lines without end; "endless": a body without end."""
+        self.path.write_text(HOSTILE_CURL.format(python=sys.executable, answer=str(self.answer_file)))
+        self.answer_file.write_text(json.dumps({"mode": mode}))
 
     def calls(self):
         if not self.log.exists():
@@ -392,8 +425,8 @@ def test_curl_runs_with_the_exact_command_line_and_cleans_up(fake_curl):
         "-w", "%{http_code}", "-H", "Range: bytes=0-9", "-A", "tidewright-sync/0.0.3", DATA_URL]
     temp_dir = os.path.dirname(headers_path)
     assert os.path.basename(temp_dir).startswith("tidewright-curl-")
-    assert (os.path.basename(headers_path), os.path.dirname(body_path), os.path.basename(body_path)) == (
-        "headers.txt", temp_dir, "body.bin")
+    assert os.path.basename(headers_path) == "headers.txt"
+    assert body_path.startswith("/dev/fd/")  # the body streams through a pipe, never through a file
     assert not os.path.exists(temp_dir)
 
 
@@ -446,6 +479,20 @@ def test_curl_statuses_and_failures_look_like_the_in_process_client(fake_curl, e
         200, 503, 404, 0]
 
 
+def test_curl_download_streams_a_successful_body_into_the_file(fake_curl, tmp_path):
+    target = tmp_path / "out.bin"
+    # A header value that looks like a status line must not be taken for one.
+    fake_curl.answer(206, "0123456789", headers=(
+        "HTTP/1.1 206 Partial Content\r\nVia: HTTP/1.1 proxy\r\nContent-Range: bytes 0-9/10\r\n\r\n"))
+    status, headers = sync._download_request_to_path(urllib.request.Request(DATA_URL), str(target), 5.0)
+    assert (status, headers["Via"], target.read_bytes()) == (206, "HTTP/1.1 proxy", b"0123456789")
+
+    fake_curl.answer(404, "gone", exit_code=22)
+    missing = tmp_path / "missing.bin"
+    assert sync._download_request_to_path(urllib.request.Request(DATA_URL), str(missing), 5.0)[0] == 404
+    assert not missing.exists()
+
+
 # -- TLS -------------------------------------------------------------------------
 
 
@@ -465,6 +512,98 @@ def test_tls_peers_are_verified_against_the_configured_bundle(dataservice_factor
 
     monkeypatch.setenv("CURL_CA_BUNDLE", svc.ca_file)
     assert sync._http_get(url, svc.token)[0] == 200
+
+
+# -- hostile servers: memory and time stay bounded --------------------------------
+
+
+@pytest.fixture
+def raw_server():
+    with RawHttpServer() as srv:
+        yield srv
+
+
+@pytest.fixture
+def header_deadline():
+    """Sets the transport's header deadline (seconds) for the test."""
+    yield sync._set_sync_http_header_deadline_seconds
+    sync._set_sync_http_header_deadline_seconds(None)
+
+
+SMALL_ANSWERS = ["/data/manifest/version", "/data/manifest/version/", "/market/7/era/current"]
+
+# answer for a path whose bound is `cap` -> whether the client takes it
+BODY_SIZES = {
+    "exactly-the-cap": (lambda cap: respond(200, b"x" * cap), True),
+    "one-byte-more": (lambda cap: respond(200, b"x" * (cap + 1)), False),
+    "endless": (lambda cap: endless_body(filler=b"x" * 65536), False),
+    "announced-too-long": (lambda cap: endless_body(content_length=100 * cap), False),
+}
+
+
+@pytest.mark.parametrize("answer, taken", BODY_SIZES.values(), ids=BODY_SIZES.keys())
+@pytest.mark.parametrize("path", SMALL_ANSWERS)
+def test_small_answers_are_refused_past_their_cap_and_never_retried(raw_server, events, path, answer, taken):
+    url = raw_server.route(path, answer(MIB))
+    if taken:
+        status, _, body = sync._http_get(url, TOKEN)
+        assert (status, len(body)) == (200, MIB)
+        return
+    with pytest.raises(sync.PermanentDownloadError) as info:
+        sync._http_get(url, TOKEN)
+    assert url in str(info.value) and str(MIB) in str(info.value), str(info.value)
+    assert (info.value.status, info.value.file_path) == (200, None)
+    assert len(raw_server.requests_for(path)) == 1
+    assert of_type(events, "http_retry") == []
+
+
+def test_bodies_in_memory_have_a_generous_cap_and_error_bodies_a_small_one(raw_server):
+    # A manifest of 200k files is about 30 MB: far below the cap.
+    big = raw_server.route("/data/manifest", respond(200, b" " * (40 * MIB)))
+    assert len(sync._http_get(big, TOKEN)[2]) == 40 * MIB
+    # An endless error body: the status is the answer, a MiB of its body is kept.
+    missing = raw_server.route("/data/files/gone.bin", endless_body(status=404, filler=b"e" * 65536))
+    status, _, body = sync._http_get(missing, TOKEN)
+    assert (status, len(body)) == (404, MIB)
+
+
+def test_endless_body_through_curl_is_refused_at_its_cap(fake_curl, events):
+    fake_curl.misbehave("endless")
+    url = "https://data.tidewright.io/data/manifest/version"
+    with pytest.raises(sync.PermanentDownloadError, match=f"exceeds {MIB} bytes"):
+        sync._http_get_public(url)
+    assert of_type(events, "http_retry") == []
+
+
+def _trickle_in_process(raw_server, fake_curl, tmp_path):
+    url = raw_server.route("/data/files/a.bin", trickled_headers(every=0.1))
+    return (lambda: sync._http_get_public(url),
+            lambda: sync._download_request_to_path(urllib.request.Request(url), str(tmp_path / "out"), 30.0))
+
+
+def _trickle_through_curl(raw_server, fake_curl, tmp_path):
+    fake_curl.misbehave("trickle")
+    return (lambda: sync._http_get_public(DATA_URL),
+            lambda: sync._download_request_to_path(urllib.request.Request(DATA_URL), str(tmp_path / "out"), 30.0,
+                                                    "curl"))
+
+
+@pytest.mark.parametrize("setup", [_trickle_in_process, _trickle_through_curl], ids=["in-process", "curl"])
+def test_a_head_trickled_line_by_line_ends_at_the_header_deadline(raw_server, fake_curl, tmp_path, events,
+                                                                  fast_backoff, header_deadline, setup):
+    # A header line every 0.1 s is progress for the 30 s no-progress
+    # timeout; only the deadline on the whole head ends the request.
+    header_deadline(0.5)
+    get, download = setup(raw_server, fake_curl, tmp_path)
+    with backoff_context(stop_requested=stop_after_retries(events, 2)):
+        with pytest.raises(SyncBackoffCancelled):
+            get()
+    assert [e["reason"] for e in of_type(events, "http_retry")] == ["TimeoutError"] * 2
+    assert of_type(events, "sync_unavailable_status")[0]["failures"] == ["TimeoutError"]  # an outage
+
+    with pytest.raises(ConnectionError, match="response headers not complete within 0.5 s"):
+        download()
+    assert not (tmp_path / "out").exists()
 
 
 # -- streaming downloads -----------------------------------------------------------

@@ -2,13 +2,18 @@
 broken bodies and ranges, resumed downloads, and manifests that move on while
 files download. Every scripted fault ends with correct files or a typed error."""
 
+import io
+import json
 import logging
 import os
+import threading
 
 import pytest
 
 import tidewright.auth
 import tidewright.sync as sync
+from peak_rss import UNDER_SANITIZER, describe, measure
+from raw_http_server import RawHttpServer, endless_body, respond, trickled_headers
 from sync_helpers import (BIG, BIG_BYTES, CHUNK, FEATURE, assert_in_step, body_bytes_served, file_requests,
                           local_bytes, manager, range_starts, request_budget, tmp_files, tree)
 
@@ -63,8 +68,9 @@ BODY_FAULTS = {
     # A 200 to a range is the whole file: it replaces the part received.
     "range-ignored": (dict(kind="ignore_range", skip=1), [0, CHUNK], CHUNK + BIG_BYTES),
     "empty-206": (dict(kind="empty_206", skip=1), [0, CHUNK, CHUNK, 2 * CHUNK, 3 * CHUNK], BIG_BYTES),
+    # A Content-Range other than asked: the staging file is worth nothing, the file starts over.
     "wrong-content-range": (dict(kind="bad_content_range", skip=1),
-                            [0, CHUNK, CHUNK, 2 * CHUNK, 3 * CHUNK], BIG_BYTES + CHUNK),
+                            [0, CHUNK, 0, CHUNK, 2 * CHUNK, 3 * CHUNK], BIG_BYTES + 2 * CHUNK),
     # 416 to a resumed range: the staging file starts over.
     "416": (dict(kind="status", status=416, skip=1), [0, CHUNK, 0, CHUNK, 2 * CHUNK, 3 * CHUNK], BIG_BYTES + CHUNK),
 }
@@ -77,6 +83,47 @@ def test_broken_bodies_and_ranges_end_with_correct_files(svc, tmp_path, fault, s
     synced(svc, tmp_path)
     assert range_starts(svc, BIG) == starts
     assert body_bytes_served(svc, BIG) == served
+
+
+# (fault, range starts asked for the large file)
+OVERLONG_FAULTS = {
+    # A 206 that goes on past its range, without end or by an announced
+    # length: the range is written, the rest refused, and the next pass
+    # resumes right after the range.
+    "206-without-end": (dict(kind="overlong", skip=1), [0, CHUNK, 2 * CHUNK, 3 * CHUNK]),
+    "206-announcing-more": (dict(kind="overlong", skip=1, after_bytes=5000), [0, CHUNK, 2 * CHUNK, 3 * CHUNK]),
+    # A 200 that ignores the range and goes on past the file: the file is
+    # complete at its size and checked as it is, nothing more is asked.
+    "200-without-end": (dict(kind="overlong_whole", skip=1), [0, CHUNK]),
+}
+
+
+@pytest.mark.parametrize("fault, starts", OVERLONG_FAULTS.values(), ids=OVERLONG_FAULTS.keys())
+def test_bodies_longer_than_asked_stop_at_the_expected_length(svc, tmp_path, fault, starts):
+    fault = dict(fault)
+    svc.add_fault(BIG_URL_PATH, fault.pop("kind"), **fault)
+    synced(svc, tmp_path)
+    assert range_starts(svc, BIG) == starts
+    [hostile] = [r for r in file_requests(svc, BIG) if r.fault]
+    assert hostile.bytes_sent < 64 << 20, "the client should hang up instead of reading on"
+
+
+def test_a_206_without_content_range_is_taken_as_the_range_asked(svc, tmp_path):
+    # As through a proxy that drops the header: no range is asked twice.
+    svc.add_fault(BIG_URL_PATH, "headers", drop_headers=["Content-Range"], count=None)
+    synced(svc, tmp_path)
+    assert range_starts(svc, BIG) == [0, CHUNK, 2 * CHUNK, 3 * CHUNK]
+
+
+def test_a_content_range_that_keeps_contradicting_the_request_ends_the_sync(svc, tmp_path):
+    svc.add_fault(BIG_URL_PATH, "bad_content_range", skip=1, count=None)
+    m = manager(svc, tmp_path)
+    with request_budget(svc), pytest.raises(sync.PermanentDownloadError) as info:
+        m.sync()
+    assert (info.value.file_path, info.value.status) == (BIG, 206)
+    assert (f"asked for bytes 0-{CHUNK - 1}, the server answered Content-Range: bytes 1-{CHUNK - 1}/{BIG_BYTES}"
+            in str(info.value))
+    assert range_starts(svc, BIG) == [0, CHUNK, 0]  # started over once, then given up
 
 
 def test_partial_download_resumes_in_the_next_sync(svc, tmp_path):
@@ -299,3 +346,92 @@ def test_a_sync_refused_half_way_leaves_the_previous_state(svc, tmp_path, break_
         m.sync()
     assert_in_step(svc, tmp_path)
     assert m.get_manifest().version == 2
+
+
+# -- hostile services: memory and time stay bounded ------------------------------------
+
+MIB = 1 << 20
+needs_plain_memory = pytest.mark.skipif(UNDER_SANITIZER, reason="peak RSS means nothing under a sanitizer runtime")
+
+
+def streamed_manifest(entries, era=1):
+    """A manifest of ``entries`` feature files, written as it is generated
+    (the server never holds it), ended by the close."""
+    def action(ex):
+        ex.head(200, [("Content-Type", "application/json"), ("Connection", "close")])
+        ex.send(b'{"version": 1, "era_number": %d, "market_id": 1, "files": {' % era)
+        for first in range(0, entries, 1000):
+            ex.send(",".join(
+                f'"features/top50/signal_is/f{i:07d}__ret__lag0__v1.arrow": '
+                f'{{"size_bytes": {1000 + i}, "sha256": "{i:064x}", "kind": "feature"}}'
+                for i in range(first, min(first + 1000, entries))).encode() + (b"," if first + 1000 < entries else b""))
+        ex.send(b"}}")
+    return action
+
+
+def sync_in_child(server_url, data_dir):
+    return measure(f"""
+        m = sync.SyncManager({str(data_dir)!r}, {server_url!r}, token="t")
+        m.sync()
+    """)
+
+
+# path -> answer, then what the sync raises and how often each path is asked
+ENDLESS = {
+    # The probe is given up at 1 MiB and the sync goes on to the manifest.
+    "version-probe": ({"/data/manifest/version": endless_body(prefix=b'{"version": 1, "x": "', filler=b"x" * 65536),
+                       "/data/manifest": respond(404, b"{}")},
+                      "SyncError", "Failed to fetch manifest: HTTP 404"),
+    # A manifest whose text never ends: given up at 256 MiB, not retried.
+    "manifest": ({"/data/manifest/version": respond(404, b"{}"),
+                  "/data/manifest": endless_body(prefix=b'{"version": 1, "era_number": 1, "files": {')},
+                 "ManifestError", f"exceeds {256 * MIB} bytes"),
+}
+
+
+@needs_plain_memory
+@pytest.mark.parametrize("routes, error, message", ENDLESS.values(), ids=ENDLESS.keys())
+def test_endless_answers_end_at_their_cap_in_bounded_memory(tmp_path, routes, error, message):
+    with RawHttpServer(lifetime=240) as srv:
+        for path, answer in routes.items():
+            srv.route(path, answer)
+        outcome = sync_in_child(srv.url(), tmp_path)
+        assert (outcome.get("error"), message in outcome.get("message", "")) == (error, True), describe(outcome)
+        assert outcome["peak_mib"] < 200, describe(outcome)
+        assert [len(srv.requests_for(path)) for path in routes] == [1, 1]
+
+
+@needs_plain_memory
+def test_a_manifest_of_200k_files_is_read_without_copies_of_its_text(tmp_path):
+    # A local manifest of another era stops the sync right after the
+    # server's manifest is built: what is measured is fetching and parsing
+    # it (38 MB of text; read whole, then parsed and copied, it took 230 MiB).
+    (tmp_path / "manifest.json").write_text(json.dumps({"version": 1, "era_number": 2, "market_id": 1, "files": {}}))
+    with RawHttpServer(lifetime=240) as srv:
+        srv.route("/data/manifest/version", respond(404, b"{}"))
+        srv.route("/data/manifest", streamed_manifest(200_000))
+        outcome = sync_in_child(srv.url(), tmp_path)
+    assert outcome.get("error") == "EraError" and "server era_number=1" in outcome["message"], describe(outcome)
+    assert outcome["peak_mib"] < 175, describe(outcome)
+
+
+def test_a_head_trickled_forever_is_an_outage_the_command_line_gives_up_on(tmp_path):
+    from tidewright import cli
+
+    sync._set_sync_http_header_deadline_seconds(0.5)
+    outcome = {}
+    try:
+        with RawHttpServer() as srv:
+            for path in ("/data/manifest/version", "/data/manifest"):
+                srv.route(path, trickled_headers(every=0.1))
+            out, err = io.StringIO(), io.StringIO()
+            argv = ["sync", "--server", srv.url(), "--data-dir", str(tmp_path), "--token", "t", "--give-up-after", "1"]
+            runner = threading.Thread(target=lambda: outcome.update(code=cli.main(argv, stdout=out, stderr=err)),
+                                      daemon=True)
+            runner.start()
+            runner.join(60)  # a hang guard far above the second it takes
+            assert not runner.is_alive(), "the command kept waiting for a head that never ends"
+    finally:
+        sync._set_sync_http_header_deadline_seconds(None)
+    assert outcome["code"] == cli.EXIT_UNAVAILABLE, err.getvalue()
+    assert "gave up" in err.getvalue()

@@ -82,5 +82,51 @@ TEST(JsonParse, FloatsReadBackAsTheValuesTheyWereWrittenFrom) {
   }
 }
 
+TEST(JsonStreamParse, AnySplitOfTheTextGivesTheValueOfTheWholeText) {
+  const std::string text =
+      R"({"files": {"a/b.arrow": {"size_bytes": 12, "sha256": "ab\"c\\", "kind": "feature"}},)"
+      R"( "f": [5.563474000000008e+23, -0.0, 123456789012345678901, NaN, -Infinity, Infinity, 1e999],)"
+      R"( "NaN": "Infinity -Infinity", "t": [true, false, null], "u": "\u00e9\ud83d\ude00"})";
+  const json::value whole = parse_json(text);
+  ASSERT_TRUE(std::isnan(whole.at("f").at(3).get_double()));
+  for (std::size_t cut = 0; cut <= text.size(); ++cut) {
+    JsonStreamParser parser;
+    parser.write(std::string_view(text).substr(0, cut));
+    parser.write(std::string_view(text).substr(cut));
+    json::value streamed = parser.finish();
+    // NaN is not equal to itself: compare the written forms.
+    ASSERT_EQ(dump_json(streamed), dump_json(whole)) << "cut at " << cut;
+  }
+  JsonStreamParser bytewise;
+  for (char c : text) bytewise.write(std::string_view(&c, 1));
+  EXPECT_EQ(dump_json(bytewise.finish()), dump_json(whole));
+}
+
+TEST(JsonStreamParse, FailsAsSoonAsThePiecesAreMalformedAndStartsAfreshAfterReset) {
+  JsonStreamParser parser;
+  parser.write(R"({"a": [1, 2)");
+  EXPECT_THROW(parser.write("]]"), JsonParseError);  // the object is closed as an array
+  parser.reset();
+  parser.write("[NaN");
+  EXPECT_THROW(parser.finish(), JsonParseError);  // unterminated
+  parser.reset();
+  for (const char* bad : {"[NaNa]", "[-NaN]", "[Infinityy]", "[1NaN]", "[nul]"}) {
+    parser.reset();
+    EXPECT_THROW(
+        {
+          parser.write(bad);
+          parser.finish();
+        },
+        JsonParseError)
+        << bad;
+  }
+  parser.reset();
+  parser.write("[12345678901234567890123, NaN, 7]");
+  json::value mixed = parser.finish();  // a long number still counts as one: the NaN lands where it stood
+  EXPECT_FALSE(std::isnan(mixed.at(0).get_double()));
+  EXPECT_TRUE(std::isnan(mixed.at(1).get_double()));
+  EXPECT_EQ(mixed.at(2).get_int64(), 7);
+}
+
 }  // namespace
 }  // namespace tidewright::sync

@@ -104,7 +104,12 @@ FAULT_KINDS = frozenset({
     "stall",              # send headers and `after_bytes` (None: nothing at all), then hang until stopped
     "delay",              # wait `seconds` before answering
     "headers",            # answer normally with `set_headers` added/replaced and `drop_headers` removed
+    "overlong",           # the body, then `after_bytes` more (None: without end); the length announced counts them
+    "overlong_whole",     # 200 with the whole file despite a Range, then as "overlong"
 })
+
+# An endless body ends when the client leaves, the service stops, or after this much.
+_OVERLONG_LIMIT = 8 << 30
 
 
 @dataclasses.dataclass
@@ -672,7 +677,7 @@ class DataService:
             return _Response(fault.status, headers, content, 0, content.size)
         if response.content is None or response.status >= 300:
             return response  # the remaining faults only shape successful bodies
-        if kind == "ignore_range" and response.status == 206:
+        if kind in ("ignore_range", "overlong_whole") and response.status == 206:
             headers = [h for h in response.headers if h[0].lower() != "content-range"]
             return dataclasses.replace(response, status=200, headers=headers, start=0, stop=response.content.size)
         if kind == "empty_206":
@@ -702,13 +707,17 @@ class DataService:
         if kind in ("truncate", "reset", "stall"):
             limit = fault.after_bytes if fault.after_bytes is not None else body_length // 2
             limit = max(0, min(limit, body_length))
+        overlong = kind in ("overlong", "overlong_whole") and response.content is not None and response.status < 300
+        if overlong:
+            announced = None if fault.after_bytes is None else body_length + fault.after_bytes
         record.status = response.status
         try:
             handler.send_response(response.status)
             for name, value in response.headers:
                 handler.send_header(name, value)
-            handler.send_header("Content-Length", str(announced))
-            if response.close or limit is not None:
+            if announced is not None:
+                handler.send_header("Content-Length", str(announced))
+            if response.close or limit is not None or announced is None:
                 handler.send_header("Connection", "close")
                 handler.close_connection = True
             handler.end_headers()
@@ -736,6 +745,14 @@ class DataService:
                 if kind == "slow" and self._stop_event.wait(len(piece) / fault.bytes_per_second):
                     handler.close_connection = True
                     return
+            if overlong:
+                extra = _OVERLONG_LIMIT if fault.after_bytes is None else fault.after_bytes
+                filler = b"\0" * _SEND_CHUNK
+                while extra > 0 and not self._stop_event.is_set():
+                    piece = filler[:extra]
+                    handler.wfile.write(piece)
+                    extra -= len(piece)
+                    record.bytes_sent += len(piece)
         except (ConnectionError, ssl.SSLError, OSError):
             handler.close_connection = True
             return

@@ -6,6 +6,7 @@
 #include <charconv>
 #include <cmath>
 #include <cstring>
+#include <deque>
 #include <limits>
 #include <optional>
 #include <vector>
@@ -95,94 +96,185 @@ class PreciseHandler {
   bool on_comment_part(json::string_view, json::error_code&) { return true; }
   bool on_comment(json::string_view, json::error_code&) { return true; }
 
-  // For text whose non-finite literals were replaced (see
-  // with_non_finite_literals_replaced): per number, in document order,
-  // whether it stood for NaN.
-  std::vector<char> nan_numbers;
+  // For text whose non-finite literals were rewritten (NonFiniteRewriter):
+  // the ordinals, in document order, of the numbers that stood for NaN.
+  std::deque<std::uint64_t> nan_ordinals;
 
  private:
   bool next_number_is_nan() {
-    if (next_number_ >= nan_numbers.size()) return false;
-    return nan_numbers[next_number_++] != 0;
+    const std::uint64_t ordinal = numbers_seen_++;
+    if (nan_ordinals.empty() || nan_ordinals.front() != ordinal) return false;
+    nan_ordinals.pop_front();
+    return true;
   }
 
   std::string number_;  // the parts of a number split across writes
-  std::size_t next_number_ = 0;
+  std::uint64_t numbers_seen_ = 0;
 };
 
 // The host's encoder writes NaN, Infinity and -Infinity for non-finite
 // floats, and its decoder reads them back. The library knows no such
-// literals, so outside strings they become numbers too large for a double
-// (read as infinities) and `nan_numbers` marks, per number in document
-// order, those that were NaN. Empty when the text has none of them.
-std::optional<std::string> with_non_finite_literals_replaced(std::string_view text, std::vector<char>& nan_numbers) {
-  if (text.find("NaN") == std::string_view::npos && text.find("Infinity") == std::string_view::npos) {
-    return std::nullopt;
-  }
-  auto starts = [&](std::size_t i, std::string_view word) { return text.substr(i, word.size()) == word; };
-  auto is_number_char = [](char c) {
-    return (c >= '0' && c <= '9') || c == '-' || c == '+' || c == '.' || c == 'e' || c == 'E';
-  };
-  std::string out;
-  out.reserve(text.size() + 16);
-  bool replaced = false;
-  std::size_t i = 0;
-  while (i < text.size()) {
-    char c = text[i];
-    if (c == '"') {  // copy the string, escapes included
-      std::size_t j = i + 1;
-      while (j < text.size() && text[j] != '"') j += text[j] == '\\' ? 2 : 1;
-      j = std::min(j + 1, text.size());
-      out.append(text.substr(i, j - i));
-      i = j;
-    } else if (starts(i, "NaN")) {
-      out += "1e999";
-      nan_numbers.push_back(1);
-      replaced = true;
-      i += 3;
-    } else if (starts(i, "Infinity") || starts(i, "-Infinity")) {
-      out += c == '-' ? "-1e999" : "1e999";
-      nan_numbers.push_back(0);
-      replaced = true;
-      i += c == '-' ? 9 : 8;
-    } else if (c == '-' || (c >= '0' && c <= '9')) {
-      std::size_t j = i + 1;
-      while (j < text.size() && is_number_char(text[j])) ++j;
-      out.append(text.substr(i, j - i));
-      nan_numbers.push_back(0);
-      i = j;
-    } else {
-      out.push_back(c);
-      ++i;
+// literals, so outside strings they are rewritten into numbers too large for
+// a double (read as infinities), and the ordinals of those that were NaN go
+// to the handler. Works on text in pieces of any size: a literal or a
+// string split between two pieces is carried over.
+class NonFiniteRewriter {
+ public:
+  explicit NonFiniteRewriter(std::deque<std::uint64_t>& nan_ordinals) : nan_ordinals_(nan_ordinals) {}
+
+  // Appends the rewritten form of `piece` to `out`.
+  void rewrite(std::string_view piece, std::string& out) {
+    std::size_t i = 0;
+    while (i < piece.size()) {
+      switch (state_) {
+        case State::kString: {
+          std::size_t j = i;
+          while (j < piece.size() && piece[j] != '"' && piece[j] != '\\') ++j;
+          if (j < piece.size()) state_ = piece[j] == '"' ? State::kValue : State::kEscape;
+          j = std::min(j + 1, piece.size());
+          out.append(piece.substr(i, j - i));
+          i = j;
+          break;
+        }
+        case State::kEscape:
+          out.push_back(piece[i++]);
+          state_ = State::kString;
+          break;
+        case State::kToken:
+          if (!is_token_char(piece[i])) {
+            end_token(out);
+            break;
+          }
+          if (passthrough_) {
+            out.push_back(piece[i++]);
+          } else if (token_.size() < kLongestLiteral) {
+            token_.push_back(piece[i++]);
+          } else {
+            out += token_;  // longer than any literal: passed on as it is
+            passthrough_ = true;
+          }
+          break;
+        case State::kValue: {
+          char c = piece[i];
+          if (c == '"') {
+            state_ = State::kString;
+            out.push_back(c);
+            ++i;
+          } else if (is_token_char(c)) {
+            state_ = State::kToken;
+            starts_number_ = c == '-' || (c >= '0' && c <= '9');
+            token_.clear();
+            passthrough_ = false;
+          } else {
+            out.push_back(c);
+            ++i;
+          }
+          break;
+        }
+      }
     }
   }
-  if (!replaced) return std::nullopt;
-  return out;
-}
 
-json::value parse_with(std::string_view text, std::vector<char> nan_numbers, json::error_code& ec) {
+  // Called after the last piece.
+  void finish(std::string& out) {
+    if (state_ == State::kToken) end_token(out);
+  }
+
+ private:
+  enum class State { kValue, kString, kEscape, kToken };
+  static constexpr std::size_t kLongestLiteral = 9;  // "-Infinity"
+
+  static bool is_token_char(char c) {
+    return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || c == '-' || c == '+' ||
+           c == '.';
+  }
+
+  void end_token(std::string& out) {
+    state_ = State::kValue;
+    if (passthrough_) {
+      if (starts_number_) ++numbers_;
+      return;
+    }
+    if (token_ == "NaN") {
+      nan_ordinals_.push_back(numbers_++);
+      out += "1e999";
+    } else if (token_ == "Infinity" || token_ == "-Infinity") {
+      ++numbers_;
+      out += token_[0] == '-' ? "-1e999" : "1e999";
+    } else {
+      if (starts_number_) ++numbers_;
+      out += token_;
+    }
+  }
+
+  std::deque<std::uint64_t>& nan_ordinals_;
+  State state_ = State::kValue;
+  std::string token_;  // the current bare word or number, up to kLongestLiteral
+  bool passthrough_ = false;
+  bool starts_number_ = false;
+  std::uint64_t numbers_ = 0;
+};
+
+json::parse_options parse_options() {
   json::parse_options options;
   options.max_depth = 1024;
-  json::basic_parser<PreciseHandler> parser(options);
-  parser.handler().st.reset();
-  parser.handler().nan_numbers = std::move(nan_numbers);
-  std::size_t used = parser.write_some(false, text.data(), text.size(), ec);
-  if (!ec && used < text.size()) ec = json::error::extra_data;
-  if (ec) return nullptr;
-  return parser.handler().st.release();
+  return options;
 }
 
 }  // namespace
 
+struct JsonStreamParser::Impl {
+  Impl() : parser(parse_options()), rewriter(parser.handler().nan_ordinals) { parser.handler().st.reset(); }
+
+  void feed(std::string_view text, bool more) {
+    json::error_code ec;
+    std::size_t used = parser.write_some(more, text.data(), text.size(), ec);
+    if (!ec && used < text.size()) ec = json::error::extra_data;
+    if (ec) throw JsonParseError(ec.message());
+  }
+
+  json::basic_parser<PreciseHandler> parser;
+  NonFiniteRewriter rewriter;
+  std::string rewritten;  // reused between pieces
+};
+
+JsonStreamParser::JsonStreamParser() : impl_(std::make_unique<Impl>()) {}
+JsonStreamParser::~JsonStreamParser() = default;
+
+void JsonStreamParser::write(std::string_view piece) {
+  impl_->rewritten.clear();
+  impl_->rewriter.rewrite(piece, impl_->rewritten);
+  impl_->feed(impl_->rewritten, true);
+}
+
+json::value JsonStreamParser::finish() {
+  impl_->rewritten.clear();
+  impl_->rewriter.finish(impl_->rewritten);
+  impl_->feed(impl_->rewritten, false);
+  json::value value = impl_->parser.handler().st.release();
+  impl_ = std::make_unique<Impl>();
+  return value;
+}
+
+void JsonStreamParser::reset() { impl_ = std::make_unique<Impl>(); }
+
 json::value parse_json(std::string_view text) {
+  // The library's own pass first: it is the fast one, and non-finite
+  // literals are rare.
+  json::basic_parser<PreciseHandler> strict(parse_options());
+  strict.handler().st.reset();
   json::error_code ec;
-  json::value value = parse_with(text, {}, ec);
-  if (!ec) return value;
-  std::vector<char> nan_numbers;
-  if (std::optional<std::string> replaced = with_non_finite_literals_replaced(text, nan_numbers)) {
-    json::error_code second;
-    value = parse_with(*replaced, std::move(nan_numbers), second);
-    if (!second) return value;
+  std::size_t used = strict.write_some(false, text.data(), text.size(), ec);
+  if (!ec && used < text.size()) ec = json::error::extra_data;
+  if (!ec) return strict.handler().st.release();
+  if (text.find("NaN") != std::string_view::npos || text.find("Infinity") != std::string_view::npos) {
+    JsonStreamParser parser;
+    try {
+      parser.write(text);
+      return parser.finish();
+    } catch (const JsonParseError&) {
+      // Report the first pass's error: the text was malformed before any rewriting.
+    }
   }
   throw JsonParseError(ec.message());
 }

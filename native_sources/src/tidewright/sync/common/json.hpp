@@ -7,6 +7,7 @@
 #include <boost/json.hpp>
 
 #include <cstdint>
+#include <memory>
 #include <optional>
 #include <stdexcept>
 #include <string>
@@ -29,6 +30,27 @@ struct JsonWriteOptions {
 
 // Parses UTF-8 JSON text. Throws JsonParseError on malformed input.
 json::value parse_json(std::string_view text);
+
+// Parses JSON text that arrives in pieces, as parse_json parses the whole
+// text, without ever holding the text: memory is that of the values built.
+// Throws JsonParseError as soon as a piece makes the text malformed. Not
+// thread-safe; reusable after finish() or reset().
+class JsonStreamParser {
+ public:
+  JsonStreamParser();
+  ~JsonStreamParser();
+  JsonStreamParser(const JsonStreamParser&) = delete;
+  JsonStreamParser& operator=(const JsonStreamParser&) = delete;
+
+  void write(std::string_view piece);
+  // The value of the text written since the last finish() or reset().
+  json::value finish();
+  void reset();
+
+ private:
+  struct Impl;
+  std::unique_ptr<Impl> impl_;
+};
 
 // Renders `value` as JSON text, non-ASCII escaped as \uXXXX.
 std::string dump_json(const json::value& value, const JsonWriteOptions& options = {});

@@ -50,33 +50,94 @@ std::string lower_stripped(const json::value* v) {
   return s;
 }
 
-// The staging file of one download: appends at its end, hashing every byte.
+// A 206 whose Content-Range names another range than the one asked for.
+class ContentRangeMismatch : public SyncError {
+ public:
+  ContentRangeMismatch(const std::string& file_path, std::string asked, std::string answered)
+      : SyncError("Download failed for " + file_path + ": asked for " + asked + ", the server answered Content-Range: " +
+                  answered),
+        asked(std::move(asked)),
+        answered(std::move(answered)) {}
+  std::string asked;
+  std::string answered;
+};
+
+// The staging file of one download, as the answer to one ranged request
+// writes it: appends at its end, hashing every byte, and never more bytes
+// than that request can rightly bring (the range asked, as far as the file
+// reaches; the whole file for a 200). A server that sends more (a 206 whose
+// length lies, a 200 that ignores the range and does not end) gets the
+// bytes up to that point written and the rest refused with a SyncError,
+// which the download retries like any protocol error: the disk never fills
+// with the excess.
 class StagingSink : public BodySink {
  public:
-  StagingSink(int fd, Sha256& hasher, std::int64_t& received, std::int64_t range_start, const std::string& file_path)
-      : fd_(fd), hasher_(hasher), received_(received), range_start_(range_start), file_path_(file_path) {}
+  // `range_last` is the last byte asked for; `expected_size` the file's
+  // size from the manifest (negative when it gives none).
+  StagingSink(int fd, Sha256& hasher, std::int64_t& received, std::int64_t range_start, std::int64_t range_last,
+              std::int64_t expected_size, const std::string& file_path)
+      : fd_(fd),
+        hasher_(hasher),
+        received_(received),
+        range_start_(range_start),
+        range_last_(expected_size >= 0 ? std::min(range_last, expected_size - 1) : range_last),
+        expected_size_(expected_size),
+        file_path_(file_path) {}
 
   void begin(std::int64_t status, const HttpHeaders& headers) override {
-    if (status == 200 && range_start_ > 0) {
+    if (status == 200) {
       // The server ignored the range and sends the whole file: start over.
-      restart();
+      if (range_start_ > 0) start_over();
+      limit_ = expected_size_ >= 0 ? std::optional<std::int64_t>(expected_size_) : std::nullopt;
+      what_ = "the whole file";
       return;
     }
-    if (status == 206) {
-      std::optional<std::string> value = headers.get("Content-Range");
-      std::optional<ContentRange> range = value ? parse_content_range(*value) : std::nullopt;
-      if (!range || range->first != range_start_) {
-        throw SyncError("Download failed for " + file_path_ + ": unexpected Content-Range " +
-                        (value ? *value : std::string("(none)")));
-      }
-      complete_length_ = range->complete_length;
+    if (status != 206) return;
+    const std::string asked = "bytes " + std::to_string(range_start_) + "-" + std::to_string(range_last_);
+    std::optional<std::string> value = headers.get("Content-Range");
+    if (!value) {
+      // A proxy may drop the header: the body is taken as the range asked
+      // for, and held to its length.
+      limit_ = range_last_ - range_start_ + 1;
+      what_ = asked;
+      return;
     }
+    std::optional<ContentRange> range = parse_content_range(*value);
+    if (!range || range->first != range_start_ || range->last > range_last_) {
+      throw ContentRangeMismatch(file_path_, asked, *value);
+    }
+    complete_length_ = range->complete_length;
+    limit_ = range->last - range->first + 1;
+    what_ = "bytes " + std::to_string(range->first) + "-" + std::to_string(range->last);
   }
 
   // The file's length as the last 206 announced it, if it did.
   std::optional<std::int64_t> complete_length() const { return complete_length_; }
 
   void write(std::string_view bytes) override {
+    std::string_view kept = bytes;
+    if (limit_ && written_ + static_cast<std::int64_t>(bytes.size()) > *limit_) {
+      kept = bytes.substr(0, static_cast<std::size_t>(*limit_ - written_));
+    }
+    append(kept);
+    if (kept.size() < bytes.size()) {
+      throw SyncError("Download failed for " + file_path_ + ": the server sent more than the " +
+                      std::to_string(*limit_) + " bytes of " + what_ + "; the excess was not written");
+    }
+  }
+
+  void start_over() {
+    if (::ftruncate(fd_, 0) != 0 || ::lseek(fd_, 0, SEEK_SET) < 0) throw_os_error(errno, file_path_);
+    hasher_.reset();
+    if (progress_) progress_->add_bytes(-received_);
+    received_ = 0;
+    written_ = 0;
+  }
+
+  void set_progress(ProgressFeed* progress) { progress_ = progress; }
+
+ private:
+  void append(std::string_view bytes) {
     const char* data = bytes.data();
     std::size_t left = bytes.size();
     while (left > 0) {
@@ -93,26 +154,22 @@ class StagingSink : public BodySink {
     }
     hasher_.update(bytes);
     received_ += static_cast<std::int64_t>(bytes.size());
+    written_ += static_cast<std::int64_t>(bytes.size());
     if (progress_) progress_->add_bytes(static_cast<std::int64_t>(bytes.size()));
   }
 
-  void restart() {
-    if (::ftruncate(fd_, 0) != 0 || ::lseek(fd_, 0, SEEK_SET) < 0) throw_os_error(errno, file_path_);
-    hasher_.reset();
-    if (progress_) progress_->add_bytes(-received_);
-    received_ = 0;
-  }
-
-  void set_progress(ProgressFeed* progress) { progress_ = progress; }
-
- private:
   int fd_;
   Sha256& hasher_;
   std::int64_t& received_;
   std::int64_t range_start_;
+  std::int64_t range_last_;
+  std::int64_t expected_size_;
   const std::string& file_path_;
   ProgressFeed* progress_ = nullptr;
   std::optional<std::int64_t> complete_length_;
+  std::optional<std::int64_t> limit_;  // bytes this answer may write; none: unbounded
+  std::string what_;
+  std::int64_t written_ = 0;
 };
 
 // A staging file carries the digest of the file it holds a prefix of in an
@@ -348,6 +405,7 @@ void SyncManager::download_file(const std::string& file_path, const json::object
   const std::string transport = sync_http_transport();
   std::int64_t attempt = 0;
   std::int64_t checksum_repairs = 0;
+  bool restarted_for_content_range = false;
   std::string actual_sha;
 
   auto backoff = [&](const std::string& reason) {
@@ -407,7 +465,7 @@ void SyncManager::download_file(const std::string& file_path, const json::object
         std::optional<std::string> token;
         if (!is_public) token = fetch_token();
         HttpRequest request = make_sync_request(url, token, start, end);
-        StagingSink sink(fd.get(), hasher, received, start, file_path);
+        StagingSink sink(fd.get(), hasher, received, start, end, expected_size, file_path);
         sink.set_progress(&progress_);
         DownloadResult response = download_request_to_sink(request, sink, sync_http_timeout_seconds(),
                                                            is_public ? std::optional<std::string>(transport) : std::nullopt);
@@ -483,6 +541,21 @@ void SyncManager::download_file(const std::string& file_path, const json::object
       ::fremovexattr(fd.get(), kStagingDigestAttribute);  // the mark belongs to the staging file only
       if (fd.reset() != 0) throw_os_error(errno, staging);
       break;
+    } catch (const ContentRangeMismatch& e) {
+      // A staging file built from a misplaced range is worth nothing: start
+      // the file over once; a server that still answers other ranges than
+      // asked is not asked again and again.
+      if (restarted_for_content_range) {
+        throw PermanentDownloadError("Download failed for " + file_path + ": asked for " + e.asked +
+                                         ", the server answered Content-Range: " + e.answered +
+                                         " (also after starting the file over); not retried: the data service or a "
+                                         "proxy on the way serves other ranges than asked for",
+                                     file_path, 206);
+      }
+      restarted_for_content_range = true;
+      log_sync_event("range_resume_reset", file_path, 1, "content_range_mismatch",
+                     {{"expected_size", expected_size}, {"asked", e.asked}, {"content_range", e.answered}});
+      staging_file.truncate();
     } catch (const SyncUnavailableError& e) {
       if (!e.retryable_allowed()) throw;
       backoff("SyncUnavailableError");

@@ -15,6 +15,7 @@
 #include "tidewright/sync/manifest/sanitize.hpp"
 #include "tidewright/sync/reporting/errors.hpp"
 #include "tidewright/sync/transport/files.hpp"
+#include "tidewright/sync/transport/http_request.hpp"
 #include "tidewright/sync/transport/settings.hpp"
 
 #include <set>
@@ -88,6 +89,77 @@ void validate_manifest_file_entries(const Manifest& manifest) {
       throw ManifestError("Manifest file size_bytes must be a non-negative integer: " + python_repr(std::string_view(kv.key())));
     }
   }
+}
+
+// The manifest's body as it arrives: parsed and hashed piece by piece, so
+// that the text is never held (a manifest of a million files is hundreds of
+// megabytes of text on top of its values), and refused past
+// SYNC_RESPONSE_MAX_BYTES, so that a body that never ends costs neither
+// memory nor endless time.
+class ManifestBodySink : public BodySink {
+ public:
+  explicit ManifestBodySink(std::string url) : url_(std::move(url)) {}
+
+  void restart() override {
+    parser_.reset();
+    hasher_.reset();
+    bytes_ = 0;
+  }
+
+  void write(std::string_view piece) override {
+    bytes_ += static_cast<std::int64_t>(piece.size());
+    if (bytes_ > SYNC_RESPONSE_MAX_BYTES) {
+      throw ManifestError("Manifest response from " + url_ + " exceeds " + std::to_string(SYNC_RESPONSE_MAX_BYTES) +
+                          " bytes, more than any manifest holds; not retried: the data service is misbehaving, "
+                          "report it to its operator");
+    }
+    hasher_.update(piece);
+    try {
+      parser_.write(piece);
+    } catch (const JsonParseError& e) {
+      throw ManifestError(std::string("Invalid manifest JSON: ") + e.what());
+    }
+  }
+
+  json::object finish() {
+    json::value parsed;
+    try {
+      parsed = parser_.finish();
+    } catch (const JsonParseError& e) {
+      throw ManifestError(std::string("Invalid manifest JSON: ") + e.what());
+    }
+    if (!parsed.is_object()) throw ManifestError("Invalid manifest JSON: the manifest must be a JSON object");
+    return std::move(parsed.get_object());
+  }
+
+  std::string body_sha256() const { return hasher_.hexdigest(); }
+
+ private:
+  std::string url_;
+  JsonStreamParser parser_;
+  Sha256 hasher_;
+  std::int64_t bytes_ = 0;
+};
+
+struct FetchedManifest {
+  std::int64_t status = 0;
+  json::object data;        // of a 200
+  std::string body_sha256;  // of a 200's body
+};
+
+// GET of the manifest with the request retries, its body streamed into the
+// parser.
+FetchedManifest fetch_manifest(const std::string& url, const std::string& token) {
+  ManifestBodySink sink(url);
+  DownloadResult answer =
+      request_to_sink_with_sync_retries(make_sync_request(url, token), sink, sync_http_timeout_seconds());
+  FetchedManifest fetched;
+  fetched.status = answer.status;
+  if (answer.status == 200) {
+    fetched.data = sink.finish();
+    fetched.body_sha256 = sink.body_sha256();
+  }
+  return fetched;
 }
 
 std::vector<std::string> keys_of(const json::object& files) {
@@ -219,20 +291,23 @@ SyncResult SyncManager::sync_impl() {
   }
 
   // Full manifest.
-  HttpResponse fetched = http_get(server_url_ + "/data/manifest");
+  FetchedManifest fetched;
+  {
+    ScopedSyncStopPredicate stop([this] { return stop_requested(); });
+    fetched = fetch_manifest(server_url_ + "/data/manifest", fetch_token());
+  }
   if (fetched.status == 401) throw AuthError("Authentication failed: HTTP " + std::to_string(fetched.status));
   if (fetched.status != 200) throw SyncError("Failed to fetch manifest: HTTP " + std::to_string(fetched.status));
-  const json::object parsed = parse_manifest_json(fetched.body);
-  if (const json::value* files = parsed.if_contains("files"); files && !files->is_object() && !files->is_null()) {
+  if (const json::value* files = fetched.data.if_contains("files"); files && !files->is_object() && !files->is_null()) {
     throw ManifestError("Invalid manifest JSON: \"files\" must be a JSON object");
   }
-  json::object server_data = sanitize_manifest_data_for_sync(parsed, siblings);
-  std::string kept_body = std::move(fetched.body);
+  // Moved, not copied, from here on: one set of the manifest's values at a time.
+  json::object server_data = sanitize_manifest_data_for_sync(std::move(fetched.data), siblings);
+  std::string body_sha = std::move(fetched.body_sha256);
   if (auto newer = newer_public_manifest(server_data)) {
-    server_data = sanitize_manifest_data_for_sync(newer->first, siblings);
-    kept_body = std::move(newer->second);
+    server_data = sanitize_manifest_data_for_sync(std::move(newer->first), siblings);
+    body_sha = sha256(newer->second);
   }
-  std::string body_sha = sha256(kept_body);
   std::string manifest_sha = server_hash.value_or(body_sha);
 
   std::int64_t fetched_version = to_int(server_data.contains("version") ? server_data.at("version") : json::value(0)).value_or(-1);

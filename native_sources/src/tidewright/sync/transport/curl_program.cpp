@@ -18,6 +18,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
+#include <functional>
 
 extern char** environ;
 
@@ -184,67 +185,190 @@ void drain(UniqueFd& fd, std::string& into) {
   into.append(buffer, std::min(static_cast<std::size_t>(n), room));
 }
 
-std::string read_file_or_empty(const std::string& path, std::size_t limit = std::string::npos) {
-  UniqueFd fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
-  if (!fd.valid()) return "";
-  std::string out;
-  char buffer[65536];
-  while (out.size() < limit) {
-    ssize_t n = ::read(fd.get(), buffer, sizeof buffer);
-    if (n < 0 && errno == EINTR) continue;
-    if (n <= 0) break;
-    out.append(buffer, std::min(static_cast<std::size_t>(n), limit - out.size()));
-  }
-  return out;
-}
-
-std::int64_t file_size_or_zero(const std::string& path) {
-  try {
-    return file_size(path);
-  } catch (const std::exception&) {
-    return 0;
-  }
-}
-
-// Copies a file into the sink in pieces of the response read size.
-std::int64_t copy_file_to_sink(const std::string& path, BodySink& sink) {
-  UniqueFd fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
-  if (!fd.valid()) return 0;
-  std::string buffer(static_cast<std::size_t>(sync_http_response_read_bytes()), '\0');
-  std::int64_t total = 0;
-  while (true) {
-    ssize_t n = ::read(fd.get(), buffer.data(), buffer.size());
-    if (n < 0 && errno == EINTR) continue;
-    if (n < 0) throw_os_error(errno, path);
-    if (n == 0) return total;
-    sink.write(std::string_view(buffer.data(), static_cast<std::size_t>(n)));
-    total += n;
-  }
-}
-
 std::string curl_failure_text(const CurlRun& run) {
   std::string text = strip_ws(utf8_with_replacement(run.stderr_bytes));
   if (!text.empty()) return text;
   return "curl exited with status " + std::to_string(run.exit_status);
 }
 
-struct CurlOutcome {
-  CurlRun run;
-  std::int64_t status = 0;
-  HttpHeaders headers;
-  bool http_error() const { return status >= 400 && status <= 599; }
-};
+// The target of "-o": the pipe that run_curl_process puts at this
+// descriptor in the child, so the body streams to us as it arrives and is
+// never stored on the way.
+constexpr int kBodyFd = 3;
+constexpr const char* kBodyTarget = "/dev/fd/3";
 
-CurlOutcome run_curl(const HttpRequest& request, double timeout, const std::string& headers_path,
-                     const std::string& body_path, const StopPredicate& stop_requested) {
-  std::optional<std::string> curl = find_curl_binary();
-  if (!curl) throw NetworkError("URLError", "curl transport requested but curl is not available");
-  CurlOutcome outcome;
-  outcome.run = run_curl_command(curl_command(*curl, request, timeout, headers_path, body_path), stop_requested);
-  outcome.headers = parse_curl_headers(read_file_or_empty(headers_path));
-  outcome.status = curl_status_from_stdout(outcome.run.stdout_bytes);
-  return outcome;
+// Ends a run once enough of an error body is kept.
+struct ErrorBodyFull {};
+
+// Whether a "-D" dump holds the complete head of a final response: a block
+// ended by an empty line that is neither an interim 1xx nor a redirect curl
+// follows (a 3xx with a Location).
+bool final_head_complete(std::string_view dump) {
+  std::int64_t status = 0;
+  bool location = false;
+  while (!dump.empty()) {
+    std::size_t end = dump.find('\n');
+    if (end == std::string_view::npos) return false;  // a line still being written
+    std::string_view line = dump.substr(0, end);
+    dump.remove_prefix(end + 1);
+    if (!line.empty() && line.back() == '\r') line.remove_suffix(1);
+    if (line.substr(0, 5) == "HTTP/") {
+      status = curl_status_from_stdout(line);
+      location = false;
+    } else if (line.empty()) {
+      bool another_follows = (status >= 100 && status < 200) || (status >= 300 && status < 400 && location);
+      if (status > 0 && !another_follows) return true;
+    } else if (line.size() >= 9 && iequals(line.substr(0, 9), "location:")) {
+      location = true;
+    }
+  }
+  return false;
 }
+
+// One request through curl: the head comes from curl's header dump, the
+// body through a pipe. A 2xx body goes to the sink (or, without one, to
+// memory), any other body to memory up to kMaxErrorBodyBytes.
+class CurlExchange {
+ public:
+  CurlExchange(const HttpRequest& request, const TransferOptions& options, BodySink* sink)
+      : request_(request), options_(options), sink_(sink), dir_("tidewright-curl-"),
+        headers_path_(path_join(dir_.path(), "headers.txt")) {}
+
+  void run() {
+    std::optional<std::string> curl = find_curl_binary();
+    if (!curl) throw NetworkError("URLError", "curl transport requested but curl is not available");
+    started_ = std::chrono::steady_clock::now();
+    try {
+      run_ = run_curl_process(
+          curl_command(*curl, request_, options_.timeout_seconds, headers_path_, kBodyTarget),
+          options_.stop_requested, [this](std::string_view bytes) { body(bytes); }, [this] { tick(); });
+    } catch (const ErrorBodyFull&) {
+      run_ = CurlRun{};  // the status of the head is the answer
+    }
+    read_head();
+    head_text_.resize(std::min(head_text_.size(), static_cast<std::size_t>(SYNC_RESPONSE_HEAD_MAX_BYTES)));
+    headers_ = parse_curl_headers(head_text_);
+    status_ = curl_status_from_stdout(run_.stdout_bytes);
+    if (status_ == 0) status_ = last_head_status();
+  }
+
+  bool http_error() const { return status_ >= 400 && status_ <= 599; }
+  bool failed() const { return run_.exit_status != 0 && !http_error(); }
+  const CurlRun& process() const { return run_; }
+  std::int64_t status() const { return status_; }
+  HttpHeaders& headers() { return headers_; }
+  std::string& kept_body() { return body_; }
+  std::int64_t sink_bytes() const { return sink_bytes_; }
+  bool body_is_2xx() const { return decided_ && !body_is_error_; }
+
+ private:
+  // New bytes of the header dump (curl flushes it line by line).
+  void read_head() {
+    if (!head_fd_.valid()) {
+      head_fd_ = UniqueFd(::open(headers_path_.c_str(), O_RDONLY | O_CLOEXEC));
+      if (!head_fd_.valid()) return;
+    }
+    char buffer[16384];
+    while (true) {
+      ssize_t n = ::read(head_fd_.get(), buffer, sizeof buffer);
+      if (n < 0 && errno == EINTR) continue;
+      if (n <= 0) return;
+      head_text_.append(buffer, static_cast<std::size_t>(n));
+      if (static_cast<std::int64_t>(head_text_.size()) > SYNC_RESPONSE_HEAD_MAX_BYTES) {
+        throw ResponseTooLargeError(request_.url, "head", SYNC_RESPONSE_HEAD_MAX_BYTES, std::nullopt);
+      }
+    }
+  }
+
+  // The status of the last response block ("HTTP/" at the start of a line).
+  std::int64_t last_head_status() const {
+    std::int64_t status = 0;
+    std::string_view rest = head_text_;
+    while (!rest.empty()) {
+      std::size_t end = rest.find('\n');
+      std::string_view line = rest.substr(0, end);
+      if (line.substr(0, 5) == "HTTP/") status = curl_status_from_stdout(line);
+      if (end == std::string_view::npos) break;
+      rest.remove_prefix(end + 1);
+    }
+    return status;
+  }
+
+  double since_start() const {
+    return std::chrono::duration<double>(std::chrono::steady_clock::now() - started_).count();
+  }
+
+  // Every poll round of the run.
+  void tick() {
+    if (!head_complete_) {
+      read_head();
+      if (final_head_complete(head_text_)) {
+        head_complete_ = true;
+        head_done_at_ = since_start();
+      }
+    }
+    const double header_deadline = options_.header_deadline_seconds.value_or(options_.timeout_seconds);
+    if (!head_complete_ && since_start() > header_deadline) {
+      throw TimeoutError("response headers not complete within " + format_float(header_deadline) + " s");
+    }
+    if (head_complete_ && options_.body_deadline_seconds &&
+        since_start() - head_done_at_ > *options_.body_deadline_seconds) {
+      throw TimeoutError("response body read exceeded configured deadline");
+    }
+  }
+
+  void body(std::string_view bytes) {
+    if (!decided_) decide();
+    if (body_is_error_) {
+      std::size_t room = kMaxErrorBodyBytes - std::min(body_.size(), kMaxErrorBodyBytes);
+      body_.append(bytes.substr(0, std::min(bytes.size(), room)));
+      if (bytes.size() > room) throw ErrorBodyFull{};
+      return;
+    }
+    body_2xx_ += static_cast<std::int64_t>(bytes.size());
+    if (options_.max_body_bytes && body_2xx_ > *options_.max_body_bytes) {
+      throw ResponseTooLargeError(request_.url, "body", *options_.max_body_bytes, status_);
+    }
+    if (!sink_) {
+      body_.append(bytes);
+      return;
+    }
+    sink_->write(bytes);
+    sink_bytes_ += static_cast<std::int64_t>(bytes.size());
+  }
+
+  // At the first body bytes: curl has written the whole head by now.
+  void decide() {
+    decided_ = true;
+    read_head();
+    if (!head_complete_) {
+      head_complete_ = true;
+      head_done_at_ = since_start();
+    }
+    status_ = last_head_status();
+    body_is_error_ = status_ < 200 || status_ >= 300;
+    if (!body_is_error_ && sink_) sink_->begin(status_, parse_curl_headers(head_text_));
+  }
+
+  const HttpRequest& request_;
+  const TransferOptions& options_;
+  BodySink* sink_;
+  TempDir dir_;
+  std::string headers_path_;
+  UniqueFd head_fd_;
+  std::string head_text_;
+  std::chrono::steady_clock::time_point started_;
+  bool head_complete_ = false;
+  double head_done_at_ = 0;
+  bool decided_ = false;
+  bool body_is_error_ = false;
+  std::string body_;  // a 2xx body without a sink, or an error body
+  std::int64_t body_2xx_ = 0;
+  std::int64_t sink_bytes_ = 0;
+  CurlRun run_;
+  HttpHeaders headers_;
+  std::int64_t status_ = 0;
+};
 
 }  // namespace
 
@@ -320,14 +444,22 @@ std::vector<std::string> curl_command(const std::string& curl_path, const HttpRe
 }
 
 CurlRun run_curl_command(const std::vector<std::string>& argv, const StopPredicate& stop_requested) {
+  return run_curl_process(argv, stop_requested, {}, {});
+}
+
+CurlRun run_curl_process(const std::vector<std::string>& argv, const StopPredicate& stop_requested,
+                         const std::function<void(std::string_view)>& on_body, const std::function<void()>& on_tick) {
   if (argv.empty()) throw ValueError("empty command line");
   Pipe out = make_pipe();
   Pipe err = make_pipe();
+  std::optional<Pipe> body;
+  if (on_body) body = make_pipe();
 
   SpawnActions actions;
   posix_spawn_file_actions_addopen(actions.get(), 0, "/dev/null", O_RDONLY, 0);
   posix_spawn_file_actions_adddup2(actions.get(), out.write_end.get(), 1);
   posix_spawn_file_actions_adddup2(actions.get(), err.write_end.get(), 2);
+  if (body) posix_spawn_file_actions_adddup2(actions.get(), body->write_end.get(), kBodyFd);
   // The module ignores SIGPIPE and worker threads may block signals; the
   // child starts with the defaults, as any program expects.
   SpawnAttributes attributes;
@@ -349,31 +481,38 @@ CurlRun run_curl_command(const std::vector<std::string>& argv, const StopPredica
   pid_t pid = -1;
   int rc = posix_spawn(&pid, argv[0].c_str(), actions.get(), attributes.get(), args.data(), environ);
   if (rc != 0) throw_os_error(rc, argv[0]);
+  // Whatever ends this call early (a stop, a callback's exception) kills
+  // and reaps the child on the way out.
   ChildProcess child(pid);
   out.write_end.reset();
   err.write_end.reset();
+  if (body) body->write_end.reset();
 
   CurlRun run;
+  std::string body_buffer;
+  if (body) body_buffer.resize(static_cast<std::size_t>(sync_http_response_read_bytes()));
   auto next_stop_check = std::chrono::steady_clock::now();
-  while (out.read_end.valid() || err.read_end.valid()) {
+  while (out.read_end.valid() || err.read_end.valid() || (body && body->read_end.valid())) {
     auto now = std::chrono::steady_clock::now();
     if (stop_requested && now >= next_stop_check) {
       next_stop_check = now + std::chrono::milliseconds(kPollMillis);
-      if (stop_requested()) throw SyncBackoffCancelled("curl transfer cancelled: stop requested");  // ~ChildProcess kills it
+      if (stop_requested()) throw SyncBackoffCancelled("curl transfer cancelled: stop requested");
     }
-    pollfd fds[2];
+    if (on_tick) on_tick();
+    pollfd fds[3];
     nfds_t count = 0;
-    UniqueFd* sources[2];
-    std::string* targets[2];
+    UniqueFd* sources[3];
     if (out.read_end.valid()) {
-      fds[count] = {out.read_end.get(), POLLIN, 0};
       sources[count] = &out.read_end;
-      targets[count++] = &run.stdout_bytes;
+      fds[count++] = {out.read_end.get(), POLLIN, 0};
     }
     if (err.read_end.valid()) {
-      fds[count] = {err.read_end.get(), POLLIN, 0};
       sources[count] = &err.read_end;
-      targets[count++] = &run.stderr_bytes;
+      fds[count++] = {err.read_end.get(), POLLIN, 0};
+    }
+    if (body && body->read_end.valid()) {
+      sources[count] = &body->read_end;
+      fds[count++] = {body->read_end.get(), POLLIN, 0};
     }
     int ready = ::poll(fds, count, kPollMillis);
     if (ready < 0) {
@@ -381,7 +520,20 @@ CurlRun run_curl_command(const std::vector<std::string>& argv, const StopPredica
       throw_os_error(errno, "poll");
     }
     for (nfds_t i = 0; i < count; ++i) {
-      if (fds[i].revents != 0) drain(*sources[i], *targets[i]);
+      if (fds[i].revents == 0) continue;
+      if (sources[i] == &out.read_end) {
+        drain(out.read_end, run.stdout_bytes);
+      } else if (sources[i] == &err.read_end) {
+        drain(err.read_end, run.stderr_bytes);
+      } else {
+        ssize_t n = ::read(body->read_end.get(), body_buffer.data(), body_buffer.size());
+        if (n < 0 && (errno == EINTR || errno == EAGAIN)) continue;
+        if (n <= 0) {
+          body->read_end.reset();
+          continue;
+        }
+        on_body(std::string_view(body_buffer.data(), static_cast<std::size_t>(n)));
+      }
     }
   }
   run.exit_status = child.wait();
@@ -439,40 +591,28 @@ std::int64_t curl_status_from_stdout(std::string_view stdout_bytes) {
   return 0;
 }
 
-HttpResponse curl_request(const HttpRequest& request, double timeout, const StopPredicate& stop_requested) {
-  TempDir dir("tidewright-curl-");
-  const std::string headers_path = path_join(dir.path(), "headers.txt");
-  const std::string body_path = path_join(dir.path(), "body.bin");
-  CurlOutcome outcome = run_curl(request, timeout, headers_path, body_path, stop_requested);
-  if (outcome.run.exit_status != 0 && !outcome.http_error()) {
-    throw NetworkError("URLError", curl_failure_text(outcome.run));
-  }
+HttpResponse curl_request(const HttpRequest& request, const TransferOptions& options) {
+  CurlExchange exchange(request, options, nullptr);
+  exchange.run();
+  if (exchange.failed()) throw NetworkError("URLError", curl_failure_text(exchange.process()));
   HttpResponse response;
-  response.status = outcome.status;
-  response.headers = std::move(outcome.headers);
-  response.body = read_file_or_empty(body_path);
+  response.status = exchange.status();
+  response.headers = std::move(exchange.headers());
+  response.body = std::move(exchange.kept_body());
   return response;
 }
 
-DownloadResult curl_download(const HttpRequest& request, BodySink& sink, double timeout,
-                             const StopPredicate& stop_requested) {
-  TempDir dir("tidewright-curl-");
-  const std::string headers_path = path_join(dir.path(), "headers.txt");
-  const std::string body_path = path_join(dir.path(), "body.bin");
-  CurlOutcome outcome = run_curl(request, timeout, headers_path, body_path, stop_requested);
+DownloadResult curl_download(const HttpRequest& request, BodySink& sink, const TransferOptions& options) {
+  CurlExchange exchange(request, options, &sink);
+  exchange.run();
+  // On a failed run, what reached the sink is the prefix that arrived
+  // before the failure.
+  if (exchange.failed()) throw NetworkError("URLError", curl_failure_text(exchange.process()));
   DownloadResult result;
-  result.status = outcome.status;
-  result.headers = std::move(outcome.headers);
-  if (outcome.status >= 200 && outcome.status < 300) {
-    // On a failed run this is the prefix that arrived before the failure.
-    if (file_size_or_zero(body_path) > 0) sink.begin(result.status, result.headers);
-    result.body_bytes = copy_file_to_sink(body_path, sink);
-  } else {
-    result.error_body = read_file_or_empty(body_path, DownloadResult::kMaxErrorBodyBytes);
-  }
-  if (outcome.run.exit_status != 0 && !outcome.http_error()) {
-    throw NetworkError("URLError", curl_failure_text(outcome.run));
-  }
+  result.status = exchange.status();
+  result.headers = std::move(exchange.headers());
+  result.body_bytes = exchange.sink_bytes();
+  if (!exchange.body_is_2xx()) result.error_body = std::move(exchange.kept_body());
   return result;
 }
 

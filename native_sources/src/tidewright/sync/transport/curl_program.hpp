@@ -8,9 +8,17 @@
 // "Authorization" header is never given to curl (should_use_curl_transport).
 //
 // Each request runs in a fresh temporary directory "tidewright-curl-*"
-// holding curl's header dump ("headers.txt") and the body ("body.bin"); the
-// directory is removed when the request ends, however it ends. A stop
-// request kills the child and ends the call with SyncBackoffCancelled.
+// holding curl's header dump ("headers.txt"), removed when the request ends,
+// however it ends. The body is not stored on the way: curl writes it
+// ("-o /dev/fd/3") into a pipe that is read as it fills, straight into the
+// caller's sink (the staging file of a download) or into memory. So the
+// bounds of the in-process client hold here too: the head must be complete
+// within the header deadline and be at most SYNC_RESPONSE_HEAD_MAX_BYTES, a
+// 2xx body at most the caller's max_body_bytes, and an error body is kept
+// up to kMaxErrorBodyBytes. A stop request, or a bound broken, kills the
+// child. Curl's own retries cannot rewind a pipe: after part of a body has
+// arrived, a failure ends the run ("Failed to truncate file"), the part
+// received stays with the caller and the module's retry loop resumes.
 //
 // All functions are safe to call from several threads at once.
 #pragma once
@@ -19,6 +27,7 @@
 #include "tidewright/sync/transport/http_client.hpp"
 
 #include <cstdint>
+#include <functional>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -66,6 +75,12 @@ struct CurlRun {
 // it answers true the child is killed and SyncBackoffCancelled thrown.
 // Throws OSError when the program cannot be started.
 CurlRun run_curl_command(const std::vector<std::string>& argv, const StopPredicate& stop_requested = {});
+// The same, and when `on_body` is given the child's descriptor 3 is a pipe
+// whose bytes go to `on_body` as they arrive (in pieces of at most
+// SYNC_HTTP_RESPONSE_READ_BYTES); `on_tick` is called at least every 100 ms.
+// An exception from either kills the child and ends the call.
+CurlRun run_curl_process(const std::vector<std::string>& argv, const StopPredicate& stop_requested,
+                         const std::function<void(std::string_view)>& on_body, const std::function<void()>& on_tick);
 
 // The headers of the last response block of a "-D" dump (a line starting
 // with "HTTP/" opens a block); lines "name: value" split at the first ":",
@@ -76,18 +91,20 @@ HttpHeaders parse_curl_headers(std::string_view text);
 // that, the status of an "HTTP/" line; 0 when there is none.
 std::int64_t curl_status_from_stdout(std::string_view stdout_bytes);
 
-// One GET through curl with the body in memory. Throws
-// NetworkError("URLError") when no curl program exists ("curl transport
-// requested but curl is not available") and when curl fails without an HTTP
-// error status (curl's error text, or "curl exited with status N").
-HttpResponse curl_request(const HttpRequest& request, double timeout, const StopPredicate& stop_requested = {});
+// One GET through curl with the body in memory, under `options` as the
+// in-process client would be (timeout, header and body deadlines, body
+// bound, stop predicate). Throws NetworkError("URLError") when no curl
+// program exists ("curl transport requested but curl is not available") and
+// when curl fails without an HTTP error status (curl's error text, or "curl
+// exited with status N"); TimeoutError and ResponseTooLargeError as the
+// in-process client does.
+HttpResponse curl_request(const HttpRequest& request, const TransferOptions& options);
 
-// The streaming counterpart: a 2xx body is copied from curl's body file into
-// `sink` in pieces of at most SYNC_HTTP_RESPONSE_READ_BYTES; a 4xx/5xx body
-// is returned as `error_body` and the sink sees nothing. When curl fails
-// after part of a 2xx body arrived, that part reaches the sink before the
+// The streaming counterpart: a 2xx body goes into `sink` as it arrives, in
+// pieces of at most SYNC_HTTP_RESPONSE_READ_BYTES; any other body is
+// returned as `error_body` and the sink sees nothing. When curl fails after
+// part of a 2xx body arrived, that part has reached the sink before the
 // NetworkError is thrown.
-DownloadResult curl_download(const HttpRequest& request, BodySink& sink, double timeout,
-                             const StopPredicate& stop_requested = {});
+DownloadResult curl_download(const HttpRequest& request, BodySink& sink, const TransferOptions& options);
 
 }  // namespace tidewright::sync

@@ -143,6 +143,15 @@ void FdSink::write(std::string_view bytes) {
   bytes_written_ += static_cast<std::int64_t>(bytes.size());
 }
 
+ResponseTooLargeError::ResponseTooLargeError(const std::string& url, std::string_view what, std::int64_t limit,
+                                             std::optional<std::int64_t> status)
+    : PermanentDownloadError("Response " + std::string(what) + " from " + url + " exceeds " + std::to_string(limit) +
+                                 " bytes, the most accepted for it; not retried: the data service is misbehaving, "
+                                 "report it to its operator",
+                             std::nullopt, status),
+      url(url),
+      limit(limit) {}
+
 std::string network_failure_class(const Error& error) {
   if (const auto* network = dynamic_cast<const NetworkError*>(&error)) return network->host_class();
   return error.class_name();
@@ -184,7 +193,17 @@ struct HttpClient::Handles {
 
 // The state of one transfer, shared with libcurl's callbacks.
 struct HttpClient::Transfer {
-  enum class Abort { kNone, kStopped, kStalled, kBodyDeadline, kCallbackFailed };
+  enum class Abort {
+    kNone,
+    kStopped,
+    kStalled,
+    kHeaderDeadline,
+    kBodyDeadline,
+    kHeadTooLarge,
+    kBodyTooLarge,
+    kErrorBodyFull,  // not a failure: enough of a non-2xx body is kept
+    kCallbackFailed,
+  };
 
   Transfer(const TransferOptions& options, BodySink* sink) : options(options), sink(sink) {}
 
@@ -195,11 +214,17 @@ struct HttpClient::Transfer {
   long final_status = 0;
   bool body_decided = false;  // whether the current response's body goes to the sink
   bool body_to_sink = false;
+  bool body_is_error = false;  // the current response is not 2xx
   std::string body;
+  std::int64_t body_bytes_2xx = 0;  // of the current response, to the sink or to `body`
   std::int64_t sink_bytes = 0;
   HttpHeaders headers;  // of the latest response block
+  std::int64_t block_status = 0;  // of the latest response block
+  std::int64_t head_bytes = 0;
 
   bool connected = false;
+  Clock::time_point started = Clock::now();
+  bool head_complete = false;  // the final response's head has arrived
   Clock::time_point last_progress = Clock::now();
   std::optional<Clock::time_point> body_started;
   Clock::time_point next_stop_check = Clock::now();
@@ -208,6 +233,12 @@ struct HttpClient::Transfer {
   Abort abort = Abort::kNone;
   std::exception_ptr callback_error;
   std::array<char, CURL_ERROR_SIZE> error_text{};
+
+  double header_deadline() const { return options.header_deadline_seconds.value_or(options.timeout_seconds); }
+
+  bool header_deadline_passed(Clock::time_point now) const {
+    return !head_complete && now - started > seconds(header_deadline());
+  }
 
   bool body_deadline_passed(Clock::time_point now) const {
     return options.body_deadline_seconds && body_started &&
@@ -227,8 +258,26 @@ struct HttpClient::Transfer {
     }
   }
 
-  void header_line(std::string_view line) {
-    last_progress = Clock::now();
+  // Whether the block that just ended is followed by another: an interim
+  // 1xx, or a redirect that libcurl follows.
+  bool another_block_follows() const {
+    if (block_status >= 100 && block_status < 200) return true;
+    return block_status >= 300 && block_status < 400 && headers.get("Location").has_value();
+  }
+
+  // false ends the transfer.
+  bool header_line(std::string_view line) {
+    Clock::time_point now = Clock::now();
+    last_progress = now;
+    head_bytes += static_cast<std::int64_t>(line.size());
+    if (head_bytes > SYNC_RESPONSE_HEAD_MAX_BYTES) {
+      abort = Abort::kHeadTooLarge;
+      return false;
+    }
+    if (header_deadline_passed(now)) {
+      abort = Abort::kHeaderDeadline;
+      return false;
+    }
     std::string_view content = line;
     while (!content.empty() && (content.back() == '\n' || content.back() == '\r')) content.remove_suffix(1);
     if (content.size() >= 5 && content.substr(0, 5) == "HTTP/") {
@@ -236,54 +285,91 @@ struct HttpClient::Transfer {
       headers.items.clear();
       body.clear();
       body_decided = false;
+      body_bytes_2xx = 0;
       body_started.reset();
-      return;
+      head_complete = false;
+      block_status = 0;
+      std::size_t space = content.find(' ');
+      if (space != std::string_view::npos) {
+        for (std::size_t i = space + 1; i < content.size() && i < space + 4 && content[i] >= '0' && content[i] <= '9'; ++i) {
+          block_status = block_status * 10 + (content[i] - '0');
+        }
+      }
+      return true;
     }
     if (content.empty()) {
-      body_started = Clock::now();
-      return;
+      body_started = now;
+      if (!another_block_follows()) head_complete = true;
+      return true;
     }
     if ((content.front() == ' ' || content.front() == '\t') && !headers.items.empty()) {
       std::string& value = headers.items.back().second;
       value += ' ';
       value += trim(content);
-      return;
+      return true;
     }
     std::size_t colon = content.find(':');
-    if (colon == std::string_view::npos) return;
+    if (colon == std::string_view::npos) return true;
     headers.items.emplace_back(std::string(trim(content.substr(0, colon))), std::string(trim(content.substr(colon + 1))));
+    return true;
+  }
+
+  // Decides where the current response's body goes, at its first bytes.
+  // false ends the transfer.
+  bool decide_body() {
+    long status = 0;
+    curl_easy_getinfo(easy, CURLINFO_RESPONSE_CODE, &status);
+    body_decided = true;
+    body_is_error = status < 200 || status >= 300;
+    body_to_sink = sink && !body_is_error;
+    if (body_is_error) return true;
+    curl_off_t announced = -1;
+    curl_easy_getinfo(easy, CURLINFO_CONTENT_LENGTH_DOWNLOAD_T, &announced);
+    if (options.max_body_bytes && announced > *options.max_body_bytes) {
+      abort = Abort::kBodyTooLarge;  // refused before reading it
+      return false;
+    }
+    if (!sink && options.max_body_bytes && announced > 0) {
+      body.reserve(static_cast<std::size_t>(announced));  // one allocation, not doublings; bounded by the check above
+    }
+    if (body_to_sink) {
+      try {
+        sink->begin(status, headers);
+      } catch (...) {
+        callback_error = std::current_exception();
+        abort = Abort::kCallbackFailed;
+        return false;
+      }
+    }
+    return true;
   }
 
   // false ends the transfer.
   bool body_bytes(const char* data, std::size_t size) {
     Clock::time_point now = Clock::now();
     last_progress = now;
+    head_complete = true;
     if (body_deadline_passed(now)) {
       abort = Abort::kBodyDeadline;
       return false;
     }
-    if (!body_decided) {
-      long status = 0;
-      curl_easy_getinfo(easy, CURLINFO_RESPONSE_CODE, &status);
-      body_to_sink = sink && status >= 200 && status < 300;
-      body_decided = true;
-      if (body_to_sink) {
-        try {
-          sink->begin(status, headers);
-        } catch (...) {
-          callback_error = std::current_exception();
-          abort = Abort::kCallbackFailed;
-          return false;
-        }
+    if (!body_decided && !decide_body()) return false;
+    if (body_is_error) {
+      std::size_t room = kMaxErrorBodyBytes - std::min(body.size(), kMaxErrorBodyBytes);
+      body.append(data, std::min(size, room));
+      if (size > room) {
+        abort = Abort::kErrorBodyFull;
+        return false;
       }
+      return true;
+    }
+    body_bytes_2xx += static_cast<std::int64_t>(size);
+    if (options.max_body_bytes && body_bytes_2xx > *options.max_body_bytes) {
+      abort = Abort::kBodyTooLarge;
+      return false;
     }
     if (!body_to_sink) {
-      if (sink) {
-        std::size_t room = DownloadResult::kMaxErrorBodyBytes - std::min(body.size(), DownloadResult::kMaxErrorBodyBytes);
-        body.append(data, std::min(size, room));
-      } else {
-        body.append(data, size);
-      }
+      body.append(data, size);
       return true;
     }
     const auto piece = static_cast<std::size_t>(sync_http_response_read_bytes());
@@ -317,6 +403,10 @@ struct HttpClient::Transfer {
       abort = Abort::kStalled;
       return 1;
     }
+    if (header_deadline_passed(now)) {
+      abort = Abort::kHeaderDeadline;
+      return 1;
+    }
     if (body_deadline_passed(now)) {
       abort = Abort::kBodyDeadline;
       return 1;
@@ -325,8 +415,7 @@ struct HttpClient::Transfer {
   }
 
   static std::size_t on_header(char* data, std::size_t size, std::size_t count, void* self) {
-    static_cast<Transfer*>(self)->header_line(std::string_view(data, size * count));
-    return size * count;
+    return static_cast<Transfer*>(self)->header_line(std::string_view(data, size * count)) ? size * count : 0;
   }
   static std::size_t on_body(char* data, std::size_t size, std::size_t count, void* self) {
     return static_cast<Transfer*>(self)->body_bytes(data, size * count) ? size * count : 0;
@@ -399,7 +488,7 @@ void HttpClient::perform(const HttpRequest& request, Transfer& transfer) {
   curl_easy_setopt(easy, CURLOPT_PREREQFUNCTION, &Transfer::on_connected);
   curl_easy_setopt(easy, CURLOPT_PREREQDATA, &transfer);
 
-  transfer.last_progress = Clock::now();
+  transfer.started = transfer.last_progress = Clock::now();
   CURLcode rc = curl_easy_perform(easy);
   // The request's header list dies with this frame; no handle may keep it.
   curl_easy_setopt(easy, CURLOPT_HTTPHEADER, nullptr);
@@ -407,10 +496,17 @@ void HttpClient::perform(const HttpRequest& request, Transfer& transfer) {
 
   switch (transfer.abort) {
     case Transfer::Abort::kNone: break;
+    case Transfer::Abort::kErrorBodyFull: rc = CURLE_OK; break;
     case Transfer::Abort::kCallbackFailed: std::rethrow_exception(transfer.callback_error);
     case Transfer::Abort::kStopped: throw SyncBackoffCancelled("HTTP transfer cancelled: stop requested");
     case Transfer::Abort::kStalled: throw TimeoutError("timed out");
+    case Transfer::Abort::kHeaderDeadline:
+      throw TimeoutError("response headers not complete within " + format_float(transfer.header_deadline()) + " s");
     case Transfer::Abort::kBodyDeadline: throw TimeoutError("response body read exceeded configured deadline");
+    case Transfer::Abort::kHeadTooLarge:
+      throw ResponseTooLargeError(request.url, "head", SYNC_RESPONSE_HEAD_MAX_BYTES, std::nullopt);
+    case Transfer::Abort::kBodyTooLarge:
+      throw ResponseTooLargeError(request.url, "body", *transfer.options.max_body_bytes, transfer.block_status);
   }
   if (rc != CURLE_OK) {
     std::string text = transfer.error_text[0] ? std::string(transfer.error_text.data()) : curl_easy_strerror(rc);

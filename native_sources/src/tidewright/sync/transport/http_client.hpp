@@ -8,8 +8,16 @@
 // redirects are followed within http and https.
 //
 // Timeouts mean "no progress for that long": connecting, and then every gap
-// between received bytes, may take at most `timeout_seconds`. The body of a
-// response may in addition be given a total deadline.
+// between received bytes, may take at most `timeout_seconds`. In addition the
+// head of the final response must be complete within a total deadline from
+// the start of the request (by default `timeout_seconds` too), so that header
+// lines trickled every few seconds cannot keep a request alive forever; the
+// body of a response may also be given a total deadline.
+//
+// What a server sends is bounded too: the head of a response by
+// SYNC_RESPONSE_HEAD_MAX_BYTES, a 2xx body by the caller's max_body_bytes,
+// and the body of any other status is kept up to kMaxErrorBodyBytes, after
+// which the transfer ends (the status is what matters).
 //
 // Every status is a result here, not an error: 404 and 503 come back as
 // responses and the caller decides. Failures of the exchange itself throw
@@ -20,8 +28,11 @@
 //                 "IncompleteRead" (body shorter than announced),
 //                 "BadStatusLine" (not an HTTP response)
 //   TimeoutError  "timed out" (no progress for timeout_seconds once
-//                 connected), "response body read exceeded configured
-//                 deadline" (body deadline)
+//                 connected), "response headers not complete within N s"
+//                 (header deadline), "response body read exceeded
+//                 configured deadline" (body deadline)
+//   ResponseTooLargeError  a head or a 2xx body past its bound; never
+//                 retried (the same server would send it again)
 //   SyncBackoffCancelled  the stop predicate answered true mid-transfer
 // Exceptions thrown by a BodySink or by the stop predicate end the transfer
 // and are rethrown unchanged.
@@ -58,17 +69,20 @@ struct HttpRequest {
   bool has_header(std::string_view name) const;  // case-insensitive
 };
 
+// The most of the body of a non-2xx response that is kept (1 MiB): error
+// bodies are small JSON objects.
+inline constexpr std::size_t kMaxErrorBodyBytes = 1 << 20;
+
 struct HttpResponse {
   std::int64_t status = 0;
   HttpHeaders headers;  // of the final response after redirects
-  std::string body;
+  std::string body;     // of a non-2xx status: at most kMaxErrorBodyBytes
 };
 
 // The outcome of a GET whose body went to a BodySink. Only a 2xx body goes
 // to the sink; the body of any other status is kept in `error_body` (up to
 // kMaxErrorBodyBytes) and the sink sees nothing.
 struct DownloadResult {
-  static constexpr std::size_t kMaxErrorBodyBytes = 1 << 20;
   std::int64_t status = 0;
   HttpHeaders headers;
   std::int64_t body_bytes = 0;  // bytes handed to the sink
@@ -90,6 +104,9 @@ class BodySink {
   }
   // May throw; the transfer then ends and the exception is rethrown.
   virtual void write(std::string_view bytes) = 0;
+  // Called before every attempt of a request that is retried with the
+  // same sink: what an earlier attempt delivered is to be forgotten.
+  virtual void restart() {}
 };
 
 // Writes to a file descriptor that it does not own, and hands every piece
@@ -112,10 +129,16 @@ class FdSink : public BodySink {
 using StopPredicate = std::function<bool()>;
 
 struct TransferOptions {
-  double timeout_seconds = 30.0;                // no progress for this long
-  std::optional<double> body_deadline_seconds;  // total time for the body
+  double timeout_seconds = 30.0;                  // no progress for this long
+  std::optional<double> header_deadline_seconds;  // total time for the final head; unset: timeout_seconds
+  std::optional<double> body_deadline_seconds;    // total time for the body
+  std::optional<std::int64_t> max_body_bytes;     // of a 2xx body, in memory or to a sink
   StopPredicate stop_requested;
 };
+
+// The most a response head (status line and header lines, redirects
+// included) may hold: 1 MiB, far above any real head.
+inline constexpr std::int64_t SYNC_RESPONSE_HEAD_MAX_BYTES = 1 << 20;
 
 // A failed exchange with a server. It is a ConnectionError to the host;
 // host_class() names the class the host's own client would have raised.
@@ -127,6 +150,19 @@ class NetworkError : public ConnectionError {
 
  private:
   std::string host_class_;
+};
+
+// A response larger than its bound (see the top of this file). To the host
+// it is a PermanentDownloadError without a file path and with the HTTP
+// status of the response (absent when the head itself was too large):
+// retrying cannot help, so no retry loop retries it.
+class ResponseTooLargeError : public PermanentDownloadError {
+ public:
+  // `what` is "body" or "head".
+  ResponseTooLargeError(const std::string& url, std::string_view what, std::int64_t limit,
+                        std::optional<std::int64_t> status);
+  std::string url;
+  std::int64_t limit;
 };
 
 // The class label of a transfer failure: host_class() of a NetworkError,

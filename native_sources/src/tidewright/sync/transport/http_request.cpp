@@ -126,51 +126,54 @@ HttpResponse http_get_public(const std::string& url, std::int64_t range_start, s
   return request_with_sync_retries(request, sync_http_timeout_seconds(), transport);
 }
 
-HttpResponse open_request(const HttpRequest& request, double timeout, const std::optional<std::string>& transport,
-                          const StopPredicate& stop_requested) {
-  std::optional<json::value> knob = knob_value(transport);
-  if (should_use_curl_transport(request, knob ? &*knob : nullptr)) {
-    return curl_request(request, timeout, stop_requested);
-  }
+namespace {
+
+TransferOptions transfer_options(double timeout, const StopPredicate& stop_requested) {
   TransferOptions options;
   options.timeout_seconds = timeout;
-  options.body_deadline_seconds = timeout;
+  options.header_deadline_seconds = sync_http_header_deadline_seconds(timeout);
   options.stop_requested = stop_requested;
-  return HttpClient::for_current_thread().get(request, options);
+  return options;
 }
 
-HttpResponse request_with_sync_retries(const HttpRequest& request, double timeout,
-                                       const std::optional<std::string>& transport) {
+const std::string& error_body_of(const HttpResponse& response) { return response.body; }
+const std::string& error_body_of(const DownloadResult& result) { return result.error_body; }
+
+// The retry loop shared by in-memory and streamed requests: `attempt()`
+// makes one exchange and returns its result (an HttpResponse or a
+// DownloadResult); see the top of the header for what is retried.
+template <typename Attempt>
+auto retry_sync_request(const HttpRequest& request, const StopPredicate& stop_requested, Attempt attempt)
+    -> decltype(attempt()) {
   const std::string url = request.url.empty() ? "<unknown>" : request.url;
   const std::string file_label = sync_event_file_from_url(request.url);
   const auto started_at = std::chrono::steady_clock::now();
-  const StopPredicate stop_requested = thread_stop_predicate();
   std::vector<std::int64_t> statuses;
   std::vector<std::string> failures;
   json::object details;
   bool reported = false;
 
-  for (std::int64_t attempt = 0;; ++attempt) {
+  for (std::int64_t attempt_index = 0;; ++attempt_index) {
     std::string failure;
     json::value status_field = nullptr;
     try {
-      HttpResponse response = open_request(request, timeout, transport, stop_requested);
-      if (response.status < 400) {
+      auto result = attempt();
+      if (result.status < 400) {
         if (reported) {
           emit_sync_unavailable_status("sync_recovered_status", url, statuses, failures, details, started_at);
         }
-        return response;
+        return result;
       }
-      append_limited(statuses, response.status);
-      details = parse_sync_error_body(response.body);
-      const bool transient = should_retry_http_status(json::value(response.status));
+      append_limited(statuses, result.status);
+      details = parse_sync_error_body(error_body_of(result));
+      const bool transient = should_retry_http_status(json::value(result.status));
       const json::value* retryable = details.if_contains("retryable");
       if (transient && retryable && retryable->is_bool() && !retryable->get_bool()) {
-        throw sync_unavailable_from(url, attempt + 1, statuses, failures, details);
+        throw sync_unavailable_from(url, attempt_index + 1, statuses, failures, details);
       }
-      if (!transient) return response;
-      failure = "http_" + std::to_string(response.status);
-      status_field = response.status;
+      if (!transient) return result;
+      failure = "http_" + std::to_string(result.status);
+      status_field = result.status;
     } catch (const NetworkError& e) {
       failure = e.host_class();
     } catch (const TimeoutError& e) {
@@ -185,32 +188,57 @@ HttpResponse request_with_sync_retries(const HttpRequest& request, double timeou
       append_limited(failures, failure);
     }
 
-    const double wait = backoff_delay_seconds(attempt);
+    const double wait = backoff_delay_seconds(attempt_index);
     if (!reported) {
       emit_sync_unavailable_status("sync_unavailable_status", url, statuses, failures, details, started_at);
       reported = true;
     }
-    log_sync_event("http_retry", file_label, attempt + 1, failure,
+    log_sync_event("http_retry", file_label, attempt_index + 1, failure,
                    json::object{{"status", status_field},
                                 {"error_code", detail(details, "error_code")},
                                 {"dependency", detail(details, "dependency")},
                                 {"retryable", detail(details, "retryable")}});
-    emit_sync_backoff_wait("http_request", attempt, failure, file_label, wait);
+    emit_sync_backoff_wait("http_request", attempt_index, failure, file_label, wait);
     sleep_for_backoff(wait, stop_requested);
   }
+}
+
+}  // namespace
+
+HttpResponse open_request(const HttpRequest& request, double timeout, const std::optional<std::string>& transport,
+                          const StopPredicate& stop_requested) {
+  TransferOptions options = transfer_options(timeout, stop_requested);
+  options.body_deadline_seconds = timeout;
+  options.max_body_bytes = sync_response_max_bytes(request.url);
+  std::optional<json::value> knob = knob_value(transport);
+  if (should_use_curl_transport(request, knob ? &*knob : nullptr)) return curl_request(request, options);
+  return HttpClient::for_current_thread().get(request, options);
+}
+
+HttpResponse request_with_sync_retries(const HttpRequest& request, double timeout,
+                                       const std::optional<std::string>& transport) {
+  const StopPredicate stop_requested = thread_stop_predicate();
+  return retry_sync_request(request, stop_requested,
+                            [&] { return open_request(request, timeout, transport, stop_requested); });
+}
+
+DownloadResult request_to_sink_with_sync_retries(const HttpRequest& request, BodySink& sink, double timeout) {
+  const StopPredicate stop_requested = thread_stop_predicate();
+  return retry_sync_request(request, stop_requested, [&] {
+    sink.restart();
+    TransferOptions options = transfer_options(timeout, stop_requested);
+    options.body_deadline_seconds = timeout;
+    return HttpClient::for_current_thread().download(request, sink, options);
+  });
 }
 
 DownloadResult download_request_to_sink(const HttpRequest& request, BodySink& sink, double timeout,
                                         const std::optional<std::string>& transport) {
   const StopPredicate stop_requested = thread_stop_predicate();
+  const TransferOptions options = transfer_options(timeout, stop_requested);
   std::optional<json::value> knob = knob_value(transport);
-  if (should_use_curl_transport(request, knob ? &*knob : nullptr)) {
-    return curl_download(request, sink, timeout, stop_requested);
-  }
-  TransferOptions options;
-  options.timeout_seconds = timeout;
-  options.stop_requested = stop_requested;
   try {
+    if (should_use_curl_transport(request, knob ? &*knob : nullptr)) return curl_download(request, sink, options);
     return HttpClient::for_current_thread().download(request, sink, options);
   } catch (const TimeoutError& e) {
     // A download reports every failed exchange as a connection error.

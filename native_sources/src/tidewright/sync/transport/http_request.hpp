@@ -7,8 +7,11 @@
 // attempt limit; every other status is returned, not raised. A call ends
 // only with a result, with SyncUnavailableError when the server answered a
 // transient status with "retryable": false, with SyncBackoffCancelled when a
-// stop is requested, or with an error from the host (URL check, backoff
-// module) that passes through unchanged.
+// stop is requested, with ResponseTooLargeError when the answer is larger
+// than any valid one (an endless body is never retried), or with an error
+// from the host (URL check, backoff module) that passes through unchanged.
+// A head that does not arrive within the header deadline is a timeout like
+// any stall, so a server trickling header lines is an outage, not an answer.
 //
 // Stop requests come from two places, both read on the calling thread: the
 // host's backoff context ("stop_requested") and the predicates installed
@@ -66,7 +69,10 @@ HttpResponse http_get_public(const std::string& url, std::int64_t range_start = 
                              const std::optional<std::string>& transport = std::nullopt);
 
 // One attempt through curl or the in-process client (should_use_curl_transport
-// decides). The body is read within `timeout` seconds in total.
+// decides). The head must arrive within the header deadline (the timeout,
+// sync_http_header_deadline_seconds) and the body within `timeout` seconds in
+// total; a 2xx body longer than sync_response_max_bytes(url) throws
+// ResponseTooLargeError, which no retry loop retries.
 HttpResponse open_request(const HttpRequest& request, double timeout, const std::optional<std::string>& transport,
                           const StopPredicate& stop_requested);
 
@@ -74,9 +80,16 @@ HttpResponse open_request(const HttpRequest& request, double timeout, const std:
 HttpResponse request_with_sync_retries(const HttpRequest& request, double timeout,
                                        const std::optional<std::string>& transport = std::nullopt);
 
+// The retry loop with the 2xx body streamed into `sink` instead of memory
+// (the in-process client only: requests with a token). Every attempt starts
+// with sink.restart(). The body has the same total deadline as in memory;
+// bounding its length is the sink's business (it may throw, and what it
+// throws ends the call unretried unless it is a network failure).
+DownloadResult request_to_sink_with_sync_retries(const HttpRequest& request, BodySink& sink, double timeout);
+
 // One GET whose 2xx body streams into `sink` (through curl when the curl
-// rule says so); no retries. `timeout` is a no-progress timeout, the body has
-// no total deadline. Returns the status and headers of any HTTP status (a
+// rule says so); no retries. `timeout` is a no-progress timeout and the
+// header deadline; the body has no total deadline. Returns the status and headers of any HTTP status (a
 // non-2xx body is in error_body; the sink sees nothing). Throws
 // ConnectionError (a NetworkError; network failures and stalls) after the
 // bytes received so far reached the sink, SyncBackoffCancelled on a stop

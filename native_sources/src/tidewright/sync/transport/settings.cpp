@@ -4,6 +4,9 @@
 #include "tidewright/sync/reporting/errors.hpp"
 
 #include <algorithm>
+#include <atomic>
+#include <cmath>
+#include <limits>
 #include <cctype>
 #include <cstdio>
 
@@ -31,6 +34,37 @@ double sync_http_timeout_seconds() { return SYNC_HTTP_TIMEOUT_SECONDS; }
 double sync_manifest_version_http_timeout_seconds() { return SYNC_MANIFEST_VERSION_HTTP_TIMEOUT_SECONDS; }
 
 std::int64_t sync_http_response_read_bytes() { return SYNC_HTTP_RESPONSE_READ_BYTES; }
+
+std::int64_t sync_response_max_bytes(std::string_view url) {
+  std::string path = rstrip_char(split_url(url).path, '/');
+  auto ends_with = [&](std::string_view suffix) {
+    return path.size() >= suffix.size() && path.compare(path.size() - suffix.size(), suffix.size(), suffix) == 0;
+  };
+  if (ends_with("/data/manifest/version")) return SYNC_SMALL_RESPONSE_MAX_BYTES;
+  // "/market/<id>/era/current"
+  if (ends_with("/era/current")) {
+    std::string_view rest = std::string_view(path).substr(0, path.size() - std::string_view("/era/current").size());
+    std::size_t slash = rest.rfind('/');
+    if (slash != std::string_view::npos && slash >= 7 && rest.substr(slash - 7, 8) == "/market/") {
+      return SYNC_SMALL_RESPONSE_MAX_BYTES;
+    }
+  }
+  return SYNC_RESPONSE_MAX_BYTES;
+}
+
+namespace {
+// NaN: no override.
+std::atomic<double> g_header_deadline_override{std::numeric_limits<double>::quiet_NaN()};
+}  // namespace
+
+double sync_http_header_deadline_seconds(double timeout) {
+  double override_seconds = g_header_deadline_override.load();
+  return std::isnan(override_seconds) ? timeout : override_seconds;
+}
+
+void set_sync_http_header_deadline_override(std::optional<double> seconds) {
+  g_header_deadline_override.store(seconds && *seconds > 0 ? *seconds : std::numeric_limits<double>::quiet_NaN());
+}
 
 std::string sync_http_transport(const json::value* raw) {
   if (is_blank(raw)) return std::string(SYNC_HTTP_TRANSPORT);

@@ -32,6 +32,13 @@ inline constexpr double SYNC_HTTP_TIMEOUT_SECONDS = 30.0;
 inline constexpr double SYNC_MANIFEST_VERSION_HTTP_TIMEOUT_SECONDS = 30.0;
 // Public latency bound for found-payload availability (era artifacts).
 inline constexpr double SYNC_FOUND_PAYLOAD_LATENCY_BOUND_SECONDS = 6.0;
+// The most of a response body held in memory. The version poll and the
+// era-current answer are a few hundred bytes: 1 MiB. Everything else read
+// into memory (the manifest first of all) gets 256 MiB: a manifest of 100k
+// files is about 15 MB, so this is room for well over a million files
+// (200k must work), yet an endless body stops long before memory runs out.
+inline constexpr std::int64_t SYNC_SMALL_RESPONSE_MAX_BYTES = std::int64_t{1} << 20;
+inline constexpr std::int64_t SYNC_RESPONSE_MAX_BYTES = std::int64_t{256} << 20;
 // Size of one ranged download request (64 MiB).
 inline constexpr std::int64_t SYNC_HTTP_CHUNK_BYTES = 67108864;
 // Size of one read from a response body (64 KiB).
@@ -57,6 +64,18 @@ inline constexpr std::array<std::int64_t, 7> TRANSIENT_HTTP_STATUSES = {408, 425
 double sync_http_timeout_seconds();
 double sync_manifest_version_http_timeout_seconds();
 std::int64_t sync_http_response_read_bytes();
+
+// The bound of a body read into memory from `url`: SYNC_SMALL_RESPONSE_MAX_BYTES
+// for the version poll ("/data/manifest/version") and the era-current
+// endpoint ("/market/<id>/era/current"), else SYNC_RESPONSE_MAX_BYTES.
+std::int64_t sync_response_max_bytes(std::string_view url);
+
+// The total time a request has for the head of its final response: its
+// no-progress `timeout`, unless a process-wide override is set.
+double sync_http_header_deadline_seconds(double timeout);
+// Sets the override (nullopt, or a value that is not positive, clears it).
+// For tests that must not wait the default 30 s for a trickled head.
+void set_sync_http_header_deadline_override(std::optional<double> seconds);
 
 // The knobs. `raw` is the caller's override: nullptr (or a JSON null) and a
 // value whose text form is blank after stripping white space both mean "use
