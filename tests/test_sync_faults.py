@@ -299,3 +299,17 @@ def test_a_sync_refused_half_way_leaves_the_previous_state(svc, tmp_path, break_
         m.sync()
     assert_in_step(svc, tmp_path)
     assert m.get_manifest().version == 2
+
+
+def test_two_keys_reaching_one_file_through_a_link_are_not_both_written(dataservice_factory, tmp_path):
+    # In manifest order "y/z.arrow" comes first; written through the link,
+    # "x/z.arrow" would then replace its bytes.
+    svc = dataservice_factory(extra_files={"y/z.arrow": ("feature", b"y" * 200), "x/z.arrow": ("feature", b"x" * 100)})
+    (tmp_path / "y").mkdir()
+    (tmp_path / "x").symlink_to("y", target_is_directory=True)
+    m = manager(svc, tmp_path, sync_max_concurrency=1)
+    with request_budget(svc), pytest.raises(sync.ManifestError) as info:
+        m.sync()
+    assert str(info.value).startswith("Manifest file path passes through a link inside the data directory: 'x/z.arrow'")
+    assert local_bytes(tmp_path, "y/z.arrow") == b"y" * 200
+    assert file_requests(svc, "x/z.arrow") == [] and os.path.islink(tmp_path / "x")

@@ -412,10 +412,16 @@ std::optional<std::int64_t> SyncManager::run_transition_attempt(std::int64_t new
 
       confirm_active_era(new_era_number, allow_closing);
 
-      // The switch: one atomic rename per file.
+      // The switch: one atomic rename per file. Every destination is checked
+      // first, so that a link in the data directory refuses the switch as a
+      // whole rather than half of it.
+      std::vector<std::string> final_paths;
+      final_paths.reserve(to_fetch.size());
+      for (const auto& item : to_fetch) final_paths.push_back(manifest_local_write_path(data_dir_, item.first));
       json::array updates;
-      for (const auto& [path, entry] : to_fetch) {
-        const std::string final_path = manifest_local_path(data_dir_, path);
+      for (std::size_t i = 0; i < to_fetch.size(); ++i) {
+        const auto& [path, entry] = to_fetch[i];
+        const std::string& final_path = final_paths[i];
         make_dirs(path_dirname(final_path));
         rename_file(manifest_local_path(staging, path), final_path);
         const std::string sha = sha_of(entry);
