@@ -2,6 +2,7 @@
 broken bodies and ranges, resumed downloads, and manifests that move on while
 files download. Every scripted fault ends with correct files or a typed error."""
 
+import hashlib
 import logging
 import os
 
@@ -299,6 +300,90 @@ def test_a_sync_refused_half_way_leaves_the_previous_state(svc, tmp_path, break_
         m.sync()
     assert_in_step(svc, tmp_path)
     assert m.get_manifest().version == 2
+
+
+# -- crafted manifests ---------------------------------------------------------------------
+
+
+def _sha(data):
+    return hashlib.sha256(data).hexdigest()
+
+
+# (era layout, error) for manifests that must be refused before anything is written
+CRAFTED_MANIFESTS = {
+    "rotation-settings": (dict(extra_files={"rotation-settings.json": ("config", b'{"budget_gb": 0}')}),
+                          "names a file the sync engine keeps for itself: 'rotation-settings.json'"),
+    "lock-file": (dict(extra_files={".sync_flock": ("config", b"")}),
+
+
+@pytest.mark.parametrize("layout, message", CRAFTED_MANIFESTS.values(), ids=CRAFTED_MANIFESTS.keys())
+def test_a_crafted_manifest_is_refused_before_anything_is_written(dataservice_factory, tmp_path, layout, message):
+    svc = dataservice_factory(**layout)
+    settings = tmp_path / "rotation-settings.json"
+    settings.write_bytes(b'{"mine": true}')
+    m = manager(svc, tmp_path)
+    with request_budget(svc), pytest.raises(sync.ManifestError) as info:
+        m.sync()
+    assert message in str(info.value)
+    assert file_requests(svc) == [] and svc.requests_for("/data/shuffle") == []
+    assert tree(tmp_path) == {"rotation-settings.json": b'{"mine": true}'}
+    assert m.get_manifest() is None
+
+
+@pytest.mark.parametrize("override", [
+    lambda digest: {"sha256": f" {digest.upper()}\n"},  # compared stripped and lower-cased everywhere
+    lambda digest: {"size_bytes": 2048.0},               # an integral float is the size
+], ids=["digest-in-capitals", "size-as-float"])
+def test_an_entry_written_differently_is_one_file_for_every_check(svc, tmp_path, override):
+    digest = svc.manifest()["files"][FEATURE]["sha256"]
+    svc.set_version(entry_overrides={FEATURE: override(digest)})
+    m = manager(svc, tmp_path)
+    with request_budget(svc):
+        result = m.sync()
+    assert local_bytes(tmp_path, FEATURE) == svc.file_bytes(None, FEATURE) and result.rejected_files == ()
+    assert m.verify().valid and not m.needs_sync()
+
+    svc.clear_requests()
+    with request_budget(svc):
+        sync.SyncManager(str(tmp_path), svc.url, token=svc.token).sync()  # a new process: the files on disk are current
+    assert file_requests(svc) == []
+
+    (tmp_path / FEATURE).write_bytes(b"\0" * 2048)
+    assert m.verify().corrupted_files == [FEATURE]
+    with request_budget(svc):
+        m.repair([FEATURE])
+    assert m.verify().valid and local_bytes(tmp_path, FEATURE) == svc.file_bytes(None, FEATURE)
+
+
+@pytest.mark.parametrize("entry, reason", [
+    (lambda e: dict(e, sha256="not-a-digest"), "invalid_sha256"),
+    (lambda e: dict(e, size_bytes=-1), "invalid_size_bytes"),
+    (lambda e: dict(e, size_bytes=2047.5), "invalid_size_bytes"),
+    (lambda e: dict(e, size_bytes="2048"), "invalid_size_bytes"),
+    (lambda e: dict(e, size_bytes=True), "invalid_size_bytes"),
+    (lambda e: "not an entry", "invalid_entry"),
+    (lambda e: [2048], "invalid_entry"),
+])
+def test_an_entry_that_cannot_be_synced_is_refused_alone(svc, tmp_path, caplog, entry, reason):
+    caplog.set_level(logging.INFO, logger="tidewright.sync")
+    files = svc.manifest()["files"]
+    files[FEATURE] = entry(files[FEATURE])
+    svc.set_version(manifest_overrides={"files": files})
+    others = {p: e for p, e in svc.manifest()["files"].items() if p != FEATURE}
+    m = manager(svc, tmp_path)
+    with request_budget(svc):
+        result = m.sync()
+    assert result.rejected_files == (FEATURE,)
+    assert_in_step(svc, tmp_path, manifest_files=others)
+    assert not (tmp_path / FEATURE).exists() and file_requests(svc, FEATURE) == []
+    [record] = [r for r in caplog.records
+                if getattr(r, "tidewright_sync_event", {}).get("event_type") == "manifest_entry_rejected"]
+    assert record.levelno == logging.WARNING
+    assert record.tidewright_sync_event["reason"] == reason and record.tidewright_sync_event["file"] == FEATURE
+    assert repr(FEATURE) in record.tidewright_sync_event["error"]
+    assert m.verify().valid and not m.needs_sync()
+    with request_budget(svc):
+        assert m.sync().rejected_files == (FEATURE,)
 
 
 def test_two_keys_reaching_one_file_through_a_link_are_not_both_written(dataservice_factory, tmp_path):

@@ -76,20 +76,6 @@ void take_vocabulary_metadata(SyncResult& result, const json::object& vocabulari
   result.n_instruments = field("n_instruments");
 }
 
-// Refuses entries that no download could be checked against: an entry that
-// is not an object, or a size that is not a non-negative integer. A missing
-// size is allowed (the server's length decides, the digest still binds).
-void validate_manifest_file_entries(const Manifest& manifest) {
-  for (const auto& kv : manifest.files()) {
-    const json::object* entry = as_object(&kv.value());
-    if (!entry) throw ManifestError("Manifest file entry must be an object: " + python_repr(std::string_view(kv.key())));
-    const json::value* size = entry->if_contains("size_bytes");
-    if (size && !size->is_null() && !(size->is_int64() && size->get_int64() >= 0)) {
-      throw ManifestError("Manifest file size_bytes must be a non-negative integer: " + python_repr(std::string_view(kv.key())));
-    }
-  }
-}
-
 std::vector<std::string> keys_of(const json::object& files) {
   std::vector<std::string> out;
   out.reserve(files.size());
@@ -202,6 +188,7 @@ SyncResult SyncManager::sync_impl() {
         result.era_number = local_era;
         result.pnl_column_count = to_int(local->pnl_column_count()).value_or(0);
         result.n_features = n_features;
+        result.rejected_files = rejected_manifest_paths(*local);
         take_vocabulary_metadata(result, *vocabularies);
         {
           std::lock_guard<std::mutex> lock(state_mu_);
@@ -226,10 +213,11 @@ SyncResult SyncManager::sync_impl() {
   if (const json::value* files = parsed.if_contains("files"); files && !files->is_object() && !files->is_null()) {
     throw ManifestError("Invalid manifest JSON: \"files\" must be a JSON object");
   }
-  json::object server_data = sanitize_manifest_data_for_sync(parsed, siblings);
+  std::vector<RejectedManifestEntry> rejected;
+  json::object server_data = sanitize_manifest_data_for_sync(parsed, siblings, nullptr, &rejected);
   std::string kept_body = std::move(fetched.body);
   if (auto newer = newer_public_manifest(server_data)) {
-    server_data = sanitize_manifest_data_for_sync(newer->first, siblings);
+    server_data = sanitize_manifest_data_for_sync(newer->first, siblings, nullptr, &rejected);
     kept_body = std::move(newer->second);
   }
   std::string body_sha = sha256(kept_body);
@@ -244,8 +232,8 @@ SyncResult SyncManager::sync_impl() {
     server_data = drop_missing_found_pnl_paths(
         server_data, std::vector<std::string>(missing_found_pnl_paths_.begin(), missing_found_pnl_paths_.end()));
   }
-  ManifestPtr server = Manifest::from_sanitized(std::move(server_data));
-  validate_manifest_file_entries(*server);
+  ManifestPtr server = Manifest::from_sanitized(std::move(server_data), std::move(rejected));
+  log_rejected_manifest_entries(*server);
   if (local && server->era_number_int() != local_era) {
     throw EraError("Era mismatch: local era_number=" + std::to_string(local_era) +
                    ", server era_number=" + std::to_string(server->era_number_int()));
@@ -261,7 +249,7 @@ SyncResult SyncManager::sync_impl() {
     std::vector<std::string> missing(missing_found_pnl_paths_.begin(), missing_found_pnl_paths_.end());
     json::object data = drop_missing_found_pnl_paths(manifest->data(), missing);
     scrub_missing_found_pnl_paths_from_signals_index(data_dir_, data, missing);
-    manifest = Manifest::from_sanitized(std::move(data));
+    manifest = Manifest::from_sanitized(std::move(data), manifest->rejected_entries());
   };
 
   // Nothing new: the local manifest is current; check the files and the
@@ -293,6 +281,7 @@ SyncResult SyncManager::sync_impl() {
       SyncResult result;
       result.era_number = server->era_number_int();
       result.pnl_column_count = to_int(server->pnl_column_count()).value_or(0);
+      result.rejected_files = rejected_manifest_paths(*server);
       if (vocabulary_due) result.vocabulary_downloaded = download_vocabulary(*server);
       if (seed_due) result.shuffle_seed_downloaded = download_shuffle_seed(*server);
       if (vocabulary_due || seed_due) download_signals_index(*server, result);
@@ -318,6 +307,7 @@ SyncResult SyncManager::sync_impl() {
   SyncResult result;
   result.era_number = server->era_number_int();
   result.pnl_column_count = to_int(server->pnl_column_count()).value_or(0);
+  result.rejected_files = rejected_manifest_paths(*server);
   std::vector<std::pair<std::string, json::object>> to_download;
   std::vector<std::string> to_download_paths;
   bool same_era_local = local && local_era == server->era_number_int();

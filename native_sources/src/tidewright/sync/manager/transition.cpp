@@ -297,6 +297,7 @@ std::optional<std::int64_t> SyncManager::run_transition_attempt(std::int64_t new
     const json::object parsed = parse_manifest_json(fetched.body);
     const ManifestSiblings siblings = host().manifest_siblings();
     ManifestPtr manifest = Manifest::create(parsed, siblings);
+    log_rejected_manifest_entries(*manifest);
     std::optional<std::int64_t> manifest_era = to_int(manifest->era_number());
     if (!manifest_era) {
       throw EraError("Era transition manifest has invalid era_number=" + python_repr(manifest->era_number()));
