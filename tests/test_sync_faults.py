@@ -314,6 +314,19 @@ CRAFTED_MANIFESTS = {
     "rotation-settings": (dict(extra_files={"rotation-settings.json": ("config", b'{"budget_gb": 0}')}),
                           "names a file the sync engine keeps for itself: 'rotation-settings.json'"),
     "lock-file": (dict(extra_files={".sync_flock": ("config", b"")}),
+                  "names a file the sync engine keeps for itself: '.sync_flock'"),
+    "era-directory": (dict(extra_files={"era_1/features/x.arrow": ("feature", 10)}),
+                      "names a file the sync engine keeps for itself: 'era_1/features/x.arrow'"),
+    "seed": (dict(extra_files={"shuffle_seed.enc": ("shuffle_seed", 60)}),
+             "names a file the sync engine keeps for itself: 'shuffle_seed.enc'"),
+    "same-file": (dict(extra_files={"y/z.arrow": ("feature", b"one")},
+                       entry_overrides={"y/./z.arrow": {"size_bytes": 3, "sha256": _sha(b"two"), "kind": "feature"}}),
+                  "name the same local file: 'y/z.arrow' and 'y/./z.arrow'"),
+    "staging-name": (dict(extra_files={"u.arrow": ("feature", b"u"), "u.arrow.tmp": ("feature", b"staged")}),
+                     "collide: 'u.arrow.tmp' is the staging file of 'u.arrow'"),
+    "version-nan": (dict(manifest_overrides={"version": float("nan")}),
+                    "Manifest version must be a non-negative integer: nan"),
+}
 
 
 @pytest.mark.parametrize("layout, message", CRAFTED_MANIFESTS.values(), ids=CRAFTED_MANIFESTS.keys())
@@ -384,6 +397,18 @@ def test_an_entry_that_cannot_be_synced_is_refused_alone(svc, tmp_path, caplog, 
     assert m.verify().valid and not m.needs_sync()
     with request_budget(svc):
         assert m.sync().rejected_files == (FEATURE,)
+
+
+def test_a_manifest_file_named_like_a_staging_file_is_kept(dataservice_factory, tmp_path):
+    note = "notes/readme.tmp"
+    svc = dataservice_factory(extra_files={note: ("note", b"data, not a staging file")})
+    m = manager(svc, tmp_path)
+    for publish in (lambda: None, lambda: None, lambda: svc.set_version(touch=[FEATURE])):
+        publish()
+        with request_budget(svc):
+            m.sync()  # the second runs the no-op clean-up, the third the one before a download
+        assert local_bytes(tmp_path, note) == b"data, not a staging file"
+    assert not m.needs_sync() and m.verify().valid
 
 
 def test_two_keys_reaching_one_file_through_a_link_are_not_both_written(dataservice_factory, tmp_path):

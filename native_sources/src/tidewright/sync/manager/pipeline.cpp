@@ -195,7 +195,7 @@ SyncResult SyncManager::sync_impl() {
           vocabulary_ = vocabularies;
         }
         complete_rotation_promotion(*local, rotation, result);
-        cleanup_sync_tmp_files(data_dir_, {}, &tmp_scan_memo_);
+        cleanup_sync_tmp_files(data_dir_, {}, &tmp_scan_memo_, {&local->files()});
         return result;
       } catch (const SyncUnavailableError&) {
         throw;
@@ -298,7 +298,7 @@ SyncResult SyncManager::sync_impl() {
         manifest_ = server;
       }
       complete_rotation_promotion(*server, rotation, result);
-      cleanup_sync_tmp_files(data_dir_, {}, &tmp_scan_memo_);
+      cleanup_sync_tmp_files(data_dir_, {}, &tmp_scan_memo_, {&server->files(), &local->files()});
       return result;
     }
   }
@@ -354,7 +354,8 @@ SyncResult SyncManager::sync_impl() {
   std::vector<std::string> resumable = to_download_paths;
   const std::vector<std::string> vocabulary_paths = vocabulary_manifest_paths(server->files());
   resumable.insert(resumable.end(), vocabulary_paths.begin(), vocabulary_paths.end());
-  cleanup_sync_tmp_files(data_dir_, resumable, &tmp_scan_memo_);
+  cleanup_sync_tmp_files(data_dir_, resumable, &tmp_scan_memo_,
+                         {&server->files(), local ? &local->files() : nullptr});
   const std::int64_t needed = require_disk_space(to_download, free_bytes, siblings);
 
   // Download.

@@ -255,7 +255,7 @@ std::optional<std::int64_t> SyncManager::run_transition_attempt(std::int64_t new
     if (is_directory(staging)) fs::remove_all(staging, ec);
     if (superseded) {
       try {
-        remove_all_tmp_files(data_dir_);
+        remove_all_tmp_files(data_dir_, {old_manifest ? &old_manifest->files() : nullptr});
       } catch (const std::exception& e) {
         log_debug("Failed to clean superseded tmp files: %s", {json::value(e.what())});
       }
