@@ -411,6 +411,12 @@ def test_a_manifest_file_named_like_a_staging_file_is_kept(dataservice_factory, 
     assert not m.needs_sync() and m.verify().valid
 
 
+def test_an_empty_signals_index_pointer_means_no_index(svc, tmp_path):
+    svc.set_version(manifest_overrides={"signals_index": ""})
+    m, _ = synced(svc, tmp_path)
+    assert m.get_manifest().found_signals == {}
+
+
 def test_two_keys_reaching_one_file_through_a_link_are_not_both_written(dataservice_factory, tmp_path):
     # In manifest order "y/z.arrow" comes first; written through the link,
     # "x/z.arrow" would then replace its bytes.
