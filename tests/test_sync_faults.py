@@ -2,6 +2,7 @@
 broken bodies and ranges, resumed downloads, and manifests that move on while
 files download. Every scripted fault ends with correct files or a typed error."""
 
+import hashlib
 import io
 import json
 import logging
@@ -435,3 +436,132 @@ def test_a_head_trickled_forever_is_an_outage_the_command_line_gives_up_on(tmp_p
         sync._set_sync_http_header_deadline_seconds(None)
     assert outcome["code"] == cli.EXIT_UNAVAILABLE, err.getvalue()
     assert "gave up" in err.getvalue()
+
+
+# -- crafted manifests ---------------------------------------------------------------------
+
+
+def _sha(data):
+    return hashlib.sha256(data).hexdigest()
+
+
+# (era layout, error) for manifests that must be refused before anything is written
+CRAFTED_MANIFESTS = {
+    "rotation-settings": (dict(extra_files={"rotation-settings.json": ("config", b'{"budget_gb": 0}')}),
+                          "names a file the sync engine keeps for itself: 'rotation-settings.json'"),
+    "lock-file": (dict(extra_files={".sync_flock": ("config", b"")}),
+                  "names a file the sync engine keeps for itself: '.sync_flock'"),
+    "era-directory": (dict(extra_files={"era_1/features/x.arrow": ("feature", 10)}),
+                      "names a file the sync engine keeps for itself: 'era_1/features/x.arrow'"),
+    "seed": (dict(extra_files={"shuffle_seed.enc": ("shuffle_seed", 60)}),
+             "names a file the sync engine keeps for itself: 'shuffle_seed.enc'"),
+    "same-file": (dict(extra_files={"y/z.arrow": ("feature", b"one")},
+                       entry_overrides={"y/./z.arrow": {"size_bytes": 3, "sha256": _sha(b"two"), "kind": "feature"}}),
+                  "name the same local file: 'y/z.arrow' and 'y/./z.arrow'"),
+    "staging-name": (dict(extra_files={"u.arrow": ("feature", b"u"), "u.arrow.tmp": ("feature", b"staged")}),
+                     "collide: 'u.arrow.tmp' is the staging file of 'u.arrow'"),
+    "version-nan": (dict(manifest_overrides={"version": float("nan")}),
+                    "Manifest version must be a non-negative integer: nan"),
+}
+
+
+@pytest.mark.parametrize("layout, message", CRAFTED_MANIFESTS.values(), ids=CRAFTED_MANIFESTS.keys())
+def test_a_crafted_manifest_is_refused_before_anything_is_written(dataservice_factory, tmp_path, layout, message):
+    svc = dataservice_factory(**layout)
+    settings = tmp_path / "rotation-settings.json"
+    settings.write_bytes(b'{"mine": true}')
+    m = manager(svc, tmp_path)
+    with request_budget(svc), pytest.raises(sync.ManifestError) as info:
+        m.sync()
+    assert message in str(info.value)
+    assert file_requests(svc) == [] and svc.requests_for("/data/shuffle") == []
+    assert tree(tmp_path) == {"rotation-settings.json": b'{"mine": true}'}
+    assert m.get_manifest() is None
+
+
+@pytest.mark.parametrize("override", [
+    lambda digest: {"sha256": f" {digest.upper()}\n"},  # compared stripped and lower-cased everywhere
+    lambda digest: {"size_bytes": 2048.0},               # an integral float is the size
+], ids=["digest-in-capitals", "size-as-float"])
+def test_an_entry_written_differently_is_one_file_for_every_check(svc, tmp_path, override):
+    digest = svc.manifest()["files"][FEATURE]["sha256"]
+    svc.set_version(entry_overrides={FEATURE: override(digest)})
+    m = manager(svc, tmp_path)
+    with request_budget(svc):
+        result = m.sync()
+    assert local_bytes(tmp_path, FEATURE) == svc.file_bytes(None, FEATURE) and result.rejected_files == ()
+    assert m.verify().valid and not m.needs_sync()
+
+    svc.clear_requests()
+    with request_budget(svc):
+        sync.SyncManager(str(tmp_path), svc.url, token=svc.token).sync()  # a new process: the files on disk are current
+    assert file_requests(svc) == []
+
+    (tmp_path / FEATURE).write_bytes(b"\0" * 2048)
+    assert m.verify().corrupted_files == [FEATURE]
+    with request_budget(svc):
+        m.repair([FEATURE])
+    assert m.verify().valid and local_bytes(tmp_path, FEATURE) == svc.file_bytes(None, FEATURE)
+
+
+@pytest.mark.parametrize("entry, reason", [
+    (lambda e: dict(e, sha256="not-a-digest"), "invalid_sha256"),
+    (lambda e: dict(e, size_bytes=-1), "invalid_size_bytes"),
+    (lambda e: dict(e, size_bytes=2047.5), "invalid_size_bytes"),
+    (lambda e: dict(e, size_bytes="2048"), "invalid_size_bytes"),
+    (lambda e: dict(e, size_bytes=True), "invalid_size_bytes"),
+    (lambda e: "not an entry", "invalid_entry"),
+    (lambda e: [2048], "invalid_entry"),
+])
+def test_an_entry_that_cannot_be_synced_is_refused_alone(svc, tmp_path, caplog, entry, reason):
+    caplog.set_level(logging.INFO, logger="tidewright.sync")
+    files = svc.manifest()["files"]
+    files[FEATURE] = entry(files[FEATURE])
+    svc.set_version(manifest_overrides={"files": files})
+    others = {p: e for p, e in svc.manifest()["files"].items() if p != FEATURE}
+    m = manager(svc, tmp_path)
+    with request_budget(svc):
+        result = m.sync()
+    assert result.rejected_files == (FEATURE,)
+    assert_in_step(svc, tmp_path, manifest_files=others)
+    assert not (tmp_path / FEATURE).exists() and file_requests(svc, FEATURE) == []
+    [record] = [r for r in caplog.records
+                if getattr(r, "tidewright_sync_event", {}).get("event_type") == "manifest_entry_rejected"]
+    assert record.levelno == logging.WARNING
+    assert record.tidewright_sync_event["reason"] == reason and record.tidewright_sync_event["file"] == FEATURE
+    assert repr(FEATURE) in record.tidewright_sync_event["error"]
+    assert m.verify().valid and not m.needs_sync()
+    with request_budget(svc):
+        assert m.sync().rejected_files == (FEATURE,)
+
+
+def test_a_manifest_file_named_like_a_staging_file_is_kept(dataservice_factory, tmp_path):
+    note = "notes/readme.tmp"
+    svc = dataservice_factory(extra_files={note: ("note", b"data, not a staging file")})
+    m = manager(svc, tmp_path)
+    for publish in (lambda: None, lambda: None, lambda: svc.set_version(touch=[FEATURE])):
+        publish()
+        with request_budget(svc):
+            m.sync()  # the second runs the no-op clean-up, the third the one before a download
+        assert local_bytes(tmp_path, note) == b"data, not a staging file"
+    assert not m.needs_sync() and m.verify().valid
+
+
+def test_an_empty_signals_index_pointer_means_no_index(svc, tmp_path):
+    svc.set_version(manifest_overrides={"signals_index": ""})
+    m, _ = synced(svc, tmp_path)
+    assert m.get_manifest().found_signals == {}
+
+
+def test_two_keys_reaching_one_file_through_a_link_are_not_both_written(dataservice_factory, tmp_path):
+    # In manifest order "y/z.arrow" comes first; written through the link,
+    # "x/z.arrow" would then replace its bytes.
+    svc = dataservice_factory(extra_files={"y/z.arrow": ("feature", b"y" * 200), "x/z.arrow": ("feature", b"x" * 100)})
+    (tmp_path / "y").mkdir()
+    (tmp_path / "x").symlink_to("y", target_is_directory=True)
+    m = manager(svc, tmp_path, sync_max_concurrency=1)
+    with request_budget(svc), pytest.raises(sync.ManifestError) as info:
+        m.sync()
+    assert str(info.value).startswith("Manifest file path passes through a link inside the data directory: 'x/z.arrow'")
+    assert local_bytes(tmp_path, "y/z.arrow") == b"y" * 200
+    assert file_requests(svc, "x/z.arrow") == [] and os.path.islink(tmp_path / "x")

@@ -106,6 +106,31 @@ TEST(ManifestLocalPath, ResolvesInsideTheDataDirectoryAndRefusesLinksOut) {
   fs::remove_all(twin);
 }
 
+TEST(ManifestLocalPath, WritesNeverGoThroughALinkEvenOneThatStaysInside) {
+  TempDir outside;
+  TempDir data;
+  fs::create_directories(data.path() / "features" / "u");
+  const std::string root = fs::canonical(data.path()).string();
+  // Through a link to the data directory itself the writes are its own.
+  fs::create_directory_symlink(data.path(), outside.path() / "alias");
+  EXPECT_EQ(manifest_local_write_path((outside.path() / "alias").string(), "features/u/x.arrow"),
+            root + "/features/u/x.arrow");
+
+  fs::create_directory_symlink(data.path() / "features", data.path() / "inner");
+  fs::create_symlink(data.path() / "features" / "u" / "a.arrow", data.path() / "features" / "u" / "b.arrow");
+  for (std::string_view path : {"inner/u/x.arrow", "features/u/b.arrow"}) {
+    // Reading may follow the link; writing may not.
+    EXPECT_NO_THROW(manifest_local_path(data.path().string(), path));
+    EXPECT_EQ(manifest_error_of([&] { manifest_local_write_path(data.path().string(), path); }),
+              "Manifest file path passes through a link inside the data directory: '" + std::string(path) +
+                  "' (files are never written through links; replace the link with the directory or file it "
+                  "points to)");
+  }
+  fs::create_directory_symlink(outside.path(), data.path() / "escape");
+  EXPECT_EQ(manifest_error_of([&] { manifest_local_write_path(data.path().string(), "escape/x"); }),
+            "Manifest file path escapes data directory: 'escape/x'");
+}
+
 TEST(Platform, TagsFollowTheTableAndFallBackToSystemAndMachine) {
   EXPECT_EQ(platform_tag("Linux", "AMD64"), "linux_x86_64");
   EXPECT_EQ(platform_tag("Linux", "arm64"), "linux_aarch64");

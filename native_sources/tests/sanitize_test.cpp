@@ -1,14 +1,28 @@
 #include "tidewright/sync/manifest/sanitize.hpp"
 
+#include "tidewright/sync/artifacts/functions_file.hpp"
+#include "tidewright/sync/artifacts/shuffle_seed.hpp"
+#include "tidewright/sync/manager/hash_cache.hpp"
+#include "tidewright/sync/manifest/manifest.hpp"
+#include "tidewright/sync/manifest/manifest_files.hpp"
 #include "tidewright/sync/manifest/paths.hpp"
+#include "tidewright/sync/reporting/errors.hpp"
+#include "tidewright/sync/rotation/catalog.hpp"
+#include "tidewright/sync/rotation/state.hpp"
+#include "tidewright/sync/transport/files.hpp"
 
 #include <gtest/gtest.h>
+
+#include <cmath>
+#include <limits>
 
 namespace tidewright::sync {
 namespace {
 
+constexpr std::string_view kDigest = "0123456789abcdef0123456789abcdef0123456789abcdef0123456789abcdef";
+
 json::value info(std::string_view kind, std::string_view platform = "") {
-  json::object out{{"size_bytes", 10}, {"sha256", "00"}};
+  json::object out{{"size_bytes", 10}, {"sha256", kDigest}};
   if (!kind.empty()) out["kind"] = kind;
   if (!platform.empty()) out["platform"] = platform;
   return out;
@@ -195,6 +209,121 @@ TEST(SanitizeFilters, AnEntryRemovedEarlierIsNotSeenByLaterFilters) {
   EXPECT_TRUE(out.at("files").as_object().empty());
   EXPECT_EQ(out.at("found_signals"), data.at("found_signals"));
   EXPECT_EQ(kind_calls, 0);
+}
+
+// The ManifestError message of sanitising `files`, or "<no error>".
+std::string sanitize_error(json::object files) {
+  try {
+    sanitize_manifest_data_for_sync(json::object{{"files", std::move(files)}}, default_manifest_siblings());
+  } catch (const ManifestError& e) {
+    return e.what();
+  }
+  return "<no error>";
+}
+
+TEST(SanitizeChecks, EveryFileTheEngineKeepsRefusesTheManifest) {
+  // Named by the constants of the components that own the files, so that a
+  // file added to one of them without a rule here shows up.
+  const std::string seed(SHUFFLE_SEED_FILENAME);
+  const std::vector<std::string> owned = {
+      "manifest.json", ".sync_flock", ".sync_flock.owner", ".consumer_count", ".transition_lock",
+      std::string(MANIFEST_SYNC_METADATA_FILENAME), SYNC_HASH_CACHE_FILENAME, std::string(SYNC_PROGRESS_FILENAME),
+      seed, shuffle_seed_meta_path(seed), std::string(ROTATION_SETTINGS_FILENAME),
+      std::string(FEATURE_ROTATION_STATE_FILENAME), std::string(PREFETCHED_FEATURES_FILENAME),
+      ".transition_era12.tmp/features/f.arrow", "era_3/f.arrow", "era3"};
+  for (const auto& name : owned) {
+    json::object files{{"features/u/signal_is/f.arrow", info("feature")}, {name, info("config")}};
+    EXPECT_EQ(sanitize_error(files),
+              "Manifest file path names a file the sync engine keeps for itself: '" + name + "'");
+    EXPECT_TRUE(is_engine_owned_path(name)) << name;
+  }
+  // The temporary file of an atomic write next to one of them.
+  const std::string temporary = "manifest.json.123.456.789.tmp";
+  EXPECT_TRUE(is_engine_owned_path(temporary));
+  for (std::string_view name : {FUNCTIONS_FILENAME, "named_universes/u/vocabulary.json", "features/manifest.json",
+                                "era_/x", "erax/y", "manifest.jsonx", "_control/signals_index.json"}) {
+    EXPECT_EQ(sanitize_error(json::object{{name, info("feature")}}), "<no error>") << name;
+  }
+}
+
+TEST(SanitizeChecks, EntriesAreRefusedOneByOneWithTheirPathAndReason) {
+  json::object files;
+  files["ok.arrow"] = info("feature");
+  files["list.arrow"] = json::array{1};
+  files["nan.arrow"] = json::object{{"size_bytes", 1}, {"weight", std::nan("")}};
+  files["negative.arrow"] = json::object{{"size_bytes", -2}};
+  files["half.arrow"] = json::object{{"size_bytes", 1.5}};
+  files["short.arrow"] = json::object{{"sha256", "abc"}};
+  files["float.arrow"] = json::object{{"size_bytes", 10.0}, {"sha256", nullptr}};
+  bool changed = false;
+  std::vector<RejectedManifestEntry> rejected;
+  json::object out = sanitize_manifest_data_for_sync(json::object{{"files", files}}, default_manifest_siblings(),
+                                                     &changed, &rejected);
+  EXPECT_TRUE(changed);
+  EXPECT_EQ(keys_of(out.at("files")), (std::vector<std::string>{"ok.arrow", "float.arrow"}));
+  ASSERT_EQ(rejected.size(), 5u);
+  const std::vector<std::tuple<std::string, std::string, std::string>> expected = {
+      {"list.arrow", "invalid_entry", "Manifest file entry must be an object: 'list.arrow'"},
+      {"nan.arrow", "non_finite_number",
+       "Manifest file entry holds a number that is not finite (NaN or Infinity): 'nan.arrow'"},
+      {"negative.arrow", "invalid_size_bytes",
+       "Manifest file size_bytes must be a non-negative integer: 'negative.arrow' (got -2)"},
+      {"half.arrow", "invalid_size_bytes",
+       "Manifest file size_bytes must be a non-negative integer: 'half.arrow' (got 1.5)"},
+      {"short.arrow", "invalid_sha256",
+       "Manifest file sha256 must be 64 hexadecimal digits: 'short.arrow' (got 'abc')"},
+  };
+  for (std::size_t i = 0; i < expected.size(); ++i) {
+    EXPECT_EQ(rejected[i].path, std::get<0>(expected[i]));
+    EXPECT_EQ(rejected[i].reason, std::get<1>(expected[i]));
+    EXPECT_EQ(rejected[i].message, std::get<2>(expected[i]));
+  }
+
+  // The Manifest remembers them; a sanitised object has none left.
+  ManifestPtr manifest =
+      Manifest::create(json::object{{"era_number", 1}, {"files", files}}, default_manifest_siblings());
+  EXPECT_EQ(manifest->rejected_entries().size(), 5u);
+  sanitize_manifest_data_for_sync(out, default_manifest_siblings(), &changed, &rejected);
+  EXPECT_FALSE(changed);
+  EXPECT_TRUE(rejected.empty());
+}
+
+TEST(SanitizeChecks, MovingAndCopyingGiveTheSameDigestsAndRefusals) {
+  std::string upper(kDigest);
+  for (auto& c : upper) c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
+  json::object data;
+  data["files"] = json::object{
+      {"a.arrow", json::object{{"sha256", "\t" + upper + " "}, {"kind", "feature"}}},
+      {"b.arrow", json::object{{"sha256", 7}}},
+      {"c.pxd", info("vault")},
+      {"d.arrow", info("feature")},
+  };
+  const ManifestSiblings siblings = default_manifest_siblings();
+  std::vector<RejectedManifestEntry> copied_rejected, moved_rejected;
+  json::object copied = sanitize_manifest_data_for_sync(data, siblings, nullptr, &copied_rejected);
+  json::object moved_input = data;
+  json::object moved = sanitize_manifest_data_for_sync(std::move(moved_input), siblings, nullptr, &moved_rejected);
+  EXPECT_EQ(copied, moved);
+  EXPECT_EQ(keys_of(copied.at("files")), (std::vector<std::string>{"a.arrow", "d.arrow"}));
+  EXPECT_EQ(copied.at("files").at("a.arrow").at("sha256").as_string(), kDigest);
+  ASSERT_EQ(copied_rejected.size(), 1u);
+  ASSERT_EQ(moved_rejected.size(), 1u);
+  EXPECT_EQ(copied_rejected[0].message, moved_rejected[0].message);
+}
+
+TEST(SanitizeChecks, ManifestAndManifestJsonNeverHoldNaN) {
+  const ManifestSiblings siblings = default_manifest_siblings();
+  const double nan = std::numeric_limits<double>::quiet_NaN();
+  for (const char* field : {"era_number", "version"}) {
+    json::object data{{"era_number", 1}};
+    data[field] = nan;
+    EXPECT_THROW(Manifest::create(data, siblings), ManifestError) << field;
+  }
+  // An integral float is the number it spells.
+  ManifestPtr manifest = Manifest::create(json::object{{"era_number", 2.0}, {"version", 3.0}}, siblings);
+  EXPECT_EQ(manifest->era_number_int(), 2);
+  EXPECT_EQ(manifest->version_int(), 3);
+  EXPECT_THROW(write_manifest_json("/nonexistent-dir", json::object{{"x", json::array{1, -nan}}}), ManifestError);
 }
 
 }  // namespace

@@ -23,7 +23,8 @@ std::optional<std::string> signals_index_path_digest(std::string_view path) {
 }
 
 std::optional<std::string> manifest_signals_index_path(const json::value& signals_index, const json::object& files) {
-  if (signals_index.is_null()) return std::nullopt;
+  // An empty pointer ("" as well as null) means the era has no index.
+  if (!truthy(signals_index)) return std::nullopt;
   std::string path = safe_manifest_relative_path(python_str(signals_index));
   if (path == LEGACY_SIGNALS_INDEX_RELATIVE_PATH) {
     throw ManifestError("legacy signals_index.json sidecar is not supported");

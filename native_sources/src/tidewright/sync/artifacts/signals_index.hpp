@@ -18,7 +18,8 @@ inline constexpr const char* SIGNALS_INDEX_VERSIONED_RE = R"(^_control/signals_i
 inline constexpr const char* SIGNALS_INDEX_SECTIONS[] = {"found_signals", "found_strategies", "useful_signals"};
 
 // The checked signals-index path named by a manifest object's
-// "signals_index" and "files", or empty when it names none. Throws
+// "signals_index" and "files", or empty when it names none (null, "", or
+// another value the host reads as false). Throws
 // ManifestError for every broken pointer.
 std::optional<std::string> manifest_signals_index_path(const json::value& signals_index, const json::object& files);
 std::optional<std::string> manifest_signals_index_path(const Manifest& manifest);

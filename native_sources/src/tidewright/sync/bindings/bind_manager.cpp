@@ -42,6 +42,10 @@ class SyncResult:
     skipped_relative_paths: _typing.Tuple[str, ...] = ()
     mandatory_relative_paths: _typing.Tuple[str, ...] = ()
     found_pnl_paths_downloaded: _typing.Tuple[str, ...] = ()
+    # Manifest entries the engine refused one by one (a digest that is not
+    # 64 hexadecimal digits, an unusable size_bytes, ...): not synced; the
+    # "manifest_entry_rejected" events say why.
+    rejected_files: _typing.Tuple[str, ...] = ()
     rotation_seed: _typing.Optional[int] = None
     feature_budget_bytes: _typing.Optional[int] = None
 
@@ -136,6 +140,7 @@ nb::object to_python(const SyncResult& r) {
   kw["skipped_relative_paths"] = tuple_of(r.skipped_relative_paths);
   kw["mandatory_relative_paths"] = tuple_of(r.mandatory_relative_paths);
   kw["found_pnl_paths_downloaded"] = tuple_of(r.found_pnl_paths_downloaded);
+  kw["rejected_files"] = tuple_of(r.rejected_files);
   kw["rotation_seed"] = r.rotation_seed ? nb::object(nb::int_(*r.rotation_seed)) : nb::none();
   kw["feature_budget_bytes"] = r.feature_budget_bytes ? nb::object(nb::int_(*r.feature_budget_bytes)) : nb::none();
   return g_module.attr("SyncResult")(**kw);
@@ -168,6 +173,7 @@ SyncResult from_python_result(nb::handle r) {
   out.skipped_relative_paths = strings("skipped_relative_paths");
   out.mandatory_relative_paths = strings("mandatory_relative_paths");
   out.found_pnl_paths_downloaded = strings("found_pnl_paths_downloaded");
+  out.rejected_files = strings("rejected_files");
   if (!r.attr("rotation_seed").is_none()) out.rotation_seed = i64("rotation_seed");
   if (!r.attr("feature_budget_bytes").is_none()) out.feature_budget_bytes = i64("feature_budget_bytes");
   return out;

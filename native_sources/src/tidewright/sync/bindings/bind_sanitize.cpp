@@ -2,8 +2,9 @@
 //
 // The filters convert only what the decisions need ("files" and
 // "artifacts"), decide in C++ without the GIL, and then build the result
-// from the caller's own objects: the same dict when nothing is removed,
-// otherwise a shallow copy whose untouched values are the originals.
+// from the caller's own objects: the same dict when nothing changes,
+// otherwise a shallow copy whose untouched values are the originals (an
+// entry whose "sha256" is rewritten is a copy of the caller's entry).
 //
 // The platform tag is read from the module's CURRENT_PLATFORM at each call,
 // so a host that retags the module is obeyed.
@@ -17,6 +18,7 @@
 
 #include <Python.h>
 
+#include <unordered_map>
 #include <unordered_set>
 
 namespace tidewright::sync::bindings {
@@ -124,18 +126,28 @@ nb::object run_filters(nb::dict data, unsigned filters) {
     nb::gil_scoped_release release;
     plan = plan_manifest_sanitization(inputs, siblings, filters);
   }
-  if (!plan.removes_anything()) return nb::borrow(data);
+  if (!plan.changes_anything()) return nb::borrow(data);
 
   nb::object out = copy_dict(data);
 
   ViewSet dropped(plan.dropped_files.begin(), plan.dropped_files.end());
+  std::unordered_map<std::string_view, const std::string*> digests;
+  for (const auto& [path, digest] : plan.sha256_rewrites) digests.emplace(path, &digest);
   nb::object kept_files = new_dict();
   if (files.is_valid() && PyDict_Check(files.ptr())) {
     PyObject* key = nullptr;
     PyObject* value = nullptr;
     Py_ssize_t pos = 0;
     while (PyDict_Next(files.ptr(), &pos, &key, &value)) {
-      if (!is_member(key, dropped)) set_item(kept_files, key, value);
+      if (is_member(key, dropped)) continue;
+      auto digest = digests.empty() || !PyUnicode_Check(key) ? digests.end() : digests.find(str_view(key));
+      if (digest == digests.end() || !PyDict_Check(value)) {
+        set_item(kept_files, key, value);
+        continue;
+      }
+      nb::object entry = copy_dict(value);
+      set_item(entry, nb::str("sha256"), nb::str(digest->second->c_str(), digest->second->size()));
+      set_item(kept_files, key, entry);
     }
   }
   set_item(out, nb::str("files"), kept_files);
@@ -249,7 +261,12 @@ void bind_sanitize(nb::module_& m) {
   m.def(
       "_sanitize_manifest_data_for_sync",
       [](nb::dict manifest_data) { return run_filters(manifest_data, kAllSanitizeFilters); },
-      "manifest_data"_a, "Return the manifest without the entries this client never syncs.");
+      "manifest_data"_a,
+      "Return the manifest without the entries this client never syncs.\n\n"
+      "Beyond the three filters, entries that cannot be synced safely are handled here: a path naming one of "
+      "the engine's own files, or two paths reaching one local file, raise ManifestError; an entry that is not an "
+      "object, has a sha256 that is not 64 hexadecimal digits, an unusable size_bytes or a NaN/infinite number "
+      "is left out; a sha256 in capitals or with blanks is rewritten stripped and lower-cased.");
 
   m.def(
       "_manifest_has_agent_bundle_declarations",

@@ -200,7 +200,7 @@ bool SyncManager::download_validated_vocabulary_repair(const std::string& file_p
       throw IntegrityError("Size failure for " + file_path);
     }
   }
-  std::string local = manifest_local_path(data_dir_, file_path);
+  std::string local = manifest_local_write_path(data_dir_, file_path);
   atomic_write(local, response.body);
   hash_cache_.remember(file_path, local, sha256(response.body));
   result.bytes_downloaded += static_cast<std::int64_t>(response.body.size());
@@ -235,6 +235,7 @@ bool SyncManager::download_signals_index(Manifest& server_manifest, SyncResult& 
   if (!size || to_int(*size) != static_cast<std::int64_t>(response.body.size())) {
     throw IntegrityError("Size failure for " + *path);
   }
+  local = manifest_local_write_path(target, *path);
   atomic_write(local, response.body);
   if (target == data_dir_) {
     if (HostRef guard = runtime_freshness_guard()) {

@@ -102,6 +102,25 @@ class TmpWalk {
   const std::int64_t started_ns_;
 };
 
+// The paths, as the walk below spells them, of the manifest files whose
+// names end in ".tmp". Usually none, so only the keys are looked at.
+std::set<std::string> manifest_files_named_tmp(const std::string& data_dir, const ManifestFilesList& manifest_files) {
+  std::set<std::string> out;
+  std::string root;
+  std::string canonical;
+  for (const json::object* files : manifest_files) {
+    if (!files) continue;
+    for (const auto& entry : *files) {
+      const std::string_view key = entry.key();
+      if (key.find(".tmp") == std::string_view::npos) continue;  // most keys: no need to normalise
+      if (!try_safe_manifest_relative_path(key, canonical) || !ends_with_tmp(canonical)) continue;
+      if (root.empty()) root = real_path(data_dir);
+      out.insert(path_join(root, canonical));
+    }
+  }
+  return out;
+}
+
 template <typename Keep>
 void remove_tmp_files(const std::string& data_dir, Keep keep, TmpScanMemo* memo = nullptr) {
   std::function<void(const std::string&)> visit = [&](const std::string& path) {
@@ -133,8 +152,8 @@ void remove_manifest_tmp_file(const std::string& data_dir, const std::string& fi
 }
 
 void cleanup_sync_tmp_files(const std::string& data_dir, const std::vector<std::string>& preserve_relative_paths,
-                            TmpScanMemo* memo) {
-  std::set<std::string> preserve;
+                            TmpScanMemo* memo, const ManifestFilesList& manifest_files) {
+  std::set<std::string> preserve = manifest_files_named_tmp(data_dir, manifest_files);
   for (const auto& p : preserve_relative_paths) {
     try {
       preserve.insert(manifest_local_path(data_dir, p) + ".tmp");
@@ -144,8 +163,9 @@ void cleanup_sync_tmp_files(const std::string& data_dir, const std::vector<std::
   remove_tmp_files(data_dir, [&](const std::string& path) { return preserve.count(path) > 0; }, memo);
 }
 
-void remove_all_tmp_files(const std::string& data_dir) {
-  remove_tmp_files(data_dir, [](const std::string&) { return false; });
+void remove_all_tmp_files(const std::string& data_dir, const ManifestFilesList& manifest_files) {
+  const std::set<std::string> keep = manifest_files_named_tmp(data_dir, manifest_files);
+  remove_tmp_files(data_dir, [&](const std::string& path) { return keep.count(path) > 0; });
 }
 
 std::int64_t tree_size(const std::string& path) {

@@ -3,6 +3,7 @@
 #pragma once
 
 #include "tidewright/sync/common/fs.hpp"
+#include "tidewright/sync/common/json.hpp"
 
 #include <cstdint>
 #include <mutex>
@@ -33,15 +34,20 @@ class TmpScanMemo {
   std::unordered_map<std::string, Dir> clean_dirs;  // by path; guarded by mu
 };
 
-// Deletes every "*.tmp" file below `data_dir` except the staging files of
-// `preserve_relative_paths` (resumable downloads of the current set). With
-// `memo`, directories unchanged since an earlier scan found them clean are
-// not listed again.
-void cleanup_sync_tmp_files(const std::string& data_dir, const std::vector<std::string>& preserve_relative_paths = {},
-                            TmpScanMemo* memo = nullptr);
+// Files of the manifests at hand, as "files" maps: a manifest file whose own
+// name ends in ".tmp" is data, never a staging file to clean up.
+using ManifestFilesList = std::vector<const json::object*>;
 
-// Deletes every "*.tmp" file below `data_dir` (superseded transitions).
-void remove_all_tmp_files(const std::string& data_dir);
+// Deletes every "*.tmp" file below `data_dir` except the staging files of
+// `preserve_relative_paths` (resumable downloads of the current set) and the
+// files that `manifest_files` list. With `memo`, directories unchanged since
+// an earlier scan found them clean are not listed again.
+void cleanup_sync_tmp_files(const std::string& data_dir, const std::vector<std::string>& preserve_relative_paths = {},
+                            TmpScanMemo* memo = nullptr, const ManifestFilesList& manifest_files = {});
+
+// Deletes every "*.tmp" file below `data_dir` but the files that
+// `manifest_files` list (superseded transitions).
+void remove_all_tmp_files(const std::string& data_dir, const ManifestFilesList& manifest_files = {});
 
 // Total size of the regular files below `path` (0 when unreadable).
 std::int64_t tree_size(const std::string& path);

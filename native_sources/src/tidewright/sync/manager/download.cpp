@@ -395,7 +395,8 @@ void SyncManager::download_file(const std::string& file_path, const json::object
   const std::string url = manifest_file_url(server_url_, file_path, base);
   const bool is_public = manifest_base_url_uses_public_download(server_url_, base);
   const std::string target = options.target_data_dir.value_or(data_dir_);
-  const std::string local = manifest_local_path(target, file_path);
+  // Never through a link: two manifest paths would share a file.
+  const std::string local = manifest_local_write_path(target, file_path);
   StagingFile staging_file(real_path(target), local, file_path);
   const std::string& staging = staging_file.path();
 

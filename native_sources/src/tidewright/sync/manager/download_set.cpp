@@ -1,6 +1,7 @@
 #include "tidewright/sync/manager/download_set.hpp"
 
 #include "tidewright/sync/reporting/errors.hpp"
+#include "tidewright/sync/reporting/sync_events.hpp"
 #include "tidewright/sync/transport/files.hpp"
 
 #include <cstdint>
@@ -32,6 +33,20 @@ std::int64_t require_disk_space(const DownloadSet& files, std::int64_t free_byte
                          std::to_string(free_bytes) + " bytes available");
   }
   return needed;
+}
+
+std::vector<std::string> rejected_manifest_paths(const Manifest& manifest) {
+  std::vector<std::string> paths;
+  paths.reserve(manifest.rejected_entries().size());
+  for (const auto& entry : manifest.rejected_entries()) paths.push_back(entry.path);
+  return paths;
+}
+
+void log_rejected_manifest_entries(const Manifest& manifest) {
+  for (const auto& entry : manifest.rejected_entries()) {
+    log_sync_event("manifest_entry_rejected", entry.path, 1, entry.reason,
+                   {{"error", entry.message}, {"recovery", "operator_fix_required"}});
+  }
 }
 
 void write_download_progress(const std::string& data_dir, const Manifest& manifest, const DownloadSet& files,

@@ -25,6 +25,16 @@ json::object download_entry(const Manifest& manifest, const json::value& info);
 // need N bytes, have F bytes available" when they exceed `free_bytes`.
 std::int64_t require_disk_space(const DownloadSet& files, std::int64_t free_bytes, const ManifestSiblings& siblings);
 
+// The paths of the entries the manifest's sanitising refused (a SyncResult's
+// rejected_files).
+std::vector<std::string> rejected_manifest_paths(const Manifest& manifest);
+
+// One warning-level sync event "manifest_entry_rejected" per refused entry
+// (reason: why, "error": the message naming the entry, "recovery":
+// "operator_fix_required"): the file is not synced until the service's
+// manifest is fixed; the rest of the sync goes on.
+void log_rejected_manifest_entries(const Manifest& manifest);
+
 // Writes "sync-progress.json" for the set.
 void write_download_progress(const std::string& data_dir, const Manifest& manifest, const DownloadSet& files,
                              const ManifestSiblings& siblings);

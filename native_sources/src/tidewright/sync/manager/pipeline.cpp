@@ -77,20 +77,6 @@ void take_vocabulary_metadata(SyncResult& result, const json::object& vocabulari
   result.n_instruments = field("n_instruments");
 }
 
-// Refuses entries that no download could be checked against: an entry that
-// is not an object, or a size that is not a non-negative integer. A missing
-// size is allowed (the server's length decides, the digest still binds).
-void validate_manifest_file_entries(const Manifest& manifest) {
-  for (const auto& kv : manifest.files()) {
-    const json::object* entry = as_object(&kv.value());
-    if (!entry) throw ManifestError("Manifest file entry must be an object: " + python_repr(std::string_view(kv.key())));
-    const json::value* size = entry->if_contains("size_bytes");
-    if (size && !size->is_null() && !(size->is_int64() && size->get_int64() >= 0)) {
-      throw ManifestError("Manifest file size_bytes must be a non-negative integer: " + python_repr(std::string_view(kv.key())));
-    }
-  }
-}
-
 // The manifest's body as it arrives: parsed and hashed piece by piece, so
 // that the text is never held (a manifest of a million files is hundreds of
 // megabytes of text on top of its values), and refused past
@@ -274,13 +260,14 @@ SyncResult SyncManager::sync_impl() {
         result.era_number = local_era;
         result.pnl_column_count = to_int(local->pnl_column_count()).value_or(0);
         result.n_features = n_features;
+        result.rejected_files = rejected_manifest_paths(*local);
         take_vocabulary_metadata(result, *vocabularies);
         {
           std::lock_guard<std::mutex> lock(state_mu_);
           vocabulary_ = vocabularies;
         }
         complete_rotation_promotion(*local, rotation, result);
-        cleanup_sync_tmp_files(data_dir_, {}, &tmp_scan_memo_);
+        cleanup_sync_tmp_files(data_dir_, {}, &tmp_scan_memo_, {&local->files()});
         return result;
       } catch (const SyncUnavailableError&) {
         throw;
@@ -302,10 +289,11 @@ SyncResult SyncManager::sync_impl() {
     throw ManifestError("Invalid manifest JSON: \"files\" must be a JSON object");
   }
   // Moved, not copied, from here on: one set of the manifest's values at a time.
-  json::object server_data = sanitize_manifest_data_for_sync(std::move(fetched.data), siblings);
+  std::vector<RejectedManifestEntry> rejected;
+  json::object server_data = sanitize_manifest_data_for_sync(std::move(fetched.data), siblings, nullptr, &rejected);
   std::string body_sha = std::move(fetched.body_sha256);
   if (auto newer = newer_public_manifest(server_data)) {
-    server_data = sanitize_manifest_data_for_sync(std::move(newer->first), siblings);
+    server_data = sanitize_manifest_data_for_sync(std::move(newer->first), siblings, nullptr, &rejected);
     body_sha = sha256(newer->second);
   }
   std::string manifest_sha = server_hash.value_or(body_sha);
@@ -319,8 +307,8 @@ SyncResult SyncManager::sync_impl() {
     server_data = drop_missing_found_pnl_paths(
         server_data, std::vector<std::string>(missing_found_pnl_paths_.begin(), missing_found_pnl_paths_.end()));
   }
-  ManifestPtr server = Manifest::from_sanitized(std::move(server_data));
-  validate_manifest_file_entries(*server);
+  ManifestPtr server = Manifest::from_sanitized(std::move(server_data), std::move(rejected));
+  log_rejected_manifest_entries(*server);
   if (local && server->era_number_int() != local_era) {
     throw EraError("Era mismatch: local era_number=" + std::to_string(local_era) +
                    ", server era_number=" + std::to_string(server->era_number_int()));
@@ -336,7 +324,7 @@ SyncResult SyncManager::sync_impl() {
     std::vector<std::string> missing(missing_found_pnl_paths_.begin(), missing_found_pnl_paths_.end());
     json::object data = drop_missing_found_pnl_paths(manifest->data(), missing);
     scrub_missing_found_pnl_paths_from_signals_index(data_dir_, data, missing);
-    manifest = Manifest::from_sanitized(std::move(data));
+    manifest = Manifest::from_sanitized(std::move(data), manifest->rejected_entries());
   };
 
   // Nothing new: the local manifest is current; check the files and the
@@ -368,6 +356,7 @@ SyncResult SyncManager::sync_impl() {
       SyncResult result;
       result.era_number = server->era_number_int();
       result.pnl_column_count = to_int(server->pnl_column_count()).value_or(0);
+      result.rejected_files = rejected_manifest_paths(*server);
       if (vocabulary_due) result.vocabulary_downloaded = download_vocabulary(*server);
       if (seed_due) result.shuffle_seed_downloaded = download_shuffle_seed(*server);
       if (vocabulary_due || seed_due) download_signals_index(*server, result);
@@ -384,7 +373,7 @@ SyncResult SyncManager::sync_impl() {
         manifest_ = server;
       }
       complete_rotation_promotion(*server, rotation, result);
-      cleanup_sync_tmp_files(data_dir_, {}, &tmp_scan_memo_);
+      cleanup_sync_tmp_files(data_dir_, {}, &tmp_scan_memo_, {&server->files(), &local->files()});
       return result;
     }
   }
@@ -393,6 +382,7 @@ SyncResult SyncManager::sync_impl() {
   SyncResult result;
   result.era_number = server->era_number_int();
   result.pnl_column_count = to_int(server->pnl_column_count()).value_or(0);
+  result.rejected_files = rejected_manifest_paths(*server);
   std::vector<std::pair<std::string, json::object>> to_download;
   std::vector<std::string> to_download_paths;
   bool same_era_local = local && local_era == server->era_number_int();
@@ -439,7 +429,8 @@ SyncResult SyncManager::sync_impl() {
   std::vector<std::string> resumable = to_download_paths;
   const std::vector<std::string> vocabulary_paths = vocabulary_manifest_paths(server->files());
   resumable.insert(resumable.end(), vocabulary_paths.begin(), vocabulary_paths.end());
-  cleanup_sync_tmp_files(data_dir_, resumable, &tmp_scan_memo_);
+  cleanup_sync_tmp_files(data_dir_, resumable, &tmp_scan_memo_,
+                         {&server->files(), local ? &local->files() : nullptr});
   const std::int64_t needed = require_disk_space(to_download, free_bytes, siblings);
 
   // Download.

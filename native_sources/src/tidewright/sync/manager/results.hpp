@@ -27,6 +27,9 @@ struct SyncResult {
   std::vector<std::string> skipped_relative_paths;
   std::vector<std::string> mandatory_relative_paths;
   std::vector<std::string> found_pnl_paths_downloaded;
+  // Manifest entries refused one by one (not synced; see the
+  // "manifest_entry_rejected" events for why), in the manifest's order.
+  std::vector<std::string> rejected_files;
   std::optional<std::int64_t> rotation_seed;
   std::optional<std::int64_t> feature_budget_bytes;
 };

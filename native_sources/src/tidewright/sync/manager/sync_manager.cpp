@@ -81,22 +81,13 @@ void SyncManager::load_local_manifest() {
     json::value raw = parse_json(read_file(path));
     if (!raw.is_object()) throw ManifestError("manifest.json must contain a JSON object");
     ManifestSiblings siblings = host().manifest_siblings();
-    json::object data = std::move(raw.get_object());
+    // Sanitised as a server manifest is: one written by an older version of
+    // the engine may hold digests in capitals or entries refused since.
     bool changed = false;
-    if (auto dropped = drop_agent_bundle_declaration_files(data)) {
-      data = std::move(*dropped);
-      changed = true;
-    }
-    if (auto dropped = drop_unsupported_runtime_module_files(data, siblings)) {
-      data = std::move(*dropped);
-      changed = true;
-    }
-    if (auto dropped = drop_retired_found_pnl_long_files(data)) {
-      data = std::move(*dropped);
-      changed = true;
-    }
-    if (changed) write_manifest_json(data_dir_, data);
-    ManifestPtr manifest = Manifest::from_sanitized(std::move(data));
+    std::vector<RejectedManifestEntry> rejected;
+    json::object data = sanitize_manifest_data_for_sync(std::move(raw.get_object()), siblings, &changed, &rejected);
+    ManifestPtr manifest = Manifest::from_sanitized(std::move(data), std::move(rejected));
+    if (changed) write_manifest_json(data_dir_, manifest->data());
     std::lock_guard<std::mutex> lock(state_mu_);
     manifest_ = std::move(manifest);
   } catch (const HostError&) {

@@ -255,7 +255,7 @@ std::optional<std::int64_t> SyncManager::run_transition_attempt(std::int64_t new
     if (is_directory(staging)) fs::remove_all(staging, ec);
     if (superseded) {
       try {
-        remove_all_tmp_files(data_dir_);
+        remove_all_tmp_files(data_dir_, {old_manifest ? &old_manifest->files() : nullptr});
       } catch (const std::exception& e) {
         log_debug("Failed to clean superseded tmp files: %s", {json::value(e.what())});
       }
@@ -297,6 +297,7 @@ std::optional<std::int64_t> SyncManager::run_transition_attempt(std::int64_t new
     const json::object parsed = parse_manifest_json(fetched.body);
     const ManifestSiblings siblings = host().manifest_siblings();
     ManifestPtr manifest = Manifest::create(parsed, siblings);
+    log_rejected_manifest_entries(*manifest);
     std::optional<std::int64_t> manifest_era = to_int(manifest->era_number());
     if (!manifest_era) {
       throw EraError("Era transition manifest has invalid era_number=" + python_repr(manifest->era_number()));
@@ -412,10 +413,16 @@ std::optional<std::int64_t> SyncManager::run_transition_attempt(std::int64_t new
 
       confirm_active_era(new_era_number, allow_closing);
 
-      // The switch: one atomic rename per file.
+      // The switch: one atomic rename per file. Every destination is checked
+      // first, so that a link in the data directory refuses the switch as a
+      // whole rather than half of it.
+      std::vector<std::string> final_paths;
+      final_paths.reserve(to_fetch.size());
+      for (const auto& item : to_fetch) final_paths.push_back(manifest_local_write_path(data_dir_, item.first));
       json::array updates;
-      for (const auto& [path, entry] : to_fetch) {
-        const std::string final_path = manifest_local_path(data_dir_, path);
+      for (std::size_t i = 0; i < to_fetch.size(); ++i) {
+        const auto& [path, entry] = to_fetch[i];
+        const std::string& final_path = final_paths[i];
         make_dirs(path_dirname(final_path));
         rename_file(manifest_local_path(staging, path), final_path);
         const std::string sha = sha_of(entry);

@@ -3,6 +3,8 @@
 #include "tidewright/sync/manifest/sanitize.hpp"
 #include "tidewright/sync/reporting/errors.hpp"
 
+#include <cmath>
+
 namespace tidewright::sync {
 
 namespace {
@@ -22,21 +24,53 @@ json::value get_or(const json::object& data, std::string_view key, json::value f
   return fallback;
 }
 
+// Era numbers and versions order manifests and name era directories: a
+// whole number or nothing. NaN, text and booleans compare with nothing.
+bool is_whole_number(const json::value& value) {
+  switch (value.kind()) {
+    case json::kind::int64: return value.get_int64() >= 0;
+    case json::kind::uint64: return value.get_uint64() <= static_cast<std::uint64_t>(INT64_MAX);
+    case json::kind::double_: {
+      const double d = value.get_double();
+      return d >= 0.0 && d < 9.2e18 && std::trunc(d) == d;
+    }
+    default: return false;
+  }
+}
+
 }  // namespace
 
 std::shared_ptr<Manifest> Manifest::create(const json::object& data, const ManifestSiblings& siblings) {
-  return from_sanitized(sanitize_manifest_data_for_sync(data, siblings));
+  std::vector<RejectedManifestEntry> rejected;
+  json::object sanitized = sanitize_manifest_data_for_sync(data, siblings, nullptr, &rejected);
+  return from_sanitized(std::move(sanitized), std::move(rejected));
 }
 
-std::shared_ptr<Manifest> Manifest::from_sanitized(json::object data) {
+std::shared_ptr<Manifest> Manifest::from_sanitized(json::object data,
+                                                  std::vector<RejectedManifestEntry> rejected_entries) {
   const json::value* era = data.if_contains("era_number");
   if (era == nullptr || era->is_null()) {
     throw ManifestError("manifest.json missing required era_number");
   }
-  return std::make_shared<Manifest>(Key{}, std::move(data));
+  if (!is_whole_number(*era)) {
+    throw ManifestError("Manifest era_number must be a non-negative integer: " + python_repr(*era));
+  }
+  if (const json::value* version = data.if_contains("version"); version && !is_whole_number(*version)) {
+    throw ManifestError("Manifest version must be a non-negative integer: " + python_repr(*version));
+  }
+  // The entries of "files" were checked one by one; the rest is the
+  // manifest's own, and manifest.json is never written with NaN in it.
+  for (const auto& field : data) {
+    if (field.key() != "files" && holds_non_finite_number(field.value())) {
+      throw ManifestError("Manifest field " + python_repr(std::string_view(field.key())) +
+                          " holds a number that is not finite (NaN or Infinity)");
+    }
+  }
+  return std::make_shared<Manifest>(Key{}, std::move(data), std::move(rejected_entries));
 }
 
-Manifest::Manifest(Key, json::object data) : data_(std::move(data)) {
+Manifest::Manifest(Key, json::object data, std::vector<RejectedManifestEntry> rejected_entries)
+    : data_(std::move(data)), rejected_entries_(std::move(rejected_entries)) {
   era_number_ = data_.at("era_number");
   version_ = get_or(data_, "version", 0);
   market_id_ = get_or(data_, "market_id", nullptr);

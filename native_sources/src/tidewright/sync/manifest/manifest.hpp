@@ -9,23 +9,35 @@
 
 #include "tidewright/sync/common/json.hpp"
 #include "tidewright/sync/host/host.hpp"
+#include "tidewright/sync/manifest/sanitize.hpp"
 
 #include <cstdint>
 #include <memory>
 #include <mutex>
 #include <optional>
 #include <string>
+#include <vector>
 
 namespace tidewright::sync {
 
 class Manifest {
  public:
-  // Sanitises `data` for sync, then builds the manifest from the result.
-  // Throws ManifestError "manifest.json missing required era_number" when
-  // "era_number" is absent or null.
+  // Sanitises `data` for sync (its ManifestErrors pass through), then builds
+  // the manifest from the result, remembering the entries sanitising refused.
+  // Throws ManifestError
+  //   "manifest.json missing required era_number"   absent or null
+  //   "Manifest era_number must be a non-negative integer: <repr>"
+  //   "Manifest version must be a non-negative integer: <repr>"
+  //   "Manifest field <repr> holds a number that is not finite (NaN or Infinity)"
+  // Era number and version are whole numbers (an integral float such as 3.0
+  // is taken as 3 and kept as written); text, booleans and NaN are not. No
+  // value anywhere in the object may be NaN or infinite (the entries of
+  // "files" have been checked one by one by then).
   static std::shared_ptr<Manifest> create(const json::object& data, const ManifestSiblings& siblings);
-  // Builds from an object that is already sanitised (no copy of the files).
-  static std::shared_ptr<Manifest> from_sanitized(json::object data);
+  // Builds from an object that is already sanitised (no copy of the files),
+  // with the entries its sanitising refused. Same checks and errors.
+  static std::shared_ptr<Manifest> from_sanitized(json::object data,
+                                                  std::vector<RejectedManifestEntry> rejected_entries = {});
 
   // The sanitised object itself; never handed to the host directly.
   const json::object& data() const { return data_; }
@@ -53,6 +65,10 @@ class Manifest {
   json::object found_strategies;
   json::object useful_signals;
 
+  // The server's entries that sanitising refused one by one (they are not in
+  // files()), in the manifest's order.
+  const std::vector<RejectedManifestEntry>& rejected_entries() const { return rejected_entries_; }
+
   // Integer views: the host's int() of era_number / version, or -1.
   std::int64_t era_number_int() const;
   std::int64_t version_int() const;
@@ -67,11 +83,11 @@ class Manifest {
   struct Key {};  // only the factories above construct a Manifest
 
  public:
-  Manifest(Key, json::object data);
+  Manifest(Key, json::object data, std::vector<RejectedManifestEntry> rejected_entries);
 
  private:
-
   json::object data_;
+  std::vector<RejectedManifestEntry> rejected_entries_;
   json::value era_number_;
   json::value version_;
   json::value market_id_;

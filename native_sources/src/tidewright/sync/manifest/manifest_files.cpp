@@ -1,6 +1,7 @@
 #include "tidewright/sync/manifest/manifest_files.hpp"
 
 #include "tidewright/sync/common/fs.hpp"
+#include "tidewright/sync/manifest/sanitize.hpp"
 #include "tidewright/sync/reporting/errors.hpp"
 #include "tidewright/sync/transport/files.hpp"
 
@@ -64,6 +65,14 @@ std::optional<std::string> local_manifest_sha256(const std::string& data_dir) {
 void write_manifest_json(const std::string& data_dir, const json::object& manifest_data,
                          const std::optional<std::string>& server_manifest_sha256,
                          const std::optional<std::string>& server_manifest_body_sha256) {
+  // The host's encoder would write NaN and Infinity, which strict JSON
+  // readers of manifest.json refuse; a Manifest never holds them.
+  for (const auto& field : manifest_data) {
+    if (holds_non_finite_number(field.value())) {
+      throw ManifestError("manifest.json not written: field " + python_repr(std::string_view(field.key())) +
+                          " holds a number that is not finite (NaN or Infinity)");
+    }
+  }
   atomic_write(manifest_json_path(data_dir), dump_json(manifest_data));
   if (given(server_manifest_sha256) || given(server_manifest_body_sha256)) {
     write_manifest_sync_metadata(data_dir, manifest_data, server_manifest_sha256, server_manifest_body_sha256);

@@ -31,7 +31,9 @@ inline constexpr std::string_view MANIFEST_SYNC_METADATA_FILENAME = ".manifest_s
 
 // Writes data_dir/manifest.json. When either server hash is given and
 // non-empty the side file is rewritten too; otherwise it is left as it is.
-// Write failures throw OSError.
+// Write failures throw OSError. An object holding NaN or an infinity anywhere
+// is not written: ManifestError "manifest.json not written: field <repr>
+// holds a number that is not finite (NaN or Infinity)".
 void write_manifest_json(const std::string& data_dir, const json::object& manifest_data,
                          const std::optional<std::string>& server_manifest_sha256 = {},
                          const std::optional<std::string>& server_manifest_body_sha256 = {});

@@ -179,6 +179,10 @@ std::string safe_manifest_relative_path(std::string_view file_path) {
   return out;
 }
 
+bool try_safe_manifest_relative_path(std::string_view file_path, std::string& out) {
+  return normalize_manifest_path(file_path, out) == PathFault::kNone;
+}
+
 std::string manifest_local_path(const std::string& data_dir, std::string_view file_path) {
   const std::string relative = safe_manifest_relative_path(file_path);
   const std::string root = real_path(data_dir);
@@ -189,6 +193,25 @@ std::string manifest_local_path(const std::string& data_dir, std::string_view fi
     throw ManifestError("Manifest file path escapes data directory: " + python_repr(file_path));
   }
   return candidate;
+}
+
+std::string manifest_local_write_path(const std::string& data_dir, std::string_view file_path) {
+  const std::string relative = safe_manifest_relative_path(file_path);
+  const std::string root = real_path(data_dir);
+  const std::string lexical = path_join(root, relative);
+  const std::string candidate = real_path(lexical);
+  if (!path_within(root, candidate)) {
+    throw ManifestError("Manifest file path escapes data directory: " + python_repr(file_path));
+  }
+  // A safe path has no "." or "..": it resolves to itself unless a segment
+  // is a link.
+  if (candidate != lexical) {
+    throw ManifestError("Manifest file path passes through a link inside the data directory: " +
+                        python_repr(file_path) +
+                        " (files are never written through links; replace the link with the directory or file it "
+                        "points to)");
+  }
+  return lexical;
 }
 
 ManifestLocalPaths::ManifestLocalPaths(const std::string& data_dir) : root_(real_path(data_dir)) {}

@@ -48,6 +48,10 @@ const std::string& current_platform();
 //   "Manifest file path must be relative: <repr>"            (leading "/" or "\")
 //   "Manifest file path contains unsafe segments: <repr>"    (".", "..", nothing left)
 std::string safe_manifest_relative_path(std::string_view file_path);
+// The same canonical form without exceptions: false (and `out` unspecified)
+// where safe_manifest_relative_path would throw. For scans over whole
+// manifests.
+bool try_safe_manifest_relative_path(std::string_view file_path, std::string& out);
 
 // The resolved local file for a manifest path: `data_dir` ("~" expanded,
 // made absolute, links resolved) joined with the safe path and resolved
@@ -57,6 +61,17 @@ std::string safe_manifest_relative_path(std::string_view file_path);
 // not lie inside the resolved data directory (for instance through a link
 // that points outside it).
 std::string manifest_local_path(const std::string& data_dir, std::string_view file_path);
+
+// The local file that a write of a manifest path goes to (a download, an
+// artifact, an era switch): manifest_local_path, where the path must also
+// reach the file without passing a symbolic link below the data directory,
+// even one that stays inside it. Through such a link two manifest paths
+// could reach one file, and one file's bytes would be written over
+// another's. Throws the errors of manifest_local_path first, then
+// ManifestError "Manifest file path passes through a link inside the data
+// directory: <repr> (files are never written through links; replace the
+// link with the directory or file it points to)".
+std::string manifest_local_write_path(const std::string& data_dir, std::string_view file_path);
 
 // manifest_local_path for many paths of one data directory: the data
 // directory and each parent directory are resolved once, so a path costs one
