@@ -197,7 +197,7 @@ SyncResult SyncManager::sync_impl() {
         if (first_local_mismatch(*local, siblings, uncovered_by(rotation), &n_features)) {
           throw SyncError("Manifest version matched but local data files need repair");
         }
-        load_manifest_signals_index(data_dir_, *local);
+        replace_held_manifest(local, with_local_signals_index(local));
         SyncResult result;
         result.era_number = local_era;
         result.pnl_column_count = to_int(local->pnl_column_count()).value_or(0);
