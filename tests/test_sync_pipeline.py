@@ -2,6 +2,7 @@
 new manifest versions, verify and repair, disk space, hostile manifests, and
 what a failed sync leaves behind."""
 
+import hashlib
 import json
 import logging
 import os
@@ -307,3 +308,37 @@ def test_needs_sync_sees_local_changes_behind_unchanged_names(dataservice, tmp_p
     manifest = data / "manifest.json"
     manifest.write_bytes(manifest.read_bytes() + b" ")
     assert m.needs_sync()
+
+
+# The version probe's hash hint: as served (the SHA-256 of the manifest body),
+# absent, or naming some other manifest.
+HINTS = {"served": None, "absent": {}, "other": {"manifest_sha256": "0" * 64}}
+
+
+@pytest.mark.parametrize("hint", HINTS.values(), ids=HINTS.keys())
+def test_needs_sync_and_sync_agree_on_the_hash_hint(dataservice, tmp_path, hint):
+    if hint is not None:
+        dataservice.add_fault("/data/manifest/version", "status", status=200, count=None,
+                              body={"version": 1, "era_number": 1, **hint})
+    m = manager(dataservice, tmp_path)
+    m.sync()
+    # The side file names the manifest on disk, whatever the probe said.
+    body_sha = hashlib.sha256(dataservice.manifest_bytes()).hexdigest()
+    side = json.loads(local_bytes(tmp_path, ".manifest_sync_metadata.json"))
+    assert (side["server_manifest_sha256"], side["server_manifest_body_sha256"]) == (body_sha, body_sha)
+
+    # Without a hint the version is trusted, as the served hint is; a hint
+    # naming another manifest makes both fetch the manifest again.
+    trusted = hint != HINTS["other"]
+    dataservice.clear_requests()
+    assert m.needs_sync() is not trusted
+    m.sync()
+    assert [r.path for r in dataservice.requests] == (
+        ["/data/manifest/version"] * 2 if trusted else ["/data/manifest/version"] * 2 + ["/data/manifest"])
+
+    # Local damage is seen by both, hint or not.
+    os.remove(tmp_path / FEATURE)
+    assert m.needs_sync()
+    m.sync()
+    assert_in_step(dataservice, tmp_path)
+    assert m.needs_sync() is not trusted

@@ -342,7 +342,10 @@ void bind_manager(nb::module_& m) {
              return to_python(r);
            }, nb::arg("corrupted_files"), "Re-download specified corrupted/missing files.")
       .def("needs_sync", &SyncManager::needs_sync, nb::call_guard<nb::gil_scoped_release>(),
-           "Lightweight sync check using version plus local integrity state.")
+           "Lightweight sync check using version plus local integrity state.\n\n"
+           "A version probe without a manifest hash hint is trusted on its version, as sync()\n"
+           "trusts it, and the local files decide: after a sync against an unchanged server\n"
+           "the answer is False, hint or not.")
       .def("cleanup_old_eras", &SyncManager::cleanup_old_eras, nb::call_guard<nb::gil_scoped_release>(),
            nb::arg("keep_current") = true, "Delete non-current era directories, return bytes freed.")
       .def("_schedule_cleanup_old_eras", &SyncManager::schedule_cleanup_old_eras,

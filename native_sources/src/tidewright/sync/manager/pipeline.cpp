@@ -232,8 +232,11 @@ SyncResult SyncManager::sync_impl() {
     server_data = sanitize_manifest_data_for_sync(newer->first, siblings);
     kept_body = std::move(newer->second);
   }
-  std::string body_sha = sha256(kept_body);
-  std::string manifest_sha = server_hash.value_or(body_sha);
+  // The hash of the bytes kept, not the probe's hint: the side file says
+  // which manifest is on disk, and the hint may name another one (the API's
+  // when the public manifest was newer, or an older one the server has
+  // moved on from since the probe).
+  const std::string body_sha = sha256(kept_body);
 
   std::int64_t fetched_version = to_int(server_data.contains("version") ? server_data.at("version") : json::value(0)).value_or(-1);
   if (missing_found_pnl_manifest_version_ != fetched_version) {
@@ -299,7 +302,7 @@ SyncResult SyncManager::sync_impl() {
       exclude_missing_found_pnl(server);
       std::shared_ptr<const json::object> vocabularies = validated_vocabularies(*server);
       load_manifest_signals_index(data_dir_, *server);
-      write_manifest_json(data_dir_, server->data(), manifest_sha, body_sha);
+      write_manifest_json(data_dir_, server->data(), body_sha, body_sha);
       hash_cache_.persist();
       take_vocabulary_metadata(result, *vocabularies);
       result.n_features = count_features(*server, siblings);
@@ -425,7 +428,7 @@ SyncResult SyncManager::sync_impl() {
   if (vocabulary_due) result.vocabulary_downloaded = download_vocabulary(*server);
   for (const auto& path : vocabulary_paths) remove_manifest_tmp_file(data_dir_, path);  // not needed after all
   result.shuffle_seed_downloaded = download_shuffle_seed(*server);
-  write_manifest_json(data_dir_, server->data(), manifest_sha, body_sha);
+  write_manifest_json(data_dir_, server->data(), body_sha, body_sha);
   hash_cache_.persist();
   remove_sync_progress_json(data_dir_);
   std::shared_ptr<const json::object> vocabularies = validated_vocabularies(*server);
