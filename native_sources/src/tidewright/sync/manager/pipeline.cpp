@@ -263,7 +263,9 @@ SyncResult SyncManager::sync_impl() {
     if (missing_found_pnl_paths_.empty()) return;
     std::vector<std::string> missing(missing_found_pnl_paths_.begin(), missing_found_pnl_paths_.end());
     json::object data = drop_missing_found_pnl_paths(manifest->data(), missing);
-    scrub_missing_found_pnl_paths_from_signals_index(data_dir_, data, missing);
+    if (auto update = scrub_missing_found_pnl_paths_from_signals_index(data_dir_, data, missing)) {
+      record_scrubbed_signals_index_update(*update);
+    }
     manifest = Manifest::from_sanitized(std::move(data));
   };
 

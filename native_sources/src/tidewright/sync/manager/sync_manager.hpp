@@ -36,6 +36,7 @@
 
 namespace tidewright::sync {
 
+struct ScrubbedSignalsIndex;
 
 // The three runtime knobs as given by the caller: empty means "not given"
 // (keep what the instance holds, else the module default).
@@ -266,6 +267,10 @@ class SyncManager : public std::enable_shared_from_this<SyncManager>, public Era
   // Installs `replacement` as the held manifest unless another one has
   // replaced `current` meanwhile.
   void replace_held_manifest(const ManifestPtr& current, ManifestPtr replacement);
+  // A signals index rewritten without the found PnL files storage no longer
+  // has: recorded as a sync event, told to the freshness guard and kept in
+  // the hash cache like a downloaded file.
+  void record_scrubbed_signals_index_update(const ScrubbedSignalsIndex& update);
 
   const std::string data_dir_;
   const std::string server_url_;
