@@ -237,6 +237,10 @@ def test_broken_bodies(dataservice):
         resp.read()
     conn.close()
 
+    dataservice.add_fault(path, "bad_status_line")
+    with pytest.raises(http.client.BadStatusLine):
+        raw_get(dataservice, path)
+
     dataservice.add_fault(path, "corrupt", offset=1000)
     body = get(dataservice, path)[2]
     assert len(body) == len(full) and [i for i in range(len(full)) if body[i] != full[i]] == [1000]

@@ -157,6 +157,44 @@ def test_background_work_keeps_the_directory_current(dataservice, data_dir):
     assert not (data_dir / ".sync_flock").exists()
 
 
+def test_membership_is_read_from_python_threads_while_syncs_run(dataservice, data_dir):
+    # Also run under `make tsan`: a manifest once handed out is never changed
+    # by the no-op syncs, the poll thread's checks or a commit.
+    svc = dataservice
+    m = manager_for(svc, data_dir, poll_interval_s=0.01)
+    m.sync()
+    manifest = m.get_manifest()
+    expected = (manifest.found_signals, manifest.found_strategies, manifest.useful_signals)
+    assert all(expected)
+    stop = threading.Event()
+    reads = []
+
+    def read():
+        seen = []
+        while not stop.is_set():
+            current = m.get_manifest()
+            seen.append((current.found_signals, current.found_strategies, current.useful_signals) == expected)
+        reads.append(seen)
+
+    readers = [threading.Thread(target=read) for _ in range(2)]
+    m.start()  # the poll thread asks needs_sync() again and again
+    for reader in readers:
+        reader.start()
+    try:
+        for round_ in range(10):
+            if round_ == 5:
+                svc.set_version(touch=[FEATURE])  # one of the syncs commits a new manifest
+            m.sync()
+            assert not m.needs_sync()
+    finally:
+        stop.set()
+        for reader in readers:
+            reader.join()
+        m.stop()
+    assert len(reads) == 2 and all(seen and all(seen) for seen in reads)
+    assert m.get_manifest().version == 2
+
+
 @pytest.mark.parametrize("outage", ["stalled transfer", "server down"])
 @pytest.mark.parametrize("how", ["release", "stop"])
 def test_stopping_is_prompt_during_an_outage(dataservice, data_dir, outage, how):

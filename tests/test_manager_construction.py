@@ -122,6 +122,48 @@ def test_local_manifest_loading(tmp_path, caplog):
     assert sync.SyncManager(str(tmp_path), URL, get_token=token).get_manifest() is None
 
 
+def _index_path(data_dir):
+    return data_dir / json.loads((data_dir / "manifest.json").read_text())["signals_index"]
+
+
+def _membership(manifest):
+    return manifest.found_signals, manifest.found_strategies, manifest.useful_signals
+
+
+# (damage done to a synced directory, the warning the constructor logs)
+DAMAGE = {
+    "intact": (lambda d: None, None),
+    "index-missing": (lambda d: os.remove(_index_path(d)),
+                      "Failed to load manifest from disk: signals_index.json missing from local sync: "),
+    "vocabulary-broken": (lambda d: (d / "named_universes" / "top50" / "vocabulary.json").write_text("{not json"),
+                          "Failed to load vocabulary from disk: vocabulary.json is not valid JSON: "),
+}
+
+
+@pytest.mark.parametrize("damage, warning", DAMAGE.values(), ids=DAMAGE.keys())
+def test_a_manager_over_a_synced_directory_has_membership_and_vocabularies_at_once(dataservice, tmp_path, caplog,
+                                                                                    damage, warning):
+    sync.SyncManager(str(tmp_path), dataservice.url, token=dataservice.token).sync()
+    index = json.loads(_index_path(tmp_path).read_text())
+    served = (index["found_signals"], index["found_strategies"], index["useful_signals"])
+    assert all(served)
+    damage(tmp_path)
+    dataservice.clear_requests()
+
+    with caplog.at_level(logging.WARNING, logger="tidewright.sync"):
+        m = sync.SyncManager.get_or_create(str(tmp_path), dataservice.url, lambda: dataservice.token)
+
+    assert dataservice.requests == []  # everything from disk
+    assert [r.getMessage().startswith(warning) for r in caplog.records] == ([True] if warning else [])
+    assert _membership(m.get_manifest()) == (({}, {}, {}) if "index" in str(warning) else served)
+    assert (None if "vocabulary" in str(warning) else ["top200", "top50"]) == (
+        None if m._vocabulary is None else sorted(m._vocabulary))
+
+    # What could not be loaded comes back with the next sync.
+    m.sync()
+    assert _membership(m.get_manifest()) == served and sorted(m._vocabulary) == ["top200", "top50"]
+
+
 def test_interpreter_exit_with_live_managers_is_clean(tmp_path):
     script = textwrap.dedent(f"""
         import tidewright.sync as sync

@@ -127,6 +127,40 @@ def test_a_content_range_that_keeps_contradicting_the_request_ends_the_sync(svc,
     assert range_starts(svc, BIG) == [0, CHUNK, 0]  # started over once, then given up
 
 
+@pytest.mark.parametrize("kind", ["reset", "bad_status_line"])
+@pytest.mark.parametrize("path", ["/data/manifest/version", "/data/manifest", BIG_URL_PATH, "/data/shuffle"])
+def test_resets_and_bad_status_lines_are_retried_like_timeouts(svc, tmp_path, path, kind):
+    # A reset right after the headers, or an answer that is not HTTP: twice
+    # in a row, then the service answers properly.
+    svc.add_fault(path, kind, after_bytes=0, count=2)
+    synced(svc, tmp_path)
+    faults = [r.fault for r in svc.requests_for(path)]
+    assert faults[:3] == [kind, kind, None] and faults.count(kind) == 2
+    if path == BIG_URL_PATH:
+        assert range_starts(svc, BIG) == [0, 0, 0, CHUNK, 2 * CHUNK, 3 * CHUNK]
+
+
+def test_a_file_that_keeps_failing_its_checksum_ends_the_sync(svc, tmp_path, caplog):
+    caplog.set_level(logging.WARNING, logger="tidewright.sync")
+    svc.add_fault(BIG_URL_PATH, "corrupt", count=None)
+    m = manager(svc, tmp_path)
+    # Repaired a bounded number of times, each time from byte 0, and then an
+    # IntegrityError rather than downloads until the budget cancels the sync.
+    with request_budget(svc), pytest.raises(sync.IntegrityError, match=f"^Checksum failure for {BIG}: expected "):
+        m.sync()
+    rounds = sync._SYNC_MAX_UNCHANGED_CHECKSUM_REPAIRS
+    assert range_starts(svc, BIG) == [0, CHUNK, 2 * CHUNK, 3 * CHUNK] * (rounds + 1)
+    [exhausted] = [r for r in caplog.records
+                   if getattr(r, "tidewright_sync_event", {}).get("event_type") == "checksum_repair_exhausted"]
+    assert exhausted.levelno == logging.WARNING and exhausted.tidewright_sync_event["file"] == BIG
+    assert m.get_manifest() is None and not (tmp_path / BIG).exists()
+
+    svc.clear_faults()
+    with request_budget(svc):
+        m.sync()
+    assert_in_step(svc, tmp_path)
+
+
 def test_partial_download_resumes_in_the_next_sync(svc, tmp_path):
     orphan = tmp_path / "features" / "top200" / "gone.arrow.tmp"
     orphan.parent.mkdir(parents=True)

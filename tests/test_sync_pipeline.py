@@ -2,6 +2,7 @@
 new manifest versions, verify and repair, disk space, hostile manifests, and
 what a failed sync leaves behind."""
 
+import hashlib
 import json
 import logging
 import os
@@ -214,9 +215,12 @@ def test_recovery_after_a_failed_sync_completes_the_new_version(dataservice_fact
 
 
 def test_found_pnl_missing_from_storage_is_excluded_until_the_manifest_changes(dataservice, tmp_path, caplog):
+    from tidewright.deployment import RuntimeFreshnessRecorder
+
     dataservice.add_fault("/data/files/" + FOUND_PNL, "status", status=404, count=None)
-    m = manager(dataservice, tmp_path)
-    caplog.set_level(logging.WARNING, logger="tidewright.sync")
+    guard = RuntimeFreshnessRecorder()
+    m = manager(dataservice, tmp_path, runtime_freshness_guard=guard)
+    caplog.set_level(logging.INFO, logger="tidewright.sync")
 
     with request_budget(dataservice):
         result = m.sync()
@@ -230,6 +234,19 @@ def test_found_pnl_missing_from_storage_is_excluded_until_the_manifest_changes(d
         assert local_bytes(tmp_path, path) == dataservice.file_bytes(None, path), path
     index = json.loads(local_bytes(tmp_path, local["signals_index"]))
     assert FOUND_PNL not in json.dumps(index) and "sig0000" in json.dumps(index)
+    assert FOUND_PNL not in json.dumps(m.get_manifest().found_signals)
+
+    # The rewritten index is recorded, told to the freshness guard and known
+    # to the hash cache like a downloaded file.
+    new_index = local["signals_index"]
+    digest = hashlib.sha256(local_bytes(tmp_path, new_index)).hexdigest()
+    [update] = [r.tidewright_sync_event for r in caplog.records
+                if getattr(r, "tidewright_sync_event", {}).get("event_type") == "scrubbed_signals_index_update"]
+    assert (update["old_relative_path"], update["new_relative_path"], update["sha256"]) == (
+        dataservice.manifest()["signals_index"], new_index, digest)
+    assert {"relative_path": new_index, "kind": "signals_index", "sha256": digest} in guard.updates
+    cache = json.loads(local_bytes(tmp_path, ".sync_hash_cache.json"))
+    assert cache["files"][new_index]["sha256"] == digest
     assert sorted(result.found_pnl_paths_downloaded) == sorted(
         p for p, e in kept.items() if e["kind"] in FOUND_PNL_KINDS)
     assert m.verify().valid and tmp_files(tmp_path) == []
@@ -300,3 +317,70 @@ def test_needs_sync_sees_local_changes_behind_unchanged_names(dataservice, tmp_p
     manifest = data / "manifest.json"
     manifest.write_bytes(manifest.read_bytes() + b" ")
     assert m.needs_sync()
+
+
+# The version probe's hash hint: as served (the SHA-256 of the manifest body),
+# absent, or naming some other manifest.
+HINTS = {"served": None, "absent": {}, "other": {"manifest_sha256": "0" * 64}}
+
+
+@pytest.mark.parametrize("hint", HINTS.values(), ids=HINTS.keys())
+def test_needs_sync_and_sync_agree_on_the_hash_hint(dataservice, tmp_path, hint):
+    if hint is not None:
+        dataservice.add_fault("/data/manifest/version", "status", status=200, count=None,
+                              body={"version": 1, "era_number": 1, **hint})
+    m = manager(dataservice, tmp_path)
+    m.sync()
+    # The side file names the manifest on disk, whatever the probe said.
+    body_sha = hashlib.sha256(dataservice.manifest_bytes()).hexdigest()
+    side = json.loads(local_bytes(tmp_path, ".manifest_sync_metadata.json"))
+    assert (side["server_manifest_sha256"], side["server_manifest_body_sha256"]) == (body_sha, body_sha)
+
+    # Without a hint the version is trusted, as the served hint is; a hint
+    # naming another manifest makes both fetch the manifest again.
+    trusted = hint != HINTS["other"]
+    dataservice.clear_requests()
+    assert m.needs_sync() is not trusted
+    m.sync()
+    assert [r.path for r in dataservice.requests] == (
+        ["/data/manifest/version"] * 2 if trusted else ["/data/manifest/version"] * 2 + ["/data/manifest"])
+
+    # Local damage is seen by both, hint or not.
+    os.remove(tmp_path / FEATURE)
+    assert m.needs_sync()
+    m.sync()
+    assert_in_step(dataservice, tmp_path)
+    assert m.needs_sync() is not trusted
+
+
+VAULT = "runtime/vault_alpha.so"
+
+
+def test_vault_modules_are_announced_once_in_place(dataservice_factory, tmp_path, monkeypatch):
+    import tidewright.runtime_module_freshness as freshness
+
+    svc = dataservice_factory(extra_files={VAULT: ("vault_module", 4096)})
+    announced = []
+
+    def vault_module_updated(*, relative_path, local_path, sha256):
+        with open(local_path, "rb") as handle:  # already in place and verified
+            announced.append((relative_path, local_path, hashlib.sha256(handle.read()).hexdigest() == sha256))
+
+    monkeypatch.setattr(freshness, "vault_module_updated", vault_module_updated)
+    m = manager(svc, tmp_path)
+    m.sync()
+    local = os.path.join(str(tmp_path), *VAULT.split("/"))
+    assert announced == [(VAULT, local, True)]
+    assert svc.manifest()["files"][VAULT]["sha256"] == hashlib.sha256(local_bytes(tmp_path, VAULT)).hexdigest()
+
+    m.repair([VAULT])
+    assert announced == [(VAULT, local, True)] * 2
+
+    def refuse(**fields):
+        raise RuntimeError("cannot reload " + fields["relative_path"])
+
+    monkeypatch.setattr(freshness, "vault_module_updated", refuse)
+    svc.set_version(touch=[VAULT])
+    with pytest.raises(RuntimeError, match="^cannot reload " + VAULT):
+        m.sync()
+    assert m.get_manifest().version == 1

@@ -97,6 +97,7 @@ FAULT_KINDS = frozenset({
     "ignore_range",       # answer 200 with the whole file despite a Range
     "truncate",           # announce the full length, send `after_bytes`, close
     "reset",              # send `after_bytes`, then reset the connection (RST)
+    "bad_status_line",    # answer a line that is not an HTTP status line, then close
     "corrupt",            # flip the byte at file offset `offset` (default: the first byte sent)
     "empty_206",          # 206 with the requested Content-Range but no body
     "bad_content_range",  # 206 whose Content-Range names another range than requested
@@ -539,6 +540,14 @@ class DataService:
         if fault is not None and fault.kind == "stall" and fault.after_bytes is None:
             self._stop_event.wait()
             handler.close_connection = True
+            return
+        if fault is not None and fault.kind == "bad_status_line":
+            record.status = 0
+            handler.close_connection = True
+            try:
+                handler.wfile.write(b"SPEAK HTTP PLEASE\r\n\r\n")
+            except (ConnectionError, ssl.SSLError, OSError):
+                pass
             return
         if fault is not None and fault.kind == "delay":
             if self._stop_event.wait(fault.seconds):

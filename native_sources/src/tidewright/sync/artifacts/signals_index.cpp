@@ -66,7 +66,17 @@ std::optional<std::string> manifest_signals_index_path(const Manifest& manifest)
   return manifest_signals_index_path(manifest.signals_index(), manifest.files());
 }
 
-json::object apply_manifest_signals_index(const json::value& index, Manifest& manifest) {
+SignalsIndexMembership SignalsIndexMembership::of(const Manifest& manifest) {
+  return {manifest.found_signals, manifest.found_strategies, manifest.useful_signals};
+}
+
+void SignalsIndexMembership::apply_to(Manifest& manifest) && {
+  manifest.found_signals = std::move(found_signals);
+  manifest.found_strategies = std::move(found_strategies);
+  manifest.useful_signals = std::move(useful_signals);
+}
+
+SignalsIndexMembership signals_index_membership(const json::value& index, const Manifest& manifest) {
   if (!index.is_object()) throw ManifestError("signals_index.json must contain a JSON object");
   const json::object& obj = index.get_object();
   if (const json::value* era = obj.if_contains("era_number")) {
@@ -79,21 +89,27 @@ json::object apply_manifest_signals_index(const json::value& index, Manifest& ma
                      std::to_string(manifest.era_number_int()));
     }
   }
-  json::object sections[3];
+  SignalsIndexMembership membership;
+  json::object* sections[3] = {&membership.found_signals, &membership.found_strategies, &membership.useful_signals};
   for (int i = 0; i < 3; ++i) {
     const char* name = SIGNALS_INDEX_SECTIONS[i];
     if (const json::value* v = obj.if_contains(name)) {
       if (!v->is_object()) throw ManifestError(std::string("signals_index.json ") + name + " must be a JSON object");
-      sections[i] = v->get_object();
+      *sections[i] = v->get_object();
     }
   }
-  json::object applied = obj;
+  return membership;
+}
+
+json::object apply_manifest_signals_index(const json::value& index, Manifest& manifest) {
+  SignalsIndexMembership membership = signals_index_membership(index, manifest);
+  json::object applied = index.get_object();
+  const json::object* sections[3] = {&membership.found_signals, &membership.found_strategies,
+                                     &membership.useful_signals};
   for (int i = 0; i < 3; ++i) {
-    if (obj.contains(SIGNALS_INDEX_SECTIONS[i])) applied[SIGNALS_INDEX_SECTIONS[i]] = sections[i];
+    if (applied.contains(SIGNALS_INDEX_SECTIONS[i])) applied[SIGNALS_INDEX_SECTIONS[i]] = *sections[i];
   }
-  manifest.found_signals = std::move(sections[0]);
-  manifest.found_strategies = std::move(sections[1]);
-  manifest.useful_signals = std::move(sections[2]);
+  std::move(membership).apply_to(manifest);
   return applied;
 }
 
@@ -111,10 +127,10 @@ json::object validate_signals_index_bytes(std::string_view data, Manifest& manif
   return apply_manifest_signals_index(parsed, manifest);
 }
 
-bool load_manifest_signals_index(const std::string& data_dir, Manifest& manifest,
-                                 const std::optional<std::string>& fallback_data_dir) {
+std::optional<SignalsIndexMembership> read_manifest_signals_index(
+    const std::string& data_dir, const Manifest& manifest, const std::optional<std::string>& fallback_data_dir) {
   std::optional<std::string> path = manifest_signals_index_path(manifest);
-  if (!path) return false;
+  if (!path) return std::nullopt;
   std::string local = manifest_local_path(data_dir, *path);
   if (!path_exists(local) && fallback_data_dir) {
     std::string fallback = manifest_local_path(*fallback_data_dir, *path);
@@ -127,7 +143,14 @@ bool load_manifest_signals_index(const std::string& data_dir, Manifest& manifest
   } catch (const JsonParseError& e) {
     throw ManifestError(std::string("Invalid signals_index.json JSON: ") + e.what());
   }
-  apply_manifest_signals_index(parsed, manifest);
+  return signals_index_membership(parsed, manifest);
+}
+
+bool load_manifest_signals_index(const std::string& data_dir, Manifest& manifest,
+                                 const std::optional<std::string>& fallback_data_dir) {
+  std::optional<SignalsIndexMembership> membership = read_manifest_signals_index(data_dir, manifest, fallback_data_dir);
+  if (!membership) return false;
+  std::move(*membership).apply_to(manifest);
   return true;
 }
 

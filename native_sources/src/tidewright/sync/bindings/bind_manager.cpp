@@ -320,7 +320,12 @@ void bind_manager(nb::module_& m) {
                r = s.sync();
              }
              return to_python(r);
-           }, "Full sync: manifest, compare, download, verify, atomic write.")
+           }, "Full sync: manifest, compare, download, verify, atomic write.\n\n"
+              "Transient failures are retried without limit under the backoff policy: transient\n"
+              "HTTP statuses, timeouts, and broken exchanges (a connection reset or closed\n"
+              "without an answer, a response without a valid status line). A file whose bytes\n"
+              "keep failing their SHA-256 is fetched again at most 3 times; the sync then raises\n"
+              "IntegrityError after a \"checksum_repair_exhausted\" sync event (warning level).")
       .def("_sync_with_manifest_refresh", [](SyncManager& s) {
              SyncResult r;
              {
@@ -346,9 +351,15 @@ void bind_manager(nb::module_& m) {
                r = s.repair(paths);
              }
              return to_python(r);
-           }, nb::arg("corrupted_files"), "Re-download specified corrupted/missing files.")
+           }, nb::arg("corrupted_files"), "Re-download specified corrupted/missing files.\n\n"
+              "Failures are retried as in sync(): without limit for transient statuses, timeouts,\n"
+              "connection resets and bad status lines; at most 3 further fetches of a file whose\n"
+              "SHA-256 keeps failing, then IntegrityError.")
       .def("needs_sync", &SyncManager::needs_sync, nb::call_guard<nb::gil_scoped_release>(),
-           "Lightweight sync check using version plus local integrity state.")
+           "Lightweight sync check using version plus local integrity state.\n\n"
+           "A version probe without a manifest hash hint is trusted on its version, as sync()\n"
+           "trusts it, and the local files decide: after a sync against an unchanged server\n"
+           "the answer is False, hint or not.")
       .def("cleanup_old_eras", &SyncManager::cleanup_old_eras, nb::call_guard<nb::gil_scoped_release>(),
            nb::arg("keep_current") = true, "Delete non-current era directories, return bytes freed.")
       .def("_schedule_cleanup_old_eras", &SyncManager::schedule_cleanup_old_eras,

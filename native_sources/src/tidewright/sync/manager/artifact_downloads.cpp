@@ -1,5 +1,6 @@
 // Downloading the era artifacts: vocabularies (with repair of stale manifest
 // entries), the signals index and the shuffle seed.
+#include "tidewright/sync/artifacts/found_pnl.hpp"
 #include "tidewright/sync/artifacts/shuffle_seed.hpp"
 #include "tidewright/sync/artifacts/functions_file.hpp"
 #include "tidewright/sync/artifacts/signals_index.hpp"
@@ -249,6 +250,21 @@ bool SyncManager::download_signals_index(Manifest& server_manifest, SyncResult& 
   hash_cache_.remember(*path, local, digest);
   result.bytes_downloaded += static_cast<std::int64_t>(response.body.size());
   return true;
+}
+
+void SyncManager::record_scrubbed_signals_index_update(const ScrubbedSignalsIndex& update) {
+  log_sync_event("scrubbed_signals_index_update", update.new_relative_path, 1, "missing_found_pnl",
+                 {{"old_relative_path", update.old_relative_path},
+                  {"new_relative_path", update.new_relative_path},
+                  {"sha256", update.sha256}});
+  if (HostRef guard = runtime_freshness_guard()) {
+    json::object kwargs;
+    kwargs["relative_path"] = update.new_relative_path;
+    kwargs["kind"] = "signals_index";
+    kwargs["sha256"] = update.sha256;
+    host().call_method(guard, "record_sync_update", {}, kwargs);
+  }
+  hash_cache_.remember(update.new_relative_path, update.local_path, update.sha256);
 }
 
 bool SyncManager::download_shuffle_seed(const Manifest& server_manifest, const std::optional<std::string>& target_data_dir) {

@@ -589,6 +589,11 @@ void SyncManager::download_file(const std::string& file_path, const json::object
     kwargs["kind"] = kind;
     host().call_method(guard, "record_sync_update", {}, kwargs);
   }
+  if (kind == "vault_module" && target == data_dir_) {
+    // Only a module in its final place: a staged era's files are not live yet.
+    host().call_module_function("tidewright.runtime_module_freshness", "vault_module_updated", {},
+                                {{"relative_path", file_path}, {"local_path", local}, {"sha256", actual_sha}});
+  }
   if (target == data_dir_) hash_cache_.remember(file_path, local, actual_sha);
   result.bytes_downloaded += expected_size >= 0 ? expected_size : file_size(local);
   if (kind == "feature") ++result.features_downloaded;

@@ -166,7 +166,7 @@ std::optional<std::string> SyncManager::first_local_mismatch(const Manifest& man
   return mismatch;
 }
 
-bool SyncManager::local_manifest_files_complete(Manifest& manifest) {
+bool SyncManager::local_manifest_files_complete(const Manifest& manifest) {
   ManifestSiblings siblings = host().manifest_siblings();
   try {
     ShuffleSeedExpectations expect{manifest.era_number_int(),
@@ -194,7 +194,7 @@ bool SyncManager::local_manifest_files_complete(Manifest& manifest) {
     return false;
   }
   try {
-    load_manifest_signals_index(data_dir_, manifest);
+    read_manifest_signals_index(data_dir_, manifest);  // checked, not applied: the manifest may be the held one
   } catch (const SyncError&) {
     return false;
   }

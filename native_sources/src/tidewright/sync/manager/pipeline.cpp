@@ -255,7 +255,7 @@ SyncResult SyncManager::sync_impl() {
         if (first_local_mismatch(*local, siblings, uncovered_by(rotation), &n_features)) {
           throw SyncError("Manifest version matched but local data files need repair");
         }
-        load_manifest_signals_index(data_dir_, *local);
+        replace_held_manifest(local, with_local_signals_index(local));
         SyncResult result;
         result.era_number = local_era;
         result.pnl_column_count = to_int(local->pnl_column_count()).value_or(0);
@@ -296,7 +296,10 @@ SyncResult SyncManager::sync_impl() {
     server_data = sanitize_manifest_data_for_sync(std::move(newer->first), siblings, nullptr, &rejected);
     body_sha = sha256(newer->second);
   }
-  std::string manifest_sha = server_hash.value_or(body_sha);
+  // The side file records the hash of the bytes kept, not the probe's hint:
+  // it says which manifest is on disk, and the hint may name another one
+  // (the API's when the public manifest was newer, or an older one the
+  // server has moved on from since the probe).
 
   std::int64_t fetched_version = to_int(server_data.contains("version") ? server_data.at("version") : json::value(0)).value_or(-1);
   if (missing_found_pnl_manifest_version_ != fetched_version) {
@@ -323,7 +326,9 @@ SyncResult SyncManager::sync_impl() {
     if (missing_found_pnl_paths_.empty()) return;
     std::vector<std::string> missing(missing_found_pnl_paths_.begin(), missing_found_pnl_paths_.end());
     json::object data = drop_missing_found_pnl_paths(manifest->data(), missing);
-    scrub_missing_found_pnl_paths_from_signals_index(data_dir_, data, missing);
+    if (auto update = scrub_missing_found_pnl_paths_from_signals_index(data_dir_, data, missing)) {
+      record_scrubbed_signals_index_update(*update);
+    }
     manifest = Manifest::from_sanitized(std::move(data), manifest->rejected_entries());
   };
 
@@ -363,7 +368,7 @@ SyncResult SyncManager::sync_impl() {
       exclude_missing_found_pnl(server);
       std::shared_ptr<const json::object> vocabularies = validated_vocabularies(*server);
       load_manifest_signals_index(data_dir_, *server);
-      write_manifest_json(data_dir_, server->data(), manifest_sha, body_sha);
+      write_manifest_json(data_dir_, server->data(), body_sha, body_sha);
       hash_cache_.persist();
       take_vocabulary_metadata(result, *vocabularies);
       result.n_features = count_features(*server, siblings);
@@ -491,7 +496,7 @@ SyncResult SyncManager::sync_impl() {
   if (vocabulary_due) result.vocabulary_downloaded = download_vocabulary(*server);
   for (const auto& path : vocabulary_paths) remove_manifest_tmp_file(data_dir_, path);  // not needed after all
   result.shuffle_seed_downloaded = download_shuffle_seed(*server);
-  write_manifest_json(data_dir_, server->data(), manifest_sha, body_sha);
+  write_manifest_json(data_dir_, server->data(), body_sha, body_sha);
   hash_cache_.persist();
   remove_sync_progress_json(data_dir_);
   std::shared_ptr<const json::object> vocabularies = validated_vocabularies(*server);

@@ -1,5 +1,6 @@
 #include "tidewright/sync/manager/sync_manager.hpp"
 
+#include "tidewright/sync/artifacts/signals_index.hpp"
 #include "tidewright/sync/common/fs.hpp"
 #include "tidewright/sync/era/market.hpp"
 #include "tidewright/sync/manager/side_files.hpp"
@@ -7,6 +8,8 @@
 #include "tidewright/sync/manifest/sanitize.hpp"
 #include "tidewright/sync/reporting/errors.hpp"
 #include "tidewright/sync/transport/settings.hpp"
+
+#include <exception>
 
 namespace tidewright::sync {
 
@@ -44,6 +47,7 @@ SyncManager::SyncManager(SyncManagerArgs args)
   load_consumer_count();
   load_local_manifest();
   load_active_rotation_state();
+  load_local_vocabulary();
 }
 
 // The threads this manager starts hold a reference to it while they run, so
@@ -86,15 +90,56 @@ void SyncManager::load_local_manifest() {
     bool changed = false;
     std::vector<RejectedManifestEntry> rejected;
     json::object data = sanitize_manifest_data_for_sync(std::move(raw.get_object()), siblings, &changed, &rejected);
+    if (changed) write_manifest_json(data_dir_, data);
     ManifestPtr manifest = Manifest::from_sanitized(std::move(data), std::move(rejected));
-    if (changed) write_manifest_json(data_dir_, manifest->data());
-    std::lock_guard<std::mutex> lock(state_mu_);
-    manifest_ = std::move(manifest);
+    // Consumers read membership straight after get_or_create, before any
+    // sync. A missing or broken index still keeps the manifest (with empty
+    // membership): the next sync fetches the index.
+    std::exception_ptr index_error;
+    try {
+      load_manifest_signals_index(data_dir_, *manifest);
+    } catch (const HostError&) {
+      throw;
+    } catch (const std::exception&) {
+      index_error = std::current_exception();
+    }
+    {
+      std::lock_guard<std::mutex> lock(state_mu_);
+      manifest_ = std::move(manifest);
+    }
+    if (index_error) std::rethrow_exception(index_error);  // logged below
   } catch (const HostError&) {
     throw;  // an exception of a host callback is the caller's, not a bad file
   } catch (const std::exception& e) {
     log_warning("Failed to load manifest from disk: %s", {json::value(e.what())});
   }
+}
+
+void SyncManager::load_local_vocabulary() {
+  ManifestPtr manifest = get_manifest();
+  if (!manifest) return;
+  try {
+    std::shared_ptr<const json::object> vocabularies = validated_vocabularies(*manifest);
+    std::lock_guard<std::mutex> lock(state_mu_);
+    vocabulary_ = std::move(vocabularies);
+  } catch (const HostError&) {
+    throw;
+  } catch (const std::exception& e) {
+    log_warning("Failed to load vocabulary from disk: %s", {json::value(e.what())});
+  }
+}
+
+ManifestPtr SyncManager::with_local_signals_index(const ManifestPtr& manifest) {
+  std::optional<SignalsIndexMembership> membership = read_manifest_signals_index(data_dir_, *manifest);
+  if (!membership || *membership == SignalsIndexMembership::of(*manifest)) return manifest;
+  ManifestPtr fresh = Manifest::from_sanitized(manifest->data());
+  std::move(*membership).apply_to(*fresh);
+  return fresh;
+}
+
+void SyncManager::replace_held_manifest(const ManifestPtr& current, ManifestPtr replacement) {
+  std::lock_guard<std::mutex> lock(state_mu_);
+  if (manifest_ == current) manifest_ = std::move(replacement);
 }
 
 std::shared_ptr<SyncManager> SyncManager::get_or_create(SyncManagerArgs args) {

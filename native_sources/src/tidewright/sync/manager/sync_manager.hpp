@@ -36,6 +36,7 @@
 
 namespace tidewright::sync {
 
+struct ScrubbedSignalsIndex;
 
 // The three runtime knobs as given by the caller: empty means "not given"
 // (keep what the instance holds, else the module default).
@@ -138,7 +139,7 @@ class SyncManager : public std::enable_shared_from_this<SyncManager>, public Era
   std::optional<std::string> first_local_mismatch(const Manifest& manifest, const ManifestSiblings& siblings,
                                                   const FileFilter& skip = {},
                                                   std::int64_t* feature_count = nullptr);
-  bool local_manifest_files_complete(Manifest& manifest);
+  bool local_manifest_files_complete(const Manifest& manifest);
   bool needs_sync();
   // Hashes every file of the held manifest (never the hash cache). Files that
   // look missing or corrupted are checked again under the cross-process lock,
@@ -257,6 +258,19 @@ class SyncManager : public std::enable_shared_from_this<SyncManager>, public Era
  private:
   void load_consumer_count();
   void load_local_manifest();
+  void load_local_vocabulary();
+  // `manifest` with the membership of the signals index on disk: `manifest`
+  // itself when it already holds it, else a new manifest. A manifest that
+  // was handed out may be read by host threads at any time, so it is never
+  // changed. Throws as read_manifest_signals_index.
+  ManifestPtr with_local_signals_index(const ManifestPtr& manifest);
+  // Installs `replacement` as the held manifest unless another one has
+  // replaced `current` meanwhile.
+  void replace_held_manifest(const ManifestPtr& current, ManifestPtr replacement);
+  // A signals index rewritten without the found PnL files storage no longer
+  // has: recorded as a sync event, told to the freshness guard and kept in
+  // the hash cache like a downloaded file.
+  void record_scrubbed_signals_index_update(const ScrubbedSignalsIndex& update);
 
   const std::string data_dir_;
   const std::string server_url_;
