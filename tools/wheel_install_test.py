@@ -36,6 +36,7 @@ import os
 import pathlib
 import re
 import shutil
+import signal
 import subprocess
 import sys
 import tempfile
@@ -198,14 +199,20 @@ class TlsService:
         while "era" not in self.fields:
             line = self.process.stdout.readline()
             if not line:
+                self.process.kill()
                 raise SystemExit("the reference data service did not start")
             key, _, value = line.partition(": ")
             self.fields[key] = value.strip()
         self.url, self.ca_file = self.fields["url"], self.fields["ca_file"]
 
     def stop(self) -> None:
-        self.process.terminate()
-        self.process.wait(timeout=30)
+        # Ctrl-C lets the service stop cleanly and remove its certificates.
+        self.process.send_signal(signal.SIGINT)
+        try:
+            self.process.wait(timeout=30)
+        except subprocess.TimeoutExpired:
+            self.process.kill()
+            self.process.wait()
 
 
 def can_make_mount_namespace() -> bool:

@@ -88,6 +88,8 @@ void bind_lifecycle(nb::module_& m) {
       },
       nb::arg("file_path"), "Cross-process corruption report, queues async repair.");
 
+  // Both take any object, None included, as they always have; the signatures
+  // name what callers are meant to pass.
   def_method(
       cls, "register_era_callback",
       [](SyncManager& s, nb::handle callback) {
