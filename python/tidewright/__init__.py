@@ -7,6 +7,6 @@ backoff, deployment, rotation, ...). Each is looked up when it is used, so a
 host application (or a test) can replace any of them.
 """
 
-__all__ = ["__version__"]
+from tidewright._version import __version__  # generated at build time from pyproject.toml
 
-__version__ = "0.0.3"
+__all__ = ["__version__"]

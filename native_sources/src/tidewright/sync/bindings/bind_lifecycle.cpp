@@ -1,5 +1,6 @@
 // SyncManager's consumer lifecycle, threads, era callbacks and era
 // transitions, as seen from Python (added to the class bind_manager made).
+#include "tidewright/sync/bindings/annotations.hpp"
 #include "tidewright/sync/bindings/bindings.hpp"
 #include "tidewright/sync/bindings/convert.hpp"
 #include "tidewright/sync/era/era_thread.hpp"
@@ -80,13 +81,15 @@ void bind_lifecycle(nb::module_& m) {
              "Get all found signal and strategy PnL file paths, ordered newest first.");
   def_method(
       cls, "report_corruption",
-      [](SyncManager& s, nb::handle file_path) {
+      [](SyncManager& s, Shown<shown::PathLike> file_path) {
         std::string path = to_text(nb::module_::import_("os").attr("fspath")(file_path));
         nb::gil_scoped_release release;
         s.report_corruption(path);
       },
       nb::arg("file_path"), "Cross-process corruption report, queues async repair.");
 
+  // Both take any object, None included, as they always have; the signatures
+  // name what callers are meant to pass.
   def_method(
       cls, "register_era_callback",
       [](SyncManager& s, nb::handle callback) {
@@ -94,7 +97,8 @@ void bind_lifecycle(nb::module_& m) {
         nb::gil_scoped_release release;
         s.register_era_callback(std::move(ref));
       },
-      nb::arg("callback").none());
+      nb::arg("callback").none(),
+      nb::sig("def register_era_callback(self, callback: collections.abc.Callable[[str, int], object]) -> None"));
   def_method(
       cls, "unregister_era_callback",
       [](SyncManager& s, nb::handle callback) {
@@ -115,7 +119,8 @@ void bind_lifecycle(nb::module_& m) {
         nb::gil_scoped_release release;
         registered.clear();
       },
-      nb::arg("callback").none());
+      nb::arg("callback").none(),
+      nb::sig("def unregister_era_callback(self, callback: collections.abc.Callable[[str, int], object]) -> None"));
   def_method(
       cls, "_notify_era_callbacks",
       [](SyncManager& s, const std::string& event_type, std::int64_t era_number) {
@@ -136,7 +141,8 @@ void bind_lifecycle(nb::module_& m) {
 
   def_method(
       cls, "trigger_era_transition",
-      [](SyncManager& s, std::int64_t new_era_number, nb::handle kill_searches_fn, nb::handle restart_searches_fn) {
+      [](SyncManager& s, std::int64_t new_era_number, Shown<shown::SearchesCallback> kill_searches_fn,
+         Shown<shown::SearchesCallback> restart_searches_fn) {
         SearchesFn kill = searches_fn_from(kill_searches_fn);
         SearchesFn restart = searches_fn_from(restart_searches_fn);
         nb::gil_scoped_release release;

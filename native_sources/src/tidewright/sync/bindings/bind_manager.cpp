@@ -1,4 +1,5 @@
 // SyncManager, its result records and the registry, as seen from Python.
+#include "tidewright/sync/bindings/annotations.hpp"
 #include "tidewright/sync/bindings/bindings.hpp"
 #include "tidewright/sync/bindings/convert.hpp"
 #include "tidewright/sync/era/market.hpp"
@@ -14,65 +15,16 @@ namespace tidewright::sync::bindings {
 
 namespace {
 
-// The result records are plain Python dataclasses: value semantics,
-// defaults, and tuples where the fields are tuples.
-constexpr const char* kResultSource = R"PY(
-import dataclasses as _dataclasses
-import typing as _typing
-
-
-@_dataclasses.dataclass
-class SyncResult:
-    """Result of a sync operation."""
-
-    features_downloaded: int = 0
-    useful_signals_downloaded: int = 0
-    bytes_downloaded: int = 0
-    era_number: int = 0
-    t_signal_is: int = 0
-    t_strategy_is: int = 0
-    n_instruments: int = 0
-    n_features: int = 0
-    n_useful_signals: int = 0
-    n_found_strategies: int = 0
-    pnl_column_count: int = 0
-    vocabulary_downloaded: bool = False
-    shuffle_seed_downloaded: bool = False
-    active_relative_paths: _typing.Tuple[str, ...] = ()
-    skipped_relative_paths: _typing.Tuple[str, ...] = ()
-    mandatory_relative_paths: _typing.Tuple[str, ...] = ()
-    found_pnl_paths_downloaded: _typing.Tuple[str, ...] = ()
-    # Manifest entries the engine refused one by one (a digest that is not
-    # 64 hexadecimal digits, an unusable size_bytes, ...): not synced; the
-    # "manifest_entry_rejected" events say why.
-    rejected_files: _typing.Tuple[str, ...] = ()
-    rotation_seed: _typing.Optional[int] = None
-    feature_budget_bytes: _typing.Optional[int] = None
-
-
-@_dataclasses.dataclass
-class VerifyResult:
-    """Result of a verify operation."""
-
-    valid: bool = True
-    corrupted_files: _typing.List[str] = _dataclasses.field(default_factory=list)
-    missing_files: _typing.List[str] = _dataclasses.field(default_factory=list)
-
-
-def _constant_token_provider(token):
-    text = str(token)
-
-    def get_token():
-        return text
-
-    return get_token
-)PY";
-
 nb::handle g_module;
 
 std::optional<json::value> knob(nb::handle value) {
   if (value.is_none()) return std::nullopt;
   return to_json_or_text(value);
+}
+
+// A plain `token` argument: a callable that returns its text, taken once.
+nb::object constant_token_provider(nb::handle token) {
+  return nb::cpp_function([text = to_text(token)] { return text; });
 }
 
 std::string path_text(nb::handle value) {
@@ -87,7 +39,7 @@ SyncManagerArgs make_args(nb::handle data_dir, nb::handle server_url, nb::handle
   args.data_dir = path_text(data_dir);
   args.server_url = to_text(server_url);
   nb::object token_fn = nb::borrow(get_token);
-  if (token_fn.is_none() && !token.is_none()) token_fn = g_module.attr("_constant_token_provider")(token);
+  if (token_fn.is_none() && !token.is_none()) token_fn = constant_token_provider(token);
   args.get_token = make_ref(token_fn);
   if (!args.get_token) {
     // Keep None as a host object so that the callable check can name its type.
@@ -121,7 +73,7 @@ nb::object list_of(const std::vector<std::string>& items) {
 
 }  // namespace
 
-nb::object to_python(const SyncResult& r) {
+ShownObject<shown::SyncResult> to_python(const SyncResult& r) {
   nb::dict kw;
   kw["features_downloaded"] = r.features_downloaded;
   kw["useful_signals_downloaded"] = r.useful_signals_downloaded;
@@ -189,7 +141,7 @@ void update_python_result(nb::handle target, const SyncResult& r) {
   }
 }
 
-nb::object to_python(const VerifyResult& r) {
+ShownObject<shown::VerifyResult> to_python(const VerifyResult& r) {
   return g_module.attr("VerifyResult")(r.valid, list_of(r.corrupted_files), list_of(r.missing_files));
 }
 
@@ -217,9 +169,11 @@ std::vector<std::pair<std::string, json::object>> file_items(nb::handle files) {
 
 void bind_manager(nb::module_& m) {
   g_module = m;
-  nb::object builtins = nb::module_::import_("builtins");
-  nb::dict globals = nb::borrow<nb::dict>(m.attr("__dict__"));
-  builtins.attr("exec")(builtins.attr("compile")(kResultSource, "<tidewright.sync results>", "exec"), globals);
+  // The result records are dataclasses written in Python (value semantics,
+  // defaults, tuple fields); this module hands them out under its own name.
+  nb::module_ types = nb::module_::import_("tidewright._sync_types");
+  m.attr("SyncResult") = types.attr("SyncResult");
+  m.attr("VerifyResult") = types.attr("VerifyResult");
 
   m.attr("_DEFAULT_AGENT_MARKET_ID") = DEFAULT_AGENT_MARKET_ID;
   m.attr("_SYNC_HASH_CACHE_FILENAME") = SYNC_HASH_CACHE_FILENAME;
@@ -286,7 +240,14 @@ void bind_manager(nb::module_& m) {
           nb::arg("poll_interval_s") = SYNC_MANIFEST_POLL_INTERVAL_SECONDS,
           nb::arg("runtime_freshness_guard") = nb::none(), nb::arg("market_id").none() = DEFAULT_AGENT_MARKET_ID,
           nb::arg("sync_http_transport") = nb::none(), nb::arg("sync_http_chunk_bytes") = nb::none(),
-          nb::arg("sync_max_concurrency") = nb::none(), "Get existing or create new SyncManager for this data_dir.")
+          nb::arg("sync_max_concurrency") = nb::none(),
+          nb::sig("def get_or_create(data_dir: str | os.PathLike[str], server_url: str, "
+                  "get_token: collections.abc.Callable[[], str], poll_interval_s: float = 5.0, "
+                  "runtime_freshness_guard: tidewright._sync_types.RuntimeFreshnessGuard | None = None, "
+                  "market_id: int = 1, sync_http_transport: str | None = None, "
+                  "sync_http_chunk_bytes: int | str | None = None, sync_max_concurrency: int | str | None = None"
+                  ") -> SyncManager"),
+          "Get existing or create new SyncManager for this data_dir.")
       .def_static(
           "_evict",
           [](nb::handle data_dir) {
@@ -342,7 +303,7 @@ void bind_manager(nb::module_& m) {
              }
              return to_python(r);
            }, "Verify local files against manifest existence, size, and checksum.")
-      .def("repair", [](SyncManager& s, nb::handle files) {
+      .def("repair", [](SyncManager& s, Shown<shown::TextList> files) {
              std::vector<std::string> paths;
              for (nb::handle f : files) paths.push_back(to_text(f));
              SyncResult r;
@@ -365,7 +326,8 @@ void bind_manager(nb::module_& m) {
       .def("_schedule_cleanup_old_eras", &SyncManager::schedule_cleanup_old_eras,
            nb::call_guard<nb::gil_scoped_release>(), nb::arg("keep_current") = true,
            "Run old-era cleanup on a daemon thread after foreground sync work.")
-      .def("ensure_manifest_file_available", [](SyncManager& s, const std::string& file_path, nb::handle info) {
+      .def("ensure_manifest_file_available", [](SyncManager& s, const std::string& file_path,
+                                                Shown<shown::JsonObject> info) {
              json::value v = to_json(info);
              SyncResult r;
              {
@@ -467,7 +429,9 @@ void bind_manager(nb::module_& m) {
            "HTTP GET for public manifest artifacts without bearer credentials.")
       .def(
           "set_progress_callback",
-          [](SyncManager& s, nb::handle callback) { s.progress().set_callback(make_ref(callback)); },
+          [](SyncManager& s, Shown<shown::ProgressCallback> callback) {
+            s.progress().set_callback(make_ref(callback));
+          },
           nb::arg("callback").none(),
           "Call `callback(progress)` while files download (at most every 0.2 s, and at the start and end of a "
           "batch). `progress` is a dict: phase, done, files_total, files_done, bytes_total, bytes_done, "
@@ -483,7 +447,7 @@ void bind_manager(nb::module_& m) {
              return v ? from_json(json::value(*v)) : nb::none();
            })
       .def("get_manifest", &SyncManager::get_manifest, nb::call_guard<nb::gil_scoped_release>(),
-           "Return current local Manifest or None.")
+           nb::sig("def get_manifest(self) -> Manifest | None"), "Return current local Manifest or None.")
       .def("status", &SyncManager::status, nb::call_guard<nb::gil_scoped_release>(),
            "Return the current human-readable sync status, if any.")
       .def("consumer_count", &SyncManager::consumer_count, nb::call_guard<nb::gil_scoped_release>())
@@ -508,8 +472,13 @@ void bind_manager(nb::module_& m) {
           [](SyncManager& s, nb::handle fn) { s.set_get_token(make_ref(fn)); })
       .def_prop_rw(
           "runtime_freshness_guard",
-          [](const SyncManager& s) { return nb::borrow(ref_object(s.runtime_freshness_guard())); },
-          [](SyncManager& s, nb::handle guard) { s.set_runtime_freshness_guard(make_ref(guard)); });
+          [](const SyncManager& s) -> ShownObject<shown::OptionalFreshnessGuard> {
+            return nb::borrow(ref_object(s.runtime_freshness_guard()));
+          },
+          [](SyncManager& s, Shown<shown::FreshnessGuard> guard) {
+            s.set_runtime_freshness_guard(make_ref(guard));
+          },
+          nb::arg("guard").none());
 }
 
 }  // namespace tidewright::sync::bindings

@@ -1,6 +1,7 @@
 // Feature rotation as seen from Python: the catalogue and settings helpers,
 // the state files, and the SyncManager's rotation, prefetched-set and
 // prefetch methods (added to the class bound in bind_manager.cpp).
+#include "tidewright/sync/bindings/annotations.hpp"
 #include "tidewright/sync/bindings/bindings.hpp"
 #include "tidewright/sync/bindings/convert.hpp"
 #include "tidewright/sync/common/fs.hpp"
@@ -241,14 +242,15 @@ void bind_module_functions(nb::module_& m) {
       "data_dir"_a, "relative_paths"_a);
 
   m.def(
-      "feature_rotation_state_path", [](nb::handle data_dir) { return feature_rotation_state_path(path_text(data_dir)); },
+      "feature_rotation_state_path",
+      [](Shown<shown::PathLike> data_dir) { return feature_rotation_state_path(path_text(data_dir)); },
       "data_dir"_a, "Path of the persisted feature-rotation state in data_dir.");
   m.def(
       "_prefetched_features_state_path",
       [](nb::handle data_dir) { return prefetched_features_state_path(path_text(data_dir)); }, "data_dir"_a);
   m.def(
       "load_feature_rotation_state",
-      [](nb::handle data_dir) {
+      [](Shown<shown::PathLike> data_dir) -> ShownObject<shown::OptionalRotationState> {
         std::string dir = path_text(data_dir);
         std::optional<json::object> state;
         {
@@ -260,7 +262,7 @@ void bind_module_functions(nb::module_& m) {
       "data_dir"_a, "Load the persisted feature-rotation state of data_dir; None when no rotation has happened yet.");
   m.def(
       "write_feature_rotation_state",
-      [](nb::handle data_dir, nb::handle state) {
+      [](Shown<shown::PathLike> data_dir, Shown<shown::RotationState> state) {
         std::string dir = path_text(data_dir);
         json::value plain;
         try {
@@ -364,7 +366,8 @@ void bind_manager_methods() {
       nb::scope(cls), nb::name("_prefetched_feature_keep_paths"), nb::is_method(), "manifest"_a.none());
 
   auto request = [](bool impl) {
-    return [impl](SyncManager& self, nb::handle feature_names, nb::handle expression_type, nb::handle named_universe) {
+    return [impl](SyncManager& self, Shown<shown::TextList> feature_names, Shown<std::string> expression_type,
+                  Shown<std::string> named_universe) -> ShownObject<shown::PrefetchedFiles> {
       std::vector<std::string> names = texts(feature_names);
       std::string expression = expression_type_text(expression_type);
       std::optional<std::string> universe = optional_text(named_universe);

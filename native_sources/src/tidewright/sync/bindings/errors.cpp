@@ -12,6 +12,8 @@ namespace {
 // have the host's exception semantics (several bases, keyword constructors,
 // pickling). They are defined once at import.
 constexpr const char* kErrorSource = R"PY(
+from __future__ import annotations  # annotations stay text: the stubs read them as written
+
 import logging as _logging
 import urllib.parse as _urlparse
 
@@ -25,7 +27,7 @@ class SyncError(Exception):
 class PermanentDownloadError(SyncError):
     """Raised when a file download response is not transient."""
 
-    def __init__(self, message, *, file_path=None, status=None):
+    def __init__(self, message: str, *, file_path: str | None = None, status: int | None = None) -> None:
         super().__init__(message)
         self.file_path = file_path
         try:
@@ -48,8 +50,10 @@ def _sync_endpoint_from_url(url):
 class SyncUnavailableError(SyncError, ConnectionError):
     """Raised when a retryable sync dependency remains unavailable."""
 
-    def __init__(self, url, attempts, statuses=None, failures=None, server_error_code=None,
-                 dependency=None, retryable=None, recovery=None, reason=None, typed_details=None):
+    def __init__(self, url: str | None, attempts: int, statuses: list[int] | None = None,
+                 failures: list[str] | None = None, server_error_code: str | None = None,
+                 dependency: str | None = None, retryable: bool | None = None, recovery: str | None = None,
+                 reason: str | None = None, typed_details: bool | None = None) -> None:
         self.url = str(url or "") or "<unknown>"
         self.endpoint = _sync_endpoint_from_url(url)
         self.attempts = int(attempts)

@@ -4,6 +4,7 @@
 #include "tidewright/sync/transport/settings.hpp"
 
 #include <curl/curl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -104,7 +105,28 @@ const char* env_or_null(const char* name) {
   return (value && *value) ? value : nullptr;
 }
 
+// The bundle to use without SSL_CERT_FILE / CURL_CA_BUNDLE, found once per
+// process (empty when there is none: libcurl then keeps its default).
+const std::string& default_ca_bundle() {
+  static const std::string bundle = [] {
+    std::vector<std::string> candidates;
+    const curl_version_info_data* info = curl_version_info(CURLVERSION_NOW);
+    if (info && info->cainfo && *info->cainfo) candidates.emplace_back(info->cainfo);
+    candidates.insert(candidates.end(), kSystemCaBundles.begin(), kSystemCaBundles.end());
+    return ca_bundle_fallback(candidates).value_or(std::string());
+  }();
+  return bundle;
+}
+
 }  // namespace
+
+std::optional<std::string> ca_bundle_fallback(const std::vector<std::string>& candidates) {
+  for (const std::string& path : candidates) {
+    struct stat st {};
+    if (::stat(path.c_str(), &st) == 0 && S_ISREG(st.st_mode) && ::access(path.c_str(), R_OK) == 0) return path;
+  }
+  return std::nullopt;
+}
 
 std::optional<std::string> HttpHeaders::get(std::string_view name) const {
   for (auto it = items.rbegin(); it != items.rend(); ++it) {
@@ -475,6 +497,8 @@ void HttpClient::perform(const HttpRequest& request, Transfer& transfer) {
     curl_easy_setopt(easy, CURLOPT_CAINFO, bundle);
   } else if (const char* curl_bundle = env_or_null("CURL_CA_BUNDLE")) {
     curl_easy_setopt(easy, CURLOPT_CAINFO, curl_bundle);
+  } else if (const std::string& system_bundle = default_ca_bundle(); !system_bundle.empty()) {
+    curl_easy_setopt(easy, CURLOPT_CAINFO, system_bundle.c_str());
   }
   if (const char* dir = env_or_null("SSL_CERT_DIR")) curl_easy_setopt(easy, CURLOPT_CAPATH, dir);
   curl_easy_setopt(easy, CURLOPT_ERRORBUFFER, transfer.error_text.data());

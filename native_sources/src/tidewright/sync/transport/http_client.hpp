@@ -4,8 +4,9 @@
 // so that connections to the data service are reused from one request to the
 // next; the handles of all threads share only the DNS cache and TLS sessions.
 // Signals are never used (CURLOPT_NOSIGNAL), TLS peers are verified (the CA
-// bundle named by SSL_CERT_FILE or CURL_CA_BUNDLE is used when set), and
-// redirects are followed within http and https.
+// bundle named by SSL_CERT_FILE or CURL_CA_BUNDLE is used when set, else the
+// system's own bundle, see ca_bundle_fallback), and redirects are followed
+// within http and https.
 //
 // Timeouts mean "no progress for that long": connecting, and then every gap
 // between received bytes, may take at most `timeout_seconds`. In addition the
@@ -177,6 +178,22 @@ struct ContentRange {
   std::optional<std::int64_t> complete_length;
 };
 std::optional<ContentRange> parse_content_range(std::string_view value);
+
+// Where the system keeps its CA bundle, by distribution family: Debian and
+// Ubuntu (also Arch, Gentoo), Fedora and RHEL, RHEL's extracted trust store,
+// openSUSE, Alpine.
+inline const std::vector<std::string> kSystemCaBundles = {
+    "/etc/ssl/certs/ca-certificates.crt", "/etc/pki/tls/certs/ca-bundle.crt",
+    "/etc/pki/ca-trust/extracted/pem/tls-ca-bundle.pem", "/etc/ssl/ca-bundle.pem", "/etc/ssl/cert.pem"};
+
+// The CA bundle to verify servers with when neither SSL_CERT_FILE nor
+// CURL_CA_BUNDLE names one: the first of `candidates` that is a readable
+// file, or nullopt when none is. libcurl's compiled-in default is the path of
+// the system it was built on; the wheel carries that libcurl to systems that
+// keep their bundle elsewhere (Fedora: /etc/pki/tls/certs/ca-bundle.crt), where
+// every TLS handshake would fail for want of a trusted root. So the transfer
+// code asks with libcurl's own path first, then kSystemCaBundles.
+std::optional<std::string> ca_bundle_fallback(const std::vector<std::string>& candidates);
 
 // One thread's client. Not thread-safe: use the calling thread's own
 // instance. A call made while the thread's client is busy (from inside a

@@ -9,6 +9,7 @@
 #pragma once
 
 #include "tidewright/sync/common/json.hpp"
+#include "tidewright/sync/version.hpp"  // generated from pyproject.toml
 
 #include <array>
 #include <cstdint>
@@ -18,8 +19,8 @@
 
 namespace tidewright::sync {
 
-// User-Agent sent on every request.
-inline constexpr std::string_view SYNC_USER_AGENT = "tidewright-sync/0.0.3";
+// User-Agent sent on every request: the package's own version.
+inline constexpr std::string_view SYNC_USER_AGENT = "tidewright-sync/" TW_PACKAGE_VERSION;
 // Transport used when no override is given ("auto", "urllib" or "curl").
 inline constexpr std::string_view SYNC_HTTP_TRANSPORT = "auto";
 // Settings handed to the external curl program.
