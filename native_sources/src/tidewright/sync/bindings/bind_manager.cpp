@@ -56,10 +56,10 @@ class VerifyResult:
 
 
 def _constant_token_provider(token):
-    text = str(token)
-
+    # Handed over as given: a token that is not a str is refused at the
+    # first request, not sent as its str() ("Bearer None").
     def get_token():
-        return text
+        return token
 
     return get_token
 )PY";
