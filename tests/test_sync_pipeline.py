@@ -253,6 +253,30 @@ def test_found_pnl_missing_from_storage_is_excluded_until_the_manifest_changes(d
     assert_in_step(dataservice, tmp_path)
 
 
+def test_many_found_pnl_files_missing_from_storage_cost_one_more_manifest_fetch(dataservice_factory, tmp_path,
+                                                                                  caplog):
+    # Storage lost 400 of the 401 found PnL files. One pass meets them all;
+    # the next fetches the manifest once more without them.
+    svc = dataservice_factory(features=2, found_signals=400, found_strategies=1, pnl_bytes=16)
+    svc.add_fault("/data/files/found_signals/*", "status", status=404, count=None)
+    files = svc.manifest()["files"]
+    lost = {p for p in files if p.startswith("found_signals/")}
+    caplog.set_level(logging.WARNING, logger="tidewright.sync")
+
+    with request_budget(svc, limit=5000):
+        result = manager(svc, tmp_path, sync_max_concurrency=4).sync()
+
+    assert len(svc.requests_for("/data/manifest")) == 2
+    assert len(file_requests(svc)) < 2 * len(files)  # each lost file was asked for once
+    assert len([r for r in caplog.records if "excluding stale membership entry" in r.getMessage()]) == 1
+    local = json.loads(local_bytes(tmp_path, "manifest.json"))
+    index = local_bytes(tmp_path, local["signals_index"]).decode()
+    assert lost.isdisjoint(local["files"]) and not any(path in index for path in lost)
+    assert result.found_pnl_paths_downloaded == ("found_strategies/pool_a/strat0000/strategy_is/pnl.arrow",)
+    assert result.features_downloaded == 2
+    assert tmp_files(tmp_path) == []
+
+
 def test_orphan_staging_files_are_removed_by_later_no_op_syncs(dataservice, tmp_path):
     m = manager(dataservice, tmp_path)
     m.sync()

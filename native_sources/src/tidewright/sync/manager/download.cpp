@@ -523,12 +523,18 @@ void SyncManager::download_file(const std::string& file_path, const json::object
 }
 
 void SyncManager::download_files_parallel(const std::vector<std::pair<std::string, json::object>>& files,
-                                          SyncResult& result) {
+                                          SyncResult& result, const DownloadFailureFilter& set_aside) {
   if (files.empty()) return;
   const std::size_t workers =
       std::min<std::size_t>(static_cast<std::size_t>(std::max<std::int64_t>(1, sync_max_concurrency())), files.size());
   if (workers == 1) {
-    for (const auto& [path, entry] : files) download_file(path, entry, result);
+    for (const auto& [path, entry] : files) {
+      try {
+        download_file(path, entry, result);
+      } catch (...) {
+        if (!set_aside || !set_aside(path, std::current_exception())) throw;
+      }
+    }
     return;
   }
   HostRef parent_context = host().current_backoff_context();
@@ -552,8 +558,10 @@ void SyncManager::download_files_parallel(const std::vector<std::pair<std::strin
         download_file(files[i].first, files[i].second, results[i]);
         completed[i] = 1;
       } catch (...) {
+        std::exception_ptr error = std::current_exception();
+        if (set_aside && set_aside(files[i].first, error)) continue;
         std::lock_guard<std::mutex> lock(mu);
-        if (!first_error) first_error = std::current_exception();
+        if (!first_error) first_error = error;
         cancel.store(true);  // queued work is abandoned; running transfers stop
       }
     }
