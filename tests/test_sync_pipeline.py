@@ -11,8 +11,8 @@ import pytest
 
 import tidewright.auth
 import tidewright.sync as sync
-from sync_helpers import (BIG, BIG_BYTES, FEATURE, FOUND_PNL, FOUND_PNL_KINDS, assert_in_step, file_requests,
-                          local_bytes, manager, request_budget, requested_paths, tmp_files)
+from sync_helpers import (BIG, BIG_BYTES, FEATURE, FOUND_PNL, FOUND_PNL_KINDS, assert_in_step, body_bytes_served,
+                          file_requests, local_bytes, manager, request_budget, requested_paths, tmp_files)
 from tools.dataservice import DataService
 
 pytestmark = pytest.mark.usefixtures("instant_backoff")
@@ -105,6 +105,22 @@ def test_verify_finds_missing_and_corrupted_files_and_repair_restores_them(datas
     svc.clear_requests()
     m.sync()
     assert [r.path for r in svc.requests] == ["/data/manifest/version"]
+
+
+def test_a_resumed_download_counts_only_the_bytes_this_sync_fetched(dataservice_factory, tmp_path):
+    svc = dataservice_factory(features=1, large_file_bytes=BIG_BYTES)
+    staged = svc.file_bytes(None, BIG)[:BIG_BYTES // 2 + 7]  # left by an interrupted sync
+    (tmp_path / BIG).parent.mkdir(parents=True)
+    (tmp_path / (BIG + ".tmp")).write_bytes(staged)
+    files = svc.manifest()["files"]
+
+    result = manager(svc, tmp_path).sync()
+
+    assert_in_step(svc, tmp_path)
+    assert body_bytes_served(svc, BIG) == BIG_BYTES - len(staged)
+    vocabularies = [p for p in files if p.startswith("named_universes/")]
+    everything = sum(e["size_bytes"] for p, e in files.items() if p not in vocabularies)
+    assert result.bytes_downloaded == everything - len(staged)
 
 
 def test_download_set_larger_than_free_space_fails_before_any_file_request(dataservice_factory, tmp_path):

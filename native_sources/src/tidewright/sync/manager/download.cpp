@@ -5,6 +5,7 @@
 #include "tidewright/sync/artifacts/found_pnl.hpp"
 #include "tidewright/sync/common/fs.hpp"
 #include "tidewright/sync/common/url.hpp"
+#include "tidewright/sync/manager/download_set.hpp"
 #include "tidewright/sync/manager/sync_manager.hpp"
 #include "tidewright/sync/manifest/paths.hpp"
 #include "tidewright/sync/reporting/errors.hpp"
@@ -93,6 +94,7 @@ class StagingSink : public BodySink {
     }
     hasher_.update(bytes);
     received_ += static_cast<std::int64_t>(bytes.size());
+    if (fetched_) *fetched_ += static_cast<std::int64_t>(bytes.size());
     if (progress_) progress_->add_bytes(static_cast<std::int64_t>(bytes.size()));
   }
 
@@ -104,6 +106,8 @@ class StagingSink : public BodySink {
   }
 
   void set_progress(ProgressFeed* progress) { progress_ = progress; }
+  // Counts every byte that arrives (a resumed prefix is not counted).
+  void set_fetched_counter(std::int64_t* fetched) { fetched_ = fetched; }
 
  private:
   int fd_;
@@ -112,6 +116,7 @@ class StagingSink : public BodySink {
   std::int64_t range_start_;
   const std::string& file_path_;
   ProgressFeed* progress_ = nullptr;
+  std::int64_t* fetched_ = nullptr;
   std::optional<std::int64_t> complete_length_;
 };
 
@@ -349,6 +354,7 @@ void SyncManager::download_file(const std::string& file_path, const json::object
   std::int64_t attempt = 0;
   std::int64_t checksum_repairs = 0;
   std::string actual_sha;
+  std::int64_t fetched = 0;  // bytes that arrived during this call
 
   auto backoff = [&](const std::string& reason) {
     double wait = backoff_delay_seconds(attempt);
@@ -409,6 +415,7 @@ void SyncManager::download_file(const std::string& file_path, const json::object
         HttpRequest request = make_sync_request(url, token, start, end);
         StagingSink sink(fd.get(), hasher, received, start, file_path);
         sink.set_progress(&progress_);
+        sink.set_fetched_counter(&fetched);
         DownloadResult response = download_request_to_sink(request, sink, sync_http_timeout_seconds(),
                                                            is_public ? std::optional<std::string>(transport) : std::nullopt);
         if (response.status == 200) {
@@ -516,7 +523,9 @@ void SyncManager::download_file(const std::string& file_path, const json::object
     host().call_method(guard, "record_sync_update", {}, kwargs);
   }
   if (target == data_dir_) hash_cache_.remember(file_path, local, actual_sha);
-  result.bytes_downloaded += expected_size >= 0 ? expected_size : file_size(local);
+  // What this run fetched: a download resumed from an earlier run's staging
+  // file counts only the rest of the file.
+  result.bytes_downloaded += fetched;
   if (kind == "feature") ++result.features_downloaded;
   if (is_found_pnl_file_kind(kind)) result.found_pnl_paths_downloaded.push_back(file_path);
   progress_.file_done();
@@ -578,6 +587,26 @@ void SyncManager::download_files_parallel(const std::vector<std::pair<std::strin
     for (auto& p : results[i].found_pnl_paths_downloaded) result.found_pnl_paths_downloaded.push_back(p);
   }
   if (first_error) std::rethrow_exception(first_error);
+}
+
+// Mirrors the resume decision of download_file: a staging file is resumed
+// when it is a regular file, not marked for other bytes, and no longer than
+// the file.
+std::int64_t resumable_staged_bytes(const std::string& data_dir, const std::string& file_path,
+                                    const json::object& info, std::optional<std::int64_t> size) {
+  std::string staging;
+  try {
+    staging = manifest_local_path(data_dir, file_path) + ".tmp";
+  } catch (const ManifestError&) {
+    return 0;
+  }
+  UniqueFd fd(::open(staging.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+  struct stat st;
+  if (!fd.valid() || ::fstat(fd.get(), &st) != 0 || !S_ISREG(st.st_mode)) return 0;
+  if (staging_marked_for_other_bytes(fd.get(), lower_stripped(info.if_contains("sha256")))) return 0;
+  const auto staged = static_cast<std::int64_t>(st.st_size);
+  if (size && staged > *size) return 0;
+  return staged;
 }
 
 }  // namespace tidewright::sync

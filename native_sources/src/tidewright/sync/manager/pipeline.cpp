@@ -403,7 +403,7 @@ std::optional<SyncResult> SyncManager::sync_pass(SyncResult& earlier) {
   const std::vector<std::string> vocabulary_paths = vocabulary_manifest_paths(server->files());
   resumable.insert(resumable.end(), vocabulary_paths.begin(), vocabulary_paths.end());
   cleanup_sync_tmp_files(data_dir_, resumable, &tmp_scan_memo_);
-  const std::int64_t needed = require_disk_space(to_download, free_bytes, siblings);
+  const std::int64_t needed = require_disk_space(data_dir_, to_download, free_bytes, siblings);
 
   // Download.
   if (!to_download.empty()) {
