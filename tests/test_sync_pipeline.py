@@ -123,6 +123,15 @@ def test_a_resumed_download_counts_only_the_bytes_this_sync_fetched(dataservice_
     assert result.bytes_downloaded == everything - len(staged)
 
 
+def test_verify_without_a_manifest_says_it_had_nothing_to_check(dataservice, tmp_path):
+    m = manager(dataservice, tmp_path)
+    empty = m.verify()
+    assert (empty.valid, empty.corrupted_files, empty.missing_files, empty.has_manifest) == (True, [], [], False)
+    assert empty == sync.VerifyResult()
+    m.sync()
+    assert m.verify().has_manifest
+
+
 def test_download_set_larger_than_free_space_fails_before_any_file_request(dataservice_factory, tmp_path):
     svc = dataservice_factory(entry_overrides={FEATURE: {"size_bytes": 2 ** 60}})
     m = manager(svc, tmp_path)

@@ -48,11 +48,17 @@ class SyncResult:
 
 @_dataclasses.dataclass
 class VerifyResult:
-    """Result of a verify operation."""
+    """Result of a verify operation.
+
+    ``has_manifest`` is False when the data directory held no manifest to
+    verify against: nothing was checked, and ``valid`` is True only in the
+    sense that nothing was found wrong. It takes no part in comparisons.
+    """
 
     valid: bool = True
     corrupted_files: _typing.List[str] = _dataclasses.field(default_factory=list)
     missing_files: _typing.List[str] = _dataclasses.field(default_factory=list)
+    has_manifest: bool = _dataclasses.field(default=True, compare=False)
 
 
 def _constant_token_provider(token):
@@ -184,7 +190,8 @@ void update_python_result(nb::handle target, const SyncResult& r) {
 }
 
 nb::object to_python(const VerifyResult& r) {
-  return g_module.attr("VerifyResult")(r.valid, list_of(r.corrupted_files), list_of(r.missing_files));
+  return g_module.attr("VerifyResult")(r.valid, list_of(r.corrupted_files), list_of(r.missing_files),
+                                       nb::arg("has_manifest") = r.has_manifest);
 }
 
 void shutdown_all_managers() { SyncManager::shutdown_all(); }
@@ -330,7 +337,10 @@ void bind_manager(nb::module_& m) {
                r = s.verify();
              }
              return to_python(r);
-           }, "Verify local files against manifest existence, size, and checksum.")
+           },
+           "Verify local files against manifest existence, size, and checksum.\n\n"
+           "With no local manifest (nothing synced yet) nothing is checked: the result is valid with empty\n"
+           "lists and has_manifest=False. Check has_manifest before taking valid as a clean bill.")
       .def("repair", [](SyncManager& s, nb::handle files) {
              std::vector<std::string> paths;
              for (nb::handle f : files) paths.push_back(to_text(f));
