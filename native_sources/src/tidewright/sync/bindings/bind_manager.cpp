@@ -23,7 +23,12 @@ import typing as _typing
 
 @_dataclasses.dataclass
 class SyncResult:
-    """Result of a sync operation."""
+    """Result of a sync operation.
+
+    ``bytes_downloaded`` counts the bytes fetched from the data service by
+    this call: a download resumed from a staging file that an earlier run
+    left counts only the rest of the file.
+    """
 
     features_downloaded: int = 0
     useful_signals_downloaded: int = 0
