@@ -259,7 +259,12 @@ std::optional<SyncResult> SyncManager::sync_pass(SyncResult& earlier) {
   // Full manifest.
   HttpResponse fetched = http_get(server_url_ + "/data/manifest");
   if (fetched.status == 401) throw AuthError("Authentication failed: HTTP " + std::to_string(fetched.status));
-  if (fetched.status != 200) throw SyncError("Failed to fetch manifest: HTTP " + std::to_string(fetched.status));
+  if (fetched.status != 200) {
+    // A SyncError that carries the status (a 403 is a refusal, a 404 a wrong
+    // address): callers classify by the field, not by the message.
+    throw PermanentDownloadError("Failed to fetch manifest: HTTP " + std::to_string(fetched.status), std::nullopt,
+                                 fetched.status);
+  }
   const json::object parsed = parse_manifest_json(fetched.body);
   if (const json::value* files = parsed.if_contains("files"); files && !files->is_object() && !files->is_null()) {
     throw ManifestError("Invalid manifest JSON: \"files\" must be a JSON object");
