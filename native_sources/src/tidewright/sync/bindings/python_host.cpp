@@ -153,6 +153,8 @@ bool PythonHost::shutting_down() {
   return interpreter_exiting() || !Py_IsInitialized();
 }
 
+bool PythonHost::holds_host_lock() { return !shutting_down() && PyGILState_Check() == 1; }
+
 bool PythonHost::log_enabled(LogLevel level) {
   if (shutting_down()) return false;
   try {

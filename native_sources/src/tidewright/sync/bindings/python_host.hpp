@@ -33,6 +33,7 @@ class PythonHost : public Host {
   HostRef current_backoff_context() override;
   bool backoff_context_stop_requested(const HostRef& context) override;
   bool shutting_down() override;
+  bool holds_host_lock() override;
 
   // Set by the exit hook once every manager has been stopped: from then on
   // no core thread may call into the interpreter.

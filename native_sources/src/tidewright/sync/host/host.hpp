@@ -119,6 +119,9 @@ class Host {
 
   // True once the host is shutting down: no further calls should be made.
   virtual bool shutting_down() = 0;
+  // True when the calling thread holds the host's interpreter lock, so that
+  // another thread calling into the host would wait for this one.
+  virtual bool holds_host_lock() { return false; }
 };
 
 // The process-wide host. set_host() is called once at load (and by tests).

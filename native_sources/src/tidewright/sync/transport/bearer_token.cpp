@@ -66,6 +66,21 @@ void run_token_call(const std::shared_ptr<TokenCall>& call, const HostRef& provi
   call->cv.notify_all();
 }
 
+Host::TokenAnswer ask_on_helper_thread(const HostRef& provider) {
+  auto call = std::make_shared<TokenCall>();
+  call->thread = OwnedThread([call, provider] { run_token_call(call, provider); });
+
+  std::unique_lock<std::mutex> lock(call->mu);
+  while (!call->cv.wait_for(lock, STOP_CHECK_INTERVAL, [&] { return call->done; })) {
+    lock.unlock();
+    const bool stop = sync_backoff_stop_requested();
+    lock.lock();
+    if (stop && !call->done) throw SyncBackoffCancelled("bearer token request cancelled: stop requested");
+  }
+  if (call->error) std::rethrow_exception(call->error);
+  return std::move(call->answer);
+}
+
 }  // namespace
 
 void check_bearer_token(std::string_view token) {
@@ -87,20 +102,10 @@ void check_bearer_token(std::string_view token) {
 
 std::string fetch_bearer_token(const HostRef& provider) {
   if (sync_backoff_stop_requested()) throw SyncBackoffCancelled("bearer token request cancelled: stop requested");
-  auto call = std::make_shared<TokenCall>();
-  call->thread = OwnedThread([call, provider] { run_token_call(call, provider); });
-
-  std::unique_lock<std::mutex> lock(call->mu);
-  while (!call->cv.wait_for(lock, STOP_CHECK_INTERVAL, [&] { return call->done; })) {
-    lock.unlock();
-    const bool stop = sync_backoff_stop_requested();
-    lock.lock();
-    if (stop && !call->done) throw SyncBackoffCancelled("bearer token request cancelled: stop requested");
-  }
-  if (call->error) std::rethrow_exception(call->error);
-  Host::TokenAnswer answer = std::move(call->answer);
-  lock.unlock();
-
+  // A caller holding the interpreter lock would keep the helper from ever
+  // running: it asks on its own thread (it could not be stopped anyway).
+  Host::TokenAnswer answer =
+      host().holds_host_lock() ? host().call_for_token(provider) : ask_on_helper_thread(provider);
   if (!answer.text) refuse("get_token " + answer.problem);
   check_bearer_token(*answer.text);
   return std::move(*answer.text);

@@ -24,8 +24,9 @@ void check_bearer_token(std::string_view token);
 // observes its stop requests (those of sync_backoff_stop_requested): a
 // provider that blocks cannot hold up a stop. The wait then ends with
 // SyncBackoffCancelled and the helper ends whenever the provider returns,
-// its answer discarded. An error raised by the provider passes through
-// unchanged.
+// its answer discarded. (A caller that holds the host's interpreter lock
+// asks on its own thread: the helper could not run before it lets go.) An
+// error raised by the provider passes through unchanged.
 std::string fetch_bearer_token(const HostRef& provider);
 
 }  // namespace tidewright::sync
