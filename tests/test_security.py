@@ -162,10 +162,10 @@ def test_an_unusable_token_is_refused_before_any_request(dataservice_factory, tm
     calls = {
         "sync": lambda: sync.SyncManager(str(tmp_path), svc.url, lambda: token).sync(),
     }
-    if token is not None:  # token=None is no token at all: a TypeError at construction
+    if isinstance(token, str):  # token= takes any value's str() (42 is "42"): only texts can be unusable
         calls["token argument"] = lambda: sync.SyncManager(str(tmp_path), svc.url, token=token).sync()
-    if isinstance(token, str) and "\udcff" not in token:  # the binding takes UTF-8 text only
-        calls["_http_get"] = lambda: sync._http_get(svc.url + "/data/manifest", token)
+        if "\udcff" not in token:  # the binding takes UTF-8 text only
+            calls["_http_get"] = lambda: sync._http_get(svc.url + "/data/manifest", token)
     for name, call in calls.items():
         with pytest.raises(tidewright.auth.AuthError, match="nothing was sent") as info:
             call()

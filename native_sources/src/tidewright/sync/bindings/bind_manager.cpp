@@ -67,10 +67,10 @@ class VerifyResult:
 
 
 def _constant_token_provider(token):
-    # Handed over as given: a token that is not a str is refused at the
-    # first request, not sent as its str() ("Bearer None").
+    text = str(token)
+
     def get_token():
-        return token
+        return text
 
     return get_token
 )PY";
