@@ -57,12 +57,14 @@ EXIT_TERMINATED = 143
 EXIT_CODES = {
     EXIT_OK: "ok",
     EXIT_OTHER: "other error",
-    EXIT_USAGE: "usage: bad arguments, or a data directory that is missing or not writable",
-    EXIT_AUTH: "authentication: no token, or the service refused it",
+    EXIT_USAGE: "usage: bad arguments, or a data directory that is missing, unreachable or not writable",
+    EXIT_AUTH: "authentication: no token, an unusable one (a line break in it), or the service refused it",
     EXIT_UNAVAILABLE: "the data service is unreachable or unavailable",
-    EXIT_INTEGRITY: "integrity: local files are corrupt or missing, or downloads kept failing verification",
+    EXIT_INTEGRITY: "integrity: local files are corrupt or missing, or downloads kept failing verification or "
+                    "ending short",
     EXIT_DISK_SPACE: "not enough disk space",
-    EXIT_ERA: "era or manifest: no local manifest, another era, or an inconsistent manifest",
+    EXIT_ERA: "era or manifest: no local manifest, another era, an inconsistent manifest, or a service that keeps "
+              "answering wrongly (refused ranges, redirect loops)",
     EXIT_INTERRUPTED: "interrupted (Ctrl-C)",
     EXIT_STDOUT_CLOSED: "standard output was closed (e.g. piped into head); nothing else went wrong",
     EXIT_TERMINATED: "terminated (SIGTERM)",
@@ -458,8 +460,7 @@ class OutageWatch(logging.Handler):
                         "endpoint", "file", "status", "error_code", "failures", "reason", "dependency", "recovery")
                         if event.get(k) not in (None, "", [])})
                 else:
-                    self.last_outage.setdefault("file", event.get("file"))
-                    self.last_outage.setdefault("reason", reason)
+                    self.last_outage.update(file=event.get("file"), reason=reason)
             else:
                 self.fault_since = self.fault_since or now
                 self.last_fault = {"file": event.get("file"), "reason": reason}
@@ -797,8 +798,9 @@ def gave_up_error(run: Run, server: str, kept: str) -> CliError:
     """What the engine kept retrying when the command gave up, checked with one request of our own."""
     watch = run.outage
     after = f"gave up after {human_seconds(watch.give_up_seconds or 0)} of retries"
-    hint_network = f"check --server and the network, then retry ({kept})"
-    operator = f"retry later; if it persists, tell the data service operator ({kept})"
+    kept = f" ({kept})" if run.progress is not None and run.progress.last is not None else ""
+    hint_network = f"check --server and the network, then retry{kept}"
+    operator = f"retry later; if it persists, tell the data service operator{kept}"
     if watch.gave_up == "fault":
         seen = dict(watch.last_fault)
         name = seen.get("file") or "a file"
