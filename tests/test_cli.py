@@ -315,3 +315,145 @@ def test_demo_syncs_verifies_and_summarises(tmp_path):
     assert out["verify"]["valid"] and out["bytes_downloaded"] > 64 * 1024
     assert out["resync"]["bytes_downloaded"] == 0
     assert (target / "manifest.json").exists()
+
+
+# -- hostile servers, odd command lines, closed outputs ----------------------------------------------------
+
+
+@pytest.fixture
+def one_feature(dataservice_factory):
+    svc = dataservice_factory(token=SECRET, features=1, found_signals=0, found_strategies=0, useful_signals=0)
+    return svc, next(p for p, e in svc.manifest()["files"].items() if e["kind"] == "feature")
+
+
+def self_redirect(svc, path):
+    return dict(kind="status", status=302, set_headers={"Location": svc.url + path})
+
+
+@pytest.mark.parametrize("where, fault, code, words", [
+    ("file", lambda svc, path: dict(kind="status", status=416), cli.EXIT_ERA, "HTTP 416"),
+    ("file", lambda svc, path: dict(kind="bad_content_range"), cli.EXIT_ERA, None),
+    ("file", self_redirect, cli.EXIT_ERA, "redirect (HTTP 302"),
+    ("manifest", self_redirect, cli.EXIT_ERA, "redirect (HTTP 302"),
+    ("file", lambda svc, path: dict(kind="status", status=503), cli.EXIT_UNAVAILABLE, "kept answering HTTP 503"),
+], ids=["range-refused", "wrong-content-range", "file-redirect-loop", "manifest-redirect-loop", "file-503"])
+def test_a_service_that_keeps_answering_wrongly_is_told_apart_from_an_unreachable_one(
+        one_feature, data_dir, monkeypatch, instant_backoff, where, fault, code, words):
+    svc, feature = one_feature
+    path = "/data/files/" + feature if where == "file" else "/data/manifest"
+    options = fault(svc, path)
+    svc.add_fault(path, options.pop("kind"), count=None, **options)
+    monkeypatch.setenv(cli.TOKEN_ENV, SECRET)
+    code_, out, err = run_json("sync", "--server", svc.url, "--data-dir", data_dir, "--give-up-after", "0")
+    assert code_ == code, err
+    assert out["error"]["kind"] == ("unavailable" if code == cli.EXIT_UNAVAILABLE else "era_manifest")
+    assert (feature if where == "file" else "/data/manifest") in err
+    assert words is None or words in err
+    assert "cannot reach" not in err and len(err.strip().splitlines()) == 1
+    assert not (data_dir / "manifest.json").exists()
+
+
+@pytest.mark.parametrize("status", [401, 403])
+def test_a_service_refusing_everything_is_an_authentication_failure(service, data_dir, monkeypatch, status):
+    service.add_fault("*", "status", status=status, count=None)
+    monkeypatch.setenv(cli.TOKEN_ENV, SECRET)
+    code, out, err = run_json("sync", "--server", service.url, "--data-dir", data_dir)
+    assert code == cli.EXIT_AUTH and out["error"]["kind"] == "auth"
+    assert f"HTTP {status}" in err and len(err.strip().splitlines()) == 1
+
+
+@pytest.mark.parametrize("extra_files, named", [
+    ({"pa": ("misc", b"x"), "pa.tmp/b": ("misc", b"y")}, "pa.tmp"),
+    ({"q/r": ("misc", b"x"), "q": ("misc", b"y")}, "q"),
+    ({"n" * 253: ("misc", b"x")}, "n" * 253),
+], ids=["staging-name-taken-by-a-directory", "file-and-directory-of-one-name", "name-too-long"])
+def test_manifest_paths_the_directory_cannot_hold_are_a_manifest_problem(dataservice_factory, data_dir,
+                                                                        monkeypatch, extra_files, named):
+    svc = dataservice_factory(token=SECRET, features=1, extra_files=extra_files)
+    monkeypatch.setenv(cli.TOKEN_ENV, SECRET)
+    code, out, err = run_json("sync", "--server", svc.url, "--data-dir", data_dir)
+    assert code == cli.EXIT_ERA, err
+    assert named in out["error"]["path"] and "manifest lists a path" in err
+    assert "Traceback" not in err and len(err.strip().splitlines()) == 1
+    assert not (data_dir / "manifest.json").exists()
+
+
+@pytest.mark.parametrize("argv", [
+    ["sync", "--no-such-option"],
+    ["no-such-command"],
+    ["sync", "--give-up-after", "nan"],
+    ["sync", "--give-up-after", "-5"],
+    ["sync", "--give-up-after", "inf"],
+    ["sync", "--concurrency", "0"],
+])
+def test_usage_errors_are_reported_as_json_too(argv, data_dir):
+    code, out, err = run_json(*argv, "--data-dir", data_dir)
+    assert code == cli.EXIT_USAGE
+    assert out["ok"] is False and out["exit_code"] == cli.EXIT_USAGE and out["error"]["kind"] == "usage"
+    assert out["error"]["message"] in err and "usage:" in err
+
+
+def test_a_data_directory_behind_an_unsearchable_parent_is_not_called_missing(tmp_path, monkeypatch):
+    # As root the kernel lets every search through; the answer a user gets is made here.
+    hidden = tmp_path / "locked" / "data"
+    real_stat = os.stat
+
+    def stat(path, *args, **kwargs):
+        if os.fspath(path) == str(hidden):
+            raise PermissionError(13, "Permission denied", str(hidden))
+        return real_stat(path, *args, **kwargs)
+
+    monkeypatch.setattr(cli.os, "stat", stat)
+    code, out, err = run_json("verify", "--data-dir", hidden)
+    assert code == cli.EXIT_USAGE
+    assert "permission denied" in err and "does not exist" not in err
+
+
+@pytest.mark.parametrize("argv", [["status"], ["status", "--json"]], ids=["human", "json"])
+@pytest.mark.parametrize("closed", ["pipe", "descriptor"])
+def test_a_closed_stdout_ends_the_command_quietly(data_dir, argv, closed):
+    read_end, write_end = os.pipe()
+    os.close(read_end)  # whoever was to read has gone, as with "| head -0"
+    try:
+        proc = subprocess.Popen([sys.executable, "-m", "tidewright.cli", *argv, "--data-dir", str(data_dir)],
+                                stdout=write_end, stderr=subprocess.PIPE, text=True,
+                                preexec_fn=(lambda: os.close(1)) if closed == "descriptor" else None)
+    finally:
+        os.close(write_end)
+    _, err = proc.communicate(timeout=120)
+    assert proc.returncode == cli.EXIT_STDOUT_CLOSED and err == ""
+
+
+def test_at_default_verbosity_a_failure_is_one_line_of_words(dataservice_factory, data_dir, monkeypatch):
+    svc = dataservice_factory(token=SECRET)
+    # The outage report is a warning-level sync event when the service asks for an operator.
+    svc.add_fault("/data/manifest/version", "status", status=503, count=None, recovery="operator_fix_required")
+    monkeypatch.setenv(cli.TOKEN_ENV, SECRET)
+    for verbosity, events_shown in (([], False), (["-v"], True)):
+        code, _, err = run_cli("sync", "--server", svc.url, "--data-dir", data_dir, "--give-up-after", "0",
+                               *verbosity)
+        assert code == cli.EXIT_UNAVAILABLE and err.strip().splitlines()[-1].startswith("tidewright-sync: ")
+        assert ("tidewright_sync_event" in err) == events_shown, err
+        assert len(err.strip().splitlines()) == 1 or events_shown
+
+
+def test_json_output_is_strict_even_for_a_manifest_with_nan(data_dir):
+    (data_dir / "manifest.json").write_text('{"era_number": NaN, "version": Infinity, "files": {}}')
+    code, out, _ = run_cli("status", "--data-dir", data_dir, "--json")
+    assert code == 0
+
+    def refuse(constant):
+        raise ValueError(f"not JSON: {constant}")
+
+    status = json.loads(out, parse_constant=refuse)
+    assert status["era_number"] is None and status["version"] is None
+
+
+@pytest.mark.parametrize("content", [SECRET + "\nsecond-line\n", SECRET + "\r\n" + SECRET + "\n", SECRET + "\0\n"])
+def test_a_token_file_with_more_than_the_token_is_refused_before_any_request(service, data_dir, tmp_path, content):
+    token_file = tmp_path / "token"
+    token_file.write_text(content)
+    code, out, err = run_json("sync", "--server", service.url, "--data-dir", data_dir, "--token-file", token_file)
+    assert code == cli.EXIT_AUTH and out["error"]["kind"] == "auth"
+    assert str(token_file) in err and "one line" in err
+    assert service.requests == []

@@ -10,7 +10,8 @@ import subprocess
 import pytest
 
 import tidewright.sync as sync
-from sync_helpers import assert_in_step, file_requests, local_bytes, manager, request_budget, tmp_files
+from sync_helpers import BIG, assert_in_step, file_requests, local_bytes, manager, range_starts, request_budget, tmp_files
+from tidewright.sync_backoff import SyncBackoffCancelled, backoff_context
 
 pytestmark = [pytest.mark.skipif(os.geteuid() != 0, reason="mounting a tmpfs needs root"),
               pytest.mark.usefixtures("instant_backoff")]
@@ -128,3 +129,30 @@ def test_a_disk_that_is_full_when_the_sync_commits_keeps_the_previous_manifest(d
         m.sync()
     assert_in_step(svc, small_disk.data_dir)
     assert m.get_manifest().version == 2
+
+
+def test_an_interrupted_download_resumes_where_the_disk_holds_only_what_is_left_to_fetch(
+        dataservice_factory, small_disk):
+    small_disk.resize("4m")
+    svc = dataservice_factory(features=1, large_file_bytes=3 * MIB)
+    staging = small_disk.data_dir / (BIG + ".tmp")
+    svc.add_fault("/data/files/" + BIG, "stall", after_bytes=2 * MIB + 12345)
+    m = manager(svc, small_disk.data_dir, sync_http_chunk_bytes=16 * MIB)
+    stalled = lambda: staging.exists() and staging.stat().st_size >= 2 * MIB + 12345  # noqa: E731
+    with backoff_context(stop_requested=stalled), pytest.raises(SyncBackoffCancelled):
+        m.sync()
+    staged = staging.stat().st_size
+
+    # Room for the rest of the file and the small ones, not for the whole file.
+    stat = os.statvfs(small_disk.mount)
+    room = 3 * MIB - staged + 256 * 1024
+    with open(small_disk.ballast, "wb") as handle:
+        handle.truncate(0)
+        handle.write(b"\0" * (stat.f_bavail * stat.f_frsize - room))
+    svc.clear_requests()
+    with request_budget(svc):
+        result = m.sync()
+    assert_in_step(svc, small_disk.data_dir)
+    assert range_starts(svc, BIG) == [staged]
+    assert result.bytes_downloaded < 3 * MIB - staged + 256 * 1024
+

@@ -140,6 +140,100 @@ def test_the_cli_never_prints_the_token(dataservice_factory, tmp_path, monkeypat
         assert SECRET not in record_text(record)
 
 
+# -- what a token may be ------------------------------------------------------------
+
+UNUSABLE_TOKENS = {
+    "crlf-header": SECRET + "\r\nX-Injected: 1",
+    "second-line": SECRET + "\nsecond-line-of-the-file",
+    "nul": SECRET + "\0tail",
+    "c1-control": SECRET + "\x85",
+    "tab": SECRET + "\t",
+    "empty": "",
+    "none": None,
+    "int": 42,
+    "bytes": SECRET.encode(),
+    "surrogate": SECRET + "\udcff",
+}
+
+
+@pytest.mark.parametrize("token", UNUSABLE_TOKENS.values(), ids=UNUSABLE_TOKENS.keys())
+def test_an_unusable_token_is_refused_before_any_request(dataservice_factory, tmp_path, token):
+    svc = dataservice_factory(token=SECRET)
+    calls = {
+        "sync": lambda: sync.SyncManager(str(tmp_path), svc.url, lambda: token).sync(),
+    }
+    if isinstance(token, str):  # token= takes any value's str() (42 is "42"): only texts can be unusable
+        calls["token argument"] = lambda: sync.SyncManager(str(tmp_path), svc.url, token=token).sync()
+        if "\udcff" not in token:  # the binding takes UTF-8 text only
+            calls["_http_get"] = lambda: sync._http_get(svc.url + "/data/manifest", token)
+    for name, call in calls.items():
+        with pytest.raises(tidewright.auth.AuthError, match="nothing was sent") as info:
+            call()
+        assert SECRET not in error_text(info.value), name
+    sync.SyncManager(str(tmp_path), svc.url, lambda: token).needs_sync()  # answers without asking the service
+    assert svc.requests == []
+    assert not (tmp_path / "manifest.json").exists()
+
+
+def test_the_era_thread_sends_no_request_with_an_unusable_token(dataservice_factory, tmp_path, all_records):
+    svc = dataservice_factory(token=SECRET)
+    thread = sync.EraThread(svc.url, lambda: SECRET + "\nX-Injected: 1", manager(svc, tmp_path),
+                            era_poll_interval_s=3600)
+    thread._poll_once()
+    assert svc.requests == []
+    assert any("Era poll failed" in r.getMessage() for r in all_records)
+    for record in all_records:
+        assert SECRET not in record_text(record)
+
+
+def test_a_token_provider_that_blocks_holds_up_neither_stop_nor_a_cancelled_sync(dataservice_factory, tmp_path):
+    svc = dataservice_factory(token=SECRET)
+    asked, answer = threading.Semaphore(0), threading.Event()
+
+    def get_token():
+        asked.release()
+        answer.wait(120)
+        return SECRET
+
+    def in_thread(fn):
+        outcome = {}
+
+        def run():
+            try:
+                outcome["value"] = fn()
+            except BaseException as exc:  # noqa: BLE001 - handed to the test
+                outcome["error"] = exc
+
+        worker = threading.Thread(target=run, daemon=True)
+        worker.start()
+        return worker, outcome
+
+    try:
+        m = sync.SyncManager.get_or_create(str(tmp_path), svc.url, get_token)
+        m.acquire()  # the poll and era threads ask for a token and wait for it
+        assert asked.acquire(timeout=60)
+        stopper, _ = in_thread(m.release)
+        stopper.join(30)  # a hang guard: the release takes a moment
+        assert not stopper.is_alive(), "release() waited for the token provider"
+        assert not m.is_alive()
+
+        stop = threading.Event()
+
+        def cancellable_sync():
+            with backoff_context(stop_requested=stop.is_set):
+                return sync.SyncManager(str(tmp_path), svc.url, get_token).sync()
+
+        syncing, outcome = in_thread(cancellable_sync)
+        assert asked.acquire(timeout=60)
+        stop.set()
+        syncing.join(30)
+        assert not syncing.is_alive(), "sync() waited for the token provider after a stop request"
+        assert isinstance(outcome.get("error"), SyncBackoffCancelled)
+    finally:
+        answer.set()
+    assert svc.requests == []
+
+
 # -- the token never on a command line --------------------------------------------
 
 CURL_WRAPPER = """#!{python}

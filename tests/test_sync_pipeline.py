@@ -12,8 +12,8 @@ import pytest
 
 import tidewright.auth
 import tidewright.sync as sync
-from sync_helpers import (BIG, BIG_BYTES, FEATURE, FOUND_PNL, FOUND_PNL_KINDS, assert_in_step, file_requests,
-                          local_bytes, manager, request_budget, requested_paths, tmp_files)
+from sync_helpers import (BIG, BIG_BYTES, FEATURE, FOUND_PNL, FOUND_PNL_KINDS, assert_in_step, body_bytes_served,
+                          file_requests, local_bytes, manager, request_budget, requested_paths, tmp_files)
 from tools.dataservice import DataService
 
 pytestmark = pytest.mark.usefixtures("instant_backoff")
@@ -106,6 +106,31 @@ def test_verify_finds_missing_and_corrupted_files_and_repair_restores_them(datas
     svc.clear_requests()
     m.sync()
     assert [r.path for r in svc.requests] == ["/data/manifest/version"]
+
+
+def test_a_resumed_download_counts_only_the_bytes_this_sync_fetched(dataservice_factory, tmp_path):
+    svc = dataservice_factory(features=1, large_file_bytes=BIG_BYTES)
+    staged = svc.file_bytes(None, BIG)[:BIG_BYTES // 2 + 7]  # left by an interrupted sync
+    (tmp_path / BIG).parent.mkdir(parents=True)
+    (tmp_path / (BIG + ".tmp")).write_bytes(staged)
+    files = svc.manifest()["files"]
+
+    result = manager(svc, tmp_path).sync()
+
+    assert_in_step(svc, tmp_path)
+    assert body_bytes_served(svc, BIG) == BIG_BYTES - len(staged)
+    vocabularies = [p for p in files if p.startswith("named_universes/")]
+    everything = sum(e["size_bytes"] for p, e in files.items() if p not in vocabularies)
+    assert result.bytes_downloaded == everything - len(staged)
+
+
+def test_verify_without_a_manifest_says_it_had_nothing_to_check(dataservice, tmp_path):
+    m = manager(dataservice, tmp_path)
+    empty = m.verify()
+    assert (empty.valid, empty.corrupted_files, empty.missing_files, empty.has_manifest) == (True, [], [], False)
+    assert empty == sync.VerifyResult()
+    m.sync()
+    assert m.verify().has_manifest
 
 
 def test_download_set_larger_than_free_space_fails_before_any_file_request(dataservice_factory, tmp_path):
@@ -261,6 +286,30 @@ def test_found_pnl_missing_from_storage_is_excluded_until_the_manifest_changes(d
     result = m.sync()
     assert FOUND_PNL in result.found_pnl_paths_downloaded
     assert_in_step(dataservice, tmp_path)
+
+
+def test_many_found_pnl_files_missing_from_storage_cost_one_more_manifest_fetch(dataservice_factory, tmp_path,
+                                                                                  caplog):
+    # Storage lost 400 of the 401 found PnL files. One pass meets them all;
+    # the next fetches the manifest once more without them.
+    svc = dataservice_factory(features=2, found_signals=400, found_strategies=1, pnl_bytes=16)
+    svc.add_fault("/data/files/found_signals/*", "status", status=404, count=None)
+    files = svc.manifest()["files"]
+    lost = {p for p in files if p.startswith("found_signals/")}
+    caplog.set_level(logging.WARNING, logger="tidewright.sync")
+
+    with request_budget(svc, limit=5000):
+        result = manager(svc, tmp_path, sync_max_concurrency=4).sync()
+
+    assert len(svc.requests_for("/data/manifest")) == 2
+    assert len(file_requests(svc)) < 2 * len(files)  # each lost file was asked for once
+    assert len([r for r in caplog.records if "excluding stale membership entry" in r.getMessage()]) == 1
+    local = json.loads(local_bytes(tmp_path, "manifest.json"))
+    index = local_bytes(tmp_path, local["signals_index"]).decode()
+    assert lost.isdisjoint(local["files"]) and not any(path in index for path in lost)
+    assert result.found_pnl_paths_downloaded == ("found_strategies/pool_a/strat0000/strategy_is/pnl.arrow",)
+    assert result.features_downloaded == 2
+    assert tmp_files(tmp_path) == []
 
 
 def test_orphan_staging_files_are_removed_by_later_no_op_syncs(dataservice, tmp_path):

@@ -172,7 +172,22 @@ TEST(SyncProgress, TotalsOfHugeSizesSaturateInsteadOfWrappingAround) {
   EXPECT_EQ(progress["total_bytes"], INT64_MAX);
   DownloadSet set;
   for (const auto& kv : files) set.emplace_back(std::string(kv.key()), kv.value().as_object());
-  EXPECT_THROW(require_disk_space(set, 1LL << 40, siblings), DiskSpaceError);
+  TempDir dir;
+  EXPECT_THROW(require_disk_space(dir.path(), set, 1LL << 40, siblings), DiskSpaceError);
+}
+
+TEST(DiskSpace, StagedBytesThatWillBeResumedAreNotNeededAgain) {
+  TempDir dir;
+  DownloadSet set;
+  set.emplace_back("a.arrow", parse_json(R"({"size_bytes": 100})").as_object());
+  set.emplace_back("b.arrow", parse_json(R"({"size_bytes": 10})").as_object());
+  set.emplace_back("c.arrow", parse_json(R"({"size_bytes": 10})").as_object());
+  ManifestSiblings siblings = default_manifest_siblings();
+  write_plain(dir / "a.arrow.tmp", std::string(70, 'a'));  // resumes: 30 left
+  write_plain(dir / "b.arrow.tmp", std::string(50, 'b'));  // longer than the file: starts over
+  fs::create_directory(dir / "c.arrow.tmp");               // not a staging file: starts over
+  EXPECT_EQ(require_disk_space(dir.path(), set, 50, siblings), 30 + 10 + 10);
+  EXPECT_THROW(require_disk_space(dir.path(), set, 49, siblings), DiskSpaceError);
 }
 
 TEST(ManifestFiles, HintMatchesOnlyTheManifestTheSideFileWasWrittenFor) {

@@ -18,7 +18,12 @@ __all__ = ["RuntimeFreshnessGuard", "SyncResult", "VerifyResult"]
 
 @dataclasses.dataclass
 class SyncResult:
-    """Result of a sync operation."""
+    """Result of a sync operation.
+
+    ``bytes_downloaded`` counts the bytes fetched from the data service by
+    this call: a download resumed from a staging file that an earlier run
+    left counts only the rest of the file.
+    """
 
     features_downloaded: int = 0
     useful_signals_downloaded: int = 0
@@ -47,11 +52,17 @@ class SyncResult:
 
 @dataclasses.dataclass
 class VerifyResult:
-    """Result of a verify operation."""
+    """Result of a verify operation.
+
+    ``has_manifest`` is False when the data directory held no manifest to
+    verify against: nothing was checked, and ``valid`` is True only in the
+    sense that nothing was found wrong. It takes no part in comparisons.
+    """
 
     valid: bool = True
     corrupted_files: list[str] = dataclasses.field(default_factory=list)
     missing_files: list[str] = dataclasses.field(default_factory=list)
+    has_manifest: bool = dataclasses.field(default=True, compare=False)
 
 
 class RuntimeFreshnessGuard(Protocol):

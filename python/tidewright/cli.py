@@ -26,9 +26,11 @@ import contextlib
 import errno
 import json
 import logging
+import math
 import os
 import re
 import signal
+import stat
 import sys
 import tempfile
 import threading
@@ -49,25 +51,29 @@ EXIT_INTEGRITY = 5
 EXIT_DISK_SPACE = 6
 EXIT_ERA = 7
 EXIT_INTERRUPTED = 130
+EXIT_STDOUT_CLOSED = 141  # as a program ended by SIGPIPE
 EXIT_TERMINATED = 143
 
 EXIT_CODES = {
     EXIT_OK: "ok",
     EXIT_OTHER: "other error",
-    EXIT_USAGE: "usage: bad arguments, or a data directory that is missing or not writable",
-    EXIT_AUTH: "authentication: no token, or the service refused it",
+    EXIT_USAGE: "usage: bad arguments, or a data directory that is missing, unreachable or not writable",
+    EXIT_AUTH: "authentication: no token, an unusable one (a line break in it), or the service refused it",
     EXIT_UNAVAILABLE: "the data service is unreachable or unavailable",
-    EXIT_INTEGRITY: "integrity: local files are corrupt or missing, or downloads kept failing verification",
+    EXIT_INTEGRITY: "integrity: local files are corrupt or missing, or downloads kept failing verification or "
+                    "ending short",
     EXIT_DISK_SPACE: "not enough disk space",
-    EXIT_ERA: "era or manifest: no local manifest, another era, or an inconsistent manifest",
+    EXIT_ERA: "era or manifest: no local manifest, another era, an inconsistent manifest, or a service that keeps "
+              "answering wrongly (refused ranges, redirect loops)",
     EXIT_INTERRUPTED: "interrupted (Ctrl-C)",
+    EXIT_STDOUT_CLOSED: "standard output was closed (e.g. piped into head); nothing else went wrong",
     EXIT_TERMINATED: "terminated (SIGTERM)",
 }
 
 _KIND_BY_CODE = {
     EXIT_OTHER: "other", EXIT_USAGE: "usage", EXIT_AUTH: "auth", EXIT_UNAVAILABLE: "unavailable",
     EXIT_INTEGRITY: "integrity", EXIT_DISK_SPACE: "disk_space", EXIT_ERA: "era_manifest",
-    EXIT_INTERRUPTED: "interrupted", EXIT_TERMINATED: "terminated",
+    EXIT_INTERRUPTED: "interrupted", EXIT_STDOUT_CLOSED: "stdout_closed", EXIT_TERMINATED: "terminated",
 }
 
 # After a stop request the engine ends transfers and backoff waits within
@@ -108,6 +114,26 @@ class _Terminate(BaseException):
     """Raised in the main thread by the SIGTERM handler of the console entry point."""
 
 
+class StdoutClosed(Exception):
+    """Standard output went away (a closed pipe): the command ends quietly."""
+
+
+class UsageError(Exception):
+    """A command line that argparse refused; ``parser`` is the (sub)parser that did."""
+
+    def __init__(self, parser: argparse.ArgumentParser, message: str) -> None:
+        super().__init__(message)
+        self.parser = parser
+        self.message = message
+
+
+class _Parser(argparse.ArgumentParser):
+    """Raises UsageError instead of printing and exiting, so that ``--json`` can report it."""
+
+    def error(self, message: str):  # noqa: D102 - argparse hook
+        raise UsageError(self, message)
+
+
 # -- formatting ------------------------------------------------------------------
 
 def human_bytes(n: float) -> str:
@@ -143,6 +169,17 @@ def parse_size(text: str) -> int:
     return value
 
 
+def give_up_seconds(text: str) -> float:
+    """A finite, non-negative number of seconds (``nan`` would never give up)."""
+    try:
+        value = float(text)
+    except ValueError:
+        raise argparse.ArgumentTypeError(f"not a number of seconds: {text!r}") from None
+    if not math.isfinite(value) or value < 0:
+        raise argparse.ArgumentTypeError(f"must be a finite number of seconds, 0 or more: {text!r}")
+    return value
+
+
 def positive_int(text: str) -> int:
     try:
         value = int(text)
@@ -154,11 +191,16 @@ def positive_int(text: str) -> int:
 
 
 class Console:
-    """stdout/stderr writer that never lets a secret through."""
+    """stdout/stderr writer that never lets a secret through.
 
-    def __init__(self, out: TextIO, err: TextIO) -> None:
+    A closed stdout (``| head``, ``>&-``) raises StdoutClosed at the first
+    write; later writes are dropped.
+    """
+
+    def __init__(self, out: TextIO | None, err: TextIO | None) -> None:
         self.out = out
-        self.err = err
+        self.err = err if err is not None else open(os.devnull, "w")  # noqa: SIM115 - lives as long as the run
+        self.out_closed = False
         self._secrets: list[str] = []
         self.lock = threading.Lock()
 
@@ -173,8 +215,21 @@ class Console:
 
     def print(self, text: str = "") -> None:
         with self.lock:
-            self.out.write(self.redact(text) + "\n")
-            self.out.flush()
+            if self.out_closed:
+                return
+            try:
+                if self.out is None:  # started with stdout closed (>&-)
+                    raise BrokenPipeError(errno.EBADF, "standard output is closed")
+                self.out.write(self.redact(text) + "\n")
+                self.out.flush()
+            except (BrokenPipeError, ValueError) as exc:  # ValueError: the stream was closed in-process
+                self.out_closed = True
+                raise StdoutClosed() from exc
+            except OSError as exc:
+                if exc.errno != errno.EPIPE:
+                    raise
+                self.out_closed = True
+                raise StdoutClosed() from exc
 
     def error(self, text: str) -> None:
         with self.lock:
@@ -182,7 +237,18 @@ class Console:
             self.err.flush()
 
     def json(self, obj: dict) -> None:
-        self.print(json.dumps(obj, sort_keys=True, default=str))
+        self.print(json.dumps(json_safe(obj), sort_keys=True, default=str, allow_nan=False))
+
+
+def json_safe(value: Any) -> Any:
+    """``value`` with every NaN or infinity replaced by None: strict JSON for machines."""
+    if isinstance(value, float):
+        return value if math.isfinite(value) else None
+    if isinstance(value, dict):
+        return {key: json_safe(item) for key, item in value.items()}
+    if isinstance(value, (list, tuple)):
+        return [json_safe(item) for item in value]
+    return value
 
 
 class _LogStream:
@@ -200,6 +266,13 @@ class _LogStream:
 
     def flush(self) -> None:
         self._run.console.err.flush()
+
+
+class _NoSyncEvents(logging.Filter):
+    """Keeps the engine's structured events (raw JSON) off the default output."""
+
+    def filter(self, record: logging.LogRecord) -> bool:
+        return not hasattr(record, "tidewright_sync_event")
 
 
 class _RedactingFormatter(logging.Formatter):
@@ -224,10 +297,10 @@ class Progress:
     _PLAIN_LINE_INTERVAL_SECONDS = 5.0
 
     def __init__(self, stream: TextIO, *, show: bool, use_tqdm: bool = True,
-                 on_bytes: Callable[[], None] | None = None) -> None:
+                 on_report: Callable[[dict, dict | None], None] | None = None) -> None:
         self.stream = stream
         self.show = show
-        self.on_bytes = on_bytes
+        self.on_report = on_report
         self._lock = threading.Lock()
         self._bar = None
         self._plain_open = False
@@ -256,9 +329,8 @@ class Progress:
             return  # bytes outside a download batch (single-file repairs): no totals to show
         running = self.last is not None and not self.last.get("done")
         starting = not running or r.get("phase") != self.last.get("phase")
-        previous = int((self.last or {}).get("bytes_done") or 0)
-        if self.on_bytes is not None and int(r.get("bytes_done") or 0) > previous:
-            self.on_bytes()
+        if self.on_report is not None:
+            self.on_report(r, self.last if running else None)
         self.last = r
         if r.get("done") and running:
             self.files_downloaded += int(r.get("files_done") or 0)
@@ -339,48 +411,82 @@ class Progress:
 # -- watching the engine's sync events -------------------------------------------------
 
 class OutageWatch(logging.Handler):
-    """Follows the engine's sync events to learn when the service is unreachable.
+    """Follows the engine's sync events to learn when retrying has stopped helping.
 
-    The engine retries an unreachable service forever; a one-shot command
-    asks it to stop (through the backoff context) once an outage has lasted
-    ``give_up_seconds``, and then reports what the engine last saw.
+    The engine retries without limit both a service it cannot reach
+    (network failures, transient statuses: an *outage*) and downloads that
+    the service keeps answering unusably (a refused range, a body that ends
+    short, a Content-Range for other bytes: a *fault*). A one-shot command
+    asks it to stop (through the backoff context) once either has lasted
+    ``give_up_seconds``, then reports what the engine last saw. Arriving
+    bytes end an outage; a completed file ends a fault.
     """
 
-    _OUTAGE_EVENTS = frozenset({"sync_unavailable_status", "http_retry", "sync_backoff_wait"})
-    _NOT_OUTAGES = frozenset({"sha256_mismatch"})  # backoff reasons that say nothing about reachability
+    _OUTAGE_EVENTS = frozenset({"sync_unavailable_status", "http_retry"})
+    # Failure classes of an exchange that did not complete: network trouble.
+    _NETWORK_FAILURES = frozenset({"URLError", "RemoteDisconnected", "ConnectionResetError", "IncompleteRead",
+                                   "BadStatusLine", "TimeoutError", "ConnectionError", "SyncUnavailableError"})
+    _NOT_FAILURES = frozenset({"sha256_mismatch"})  # ends by itself after a few repairs (IntegrityError)
 
     def __init__(self, give_up_seconds: float | None) -> None:
         super().__init__(logging.DEBUG)
         self.give_up_seconds = give_up_seconds
         self.outage_since: float | None = None
         self.last_outage: dict = {}
-        self.gave_up = False
+        self.fault_since: float | None = None
+        self.last_fault: dict = {}
+        self._refused_ranges: dict[str, dict] = {}  # file -> the last "range_resume_reset" for HTTP 416
+        self.gave_up: str | None = None  # "outage" or "fault" once given up
 
     def emit(self, record: logging.LogRecord) -> None:
         event = getattr(record, "tidewright_sync_event", None)
         if not isinstance(event, dict):
             return
-        kind = event.get("event_type")
-        if kind in self._OUTAGE_EVENTS and event.get("reason") not in self._NOT_OUTAGES:
-            if self.outage_since is None:
-                self.outage_since = time.monotonic()
-            if kind != "sync_backoff_wait":
-                self.last_outage.update({k: event.get(k) for k in (
-                    "endpoint", "file", "status", "error_code", "failures", "reason", "dependency", "recovery")
-                    if event.get(k) not in (None, "", [])})
+        kind, reason = event.get("event_type"), event.get("reason")
+        if kind == "range_resume_reset" and reason == "http_416":
+            self._refused_ranges[str(event.get("file"))] = event
         elif kind == "sync_recovered_status":
             self.outage_since = None
+        elif kind in self._OUTAGE_EVENTS or (kind == "sync_backoff_wait" and reason not in self._NOT_FAILURES):
+            now = time.monotonic()
+            # The request loop retries only network failures and transient
+            # statuses ("http_503"); a download also retries what it got wrong.
+            outage = (kind != "sync_backoff_wait" or reason in self._NETWORK_FAILURES
+                      or str(reason).startswith("http_"))
+            if outage:
+                self.outage_since = self.outage_since or now
+                if kind != "sync_backoff_wait":
+                    self.last_outage.update({k: event.get(k) for k in (
+                        "endpoint", "file", "status", "error_code", "failures", "reason", "dependency", "recovery")
+                        if event.get(k) not in (None, "", [])})
+                else:
+                    self.last_outage.update(file=event.get("file"), reason=reason)
+            else:
+                self.fault_since = self.fault_since or now
+                self.last_fault = {"file": event.get("file"), "reason": reason}
+                refused = self._refused_ranges.get(str(event.get("file")))
+                if refused is not None:
+                    self.last_fault.update(status=416, expected_size=refused.get("expected_size"),
+                                           range_start=refused.get("range_start"))
 
-    def data_flows(self) -> None:
-        """Bytes arrive again: downloads retried after a failure report no recovery event."""
-        self.outage_since = None
+    def progress(self, report: dict, previous: dict | None) -> None:
+        """A progress report of the engine: arriving bytes end an outage, a finished file a fault."""
+        previous = previous or {}
+        if int(report.get("bytes_done") or 0) > int(previous.get("bytes_done") or 0):
+            self.outage_since = None
+        if int(report.get("files_done") or 0) > int(previous.get("files_done") or 0):
+            self.fault_since = None
+            self._refused_ranges.clear()
 
     def should_give_up(self) -> bool:
-        if self.give_up_seconds is None or self.outage_since is None:
-            return False
-        if time.monotonic() - self.outage_since >= self.give_up_seconds:
-            self.gave_up = True
-        return self.gave_up
+        if self.gave_up or self.give_up_seconds is None:
+            return bool(self.gave_up)
+        now = time.monotonic()
+        if self.outage_since is not None and now - self.outage_since >= self.give_up_seconds:
+            self.gave_up = "outage"
+        elif self.fault_since is not None and now - self.fault_since >= self.give_up_seconds:
+            self.gave_up = "fault"
+        return bool(self.gave_up)
 
 
 # -- the run: options, manager, interruptible calls ---------------------------------------
@@ -410,6 +516,8 @@ class Run:
         logger.propagate = False
         handler = logging.StreamHandler(_LogStream(self))
         handler.setLevel(out_level if verbosity >= -1 else logging.CRITICAL)
+        if verbosity <= 0:
+            handler.addFilter(_NoSyncEvents())  # the failure is told once, in words, at the end
         handler.setFormatter(_RedactingFormatter(self.console))
         logger.addHandler(handler)
         logger.addHandler(self.outage)
@@ -451,6 +559,7 @@ class Run:
             token = os.environ.get(TOKEN_ENV, "").strip()
         if token:
             self.console.add_secret(token)
+            _check_token_text(token, args.token_file if self.token_override is None else None)
         elif required:
             raise CliError(EXIT_AUTH, "no token given",
                            f"pass --token-file FILE or set {TOKEN_ENV} (or --token TOKEN)")
@@ -461,13 +570,17 @@ class Run:
         path = self.args.data_dir
         if not path:
             raise CliError(EXIT_USAGE, "no data directory given", "pass --data-dir DIR")
-        if not os.path.exists(path):
-            raise CliError(EXIT_USAGE, f"the data directory {path} does not exist",
-                           f"create it (mkdir -p {path}) or pass another --data-dir")
-        if not os.path.isdir(path):
+        try:
+            mode = os.stat(path).st_mode
+        except OSError as exc:
+            raise _unusable_data_dir(path, exc) from None
+        if not stat.S_ISDIR(mode):
             raise CliError(EXIT_USAGE, f"{path} is not a directory", "pass a directory to --data-dir")
         if writable and not os.access(path, os.W_OK | os.X_OK):
             raise CliError(EXIT_USAGE, f"the data directory {path} is not writable",
+                           "fix its permissions or pass another --data-dir")
+        if not writable and not os.access(path, os.R_OK | os.X_OK):
+            raise CliError(EXIT_USAGE, f"the data directory {path} is not readable",
                            "fix its permissions or pass another --data-dir")
         return path
 
@@ -507,7 +620,7 @@ class Run:
             raise CliError(EXIT_USAGE, f"invalid settings: {exc}", "check --server, --market and the transport options"
                            ) from None
         show = not args.quiet and not args.no_progress and (args.progress or _isatty(self.console.err))
-        self.progress = Progress(self.console.err, show=show, on_bytes=self.outage.data_flows)
+        self.progress = Progress(self.console.err, show=show, on_report=self.outage.progress)
         manager.set_progress_callback(self.progress)
         return manager
 
@@ -556,6 +669,29 @@ class Run:
             raise Interrupted(EXIT_TERMINATED if isinstance(exc, _Terminate) else EXIT_INTERRUPTED) from None
 
 
+def _unusable_data_dir(path: str, exc: OSError) -> CliError:
+    """Why ``path`` cannot be reached, from the error of stat()ing it."""
+    if exc.errno == errno.ENOENT:
+        return CliError(EXIT_USAGE, f"the data directory {path} does not exist",
+                        f"create it (mkdir -p {path}) or pass another --data-dir")
+    if exc.errno == errno.EACCES:
+        return CliError(EXIT_USAGE, f"the data directory {path} cannot be reached: permission denied on a directory "
+                        "above it", "let this user search its parent directories (chmod +x) or pass another --data-dir")
+    if exc.errno == errno.ENOTDIR:
+        return CliError(EXIT_USAGE, f"the data directory {path} cannot exist: a part of its path is a file, not a "
+                        "directory", "pass a directory to --data-dir")
+    return CliError(EXIT_USAGE, f"the data directory {path} cannot be used ({exc.strerror})",
+                    "pass another --data-dir")
+
+
+def _check_token_text(token: str, token_file: str | None) -> None:
+    """A token with a line break or another control character is refused here, not sent (it is never printed)."""
+    if any(ord(c) < 0x20 or 0x7F <= ord(c) <= 0x9F for c in token):
+        where = f"the token file {token_file}" if token_file else "the token"
+        raise CliError(EXIT_AUTH, f"{where} holds more than the token: a line break or another control character",
+                       "put only the token in it, on one line" if token_file else "pass the token alone, on one line")
+
+
 def _isatty(stream: TextIO) -> bool:
     try:
         return bool(stream.isatty())
@@ -566,7 +702,7 @@ def _isatty(stream: TextIO) -> bool:
 # -- what went wrong, and what to do ------------------------------------------------------
 
 def classify(exc: BaseException, run: Run) -> CliError:
-    """Map an error of the engine (or its sibling modules) to a CliError."""
+    """Map an error of the engine (or its sibling modules) to a CliError, by its type and fields."""
     from tidewright import sync
     from tidewright.auth import AuthError
     from tidewright.sync_backoff import SyncBackoffCancelled
@@ -578,24 +714,16 @@ def classify(exc: BaseException, run: Run) -> CliError:
     server = getattr(args, "server", None) or "the data service"
     text = str(exc)
     kept = "partial downloads are kept and resume on the next sync"
-    downloading = run.progress is not None and run.progress.last is not None
+    operator = "retry later; if it persists, tell the data service operator"
 
     if isinstance(exc, SyncBackoffCancelled) and run.outage.gave_up:
-        seen = dict(run.outage.last_outage)
-        if seen.get("status"):
-            what = f"HTTP {seen['status']}" + (f" {seen['error_code']}" if seen.get("error_code") else "")
-            head = f"the data service at {server} kept answering {what}"
-        else:
-            seen["diagnosis"] = diagnose_connection(server)
-            head = f"cannot reach the data service at {server} ({seen['diagnosis']})"
-        hint = "check --server and the network, then retry" + (f" ({kept})" if downloading else "")
-        return CliError(EXIT_UNAVAILABLE, f"{head}; gave up after {human_seconds(run.outage.give_up_seconds or 0)}"
-                        " of retries", hint, details=seen)
+        return gave_up_error(run, server, kept)
     if isinstance(exc, AuthError):
         return CliError(EXIT_AUTH, f"the data service refused the token ({text})",
                         f"check the token given by --token-file or {TOKEN_ENV}, or get a new one")
     if isinstance(exc, sync.PermanentDownloadError) and exc.status in (401, 403):
-        return CliError(EXIT_AUTH, f"the data service refused access: {text}", "check the token and its permissions")
+        return CliError(EXIT_AUTH, f"the data service refused access (HTTP {exc.status}): {text}",
+                        "check the token and its permissions, or get a new one")
     if isinstance(exc, sync.SyncUnavailableError):
         parts = [f"server_error={exc.server_error_code}" if exc.server_error_code else "",
                  f"reason={exc.reason}" if exc.reason else ""]
@@ -616,17 +744,25 @@ def classify(exc: BaseException, run: Run) -> CliError:
                         "sync into a new --data-dir, or keep this one current with 'watch'")
     if isinstance(exc, (sync.ManifestError, sync.ManifestSupersededError)):
         return CliError(EXIT_ERA, f"the manifest could not be used: {text}", "retry in a moment")
+    if isinstance(exc, sync.PermanentDownloadError) and exc.file_path is None:
+        status = f"HTTP {exc.status}" if exc.status is not None else text
+        return CliError(EXIT_ERA, f"{server} did not serve a manifest ({status})",
+                        "check that --server is the data service's base URL and --market is right",
+                        details={"status": exc.status})
     if isinstance(exc, sync.PermanentDownloadError):
         return CliError(EXIT_ERA, f"the data service could not serve a listed file: {text}",
-                        "retry in a moment (the manifest may be changing)")
-    if isinstance(exc, sync.SyncError) and text.startswith("Failed to fetch manifest: HTTP"):
-        return CliError(EXIT_ERA, f"{server} did not serve a manifest ({text[len('Failed to fetch manifest: '):]})",
-                        "check that --server is the data service's base URL and --market is right")
+                        "retry in a moment (the manifest may be changing)",
+                        details={"file": exc.file_path, "status": exc.status})
+    if isinstance(exc, sync.SyncError):
+        # What is left of the family: answers of the service that contradict
+        # its manifest or the request (an artifact that does not validate, a
+        # range answered for other bytes).
+        return CliError(EXIT_ERA, f"the data service's answers could not be used: {text}", f"{operator}; {kept}")
+    if isinstance(exc, OSError) and exc.errno in (errno.EISDIR, errno.ENOTDIR, errno.ENAMETOOLONG):
+        return _path_conflict(exc, where)
     if isinstance(exc, PermissionError):
         return CliError(EXIT_USAGE, f"permission denied: {exc.filename or text}",
                         "fix the permissions of the data directory or pass another --data-dir")
-    if isinstance(exc, sync.SyncError):
-        return CliError(EXIT_OTHER, f"sync failed: {text}", f"retry; {kept}")
     if isinstance(exc, OSError):
         return CliError(EXIT_OTHER, f"{exc.strerror or text}" + (f": {exc.filename}" if exc.filename else ""),
                         "check the data directory")
@@ -635,6 +771,139 @@ def classify(exc: BaseException, run: Run) -> CliError:
         return CliError(EXIT_OTHER, f"this tidewright version is too old for the data service: {text}",
                         "upgrade the tidewright package")
     return CliError(EXIT_OTHER, f"{name}: {text}", "run again with -v for details")
+
+
+def _path_conflict(exc: OSError, where: str) -> CliError:
+    """A manifest path the data directory cannot hold (a file where a directory must be, or a name too long)."""
+    name = exc.filename or ""
+    if name and where and os.path.isabs(name):
+        try:
+            relative = os.path.relpath(name, os.path.abspath(where))
+            name = relative if not relative.startswith("..") else name
+        except ValueError:
+            pass
+    why = ("a name too long for this file system" if exc.errno == errno.ENAMETOOLONG
+           else "a file and a directory of the same name")
+    return CliError(EXIT_ERA, f"the manifest lists a path that cannot be stored in {where}: {name} "
+                    f"({exc.strerror}: {why})",
+                    "if what is in the way in the data directory is not the service's, move it away and sync again; "
+                    "otherwise tell the data service operator (nothing was replaced)",
+                    details={"path": name, "errno": exc.errno})
+
+
+_TRANSIENT_STATUSES = frozenset({408, 425, 429, 500, 502, 503, 504})
+
+
+def gave_up_error(run: Run, server: str, kept: str) -> CliError:
+    """What the engine kept retrying when the command gave up, checked with one request of our own."""
+    watch = run.outage
+    after = f"gave up after {human_seconds(watch.give_up_seconds or 0)} of retries"
+    kept = f" ({kept})" if run.progress is not None and run.progress.last is not None else ""
+    hint_network = f"check --server and the network, then retry{kept}"
+    operator = f"retry later; if it persists, tell the data service operator{kept}"
+    if watch.gave_up == "fault":
+        seen = dict(watch.last_fault)
+        name = seen.get("file") or "a file"
+        if seen.get("reason") == "partial_transfer":
+            return CliError(EXIT_INTEGRITY, f"downloads of {name} kept ending before the size the manifest lists; "
+                            f"{after}", operator, details=seen)
+        if seen.get("status") == 416:
+            size = seen.get("expected_size")
+            listed = f" (listed at {size} bytes)" if isinstance(size, int) and size >= 0 else ""
+            return CliError(EXIT_ERA, f"the data service at {server} kept refusing byte ranges of {name}{listed} "
+                            f"with HTTP 416; {after}", operator, details=seen)
+        seen["probe"] = probe = probe_http(_probe_url(server, name), range_header="bytes=0-0")
+        status = probe.get("status") if probe else None
+        if status in (401, 403):
+            status = None  # the probe carries no token: this says nothing about the engine's requests
+        if status in _TRANSIENT_STATUSES:
+            return CliError(EXIT_UNAVAILABLE, f"the data service at {server} kept answering HTTP {status} for {name}; "
+                            f"{after}", hint_network, details=seen)
+        redirect = _redirect_error(probe, server, name, after, operator, seen)
+        if redirect is not None:
+            return redirect
+        if status == 206 and not str(probe.get("content-range", "")).startswith("bytes 0-"):
+            return CliError(EXIT_ERA, f"the data service at {server} answers range requests for {name} with bytes "
+                            f"other than asked for (Content-Range: {probe.get('content-range') or 'none'}); {after}",
+                            operator, details=seen)
+        return CliError(EXIT_ERA, f"downloading {name} from {server} kept failing: the service answers, but not "
+                        f"with the file's bytes" + (f" (HTTP {status})" if status else "") + f"; {after}",
+                        operator, details=seen)
+
+    seen = dict(watch.last_outage)
+    if seen.get("status"):
+        what = f"HTTP {seen['status']}" + (f" {seen['error_code']}" if seen.get("error_code") else "")
+        return CliError(EXIT_UNAVAILABLE, f"the data service at {server} kept answering {what}; {after}",
+                        hint_network, details=seen)
+    seen["diagnosis"] = diagnose_connection(server)
+    if seen["diagnosis"].startswith("it accepts connections"):
+        # Connected, yet every exchange failed: see what the service answers.
+        seen["probe"] = probe = probe_http(_probe_url(server, seen.get("endpoint") or seen.get("file") or ""))
+        redirect = _redirect_error(probe, server, seen.get("endpoint") or seen.get("file") or "/", after, operator,
+                                   seen)
+        if redirect is not None:
+            return redirect
+    return CliError(EXIT_UNAVAILABLE, f"cannot reach the data service at {server} ({seen['diagnosis']}); {after}",
+                    hint_network, details=seen)
+
+
+def _redirect_error(probe: dict | None, server: str, name: str, after: str, hint: str, seen: dict) -> CliError | None:
+    if not probe or not 300 <= int(probe.get("status") or 0) < 400:
+        return None
+    location = probe.get("location") or "nowhere"
+    return CliError(EXIT_ERA, f"the data service at {server} answers requests for {name} with a redirect "
+                    f"(HTTP {probe['status']} to {location}) that never leads to the data; {after}",
+                    "check that --server is the service's own address (https or http as it expects); " + hint,
+                    details=seen)
+
+
+def _probe_url(server: str, name: str) -> str:
+    """The URL of an endpoint ("/data/manifest") or a manifest file ("features/...") as events name them."""
+    from urllib.parse import quote
+
+    base = server.rstrip("/")
+    if name.startswith("/"):
+        return base + name
+    return base + "/data/files/" + quote(name)
+
+
+def probe_http(url: str, *, range_header: str | None = None, timeout: float = 5.0) -> dict | None:
+    """One GET of ``url`` without credentials and without following redirects.
+
+    The status of the answer with its Location and Content-Range headers,
+    or None when there is none. Only the service given by --server is asked, and nothing
+    of the answer is read beyond its headers.
+    """
+    import http.client
+    import ssl
+    from urllib.parse import urlsplit
+
+    try:
+        parts = urlsplit(url)
+        if parts.scheme == "https":
+            conn = http.client.HTTPSConnection(parts.hostname, parts.port, timeout=timeout,
+                                               context=ssl.create_default_context())
+        elif parts.scheme == "http":
+            conn = http.client.HTTPConnection(parts.hostname, parts.port, timeout=timeout)
+        else:
+            return None
+    except (ValueError, OSError):
+        return None
+    try:
+        headers = {"User-Agent": f"{PROG}/{_package_version()} (diagnosis)"}
+        if range_header:
+            headers["Range"] = range_header
+        conn.request("GET", (parts.path or "/") + (f"?{parts.query}" if parts.query else ""), headers=headers)
+        response = conn.getresponse()
+        answer: dict[str, Any] = {"status": response.status}
+        for name in ("location", "content-range"):
+            if response.getheader(name) is not None:
+                answer[name] = response.getheader(name)
+        return answer
+    except (OSError, http.client.HTTPException, ValueError):
+        return None
+    finally:
+        conn.close()
 
 
 def diagnose_connection(url: str) -> str:
@@ -712,9 +981,14 @@ def verify_summary(result) -> dict:
             "missing_files": list(result.missing_files)}
 
 
+def _no_manifest(data_dir: str) -> CliError:
+    return CliError(EXIT_ERA, f"{data_dir} holds no manifest (nothing was synced into it yet)",
+                    "run 'tidewright-sync sync' first")
+
+
 def _require_manifest(manager, data_dir: str) -> None:
     if manager.get_manifest() is None:
-        raise CliError(EXIT_ERA, f"{data_dir} holds no manifest", "run 'tidewright-sync sync' first")
+        raise _no_manifest(data_dir)
 
 
 def _verify_problem(v: dict) -> CliError:
@@ -747,9 +1021,11 @@ def cmd_sync(run: Run) -> dict:
 
 def cmd_verify(run: Run) -> dict:
     manager = run.manager(needs_server=False)
-    _require_manifest(manager, run.args.data_dir)
     started = time.monotonic()
-    v = verify_summary(run.call(manager.verify))
+    result = run.call(manager.verify)
+    if not result.has_manifest:
+        raise _no_manifest(run.args.data_dir)
+    v = verify_summary(result)
     nfiles, nbytes = manifest_totals(manager.get_manifest())
     summary = {**v, "files": nfiles, "bytes": nbytes, "seconds": round(time.monotonic() - started, 3)}
     if not v["valid"]:
@@ -918,6 +1194,7 @@ def cmd_watch(run: Run) -> dict:
     manager.acquire()
     changes = 0
     seen = (summary["era_number"], summary["version"])
+    released = False
     try:
         while True:
             run.wait(1.0)
@@ -932,9 +1209,13 @@ def cmd_watch(run: Run) -> dict:
     except Interrupted as stop:
         say("stopping: releasing the data directory")
         _release(run, manager)
+        released = True
         summary.update(era_number=seen[0], version=seen[1], changes=changes, released=True)
         stop.summary = summary
         raise
+    finally:
+        if not released:  # a closed stdout, or an error while watching
+            _release(run, manager)
 
 
 def _release(run: Run, manager) -> None:
@@ -1046,7 +1327,7 @@ def _load_dataservice():
 # -- argument parsing --------------------------------------------------------------------------
 
 def build_parser() -> argparse.ArgumentParser:
-    common = argparse.ArgumentParser(add_help=False)
+    common = _Parser(add_help=False)
     g = common.add_argument_group("data service and directory")
     g.add_argument("--server", metavar="URL", help="base URL of the data service (https, or http on loopback)")
     g.add_argument("--data-dir", metavar="DIR", help="the local data directory (must exist)")
@@ -1063,8 +1344,9 @@ def build_parser() -> argparse.ArgumentParser:
                    help="size of one ranged request, e.g. 64M (default 64 MiB)")
     k.add_argument("--concurrency", metavar="N", type=positive_int, default=None,
                    help="parallel download workers (default 8)")
-    k.add_argument("--give-up-after", metavar="SECONDS", type=float, default=_DEFAULT_GIVE_UP_SECONDS,
-                   help=f"end with exit {EXIT_UNAVAILABLE} when the service stays unreachable this long "
+    k.add_argument("--give-up-after", metavar="SECONDS", type=give_up_seconds, default=_DEFAULT_GIVE_UP_SECONDS,
+                   help=f"stop retrying when the service stays unreachable (exit {EXIT_UNAVAILABLE}) or keeps "
+                        f"answering a download unusably (exit {EXIT_ERA} or {EXIT_INTEGRITY}) this long "
                         f"(default {_DEFAULT_GIVE_UP_SECONDS:.0f}; 'watch' retries forever once started)")
     o = common.add_argument_group("output")
     o.add_argument("-v", "--verbose", action="count", default=0, help="more log output (-vv: debug)")
@@ -1074,7 +1356,7 @@ def build_parser() -> argparse.ArgumentParser:
     o.add_argument("--no-progress", action="store_true", help="never show progress")
 
     codes = "\n".join(f"  {code:>3}  {text}" for code, text in EXIT_CODES.items())
-    parser = argparse.ArgumentParser(
+    parser = _Parser(
         prog=PROG, formatter_class=argparse.RawDescriptionHelpFormatter,
         description="Keep a local Tidewright data directory in step with the data service.",
         epilog=f"exit status:\n{codes}")
@@ -1111,13 +1393,16 @@ COMMANDS = {"sync": cmd_sync, "verify": cmd_verify, "repair": cmd_repair, "statu
 
 def main(argv: list[str] | None = None, *, stdout: TextIO | None = None, stderr: TextIO | None = None) -> int:
     """Run the command line; returns the exit status (see ``EXIT_CODES``)."""
+    argv = list(sys.argv[1:] if argv is None else argv)
     console = Console(stdout or sys.stdout, stderr or sys.stderr)
     parser = build_parser()
     try:
         with contextlib.redirect_stderr(console.err), contextlib.redirect_stdout(console.out):
             args = parser.parse_args(argv)
-    except SystemExit as exit_:
+    except SystemExit as exit_:  # --help, --version
         return int(exit_.code or 0) if isinstance(exit_.code, int) else EXIT_USAGE
+    except UsageError as err:
+        return _usage_error(console, err, argv)
     run = Run(args, console)
     main.last_run = run  # for the console entry point: is a core call still running?
     run.setup_logging()
@@ -1127,7 +1412,7 @@ def main(argv: list[str] | None = None, *, stdout: TextIO | None = None, stderr:
         try:
             payload.update(COMMANDS[args.command](run) or {})
             payload["ok"] = True
-        except Interrupted:
+        except (Interrupted, StdoutClosed):
             raise
         except (KeyboardInterrupt, _Terminate) as exc:
             raise Interrupted(EXIT_TERMINATED if isinstance(exc, _Terminate) else EXIT_INTERRUPTED) from None
@@ -1135,6 +1420,10 @@ def main(argv: list[str] | None = None, *, stdout: TextIO | None = None, stderr:
             if (type(exc).__name__ == "SyncBackoffCancelled" and run.stop.is_set() and not run.outage.gave_up):
                 raise Interrupted() from None
             raise classify(exc, run) from exc
+    except StdoutClosed:
+        # Whoever read our output has gone: end quietly, as a program
+        # ended by SIGPIPE does. The work itself is unaffected.
+        code = EXIT_STDOUT_CLOSED
     except Interrupted as stop:
         if run.progress is not None:
             run.progress.close()
@@ -1156,10 +1445,28 @@ def main(argv: list[str] | None = None, *, stdout: TextIO | None = None, stderr:
             logging.getLogger(_SYNC_LOGGER).debug("error detail", exc_info=err.__cause__)
     finally:
         run.close()
-    if args.json:
+    if args.json and not console.out_closed:
         payload.setdefault("exit_code", code)
-        console.json(payload)
+        try:
+            console.json(payload)
+        except StdoutClosed:
+            code = EXIT_STDOUT_CLOSED
     return code
+
+
+def _usage_error(console: Console, err: UsageError, argv: list[str]) -> int:
+    """argparse's two lines on stderr; with --json also the error object on stdout."""
+    err.parser.print_usage(console.err)
+    console.error(f"{err.parser.prog}: error: {err.message}")
+    if "--json" in argv:
+        command = next((a for a in argv if a in COMMANDS), None)
+        hint = f"see {PROG} {command} --help" if command else f"see {PROG} --help"
+        try:
+            console.json({"command": command, "ok": False, "exit_code": EXIT_USAGE,
+                          "error": {"kind": _KIND_BY_CODE[EXIT_USAGE], "message": err.message, "hint": hint}})
+        except StdoutClosed:
+            return EXIT_STDOUT_CLOSED
+    return EXIT_USAGE
 
 
 def console_main() -> None:
@@ -1172,13 +1479,19 @@ def console_main() -> None:
     except ValueError:  # not the main thread
         pass
     code = main()
+    if code == EXIT_STDOUT_CLOSED:
+        # What is still buffered for the closed stdout must not make the
+        # interpreter complain on its way out.
+        with contextlib.suppress(OSError, ValueError, AttributeError):
+            os.dup2(os.open(os.devnull, os.O_WRONLY), sys.stdout.fileno())
     run = getattr(main, "last_run", None)
     if run is not None and run.worker_alive:
         # A core call did not end within the grace period; leave without
         # waiting for it (the kernel drops the directory lock, staging files
         # stay for the next run).
-        sys.stdout.flush()
-        sys.stderr.flush()
+        with contextlib.suppress(OSError, ValueError, AttributeError):
+            sys.stdout.flush()
+            sys.stderr.flush()
         os._exit(code)
     sys.exit(code)
 

@@ -6,6 +6,7 @@
 #include "tidewright/sync/era/market.hpp"
 #include "tidewright/sync/manager/sync_manager.hpp"
 #include "tidewright/sync/reporting/errors.hpp"
+#include "tidewright/sync/transport/bearer_token.hpp"
 
 #include <nanobind/stl/shared_ptr.h>
 #include <nanobind/stl/string.h>
@@ -104,7 +105,7 @@ void bind_era(nb::module_& m) {
              options.server_url = to_text(server_url);
              HostRef token_ref = make_ref(get_token);
              options.get_token_ref = token_ref;
-             options.get_token = [token_ref] { return host().call_for_text(token_ref); };
+             options.get_token = [token_ref] { return fetch_bearer_token(token_ref); };
              options.sync_manager = manager;
              options.era_poll_interval_s = era_poll_interval_s;
              options.kill_searches_fn = searches_fn_from(kill_searches_fn);

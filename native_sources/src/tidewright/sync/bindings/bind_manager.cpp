@@ -142,7 +142,8 @@ void update_python_result(nb::handle target, const SyncResult& r) {
 }
 
 ShownObject<shown::VerifyResult> to_python(const VerifyResult& r) {
-  return g_module.attr("VerifyResult")(r.valid, list_of(r.corrupted_files), list_of(r.missing_files));
+  return g_module.attr("VerifyResult")(r.valid, list_of(r.corrupted_files), list_of(r.missing_files),
+                                       nb::arg("has_manifest") = r.has_manifest);
 }
 
 void shutdown_all_managers() { SyncManager::shutdown_all(); }
@@ -302,7 +303,10 @@ void bind_manager(nb::module_& m) {
                r = s.verify();
              }
              return to_python(r);
-           }, "Verify local files against manifest existence, size, and checksum.")
+           },
+           "Verify local files against manifest existence, size, and checksum.\n\n"
+           "With no local manifest (nothing synced yet) nothing is checked: the result is valid with empty\n"
+           "lists and has_manifest=False. Check has_manifest before taking valid as a clean bill.")
       .def("repair", [](SyncManager& s, Shown<shown::TextList> files) {
              std::vector<std::string> paths;
              for (nb::handle f : files) paths.push_back(to_text(f));

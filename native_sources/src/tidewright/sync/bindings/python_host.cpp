@@ -153,6 +153,8 @@ bool PythonHost::shutting_down() {
   return interpreter_exiting() || !Py_IsInitialized();
 }
 
+bool PythonHost::holds_host_lock() { return !shutting_down() && PyGILState_Check() == 1; }
+
 bool PythonHost::log_enabled(LogLevel level) {
   if (shutting_down()) return false;
   try {
@@ -198,8 +200,22 @@ std::string PythonHost::type_repr(const HostRef& object) {
   return with_gil([&] { return to_text(nb::repr(ref_object(object).type())); });
 }
 
-std::string PythonHost::call_for_text(const HostRef& fn) {
-  return with_gil([&] { return to_text(ref_object(fn)()); });
+Host::TokenAnswer PythonHost::call_for_token(const HostRef& fn) {
+  return with_gil([&]() -> TokenAnswer {
+    nb::object result = ref_object(fn)();
+    // Only a str is a token: str() of None, a number or bytes would be sent
+    // as "Bearer None", "Bearer 42" or "Bearer b'...'".
+    if (!PyUnicode_Check(result.ptr())) {
+      return {std::nullopt, "returned " + std::string(Py_TYPE(result.ptr())->tp_name) + ", not str"};
+    }
+    Py_ssize_t n = 0;
+    const char* data = PyUnicode_AsUTF8AndSize(result.ptr(), &n);
+    if (!data) {
+      PyErr_Clear();  // the error text would quote the offending character
+      return {std::nullopt, "returned a str that is not valid Unicode (an unpaired surrogate)"};
+    }
+    return {std::string(data, static_cast<std::size_t>(n)), ""};
+  });
 }
 
 json::value PythonHost::call(const HostRef& fn, const json::array& args) {

@@ -17,7 +17,7 @@ class PythonHost : public Host {
            const json::object* event, bool with_traceback) override;
   bool is_callable(const HostRef& fn) override;
   std::string type_repr(const HostRef& object) override;
-  std::string call_for_text(const HostRef& fn) override;
+  TokenAnswer call_for_token(const HostRef& fn) override;
   json::value call(const HostRef& fn, const json::array& args) override;
   std::string validate_bearer_transport_url(const std::string& url) override;
   ManifestSiblings manifest_siblings() override;
@@ -33,6 +33,7 @@ class PythonHost : public Host {
   HostRef current_backoff_context() override;
   bool backoff_context_stop_requested(const HostRef& context) override;
   bool shutting_down() override;
+  bool holds_host_lock() override;
 
   // Set by the exit hook once every manager has been stopped: from then on
   // no core thread may call into the interpreter.

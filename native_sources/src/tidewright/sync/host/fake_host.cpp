@@ -68,9 +68,10 @@ std::string FakeHost::type_repr(const HostRef& object) {
   return object ? "<class 'function'>" : "<class 'NoneType'>";
 }
 
-std::string FakeHost::call_for_text(const HostRef& fn) {
+Host::TokenAnswer FakeHost::call_for_token(const HostRef& fn) {
   json::value v = call(fn, {});
-  return python_str(v);
+  if (v.is_string()) return {std::string(v.get_string()), ""};
+  return {std::nullopt, std::string("returned ") + (v.is_null() ? "None" : v.is_bool() ? "bool" : v.is_number() ? "a number" : "a container")};
 }
 
 json::value FakeHost::call(const HostRef& fn, const json::array& args) {

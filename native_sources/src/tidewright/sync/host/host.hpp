@@ -74,8 +74,14 @@ class Host {
   virtual bool is_callable(const HostRef& fn) = 0;
   // The type of a host object, as the host prints it (for error messages).
   virtual std::string type_repr(const HostRef& object) = 0;
-  // fn() -> text (a token provider); the result's text form.
-  virtual std::string call_for_text(const HostRef& fn) = 0;
+  // fn() of a token provider. The result is handed over only when it is the
+  // host's text type and encodes as UTF-8; otherwise `problem` says what it
+  // was instead ("returned None", "returned bytes", ...), never its value.
+  struct TokenAnswer {
+    std::optional<std::string> text;
+    std::string problem;
+  };
+  virtual TokenAnswer call_for_token(const HostRef& fn) = 0;
   // fn(*args) with plain-data arguments; the result as plain data (null when
   // it is not representable).
   virtual json::value call(const HostRef& fn, const json::array& args) = 0;
@@ -113,6 +119,9 @@ class Host {
 
   // True once the host is shutting down: no further calls should be made.
   virtual bool shutting_down() = 0;
+  // True when the calling thread holds the host's interpreter lock, so that
+  // another thread calling into the host would wait for this one.
+  virtual bool holds_host_lock() { return false; }
 };
 
 // The process-wide host. set_host() is called once at load (and by tests).

@@ -5,6 +5,7 @@
 #include "tidewright/sync/artifacts/found_pnl.hpp"
 #include "tidewright/sync/common/fs.hpp"
 #include "tidewright/sync/common/url.hpp"
+#include "tidewright/sync/manager/download_set.hpp"
 #include "tidewright/sync/manager/sync_manager.hpp"
 #include "tidewright/sync/manifest/paths.hpp"
 #include "tidewright/sync/reporting/errors.hpp"
@@ -135,6 +136,8 @@ class StagingSink : public BodySink {
   }
 
   void set_progress(ProgressFeed* progress) { progress_ = progress; }
+  // Counts every byte that arrives (a resumed prefix is not counted).
+  void set_fetched_counter(std::int64_t* fetched) { fetched_ = fetched; }
 
  private:
   void append(std::string_view bytes) {
@@ -155,6 +158,7 @@ class StagingSink : public BodySink {
     hasher_.update(bytes);
     received_ += static_cast<std::int64_t>(bytes.size());
     written_ += static_cast<std::int64_t>(bytes.size());
+    if (fetched_) *fetched_ += static_cast<std::int64_t>(bytes.size());
     if (progress_) progress_->add_bytes(static_cast<std::int64_t>(bytes.size()));
   }
 
@@ -166,6 +170,7 @@ class StagingSink : public BodySink {
   std::int64_t expected_size_;
   const std::string& file_path_;
   ProgressFeed* progress_ = nullptr;
+  std::int64_t* fetched_ = nullptr;
   std::optional<std::int64_t> complete_length_;
   std::optional<std::int64_t> limit_;  // bytes this answer may write; none: unbounded
   std::string what_;
@@ -408,6 +413,7 @@ void SyncManager::download_file(const std::string& file_path, const json::object
   std::int64_t checksum_repairs = 0;
   bool restarted_for_content_range = false;
   std::string actual_sha;
+  std::int64_t fetched = 0;  // bytes that arrived during this call
 
   auto backoff = [&](const std::string& reason) {
     double wait = backoff_delay_seconds(attempt);
@@ -468,6 +474,7 @@ void SyncManager::download_file(const std::string& file_path, const json::object
         HttpRequest request = make_sync_request(url, token, start, end);
         StagingSink sink(fd.get(), hasher, received, start, end, expected_size, file_path);
         sink.set_progress(&progress_);
+        sink.set_fetched_counter(&fetched);
         DownloadResult response = download_request_to_sink(request, sink, sync_http_timeout_seconds(),
                                                            is_public ? std::optional<std::string>(transport) : std::nullopt);
         if (response.status == 200) {
@@ -595,19 +602,27 @@ void SyncManager::download_file(const std::string& file_path, const json::object
                                 {{"relative_path", file_path}, {"local_path", local}, {"sha256", actual_sha}});
   }
   if (target == data_dir_) hash_cache_.remember(file_path, local, actual_sha);
-  result.bytes_downloaded += expected_size >= 0 ? expected_size : file_size(local);
+  // What this run fetched: a download resumed from an earlier run's staging
+  // file counts only the rest of the file.
+  result.bytes_downloaded += fetched;
   if (kind == "feature") ++result.features_downloaded;
   if (is_found_pnl_file_kind(kind)) result.found_pnl_paths_downloaded.push_back(file_path);
   progress_.file_done();
 }
 
 void SyncManager::download_files_parallel(const std::vector<std::pair<std::string, json::object>>& files,
-                                          SyncResult& result) {
+                                          SyncResult& result, const DownloadFailureFilter& set_aside) {
   if (files.empty()) return;
   const std::size_t workers =
       std::min<std::size_t>(static_cast<std::size_t>(std::max<std::int64_t>(1, sync_max_concurrency())), files.size());
   if (workers == 1) {
-    for (const auto& [path, entry] : files) download_file(path, entry, result);
+    for (const auto& [path, entry] : files) {
+      try {
+        download_file(path, entry, result);
+      } catch (...) {
+        if (!set_aside || !set_aside(path, std::current_exception())) throw;
+      }
+    }
     return;
   }
   HostRef parent_context = host().current_backoff_context();
@@ -631,8 +646,10 @@ void SyncManager::download_files_parallel(const std::vector<std::pair<std::strin
         download_file(files[i].first, files[i].second, results[i]);
         completed[i] = 1;
       } catch (...) {
+        std::exception_ptr error = std::current_exception();
+        if (set_aside && set_aside(files[i].first, error)) continue;
         std::lock_guard<std::mutex> lock(mu);
-        if (!first_error) first_error = std::current_exception();
+        if (!first_error) first_error = error;
         cancel.store(true);  // queued work is abandoned; running transfers stop
       }
     }
@@ -649,6 +666,26 @@ void SyncManager::download_files_parallel(const std::vector<std::pair<std::strin
     for (auto& p : results[i].found_pnl_paths_downloaded) result.found_pnl_paths_downloaded.push_back(p);
   }
   if (first_error) std::rethrow_exception(first_error);
+}
+
+// Mirrors the resume decision of download_file: a staging file is resumed
+// when it is a regular file, not marked for other bytes, and no longer than
+// the file.
+std::int64_t resumable_staged_bytes(const std::string& data_dir, const std::string& file_path,
+                                    const json::object& info, std::optional<std::int64_t> size) {
+  std::string staging;
+  try {
+    staging = manifest_local_path(data_dir, file_path) + ".tmp";
+  } catch (const ManifestError&) {
+    return 0;
+  }
+  UniqueFd fd(::open(staging.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+  struct stat st;
+  if (!fd.valid() || ::fstat(fd.get(), &st) != 0 || !S_ISREG(st.st_mode)) return 0;
+  if (staging_marked_for_other_bytes(fd.get(), lower_stripped(info.if_contains("sha256")))) return 0;
+  const auto staged = static_cast<std::int64_t>(st.st_size);
+  if (size && staged > *size) return 0;
+  return staged;
 }
 
 }  // namespace tidewright::sync

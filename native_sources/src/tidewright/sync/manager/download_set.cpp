@@ -20,13 +20,15 @@ json::object download_entry(const Manifest& manifest, const json::value& info) {
   return entry;
 }
 
-std::int64_t require_disk_space(const DownloadSet& files, std::int64_t free_bytes, const ManifestSiblings& siblings) {
+std::int64_t require_disk_space(const std::string& data_dir, const DownloadSet& files, std::int64_t free_bytes,
+                                const ManifestSiblings& siblings) {
   std::int64_t needed = 0;
   for (const auto& [path, entry] : files) {
+    std::optional<std::int64_t> size = siblings.manifest_file_size(entry);
+    if (!size) continue;
+    const std::int64_t remaining = *size - resumable_staged_bytes(data_dir, path, entry, size);
     // Saturates: sizes from a hostile manifest may add up past 64 bits.
-    if (auto size = siblings.manifest_file_size(entry)) {
-      needed = *size > INT64_MAX - needed ? INT64_MAX : needed + *size;
-    }
+    needed = remaining > INT64_MAX - needed ? INT64_MAX : needed + remaining;
   }
   if (needed > 0 && needed > free_bytes) {
     throw DiskSpaceError("Insufficient disk space: need " + std::to_string(needed) + " bytes, have " +

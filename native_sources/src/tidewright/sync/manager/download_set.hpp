@@ -8,6 +8,7 @@
 #include "tidewright/sync/manifest/manifest.hpp"
 
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -21,9 +22,20 @@ using DownloadSet = std::vector<std::pair<std::string, json::object>>;
 // supersede probes.
 json::object download_entry(const Manifest& manifest, const json::value& info);
 
-// The bytes the set needs. Throws DiskSpaceError "Insufficient disk space:
-// need N bytes, have F bytes available" when they exceed `free_bytes`.
-std::int64_t require_disk_space(const DownloadSet& files, std::int64_t free_bytes, const ManifestSiblings& siblings);
+// The bytes a download of `file_path` (manifest entry `info`) into
+// `data_dir` would resume from: the length of its staging file, or 0 when
+// there is none or the download would start over (not a regular file,
+// marked as a prefix of other bytes, longer than the file).
+std::int64_t resumable_staged_bytes(const std::string& data_dir, const std::string& file_path,
+                                    const json::object& info, std::optional<std::int64_t> size);
+
+// The bytes the set still needs on disk in `data_dir`: the size of every
+// file less what its staging file already holds when the download will
+// resume from it (the staged bytes are on disk already). Throws
+// DiskSpaceError "Insufficient disk space: need N bytes, have F bytes
+// available" when they exceed `free_bytes`.
+std::int64_t require_disk_space(const std::string& data_dir, const DownloadSet& files, std::int64_t free_bytes,
+                                const ManifestSiblings& siblings);
 
 // The paths of the entries the manifest's sanitising refused (a SyncResult's
 // rejected_files).

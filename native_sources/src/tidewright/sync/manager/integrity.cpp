@@ -248,7 +248,10 @@ bool SyncManager::needs_sync() {
 VerifyResult SyncManager::verify() {
   VerifyResult result;
   ManifestPtr manifest = get_manifest();
-  if (!manifest) return result;
+  if (!manifest) {
+    result.has_manifest = false;  // nothing to check: valid, and it says why
+    return result;
+  }
   ManifestSiblings siblings = host().manifest_siblings();
   RotationCoverage rotation = rotation_coverage(*manifest);
   if (rotation.active) {

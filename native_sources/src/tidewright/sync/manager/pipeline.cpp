@@ -18,6 +18,9 @@
 #include "tidewright/sync/transport/http_request.hpp"
 #include "tidewright/sync/transport/settings.hpp"
 
+#include <exception>
+#include <mutex>
+#include <optional>
 #include <set>
 
 namespace tidewright::sync {
@@ -148,6 +151,20 @@ FetchedManifest fetch_manifest(const std::string& url, const std::string& token)
   return fetched;
 }
 
+// "a, b, c and 97 more": a long list in a log line.
+std::string listed_briefly(const std::set<std::string>& paths) {
+  constexpr std::size_t kShown = 10;
+  std::string text;
+  std::size_t shown = 0;
+  for (const auto& path : paths) {
+    if (shown == kShown) break;
+    if (shown++ > 0) text += ", ";
+    text += path;
+  }
+  if (paths.size() > kShown) text += " and " + std::to_string(paths.size() - kShown) + " more";
+  return text;
+}
+
 std::vector<std::string> keys_of(const json::object& files) {
   std::vector<std::string> out;
   out.reserve(files.size());
@@ -185,6 +202,27 @@ SyncResult SyncManager::sync_with_manifest_refresh() {
 }
 
 SyncResult SyncManager::sync_impl() {
+  // Found PnL files that storage no longer has are left out a pass at a
+  // time: a pass sets aside every one it meets, and the next pass fetches
+  // the manifest once more without them all. The loop keeps one pass's state
+  // alive at a time (a restart per file, nested, held a manifest per level).
+  SyncResult earlier;
+  while (true) {
+    std::optional<SyncResult> result = sync_pass(earlier);
+    if (!result) continue;
+    // Files finished by earlier passes are found by hash and not counted
+    // again: they belong to this sync's totals.
+    result->bytes_downloaded += earlier.bytes_downloaded;
+    result->features_downloaded += earlier.features_downloaded;
+    std::set<std::string> seen(result->found_pnl_paths_downloaded.begin(), result->found_pnl_paths_downloaded.end());
+    for (const auto& path : earlier.found_pnl_paths_downloaded) {
+      if (seen.insert(path).second) result->found_pnl_paths_downloaded.push_back(path);
+    }
+    return std::move(*result);
+  }
+}
+
+std::optional<SyncResult> SyncManager::sync_pass(SyncResult& earlier) {
   ManifestSiblings siblings = host().manifest_siblings();
 
   // Clean start.
@@ -284,7 +322,12 @@ SyncResult SyncManager::sync_impl() {
     fetched = fetch_manifest(server_url_ + "/data/manifest", fetch_token());
   }
   if (fetched.status == 401) throw AuthError("Authentication failed: HTTP " + std::to_string(fetched.status));
-  if (fetched.status != 200) throw SyncError("Failed to fetch manifest: HTTP " + std::to_string(fetched.status));
+  if (fetched.status != 200) {
+    // A SyncError that carries the status (a 403 is a refusal, a 404 a wrong
+    // address): callers classify by the field, not by the message.
+    throw PermanentDownloadError("Failed to fetch manifest: HTTP " + std::to_string(fetched.status), std::nullopt,
+                                 fetched.status);
+  }
   if (const json::value* files = fetched.data.if_contains("files"); files && !files->is_object() && !files->is_null()) {
     throw ManifestError("Invalid manifest JSON: \"files\" must be a JSON object");
   }
@@ -436,7 +479,7 @@ SyncResult SyncManager::sync_impl() {
   resumable.insert(resumable.end(), vocabulary_paths.begin(), vocabulary_paths.end());
   cleanup_sync_tmp_files(data_dir_, resumable, &tmp_scan_memo_,
                          {&server->files(), local ? &local->files() : nullptr});
-  const std::int64_t needed = require_disk_space(to_download, free_bytes, siblings);
+  const std::int64_t needed = require_disk_space(data_dir_, to_download, free_bytes, siblings);
 
   // Download.
   if (!to_download.empty()) {
@@ -446,29 +489,38 @@ SyncResult SyncManager::sync_impl() {
       ProgressFeed& feed;
       ~FinishProgress() { feed.finish(); }
     } finish_progress{progress_};
-    try {
-      download_files_parallel(to_download, result);
-    } catch (const PermanentDownloadError& e) {
-      std::optional<std::string> missing = missing_found_pnl_download_path(e, server->files());
-      if (!missing) throw;
-      missing_found_pnl_paths_.insert(*missing);
+    // A found PnL file that storage no longer has is set aside while the
+    // other downloads go on, so one pass meets all of them.
+    std::mutex missing_mu;
+    std::set<std::string> missing;  // guarded by missing_mu
+    auto set_aside_missing_found_pnl = [&](const std::string&, const std::exception_ptr& error) {
+      try {
+        std::rethrow_exception(error);
+      } catch (const PermanentDownloadError& e) {
+        std::optional<std::string> path = missing_found_pnl_download_path(e, server->files());
+        if (!path) return false;
+        std::lock_guard<std::mutex> lock(missing_mu);
+        missing.insert(*path);
+        return true;
+      } catch (...) {
+        return false;
+      }
+    };
+    download_files_parallel(to_download, result, set_aside_missing_found_pnl);
+    if (!missing.empty()) {
+      for (const auto& path : missing) {
+        missing_found_pnl_paths_.insert(path);
+        remove_manifest_tmp_file(data_dir_, path);
+      }
       missing_found_pnl_manifest_version_ = server->version_int();
-      remove_manifest_tmp_file(data_dir_, *missing);
       remove_sync_progress_json(data_dir_);
       log_warning(
           "Manifest signal PnL artifact is missing from storage; excluding stale membership entry and retrying sync: %s",
-          {json::value(*missing)});
-      SyncResult restarted = sync_with_manifest_refresh();
-      // Files finished before the restart are found by hash and not counted
-      // again there: they belong to this sync's totals.
-      restarted.bytes_downloaded += result.bytes_downloaded;
-      restarted.features_downloaded += result.features_downloaded;
-      std::set<std::string> seen(restarted.found_pnl_paths_downloaded.begin(),
-                                 restarted.found_pnl_paths_downloaded.end());
-      for (const auto& path : result.found_pnl_paths_downloaded) {
-        if (seen.insert(path).second) restarted.found_pnl_paths_downloaded.push_back(path);
-      }
-      return restarted;
+          {json::value(listed_briefly(missing))});
+      earlier.bytes_downloaded += result.bytes_downloaded;
+      earlier.features_downloaded += result.features_downloaded;
+      for (auto& path : result.found_pnl_paths_downloaded) earlier.found_pnl_paths_downloaded.push_back(std::move(path));
+      return std::nullopt;
     }
   }
 

@@ -90,7 +90,7 @@ std::vector<SyncManager::PrefetchedFeatureFile> SyncManager::request_feature_fil
     to_download.emplace_back(path, download_entry(*manifest, info));
   }
 
-  const std::int64_t needed = require_disk_space(to_download, free_disk_bytes(data_dir_), siblings);
+  const std::int64_t needed = require_disk_space(data_dir_, to_download, free_disk_bytes(data_dir_), siblings);
 
   if (!to_download.empty()) {
     write_download_progress(data_dir_, *manifest, to_download, siblings);

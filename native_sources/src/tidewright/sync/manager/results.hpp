@@ -39,6 +39,9 @@ struct VerifyResult {
   bool valid = true;
   std::vector<std::string> corrupted_files;
   std::vector<std::string> missing_files;
+  // False when there was no local manifest to check against (the result is
+  // then valid with empty lists: nothing was checked).
+  bool has_manifest = true;
 };
 
 }  // namespace tidewright::sync

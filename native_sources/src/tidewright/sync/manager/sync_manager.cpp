@@ -7,6 +7,7 @@
 #include "tidewright/sync/manifest/manifest_files.hpp"
 #include "tidewright/sync/manifest/sanitize.hpp"
 #include "tidewright/sync/reporting/errors.hpp"
+#include "tidewright/sync/transport/bearer_token.hpp"
 #include "tidewright/sync/transport/settings.hpp"
 
 #include <exception>
@@ -253,6 +254,6 @@ void SyncManager::set_runtime_freshness_guard(HostRef guard) {
   runtime_freshness_guard_ = std::move(guard);
 }
 
-std::string SyncManager::fetch_token() const { return host().call_for_text(get_token_fn()); }
+std::string SyncManager::fetch_token() const { return fetch_bearer_token(get_token_fn()); }
 
 }  // namespace tidewright::sync

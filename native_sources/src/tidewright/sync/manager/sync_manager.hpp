@@ -27,6 +27,8 @@
 #include <set>
 #include <thread>
 #include <cstdint>
+#include <exception>
+#include <functional>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -106,7 +108,9 @@ class SyncManager : public std::enable_shared_from_this<SyncManager>, public Era
   // stop_requested()); a running sync or transition ends first. Idempotent.
   void stop_internal();
 
-  // A fresh bearer token from the token provider.
+  // A fresh, checked bearer token from the token provider (see
+  // fetch_bearer_token: AuthError for anything unusable, and a provider that
+  // blocks does not hold up stop()).
   std::string fetch_token() const;
 
   // --- HTTP (fresh token per authenticated request) ---
@@ -163,7 +167,13 @@ class SyncManager : public std::enable_shared_from_this<SyncManager>, public Era
   void download_file(const std::string& file_path, const json::object& file_info, SyncResult& result) {
     download_file(file_path, file_info, result, DownloadOptions{});
   }
-  void download_files_parallel(const std::vector<std::pair<std::string, json::object>>& files, SyncResult& result);
+  // Whether a failed download may leave its file out while the others go
+  // on: `set_aside(path, error)` answers true for a failure the caller deals
+  // with after the batch. Called on worker threads. Without one (and for
+  // every failure it declines) the first failure ends the batch.
+  using DownloadFailureFilter = std::function<bool(const std::string& path, const std::exception_ptr& error)>;
+  void download_files_parallel(const std::vector<std::pair<std::string, json::object>>& files, SyncResult& result,
+                               const DownloadFailureFilter& set_aside = {});
   bool download_manifest_superseded(const json::object& file_info);
   // The immutable public manifest under the manifest's base URL, with its
   // body, when it is newer than `manifest_data`.
@@ -271,6 +281,11 @@ class SyncManager : public std::enable_shared_from_this<SyncManager>, public Era
   // has: recorded as a sync event, told to the freshness guard and kept in
   // the hash cache like a downloaded file.
   void record_scrubbed_signals_index_update(const ScrubbedSignalsIndex& update);
+  // One pass of the pipeline. Nothing when found PnL files that storage no
+  // longer has were met: they are remembered as missing, what the pass
+  // downloaded is added to `earlier`, and the caller runs another pass.
+  // REQUIRES: sync_mu_ held (and the cross-process lock).
+  std::optional<SyncResult> sync_pass(SyncResult& earlier);
 
   const std::string data_dir_;
   const std::string server_url_;

@@ -5,6 +5,7 @@
 #include "tidewright/sync/host/host.hpp"
 #include "tidewright/sync/reporting/errors.hpp"
 #include "tidewright/sync/reporting/sync_events.hpp"
+#include "tidewright/sync/transport/bearer_token.hpp"
 #include "tidewright/sync/transport/curl_program.hpp"
 #include "tidewright/sync/transport/settings.hpp"
 
@@ -100,7 +101,10 @@ HttpRequest make_sync_request(const std::string& url, const std::optional<std::s
   host().validate_bearer_transport_url(url);
   HttpRequest request;
   request.url = url;
-  if (bearer_token) request.headers.emplace_back("Authorization", "Bearer " + *bearer_token);
+  if (bearer_token) {
+    check_bearer_token(*bearer_token);
+    request.headers.emplace_back("Authorization", "Bearer " + *bearer_token);
+  }
   request.headers.emplace_back("User-Agent", std::string(SYNC_USER_AGENT));
   if (auto range = range_header_value(range_start, range_end)) request.headers.emplace_back("Range", *range);
   return request;

@@ -53,7 +53,8 @@ std::optional<std::string> range_header_value(std::int64_t range_start, std::int
 
 // A GET to the data service: the URL checked with the host's
 // validate_bearer_transport_url (its error passes through), "Authorization:
-// Bearer <token>" when a token is given, the User-Agent, and the Range.
+// Bearer <token>" when a token is given (AuthError when check_bearer_token
+// refuses it), the User-Agent, and the Range.
 HttpRequest make_sync_request(const std::string& url, const std::optional<std::string>& bearer_token,
                               std::int64_t range_start = 0, std::int64_t range_end = -1);
 

@@ -1,0 +1,114 @@
+#include "tidewright/sync/transport/bearer_token.hpp"
+
+#include "tidewright/sync/common/owned_thread.hpp"
+#include "tidewright/sync/reporting/errors.hpp"
+#include "tidewright/sync/transport/http_request.hpp"
+
+#include <cxxabi.h>
+
+#include <chrono>
+#include <condition_variable>
+#include <cstdio>
+#include <exception>
+#include <memory>
+#include <mutex>
+#include <optional>
+
+namespace tidewright::sync {
+
+namespace {
+
+constexpr std::string_view kTokenRule = "a token must be a non-empty str without control characters";
+
+// How often a waiting caller looks at its stop requests.
+constexpr auto STOP_CHECK_INTERVAL = std::chrono::milliseconds(50);
+
+[[noreturn]] void refuse(const std::string& what) {
+  throw AuthError("Bearer token refused, nothing was sent: " + what + "; " + std::string(kTokenRule));
+}
+
+std::string code_point_text(unsigned code_point) {
+  char text[16];
+  std::snprintf(text, sizeof text, "U+%04X", code_point);
+  return text;
+}
+
+// One call of the token provider on its own thread. The helper holds a
+// reference to the call until the provider returns, so a caller that stops
+// waiting can drop its own: the last reference, on whichever thread, ends
+// the call and its thread (OwnedThread detaches itself when released on its
+// own thread).
+struct TokenCall {
+  std::mutex mu;
+  std::condition_variable cv;
+  bool done = false;            // guarded by mu
+  Host::TokenAnswer answer;     // guarded by mu
+  std::exception_ptr error;     // guarded by mu
+  OwnedThread thread;           // assigned once, by the caller, before it waits
+};
+
+void run_token_call(const std::shared_ptr<TokenCall>& call, const HostRef& provider) {
+  Host::TokenAnswer answer;
+  std::exception_ptr error;
+  try {
+    answer = host().call_for_token(provider);
+  } catch (abi::__forced_unwind&) {
+    throw;  // the thread is being ended (the interpreter is finalising)
+  } catch (...) {
+    error = std::current_exception();
+  }
+  {
+    std::lock_guard<std::mutex> lock(call->mu);
+    call->answer = std::move(answer);
+    call->error = std::move(error);
+    call->done = true;
+  }
+  call->cv.notify_all();
+}
+
+Host::TokenAnswer ask_on_helper_thread(const HostRef& provider) {
+  auto call = std::make_shared<TokenCall>();
+  call->thread = OwnedThread([call, provider] { run_token_call(call, provider); });
+
+  std::unique_lock<std::mutex> lock(call->mu);
+  while (!call->cv.wait_for(lock, STOP_CHECK_INTERVAL, [&] { return call->done; })) {
+    lock.unlock();
+    const bool stop = sync_backoff_stop_requested();
+    lock.lock();
+    if (stop && !call->done) throw SyncBackoffCancelled("bearer token request cancelled: stop requested");
+  }
+  if (call->error) std::rethrow_exception(call->error);
+  return std::move(call->answer);
+}
+
+}  // namespace
+
+void check_bearer_token(std::string_view token) {
+  if (token.empty()) refuse("it is empty");
+  for (std::size_t i = 0; i < token.size(); ++i) {
+    const auto byte = static_cast<unsigned char>(token[i]);
+    if (byte < 0x20 || byte == 0x7F) {
+      refuse("it contains the control character " + code_point_text(byte) + " at byte offset " + std::to_string(i));
+    }
+    // C1 controls U+0080..U+009F are encoded as C2 80..C2 9F in UTF-8.
+    if (byte == 0xC2 && i + 1 < token.size()) {
+      const auto next = static_cast<unsigned char>(token[i + 1]);
+      if (next >= 0x80 && next <= 0x9F) {
+        refuse("it contains the control character " + code_point_text(next) + " at byte offset " + std::to_string(i));
+      }
+    }
+  }
+}
+
+std::string fetch_bearer_token(const HostRef& provider) {
+  if (sync_backoff_stop_requested()) throw SyncBackoffCancelled("bearer token request cancelled: stop requested");
+  // A caller holding the interpreter lock would keep the helper from ever
+  // running: it asks on its own thread (it could not be stopped anyway).
+  Host::TokenAnswer answer =
+      host().holds_host_lock() ? host().call_for_token(provider) : ask_on_helper_thread(provider);
+  if (!answer.text) refuse("get_token " + answer.problem);
+  check_bearer_token(*answer.text);
+  return std::move(*answer.text);
+}
+
+}  // namespace tidewright::sync
