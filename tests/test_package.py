@@ -54,7 +54,7 @@ def test_result_records_are_the_package_dataclasses(tmp_path):
     m = sync.SyncManager(str(tmp_path), "http://127.0.0.1:9", token="t")
     verified = m.verify()  # no manifest yet: nothing to check
     assert type(verified) is sync.VerifyResult and dataclasses.asdict(verified) == {
-        "valid": True, "corrupted_files": [], "missing_files": []}
+        "valid": True, "corrupted_files": [], "missing_files": [], "has_manifest": False}
 
 
 def test_a_plain_token_is_read_once_as_text(tmp_path):

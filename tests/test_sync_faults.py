@@ -416,7 +416,7 @@ ENDLESS = {
     # The probe is given up at 1 MiB and the sync goes on to the manifest.
     "version-probe": ({"/data/manifest/version": endless_body(prefix=b'{"version": 1, "x": "', filler=b"x" * 65536),
                        "/data/manifest": respond(404, b"{}")},
-                      "SyncError", "Failed to fetch manifest: HTTP 404"),
+                      "PermanentDownloadError", "Failed to fetch manifest: HTTP 404"),
     # A manifest whose text never ends: given up at 256 MiB, not retried.
     "manifest": ({"/data/manifest/version": respond(404, b"{}"),
                   "/data/manifest": endless_body(prefix=b'{"version": 1, "era_number": 1, "files": {')},

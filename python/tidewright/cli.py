@@ -742,8 +742,15 @@ def classify(exc: BaseException, run: Run) -> CliError:
     if isinstance(exc, sync.EraError):
         return CliError(EXIT_ERA, f"{where} holds another era than the data service: {text}",
                         "sync into a new --data-dir, or keep this one current with 'watch'")
-    if isinstance(exc, (sync.ManifestError, sync.ManifestSupersededError)):
+    if isinstance(exc, sync.ManifestSupersededError):
         return CliError(EXIT_ERA, f"the manifest could not be used: {text}", "retry in a moment")
+    if isinstance(exc, sync.ManifestError):
+        return CliError(EXIT_ERA, f"the manifest could not be used: {text}",
+                        f"{operator}; nothing was written")
+    if (isinstance(exc, sync.PermanentDownloadError) and exc.file_path is None
+            and (exc.status is None or exc.status < 300)):
+        # An answer refused for its size: the words say which and why.
+        return CliError(EXIT_ERA, f"the data service's answer could not be used: {text}", operator)
     if isinstance(exc, sync.PermanentDownloadError) and exc.file_path is None:
         status = f"HTTP {exc.status}" if exc.status is not None else text
         return CliError(EXIT_ERA, f"{server} did not serve a manifest ({status})",

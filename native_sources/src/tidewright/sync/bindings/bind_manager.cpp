@@ -22,9 +22,12 @@ std::optional<json::value> knob(nb::handle value) {
   return to_json_or_text(value);
 }
 
-// A plain `token` argument: a callable that returns its text, taken once.
+// A plain `token` argument: a callable that returns its str(), taken once.
+// The text stays a Python str, so that one the engine cannot use (a lone
+// surrogate, a line break) is refused by the token check at the first
+// request, like one a get_token returns, rather than here.
 nb::object constant_token_provider(nb::handle token) {
-  return nb::cpp_function([text = to_text(token)] { return text; });
+  return nb::cpp_function([text = nb::str(token)] { return text; });
 }
 
 std::string path_text(nb::handle value) {
