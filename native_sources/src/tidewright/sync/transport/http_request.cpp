@@ -79,6 +79,77 @@ class PathSink : public BodySink {
   UniqueFd fd_;
 };
 
+// The retry loop of every request to the data service: `attempt()` makes one
+// exchange and `answer(result)` gives its status and the body of an error
+// answer. Transient statuses are retried without limit, and so are network
+// failures while `retry_network_failure()` allows it; the first retry is
+// reported as "sync_unavailable_status", every retry as "http_retry" and a
+// backoff wait on the "http_request" surface, and a success after retries as
+// "sync_recovered_status".
+template <typename Attempt, typename Answer, typename RetryNetworkFailure>
+auto with_sync_retries(const HttpRequest& request, const StopPredicate& stop_requested, Attempt attempt,
+                       Answer answer, RetryNetworkFailure retry_network_failure) -> decltype(attempt()) {
+  const std::string url = request.url.empty() ? "<unknown>" : request.url;
+  const std::string file_label = sync_event_file_from_url(request.url);
+  const auto started_at = std::chrono::steady_clock::now();
+  std::vector<std::int64_t> statuses;
+  std::vector<std::string> failures;
+  json::object details;
+  bool reported = false;
+
+  for (std::int64_t attempt_index = 0;; ++attempt_index) {
+    std::string failure;
+    json::value status_field = nullptr;
+    try {
+      auto result = attempt();
+      const auto [status, error_body] = answer(result);
+      if (status < 400) {
+        if (reported) {
+          emit_sync_unavailable_status("sync_recovered_status", url, statuses, failures, details, started_at);
+        }
+        return result;
+      }
+      append_limited(statuses, status);
+      details = parse_sync_error_body(error_body);
+      const bool transient = should_retry_http_status(json::value(status));
+      const json::value* retryable = details.if_contains("retryable");
+      if (transient && retryable && retryable->is_bool() && !retryable->get_bool()) {
+        throw sync_unavailable_from(url, attempt_index + 1, statuses, failures, details);
+      }
+      if (!transient) return result;
+      failure = "http_" + std::to_string(status);
+      status_field = status;
+    } catch (const NetworkError& e) {
+      if (!retry_network_failure()) throw;
+      failure = e.host_class();
+    } catch (const TimeoutError& e) {
+      if (!retry_network_failure()) throw;
+      failure = e.class_name();
+    }
+    if (status_field.is_null()) {
+      details = json::object{{"error_code", failure},
+                             {"dependency", "network"},
+                             {"retryable", true},
+                             {"recovery", "retry_with_backoff"},
+                             {"reason", failure}};
+      append_limited(failures, failure);
+    }
+
+    const double wait = backoff_delay_seconds(attempt_index);
+    if (!reported) {
+      emit_sync_unavailable_status("sync_unavailable_status", url, statuses, failures, details, started_at);
+      reported = true;
+    }
+    log_sync_event("http_retry", file_label, attempt_index + 1, failure,
+                   json::object{{"status", status_field},
+                                {"error_code", detail(details, "error_code")},
+                                {"dependency", detail(details, "dependency")},
+                                {"retryable", detail(details, "retryable")}});
+    emit_sync_backoff_wait("http_request", attempt_index, failure, file_label, wait);
+    sleep_for_backoff(wait, stop_requested);
+  }
+}
+
 }  // namespace
 
 bool is_manifest_version_url(std::string_view url) {
@@ -141,63 +212,38 @@ HttpResponse open_request(const HttpRequest& request, double timeout, const std:
 
 HttpResponse request_with_sync_retries(const HttpRequest& request, double timeout,
                                        const std::optional<std::string>& transport) {
-  const std::string url = request.url.empty() ? "<unknown>" : request.url;
-  const std::string file_label = sync_event_file_from_url(request.url);
-  const auto started_at = std::chrono::steady_clock::now();
   const StopPredicate stop_requested = thread_stop_predicate();
-  std::vector<std::int64_t> statuses;
-  std::vector<std::string> failures;
-  json::object details;
-  bool reported = false;
+  return with_sync_retries(
+      request, stop_requested, [&] { return open_request(request, timeout, transport, stop_requested); },
+      [](const HttpResponse& r) { return std::pair<std::int64_t, std::string_view>(r.status, r.body); },
+      [] { return true; });
+}
 
-  for (std::int64_t attempt = 0;; ++attempt) {
-    std::string failure;
-    json::value status_field = nullptr;
-    try {
-      HttpResponse response = open_request(request, timeout, transport, stop_requested);
-      if (response.status < 400) {
-        if (reported) {
-          emit_sync_unavailable_status("sync_recovered_status", url, statuses, failures, details, started_at);
-        }
-        return response;
-      }
-      append_limited(statuses, response.status);
-      details = parse_sync_error_body(response.body);
-      const bool transient = should_retry_http_status(json::value(response.status));
-      const json::value* retryable = details.if_contains("retryable");
-      if (transient && retryable && retryable->is_bool() && !retryable->get_bool()) {
-        throw sync_unavailable_from(url, attempt + 1, statuses, failures, details);
-      }
-      if (!transient) return response;
-      failure = "http_" + std::to_string(response.status);
-      status_field = response.status;
-    } catch (const NetworkError& e) {
-      failure = e.host_class();
-    } catch (const TimeoutError& e) {
-      failure = e.class_name();
+DownloadResult download_request_with_sync_retries(const HttpRequest& request, BodySink& sink, double timeout) {
+  // A failure after the sink saw the answer is the caller's to resume: the
+  // bytes received so far are in its file, and asking for the same range
+  // again would write them twice.
+  class Watched : public BodySink {
+   public:
+    explicit Watched(BodySink& inner) : inner_(inner) {}
+    void begin(std::int64_t status, const HttpHeaders& headers) override {
+      touched_ = true;
+      inner_.begin(status, headers);
     }
-    if (status_field.is_null()) {
-      details = json::object{{"error_code", failure},
-                             {"dependency", "network"},
-                             {"retryable", true},
-                             {"recovery", "retry_with_backoff"},
-                             {"reason", failure}};
-      append_limited(failures, failure);
+    void write(std::string_view bytes) override {
+      touched_ = true;
+      inner_.write(bytes);
     }
+    bool touched() const { return touched_; }
 
-    const double wait = backoff_delay_seconds(attempt);
-    if (!reported) {
-      emit_sync_unavailable_status("sync_unavailable_status", url, statuses, failures, details, started_at);
-      reported = true;
-    }
-    log_sync_event("http_retry", file_label, attempt + 1, failure,
-                   json::object{{"status", status_field},
-                                {"error_code", detail(details, "error_code")},
-                                {"dependency", detail(details, "dependency")},
-                                {"retryable", detail(details, "retryable")}});
-    emit_sync_backoff_wait("http_request", attempt, failure, file_label, wait);
-    sleep_for_backoff(wait, stop_requested);
-  }
+   private:
+    BodySink& inner_;
+    bool touched_ = false;
+  } watched(sink);
+  return with_sync_retries(
+      request, thread_stop_predicate(), [&] { return download_request_to_sink(request, watched, timeout); },
+      [](const DownloadResult& r) { return std::pair<std::int64_t, std::string_view>(r.status, r.error_body); },
+      [&] { return !watched.touched(); });
 }
 
 DownloadResult download_request_to_sink(const HttpRequest& request, BodySink& sink, double timeout,
