@@ -330,7 +330,13 @@ void bind_manager(nb::module_& m) {
                r = s.verify();
              }
              return to_python(r);
-           }, "Verify local files against manifest existence, size, and checksum.")
+           }, "Verify local files against manifest existence, size, and checksum.\n\n"
+              "Every file is hashed (the hash cache is not used). Files that look missing or corrupted "
+              "are looked at again under the cross-process sync lock, so verify() may wait for a sync "
+              "running in another process (which promotes files before it writes the manifest) and "
+              "reports what that sync left. A manifest path that cannot be used safely (one reaching "
+              "outside the data directory through a link, say) is reported in corrupted_files instead "
+              "of raising.")
       .def("repair", [](SyncManager& s, nb::handle files) {
              std::vector<std::string> paths;
              for (nb::handle f : files) paths.push_back(to_text(f));
