@@ -528,14 +528,36 @@ def test_planner_keeps_mandatory_and_prefetched_files_first(tmp_path):
         rotation.plan_rotation(artifacts, {**settings, "feature_budget_bytes": 9})
 
 
-def test_an_era_transition_stages_only_the_selection_and_promotes_it(svc, data):
+def test_an_era_transition_stages_only_the_selection_and_promotes_it(svc, data, caplog):
     budget = budget_for(svc, 4)
     write_settings(data, seed=5, feature_budget_bytes=budget)
     m = make_manager(svc, data)
     m.sync()
-    svc.publish_era(2, features=12, family_size=3, feature_bytes=FEATURE_BYTES)
+    before = sync.load_feature_rotation_state(str(data)).active_relative_paths
+    svc.publish_era(2, features=15, family_size=3, feature_bytes=FEATURE_BYTES)
+    calls = []
 
-    m.trigger_era_transition(2)
+    def searches(event_type, era_number, payload=None):
+        calls.append((event_type, era_number, payload))
+
+    def two_arguments(event_type, era_number):
+        calls.append(("two arguments", event_type))
+
+    m.register_era_callback(searches)
+    m.register_era_callback(two_arguments)
+    m.trigger_era_transition(2, kill_searches_fn=lambda: calls.append("kill"),
+                             restart_searches_fn=lambda: calls.append("restart"))
+
+    # Running searches learn their new active set before they restart; a
+    # callback that takes no payload is not asked.
+    state = sync.load_feature_rotation_state(str(data))
+    assert calls == ["kill", ("rotation_refresh", 2, {
+        "era_number": 2, "previous_era_number": 1,
+        "active_relative_paths": list(state.active_relative_paths),
+        "added_relative_paths": sorted(set(state.active_relative_paths) - set(before)),
+        "removed_relative_paths": sorted(set(before) - set(state.active_relative_paths))}), "restart"]
+    assert calls[1][2]["added_relative_paths"] and calls[1][2]["removed_relative_paths"]
+    assert not [r for r in caplog.records if r.getMessage().startswith("Era callback failed")]
 
     assert m.get_manifest().era_number == 2
     on_disk = local_features(data)

@@ -167,3 +167,26 @@ def test_parallel_workers_wait_in_the_callers_backoff_context(dataservice_factor
                for context in on_workers)
     [wait] = events_for(records, label, "sync_backoff_wait")
     assert wait["surface"] == "search"
+
+
+def test_an_era_transition_downloads_in_a_backoff_context_of_its_own(dataservice_factory, tmp_path, records, label,
+                                                                     instant_backoff):
+    from tidewright.sync_backoff import current_context
+
+    svc = dataservice_factory(extra_files={label: ("data", b"x" * 1000)})
+    contexts = []
+
+    def token():
+        contexts.append(dict(current_context()))
+        return svc.token
+
+    m = sync.SyncManager(str(tmp_path), svc.url, token)
+    m.sync()
+    svc.publish_era(2, extra_files={label: ("data", b"y" * 1000)})
+    svc.script_statuses("/data/files/" + label, [503])
+    with backoff_context(surface="search"):
+        m.trigger_era_transition(2)
+    [wait] = events_for(records, label, "sync_backoff_wait")
+    assert wait["surface"] == "era_transition"
+    assert {"surface": "era_transition"} in contexts  # the downloads' requests
+    assert (tmp_path / label).read_bytes() == b"y" * 1000
