@@ -92,7 +92,8 @@ void bind_lifecycle(nb::module_& m) {
              "as staging files (\"<path>.tmp\") and the next sync resumes them where they stopped. A "
              "cancelled transition leaves the data directory wholly in one era, the old one when it was "
              "cancelled before the switch, the new one after it, and its error names that era; searches it "
-             "stopped are not restarted.");
+             "stopped are not restarted, and its staging directory is removed (the next transition downloads "
+             "again what it had not finished).");
   def_method(cls, "_stop_internal", &SyncManager::stop_internal, release_gil(),
              "Internal stop implementation. Blocks until in-progress sync/transition completes.\n\n"
              "The in-progress sync or transition is cancelled first (see stop()), so the wait is short.");
