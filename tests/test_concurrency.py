@@ -3,6 +3,7 @@ while another process verifies it in a loop."""
 
 import concurrent.futures
 import json
+import os
 import subprocess
 import sys
 import textwrap
@@ -122,12 +123,24 @@ def test_processes_syncing_new_versions_while_another_verifies(dataservice_facto
     assert sync.SyncManager(str(data_dir), svc.url, lambda: svc.token).verify().valid
 
 
+def descriptors_open_on(path):
+    """How many descriptors of this process have ``path`` open."""
+    count = 0
+    for fd in os.listdir("/proc/self/fd"):
+        try:
+            count += os.readlink(f"/proc/self/fd/{fd}") == str(path)
+        except OSError:
+            pass  # closed meanwhile
+    return count
+
+
 def test_verify_looks_again_at_suspect_files_once_a_running_sync_is_done(dataservice, tmp_path):
     svc = dataservice
     m = manager(svc, tmp_path)
     m.sync()
     local = tmp_path / FEATURE
     good = local.read_bytes()
+    lock_file = os.path.realpath(tmp_path / ".sync_flock")
     other_process = manager(svc, tmp_path)  # another lock holder, as a second process would be
     pool = concurrent.futures.ThreadPoolExecutor(max_workers=1)
     other_process._acquire_flock()
@@ -135,7 +148,9 @@ def test_verify_looks_again_at_suspect_files_once_a_running_sync_is_done(dataser
         # A sync under way has promoted a file ahead of the manifest that lists it.
         local.write_bytes(b"\0" * len(good))
         verifying = pool.submit(m.verify)
-        time.sleep(0.5)  # verify's first pass sees that file
+        # verify has seen that file and waits for the lock (a second descriptor on it) ...
+        wait_until(lambda: descriptors_open_on(lock_file) == 2 or verifying.done(), "verify waiting", [])
+        assert not verifying.done()
         local.write_bytes(good)  # ... and the sync ends
     finally:
         other_process._release_flock()

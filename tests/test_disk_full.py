@@ -17,6 +17,7 @@ pytestmark = [pytest.mark.skipif(os.geteuid() != 0, reason="mounting a tmpfs nee
               pytest.mark.usefixtures("instant_backoff")]
 
 MIB = 1024 * 1024
+SHARED_BIG = b"b" * (1200 * 1024)  # more than half the disk of an era
 
 
 class SmallDisk:
@@ -156,3 +157,31 @@ def test_an_interrupted_download_resumes_where_the_disk_holds_only_what_is_left_
     assert range_starts(svc, BIG) == [staged]
     assert result.bytes_downloaded < 3 * MIB - staged + 256 * 1024
 
+
+# The new era is staged beside the old one: its downloads and the unchanged
+# files copied into staging must both fit.
+@pytest.mark.parametrize("era_2", [
+    dict(features=8, feature_bytes=512 * 1024),             # too much to download
+    dict(extra_files={"shared/big.bin": ("data", SHARED_BIG)}),    # unchanged, but copied into staging
+], ids=["downloads", "copies"])
+def test_an_era_transition_that_cannot_be_staged_fails_before_staging(dataservice_factory, small_disk, era_2):
+    svc = dataservice_factory(extra_files={"shared/big.bin": ("data", SHARED_BIG)})
+    m = manager(svc, small_disk.data_dir)
+    with request_budget(svc):
+        m.sync()
+    svc.publish_era(2, **era_2)
+    svc.clear_requests()
+    calls = []
+    with request_budget(svc), pytest.raises(sync.DiskSpaceError, match="^Insufficient disk space: need "):
+        m.trigger_era_transition(2, kill_searches_fn=lambda: calls.append("kill"),
+                                 restart_searches_fn=lambda: calls.append("restart"))
+    assert file_requests(svc) == [] and not svc.requests_for("/data/shuffle")
+    assert calls == ["kill"]
+    assert sorted(p.name for p in small_disk.data_dir.iterdir() if p.name.startswith(".transition")) == []
+    assert m.get_manifest().era_number == 1 and m.verify().valid
+    assert tmp_files(small_disk.data_dir) == []
+
+    small_disk.resize("64m")
+    with request_budget(svc):
+        m.trigger_era_transition(2)
+    assert_in_step(svc, small_disk.data_dir)

@@ -1,5 +1,6 @@
 """The era-current endpoint, the era thread and era transitions against the data service."""
 
+import importlib
 import json
 import logging
 import os
@@ -368,6 +369,103 @@ def test_an_old_library_refuses_the_era(svc, data_dir, monkeypatch, caplog, auto
     m.trigger_era_transition(2)  # an unreadable minimum does not block the era
     assert "Invalid min_library_version from era config: " in "\n".join(caplog.messages)
     assert_era_files(svc, data_dir, m, 2)
+
+
+@pytest.mark.parametrize("module, broken", [
+    ("tidewright.search_tracking", None),           # cannot be imported
+    ("tidewright.search_tracking", "SearchTracker"),  # imported, without what the transition uses
+    ("tidewright.deployment", None),
+])
+def test_a_missing_sibling_module_fails_the_transition_before_anything_changes(svc, data_dir, monkeypatch, module,
+                                                                              broken):
+    m = synced(svc, data_dir)
+    publish_next(svc)
+    if broken:
+        monkeypatch.delattr(importlib.import_module(module), broken)
+    else:
+        monkeypatch.setitem(sys.modules, module, None)
+    svc.clear_requests()
+    calls = []
+    with pytest.raises((ImportError, AttributeError)):
+        m.trigger_era_transition(2, kill_searches_fn=lambda: calls.append("kill"))
+    assert calls == [] and svc.requests == []  # searches untouched, nothing asked of the service
+    assert m.get_manifest().era_number == 1 and (data_dir / "old/only.bin").read_bytes() == b"era 1"
+    assert not m._in_transition and leftovers(data_dir) == []
+
+
+def test_unchanged_files_are_recognised_by_their_digest(svc, data_dir):
+    m = synced(svc, data_dir)
+    same = data_dir / "shared/same.bin"
+    os.utime(same, ns=(1_000_000_000, 2_000_000_000))
+    publish_next(svc)
+    svc.clear_requests()
+    m.trigger_era_transition(2)
+    assert "/data/files/shared/same.bin" not in {r.path for r in svc.requests_for("/data/files/*")}
+
+    # Rewritten in place with its size and times kept: only its digest (or a
+    # cache entry that the rewrite invalidated) tells that it changed.
+    times = same.stat()
+    same.write_bytes(b"X" * len(SAME))
+    os.utime(same, ns=(times.st_atime_ns, times.st_mtime_ns))
+    publish_next(svc, 3)
+    svc.clear_requests()
+    m.trigger_era_transition(3)
+    assert svc.requests_for("/data/files/shared/same.bin")
+    assert_era_files(svc, data_dir, m, 3)
+
+
+# A stop request cancels a running transition: the era thread's, when the
+# last consumer releases the manager. Wherever that happens, the directory is
+# wholly in one era and the error names it.
+@pytest.mark.parametrize("stalled, holds", [
+    ("/data/files/*", 1),  # while the new era downloads
+    (ERA_CURRENT, 2),      # at the check after the switch
+])
+def test_release_cancels_a_running_transition_and_the_error_names_the_era(svc, data_dir, stalled, holds):
+    m = synced(svc, data_dir)
+    events = []
+    m.register_era_callback(lambda event_type, era_number: events.append((event_type, era_number)))
+    publish_next(svc)
+    # The era thread polls once (era 2 is new), then the gates of its
+    # transition: the fifth answer is the check after the switch.
+    svc.add_fault(stalled, "stall", **(dict(skip=4) if stalled == ERA_CURRENT else dict(after_bytes=10)))
+    m.acquire()
+    era_thread = m._era_thread
+    assert wait_for(lambda: any(r.fault == "stall" for r in svc.requests_for(stalled)))
+    m.release()
+    assert not era_thread.is_alive() and not m._in_transition
+    assert os.path.realpath(data_dir) not in sync.SyncManager._instances
+    message = (f"Era transition to era 2 cancelled by a stop request; the data directory holds era {holds}; "
+               "the searches stopped for it were not restarted")
+    assert era_thread._last_transition_error == "new era: " + message
+    assert events == [("kill", 1)]
+    assert leftovers(data_dir) == []
+    again = sync.SyncManager(str(data_dir), svc.url, lambda: svc.token)
+    assert_era_files(svc, data_dir, again, holds)
+    assert (data_dir / "old/only.bin").exists() == (holds == 1)
+
+
+def test_a_manager_released_from_inside_its_transition_leaves_the_registry_when_the_transition_ends(svc,
+                                                                                                   data_dir):
+    m = synced(svc, data_dir)
+    registered = []
+
+    def release_on_kill(event_type, era_number):
+        if event_type == "kill":
+            m.release()
+            registered.append(sync.SyncManager._instances.get(os.path.realpath(data_dir)) is m)
+
+    m.register_era_callback(release_on_kill)
+    publish_next(svc)
+    m.acquire()
+    era_thread = m._era_thread
+    assert wait_for(lambda: era_thread._transition_failed)
+    assert registered == [True]  # kept while the transition ran on
+    assert wait_for(lambda: os.path.realpath(data_dir) not in sync.SyncManager._instances)
+    assert era_thread._last_transition_error.startswith("new era: Era transition to era 2 cancelled by a stop "
+                                                        "request; the data directory holds era 1")
+    assert m.get_manifest().era_number == 1 and leftovers(data_dir) == []
+    m.unregister_era_callback(release_on_kill)  # it holds the manager
 
 
 # Era 3 is published while the transition to era 2 runs. Before the files are

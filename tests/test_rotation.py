@@ -56,8 +56,9 @@ def make_rotation_overdue(data_dir, hours):
 @pytest.fixture
 def svc(dataservice_factory):
     # Four families of three features (each member's companions are the two
-    # others of its family) spread over two universes.
-    return dataservice_factory(features=12, family_size=3, feature_bytes=FEATURE_BYTES)
+    # others of its family) spread over two universes, listed as rotation
+    # artifacts (the catalogue that settings are checked against).
+    return dataservice_factory(features=12, family_size=3, feature_bytes=FEATURE_BYTES, with_artifacts=True)
 
 
 @pytest.fixture
@@ -127,9 +128,12 @@ def test_shrinking_budget_removes_inactive_features_and_lifting_it_restores_them
     assert m._active_rotation_state is None
 
 
-def test_a_replaced_settings_loader_is_asked_even_without_a_settings_file(svc, data, monkeypatch):
+def test_a_replaced_settings_loader_is_asked_even_without_a_settings_file(dataservice_factory, data, monkeypatch):
     from tidewright import _rotation_settings
 
+    # Rotation artifacts of both universes; the manifest scopes rotation to one.
+    svc = dataservice_factory(features=12, family_size=3, feature_bytes=FEATURE_BYTES, with_artifacts=True,
+                              manifest_overrides={"rotation": {"scope": {"named_universe": "top50"}}})
     contexts = []
 
     def load(data_dir, *, catalog_context=None):
@@ -139,7 +143,12 @@ def test_a_replaced_settings_loader_is_asked_even_without_a_settings_file(svc, d
     monkeypatch.setattr(_rotation_settings, "load_rotation_settings", load)
     m = make_manager(svc, data)
     result = m.sync()
-    assert contexts and all(c and c["named_universes"] for c in contexts)
+    # The catalogue the settings are checked against is that of the rotation
+    # artifacts and the manifest's rotation scope.
+    assert contexts and all(c == sync._rotation_catalog_context_from_manifest(svc.manifest()) for c in contexts)
+    assert (contexts[0]["current_universes"], contexts[0]["named_universes"]) == (["top50"], ["top200", "top50"])
+    top50 = [a for a in svc.manifest()["artifacts"] if a["named_universe"] == "top50"]
+    assert contexts[0]["families"]["top50"] == {a["family"]: [a["subfamily"]] for a in top50}
     assert len(local_features(data)) < len(feature_paths(svc.manifest())) == 12
     assert result.rotation_seed == 3 and m.needs_sync() is False
 
@@ -377,10 +386,11 @@ def test_manifest_defaults(manifest_data, universe, market):
 
 def test_legacy_scope_and_artifact_rows():
     data = {
-        "era_number": 1, "market_id": 1, "named_universes": ["top50", "top200"],
+        "era_number": 1, "market_id": 1, "named_universes": ["top50", "top200", "top10"],
         "files": {
             "features/top50/signal_is/a.arrow": {"kind": "feature", "size_bytes": 4},
             "features/signal_is/b.arrow": {"kind": "feature", "size_bytes": 5},
+            "features/top10/signal_is/c.arrow": {"kind": "feature", "size_bytes": 7, "family": "other"},
             "functions.json": {"kind": "functions", "size_bytes": 6},
         },
         "artifacts": [
@@ -403,12 +413,39 @@ def test_legacy_scope_and_artifact_rows():
     assert (rows[1]["named_universe"], rows[1]["market"]) == ("top50", "equities")
     assert [a["rotating"] for a in sync._rotation_manifest_artifacts(sync.Manifest(data))] == [True, True]
 
+    # The catalogue is that of the rotation artifacts: a universe only the
+    # manifest's list or a file outside the artifacts names is not in it.
     context = sync._rotation_catalog_context_from_manifest(data)
     assert context == {"current_market": "crypto", "current_universes": ["top200", "top50"],
                        "named_universes": ["top200", "top50"], "families": {"top200": {"fam": []}, "top50": {}}}
-    scoped = {**data, "rotation": {"scope": {"named_universe": "top50", "market": "equities"}}}
+    scoped = {**data, "rotation": {"scope": {"named_universes": ["top50", " "], "market": "equities"}}}
     context = sync._rotation_catalog_context_from_manifest(scoped)
     assert (context["current_market"], context["current_universes"]) == ("equities", ["top50"])
+    assert context["named_universes"] == ["top200", "top50"]
+    assert sync._rotation_catalog_context_from_manifest({**data, "artifacts": []})["named_universes"] == []
+
+
+@pytest.mark.parametrize("artifact, required", [
+    ({"artifact_kind": "feature", "named_universe": "top50"}, True),
+    ({"kind": "feature", "market": "crypto", "mandatory": False}, True),
+    ({"artifact_kind": "feature", "named_universe": "top50", "mandatory": True}, False),  # always kept
+    ({"artifact_kind": "feature", "named_universe": " "}, False),  # rotates, but in no scope
+    ({"artifact_kind": "functions", "named_universe": "top50"}, False),
+    ("not an artifact", False),
+])
+def test_scoped_settings_are_required_by_scoped_rotating_features(artifact, required):
+    unscoped = {"artifact_kind": "feature", "relative_path": "features/signal_is/b.arrow"}
+    assert sync._rotation_artifacts_require_scoped_settings([unscoped, artifact]) is required
+    assert sync._rotation_artifacts_require_scoped_settings([]) is False
+
+
+def test_scoped_settings_for_the_artifacts_of_a_manifest():
+    data = {"era_number": 1, "market_id": 1, "files": {"features/top50/signal_is/a.arrow": {"kind": "feature"}},
+            "artifacts": [{"relative_path": "features/top50/signal_is/a.arrow"}]}
+    # The descriptors carry the scope the legacy rule filled in.
+    assert sync._rotation_artifacts_require_scoped_settings(sync._rotation_manifest_artifacts(sync.Manifest(data)))
+    data["artifacts"][0]["mandatory"] = True
+    assert not sync._rotation_artifacts_require_scoped_settings(sync._rotation_manifest_artifacts(sync.Manifest(data)))
 
 
 @pytest.mark.parametrize(
@@ -491,14 +528,36 @@ def test_planner_keeps_mandatory_and_prefetched_files_first(tmp_path):
         rotation.plan_rotation(artifacts, {**settings, "feature_budget_bytes": 9})
 
 
-def test_an_era_transition_stages_only_the_selection_and_promotes_it(svc, data):
+def test_an_era_transition_stages_only_the_selection_and_promotes_it(svc, data, caplog):
     budget = budget_for(svc, 4)
     write_settings(data, seed=5, feature_budget_bytes=budget)
     m = make_manager(svc, data)
     m.sync()
-    svc.publish_era(2, features=12, family_size=3, feature_bytes=FEATURE_BYTES)
+    before = sync.load_feature_rotation_state(str(data)).active_relative_paths
+    svc.publish_era(2, features=15, family_size=3, feature_bytes=FEATURE_BYTES)
+    calls = []
 
-    m.trigger_era_transition(2)
+    def searches(event_type, era_number, payload=None):
+        calls.append((event_type, era_number, payload))
+
+    def two_arguments(event_type, era_number):
+        calls.append(("two arguments", event_type))
+
+    m.register_era_callback(searches)
+    m.register_era_callback(two_arguments)
+    m.trigger_era_transition(2, kill_searches_fn=lambda: calls.append("kill"),
+                             restart_searches_fn=lambda: calls.append("restart"))
+
+    # Running searches learn their new active set before they restart; a
+    # callback that takes no payload is not asked.
+    state = sync.load_feature_rotation_state(str(data))
+    assert calls == ["kill", ("rotation_refresh", 2, {
+        "era_number": 2, "previous_era_number": 1,
+        "active_relative_paths": list(state.active_relative_paths),
+        "added_relative_paths": sorted(set(state.active_relative_paths) - set(before)),
+        "removed_relative_paths": sorted(set(before) - set(state.active_relative_paths))}), "restart"]
+    assert calls[1][2]["added_relative_paths"] and calls[1][2]["removed_relative_paths"]
+    assert not [r for r in caplog.records if r.getMessage().startswith("Era callback failed")]
 
     assert m.get_manifest().era_number == 2
     on_disk = local_features(data)

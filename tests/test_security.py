@@ -486,6 +486,22 @@ def test_a_directory_swapped_for_a_link_during_a_download_is_not_followed(datase
     assert snapshot(outside) == before
 
 
+def test_verify_reports_files_reached_through_an_outside_link_as_corrupted(dataservice, tmp_path, outside):
+    data = tmp_path / "data"
+    data.mkdir()
+    m = manager(dataservice, data)
+    with request_budget(dataservice):
+        m.sync()
+    # The universe directory moved out and linked back: same bytes, outside.
+    universe = data / "features" / "top50"
+    shutil.move(universe, outside / "top50")
+    universe.symlink_to(outside / "top50", target_is_directory=True)
+    linked = sorted(p for p in dataservice.manifest()["files"] if p.startswith("features/top50/"))
+    result = m.verify()  # reported, not raised
+    assert (result.valid, result.missing_files) == (False, [])
+    assert sorted(result.corrupted_files) == linked
+
+
 @pytest.mark.parametrize("name", [".consumer_count", ".sync_flock", ".transition_lock", ".transition_era2.tmp",
                                   "manifest.json", ".manifest_sync_metadata.json", "sync-progress.json",
                                   ".sync_hash_cache.json", "shuffle_seed.enc", "functions.json"])

@@ -3,6 +3,7 @@ levels, coalescing, and the reports of outages and backoff waits."""
 
 import json
 import logging
+import threading
 import time
 import uuid
 
@@ -106,3 +107,86 @@ def test_outage_and_backoff_reports(records, label):
     assert outage["error_code"] == "busy" and outage["elapsed_seconds"] >= 3
     assert (in_search["surface"], in_search["count"], in_search["wait_seconds"]) == ("search", 1, 0.5)
     assert (plain["surface"], plain["reason"], plain["attempt"]) == ("file_download", "partial_transfer", 1)
+
+
+
+# -- events of syncs against the data service -------------------------------------
+
+def events_for(records, path, *types):
+    return [r.tidewright_sync_event for r in records
+            if r.tidewright_sync_event["file"] == path and r.tidewright_sync_event["event_type"] in types]
+
+
+@pytest.mark.parametrize("public_files", [False, True], ids=["authenticated", "public"])
+def test_transient_statuses_of_a_file_download(dataservice_factory, tmp_path, records, label, instant_backoff,
+                                               public_files):
+    svc = dataservice_factory(public_files=public_files, extra_files={label: ("data", b"x" * 1000)})
+    svc.script_statuses("/data/files/" + label, [503, 502])
+    m = sync.SyncManager(str(tmp_path), svc.url, token=svc.token)
+    with backoff_context(stop_requested=lambda: len(svc.requests) > 200):
+        m.sync()
+    seen = events_for(records, label, "sync_unavailable_status", "http_retry", "sync_backoff_wait",
+                      "sync_recovered_status")
+    if public_files:
+        # Without credentials the download itself waits and asks again.
+        assert [(e["event_type"], e["surface"], e["reason"]) for e in seen] == [
+            ("sync_backoff_wait", "file_download", "SyncError")] * 2
+    else:
+        # Retried inside the request, as every authenticated request is.
+        assert [(e["event_type"], e.get("status"), e.get("surface")) for e in seen] == [
+            ("sync_unavailable_status", 503, None),
+            ("http_retry", 503, None), ("sync_backoff_wait", None, "http_request"),
+            ("http_retry", 502, None), ("sync_backoff_wait", None, "http_request"),
+            ("sync_recovered_status", 502, None)]
+        assert seen[-1]["statuses"] == [503, 502]
+    assert (tmp_path / label).read_bytes() == b"x" * 1000
+
+
+def test_parallel_workers_wait_in_the_callers_backoff_context(dataservice_factory, tmp_path, records, label,
+                                                              instant_backoff):
+    from tidewright.sync_backoff import current_context
+
+    svc = dataservice_factory(extra_files={label: ("data", b"x" * 1000)})
+    seen = []  # the backoff context of every token request, with its thread
+
+    def token():
+        seen.append((threading.get_ident(), dict(current_context())))
+        return svc.token
+
+    def stop_never():
+        return False
+
+    svc.script_statuses("/data/files/" + label, [503])
+    m = sync.SyncManager(str(tmp_path), svc.url, token, sync_max_concurrency=4)
+    with backoff_context(surface="search", stop_requested=stop_never):
+        m.sync()
+    on_workers = [context for thread, context in seen if thread != threading.get_ident()]
+    assert on_workers and all(context["surface"] == "search" for context in on_workers)
+    # Each worker has a stop test of its own, which follows the caller's.
+    assert all(context["stop_requested"] is not stop_never and context["stop_requested"]() is False
+               for context in on_workers)
+    [wait] = events_for(records, label, "sync_backoff_wait")
+    assert wait["surface"] == "search"
+
+
+def test_an_era_transition_downloads_in_a_backoff_context_of_its_own(dataservice_factory, tmp_path, records, label,
+                                                                     instant_backoff):
+    from tidewright.sync_backoff import current_context
+
+    svc = dataservice_factory(extra_files={label: ("data", b"x" * 1000)})
+    contexts = []
+
+    def token():
+        contexts.append(dict(current_context()))
+        return svc.token
+
+    m = sync.SyncManager(str(tmp_path), svc.url, token)
+    m.sync()
+    svc.publish_era(2, extra_files={label: ("data", b"y" * 1000)})
+    svc.script_statuses("/data/files/" + label, [503])
+    with backoff_context(surface="search"):
+        m.trigger_era_transition(2)
+    [wait] = events_for(records, label, "sync_backoff_wait")
+    assert wait["surface"] == "era_transition"
+    assert {"surface": "era_transition"} in contexts  # the downloads' requests
+    assert (tmp_path / label).read_bytes() == b"y" * 1000

@@ -58,6 +58,13 @@ def test_a_refused_retry_ends_the_sync_with_sync_unavailable(svc, tmp_path, path
         assert os.listdir(tmp_path) == []
 
 
+def test_a_public_download_retries_a_transient_status_whatever_its_body_says(dataservice_factory, tmp_path):
+    svc = dataservice_factory(large_file_bytes=BIG_BYTES, public_files=True)
+    svc.add_fault(BIG_URL_PATH, "status", status=503, retryable=False, count=2)
+    synced(svc, tmp_path)
+    assert [r.status for r in file_requests(svc, BIG)][:3] == [503, 503, 206]
+
+
 # (fault, range starts asked for the large file, body bytes the service sent for it)
 BODY_FAULTS = {
     # Resumed where the body broke off: no byte is sent twice.

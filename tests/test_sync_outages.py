@@ -102,6 +102,26 @@ def test_nothing_listening_is_retried_until_stopped_and_the_next_sync_completes(
     assert m.get_manifest().version == 2
 
 
+def test_stop_cancels_a_running_download_at_once_and_the_next_sync_resumes_it(svc, tmp_path, backoff_waits,
+                                                                               in_background):
+    # The second chunk of the large file hangs after 1000 bytes.
+    svc.add_fault(BIG_URL_PATH, "stall", skip=1, after_bytes=1000)
+    m = manager(svc, tmp_path)
+    running = in_background(budgeted_sync, svc, m)
+    assert wait_for(lambda: any(r.fault == "stall" and r.bytes_sent == 1000 for r in svc.requests_for(BIG_URL_PATH)))
+    m.start()  # its poll finds the sync running and leaves it alone
+    m.stop()  # does not wait for the stalled transfer
+    with pytest.raises(SyncBackoffCancelled):
+        running.result(timeout=30)
+    assert not m.is_alive() and m.get_manifest() is None
+    assert os.path.getsize(tmp_path / (BIG + ".tmp")) == CHUNK + 1000
+
+    budgeted_sync(svc, m)
+    assert_in_step(svc, tmp_path)
+    assert range_starts(svc, BIG)[:3] == [0, CHUNK, CHUNK + 1000]
+    assert body_bytes_served(svc, BIG) == BIG_BYTES
+
+
 def test_an_untrusted_certificate_sends_nothing_and_the_configured_ca_is_trusted(dataservice_factory, tmp_path,
                                                                                  monkeypatch, backoff_waits):
     svc = dataservice_factory(tls=True)

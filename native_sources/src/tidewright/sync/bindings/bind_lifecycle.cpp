@@ -27,6 +27,15 @@ def _record_runtime_freshness_updates(updates):
             guard.record_sync_update(**update)
 
 
+def _load_era_transition_modules():
+    import importlib
+
+    deployment = importlib.import_module("tidewright.deployment")
+    for name in ("_CURRENT_VERSION", "check_update", "_compare_versions", "auto_update"):
+        getattr(deployment, name)
+    importlib.import_module("tidewright.search_tracking").SearchTracker
+
+
 def _track_era_transition(data_dir, new_era_number, previous_era_number):
     import importlib
 
@@ -67,11 +76,28 @@ void bind_lifecycle(nb::module_& m) {
   using release_gil = nb::call_guard<nb::gil_scoped_release>;
 
   def_method(cls, "acquire", &SyncManager::acquire, release_gil(), "Register as consumer, start threads if first.");
-  def_method(cls, "release", &SyncManager::release, release_gil(), "Deregister as consumer, stop threads if last.");
+  def_method(cls, "release", &SyncManager::release, release_gil(),
+             "Deregister as consumer, stop threads if last.\n\n"
+             "The last release stops the manager as stop() does, cancelling a running sync or era "
+             "transition. A transition that is still running afterwards (release() called from an era "
+             "callback on the transition's own thread, say) keeps the instance registered, so that "
+             "get_or_create() hands out no second manager for the directory; it leaves the registry when "
+             "that transition returns.");
   def_method(cls, "start", &SyncManager::start, release_gil(), "Start background sync polling loop.");
-  def_method(cls, "stop", &SyncManager::stop, release_gil(), "Stop background sync polling loop.");
+  def_method(cls, "stop", &SyncManager::stop, release_gil(),
+             "Stop background sync polling loop.\n\n"
+             "Does nothing unless the manager is running (start() or acquire()). Otherwise it does not "
+             "wait for a running sync or era transition to finish: it cancels them and returns once they "
+             "have ended, which is prompt. The cancelled call raises "
+             "tidewright.sync_backoff.SyncBackoffCancelled. A cancelled sync keeps its partial downloads "
+             "as staging files (\"<path>.tmp\") and the next sync resumes them where they stopped. A "
+             "cancelled transition leaves the data directory wholly in one era, the old one when it was "
+             "cancelled before the switch, the new one after it, and its error names that era; searches it "
+             "stopped are not restarted, and its staging directory is removed (the next transition downloads "
+             "again what it had not finished).");
   def_method(cls, "_stop_internal", &SyncManager::stop_internal, release_gil(),
-             "Internal stop implementation. Blocks until in-progress sync/transition completes.");
+             "Internal stop implementation. Blocks until in-progress sync/transition completes.\n\n"
+             "The in-progress sync or transition is cancelled first (see stop()), so the wait is short.");
   def_method(cls, "is_alive", &SyncManager::is_alive, release_gil(), "Health check returning thread responsiveness.");
   def_method(cls, "_poll_once", &SyncManager::poll_once, release_gil(),
              "Single poll cycle: check version, sync if needed, process repairs.");
@@ -98,7 +124,19 @@ void bind_lifecycle(nb::module_& m) {
         s.register_era_callback(std::move(ref));
       },
       nb::arg("callback").none(),
-      nb::sig("def register_era_callback(self, callback: collections.abc.Callable[[str, int], object]) -> None"));
+      "Register callback(event_type, era_number) for era transitions (duplicates are kept).\n\n"
+      "Event types: \"kill\" (stop work before a transition, with the era held so far), "
+      "\"restart\" (resume after it, with the new era) and \"abort\" (reserved for callers: a "
+      "transition was given up, resume). Under feature rotation a transition also tells running "
+      "searches their new active files, before \"restart\": callbacks that accept a third positional "
+      "argument are called as callback(\"rotation_refresh\", era_number, payload), the others are "
+      "not called for it. payload is a dict with \"era_number\", \"previous_era_number\" (None "
+      "without a previous era), \"active_relative_paths\" (every manifest path kept locally in the "
+      "new era, sorted), \"added_relative_paths\" (active now, not before) and "
+      "\"removed_relative_paths\" (active before, not now). It is sent when rotation applies to the "
+      "old era or the new one. Callbacks run on the transition's thread; an exception is logged and "
+      "the other callbacks still run.",
+      nb::sig("def register_era_callback(self, callback: collections.abc.Callable[..., object]) -> None"));
   def_method(
       cls, "unregister_era_callback",
       [](SyncManager& s, nb::handle callback) {
@@ -150,7 +188,12 @@ void bind_lifecycle(nb::module_& m) {
       },
       nb::arg("new_era_number"), nb::arg("kill_searches_fn").none() = nb::none(),
       nb::arg("restart_searches_fn").none() = nb::none(),
-      "Handle era transition: kill, update, re-auth, sync, restart.");
+      "Handle era transition: kill, update, re-auth, sync, restart.\n\n"
+      "Raises DiskSpaceError before anything is staged or requested when the file system cannot hold "
+      "the new era beside the old one. A stop request (stop() or release() of a running manager, the "
+      "era thread's stop, or the caller's backoff context) cancels it with SyncBackoffCancelled, whose "
+      "message names the era the data directory is wholly in; the searches it stopped are not "
+      "restarted.");
   def_method(
       cls, "_fetch_active_era_for_transition",
       [](SyncManager& s, bool allow_closing) {

@@ -308,7 +308,13 @@ void bind_manager(nb::module_& m) {
              return to_python(r);
            },
            "Verify local files against manifest existence, size, and checksum.\n\n"
-           "With no local manifest (nothing synced yet) nothing is checked: the result is valid with empty\n"
+           "Every file is hashed (the hash cache is not used). Files that look missing or corrupted "
+           "are looked at again under the cross-process sync lock, so verify() may wait for a sync "
+           "running in another process (which promotes files before it writes the manifest) and "
+           "reports what that sync left. A manifest path that cannot be used safely (one reaching "
+           "outside the data directory through a link, say) is reported in corrupted_files instead "
+           "of raising.\n\n"
+           "With no local manifest (nothing synced yet) nothing is checked: the result is valid with empty "
            "lists and has_manifest=False. Check has_manifest before taking valid as a clean bill.")
       .def("repair", [](SyncManager& s, Shown<shown::TextList> files) {
              std::vector<std::string> paths;

@@ -191,11 +191,24 @@ void bind_module_functions(nb::module_& m) {
         json::object context;
         {
           nb::gil_scoped_release release;
-          context = rotation_catalog_context(data, rotation_planning_rows(data, host().manifest_siblings()));
+          context = rotation_catalog_context(data, rotation_artifact_rows_for_sync(data, host().manifest_siblings()));
         }
         return from_json(context);
       },
       "manifest"_a.none());
+  m.def(
+      "_rotation_artifacts_require_scoped_settings",
+      [](nb::handle artifacts) {
+        json::array items;
+        if (!artifacts.is_none()) {
+          for (nb::handle artifact : artifacts) items.push_back(to_json(artifact));
+        }
+        nb::gil_scoped_release release;
+        return rotation_artifacts_require_scoped_settings(items, host().manifest_siblings());
+      },
+      "artifacts"_a.none(),
+      "Whether the artifacts include rotating feature artifacts that name a market or a named universe "
+      "(artifact kind \"feature\", \"mandatory\" not set): rotation settings for them must configure a scope.");
   m.def(
       "_rotation_feature_budget_bytes",
       [](nb::handle settings) {

@@ -377,4 +377,83 @@ bool PythonHost::backoff_context_stop_requested(const HostRef& context) {
   }
 }
 
+namespace {
+
+// A context entered on a thread that may have no Python thread state of its
+// own (a core thread). The thread state made for it is kept until the
+// context is left: the backoff module keeps its contexts per thread, and a
+// thread state made and dropped around each call would forget them.
+struct EnteredBackoffContext {
+  nb::object context;  // touched only with the GIL held
+  PyGILState_STATE gil_state{};
+  PyThreadState* saved = nullptr;
+  ~EnteredBackoffContext() { context.release(); }  // left in pop_backoff_context, or leaked at exit
+};
+
+}  // namespace
+
+HostRef PythonHost::push_backoff_context(const HostRef& base, const json::object& fields,
+                                         std::function<bool()> stop_requested) {
+  if (shutting_down()) return nullptr;
+  auto entered = std::make_shared<EnteredBackoffContext>();
+  entered->gil_state = PyGILState_Ensure();
+  try {
+    nb::object mod = loaded_module("tidewright.sync_backoff");
+    if (!mod.is_valid()) mod = import_module("tidewright.sync_backoff");
+    nb::dict layered;
+    if (base) {
+      nb::handle given = ref_object(base);
+      for (nb::handle key : given) layered[key] = given[key];
+    }
+    for (const auto& kv : fields) layered[nb::str(kv.key().data(), kv.key().size())] = from_json(kv.value());
+    if (stop_requested) {
+      layered["stop_requested"] = nb::cpp_function([stop_requested]() {
+        nb::gil_scoped_release release;
+        return stop_requested();
+      });
+    }
+    nb::object context = mod.attr("backoff_context")(**layered);
+    context.attr("__enter__")();
+    entered->context = std::move(context);
+  } catch (nb::python_error& e) {
+    std::string what = e.what();
+    e.restore();
+    PyErr_Clear();
+    PyGILState_Release(entered->gil_state);
+    log_debug("Backoff context not entered: %s", {json::value(what)});
+    return nullptr;
+  }
+  entered->saved = PyEval_SaveThread();
+  return entered;
+}
+
+void PythonHost::pop_backoff_context(const HostRef& token) {
+  if (!token || shutting_down()) return;
+  auto entered = std::static_pointer_cast<EnteredBackoffContext>(token);
+  PyEval_RestoreThread(entered->saved);
+  try {
+    entered->context.attr("__exit__")(nb::none(), nb::none(), nb::none());
+  } catch (nb::python_error& e) {
+    e.restore();
+    PyErr_Clear();
+  }
+  entered->context.reset();
+  PyGILState_Release(entered->gil_state);
+}
+
+bool PythonHost::accepts_positional_arguments(const HostRef& fn, std::size_t count) {
+  if (!fn || shutting_down()) return false;
+  try {
+    return with_gil([&] {
+      nb::object signature = nb::module_::import_("inspect").attr("signature")(ref_object(fn));
+      nb::list args;
+      for (std::size_t i = 0; i < count; ++i) args.append(nb::none());
+      signature.attr("bind")(*nb::tuple(args));
+      return true;
+    });
+  } catch (const HostError&) {
+    return false;  // no signature to read, or one that does not bind
+  }
+}
+
 }  // namespace tidewright::sync::bindings

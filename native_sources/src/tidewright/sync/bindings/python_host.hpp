@@ -32,6 +32,10 @@ class PythonHost : public Host {
   bool backoff_sleep(double wait_seconds, const std::function<bool()>& stop_requested) override;
   HostRef current_backoff_context() override;
   bool backoff_context_stop_requested(const HostRef& context) override;
+  HostRef push_backoff_context(const HostRef& base, const json::object& fields,
+                               std::function<bool()> stop_requested) override;
+  void pop_backoff_context(const HostRef& token) override;
+  bool accepts_positional_arguments(const HostRef& fn, std::size_t count) override;
   bool shutting_down() override;
   bool holds_host_lock() override;
 

@@ -42,6 +42,11 @@ class FakeHost : public Host {
   bool backoff_sleep(double wait_seconds, const std::function<bool()>& stop_requested) override;
   HostRef current_backoff_context() override;
   bool backoff_context_stop_requested(const HostRef& context) override;
+  // No backoff contexts: pushing one is a no-op.
+  HostRef push_backoff_context(const HostRef&, const json::object&, std::function<bool()>) override { return nullptr; }
+  void pop_backoff_context(const HostRef&) override {}
+  // Callables made by make_callable take any number of arguments.
+  bool accepts_positional_arguments(const HostRef&, std::size_t) override { return true; }
   bool shutting_down() override { return false; }
 
   // Test hooks.

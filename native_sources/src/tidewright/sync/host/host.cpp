@@ -61,6 +61,14 @@ void set_host(std::shared_ptr<Host> new_host) {
   g_host = std::move(new_host);
 }
 
+ScopedBackoffContext::ScopedBackoffContext(const HostRef& base, const json::object& fields,
+                                           std::function<bool()> stop_requested)
+    : token_(host().push_backoff_context(base, fields, std::move(stop_requested))) {}
+
+ScopedBackoffContext::~ScopedBackoffContext() {
+  if (token_) host().pop_backoff_context(token_);
+}
+
 void log_debug(std::string_view format, const json::array& args) {
   Host& h = host();
   if (h.log_enabled(LogLevel::kDebug)) h.log(LogLevel::kDebug, format, args);

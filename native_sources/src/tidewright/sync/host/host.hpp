@@ -116,12 +116,39 @@ class Host {
   virtual HostRef current_backoff_context() = 0;
   // Truth of context["stop_requested"](); false when absent or failing.
   virtual bool backoff_context_stop_requested(const HostRef& context) = 0;
+  // Layers a backoff context on the calling thread until pop_backoff_context
+  // is called with the returned token on the same thread: the fields of
+  // `base` (a context taken on another thread; empty: none), then `fields`,
+  // then "stop_requested" when `stop_requested` is given. An empty token
+  // when the backoff module cannot be used (the caller runs without one).
+  // Use ScopedBackoffContext.
+  virtual HostRef push_backoff_context(const HostRef& base, const json::object& fields,
+                                       std::function<bool()> stop_requested) = 0;
+  virtual void pop_backoff_context(const HostRef& token) = 0;
+
+  // Whether the signature of `fn` accepts `count` positional arguments
+  // (false when the host cannot tell).
+  virtual bool accepts_positional_arguments(const HostRef& fn, std::size_t count) = 0;
 
   // True once the host is shutting down: no further calls should be made.
   virtual bool shutting_down() = 0;
   // True when the calling thread holds the host's interpreter lock, so that
   // another thread calling into the host would wait for this one.
   virtual bool holds_host_lock() { return false; }
+};
+
+// A backoff context layered on the calling thread for the guard's lifetime
+// (see Host::push_backoff_context). Must be destroyed on the thread that
+// made it.
+class ScopedBackoffContext {
+ public:
+  ScopedBackoffContext(const HostRef& base, const json::object& fields, std::function<bool()> stop_requested = {});
+  ~ScopedBackoffContext();
+  ScopedBackoffContext(const ScopedBackoffContext&) = delete;
+  ScopedBackoffContext& operator=(const ScopedBackoffContext&) = delete;
+
+ private:
+  HostRef token_;
 };
 
 // The process-wide host. set_host() is called once at load (and by tests).

@@ -475,8 +475,12 @@ void SyncManager::download_file(const std::string& file_path, const json::object
         StagingSink sink(fd.get(), hasher, received, start, end, expected_size, file_path);
         sink.set_progress(&progress_);
         sink.set_fetched_counter(&fetched);
-        DownloadResult response = download_request_to_sink(request, sink, sync_http_timeout_seconds(),
-                                                           is_public ? std::optional<std::string>(transport) : std::nullopt);
+        // Authenticated requests retry transient answers inside the request,
+        // as every authenticated GET does; a public one fails the pass (its
+        // error body is not read) and the pass is retried below.
+        DownloadResult response =
+            is_public ? download_request_to_sink(request, sink, sync_http_timeout_seconds(), transport)
+                      : download_request_with_sync_retries(request, sink, sync_http_timeout_seconds());
         if (response.status == 200) {
           done = true;  // the whole body, from byte 0
         } else if (response.status == 206) {
@@ -502,14 +506,6 @@ void SyncManager::download_file(const std::string& file_path, const json::object
           if (::ftruncate(fd.get(), 0) != 0) throw_os_error(errno, staging);
           throw SyncError("Download resume reset for " + file_path + ": HTTP 416");
         } else {
-          if (should_retry_http_status(json::value(response.status))) {
-            // A transient status is retried below, unless the server said not to.
-            json::object details = parse_sync_error_body(response.error_body);
-            const json::value* retryable = details.if_contains("retryable");
-            if (retryable && retryable->is_bool() && !retryable->get_bool()) {
-              throw sync_unavailable_from(url, attempt + 1, {response.status}, {}, details);
-            }
-          }
           raise_download_http_status(file_path, json::value(response.status));
         }
       }
@@ -625,8 +621,13 @@ void SyncManager::download_files_parallel(const std::vector<std::pair<std::strin
     }
     return;
   }
+  // Each worker runs in the caller's backoff context (its surface, say) with
+  // a stop test of its own: the caller's, or the batch being abandoned.
   HostRef parent_context = host().current_backoff_context();
-  std::atomic<bool> cancel{false};
+  auto cancel = std::make_shared<std::atomic<bool>>(false);  // may outlive the call inside a context
+  auto worker_stop = [cancel, parent_context] {
+    return cancel->load() || (parent_context && host().backoff_context_stop_requested(parent_context));
+  };
   std::atomic<std::size_t> next{0};
   std::mutex mu;
   std::exception_ptr first_error;                 // guarded by mu
@@ -636,10 +637,9 @@ void SyncManager::download_files_parallel(const std::vector<std::pair<std::strin
   auto worker = [&](std::size_t index) {
     std::string name = "tw-sync_" + std::to_string(index);
     pthread_setname_np(pthread_self(), name.substr(0, 15).c_str());
-    ScopedSyncStopPredicate stop([&] {
-      return cancel.load() || (parent_context && host().backoff_context_stop_requested(parent_context));
-    });
-    while (!cancel.load()) {
+    ScopedBackoffContext context(parent_context, {}, worker_stop);
+    ScopedSyncStopPredicate stop(worker_stop);
+    while (!cancel->load()) {
       std::size_t i = next.fetch_add(1);
       if (i >= files.size()) break;
       try {
@@ -650,7 +650,7 @@ void SyncManager::download_files_parallel(const std::vector<std::pair<std::strin
         if (set_aside && set_aside(files[i].first, error)) continue;
         std::lock_guard<std::mutex> lock(mu);
         if (!first_error) first_error = error;
-        cancel.store(true);  // queued work is abandoned; running transfers stop
+        cancel->store(true);  // queued work is abandoned; running transfers stop
       }
     }
   };

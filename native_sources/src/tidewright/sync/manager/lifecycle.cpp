@@ -115,7 +115,31 @@ void SyncManager::release() {
   if (consumer_count_.load() == 0) {
     stop_internal();
     consumer_lifecycle_started_.store(false);
+    // A transition still running (on this very thread, from a callback, or
+    // one that outlived the wait) keeps the instance registered, so that no
+    // second manager for the directory is made meanwhile; it leaves when the
+    // last running transition returns. The flag is raised before the count
+    // is read: a transition returning meanwhile sees the flag.
+    evict_after_transition_.store(true);
+    if (transition_calls_.load() > 0) return;
+    evict_after_transition_.store(false);
     evict_locked(this);
+  }
+}
+
+void SyncManager::evict_if_released() {
+  // Cheap without a pending eviction: a release() under way holds the class
+  // lock while it waits for this transition to end.
+  if (!evict_after_transition_.load()) return;
+  std::shared_ptr<SyncManager> keep_alive = weak_from_this().lock();  // the registry may hold the last reference
+  try {
+    std::lock_guard<std::mutex> class_lock(class_mutex());
+    std::lock_guard<std::mutex> lock(consumer_mu_);
+    if (!evict_after_transition_.load() || transition_calls_.load() > 0) return;
+    evict_after_transition_.store(false);
+    if (consumer_count_.load() == 0 && !consumer_lifecycle_started_.load()) evict_locked(this);
+  } catch (const std::exception& e) {
+    log_warning("Failed to evict the released sync manager: %s", {json::value(e.what())});
   }
 }
 
@@ -463,6 +487,18 @@ void SyncManager::notify_era_callbacks(const std::string& event_type, std::int64
   for (const HostRef& callback : era_callbacks()) {
     try {
       host().call(callback, json::array{json::value(event_type), json::value(era_number)});
+    } catch (const std::exception& e) {
+      log_warning("Era callback failed (%s): %s", {json::value(event_type), json::value(e.what())}, true);
+    }
+  }
+}
+
+void SyncManager::notify_era_callbacks(const std::string& event_type, std::int64_t era_number,
+                                       const json::object& payload) {
+  for (const HostRef& callback : era_callbacks()) {
+    try {
+      if (!host().accepts_positional_arguments(callback, 3)) continue;
+      host().call(callback, json::array{json::value(event_type), json::value(era_number), json::value(payload)});
     } catch (const std::exception& e) {
       log_warning("Era callback failed (%s): %s", {json::value(event_type), json::value(e.what())}, true);
     }

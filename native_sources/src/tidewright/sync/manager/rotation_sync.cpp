@@ -42,13 +42,15 @@ bool rotation_known_off(const std::string& data_dir) {
 }
 
 // The user's rotation settings for the data directory, validated against
-// the catalogue of `manifest_data`; nullopt when rotation is off.
+// the catalogue of `manifest_data` (built from its rotation artifacts);
+// nullopt when rotation is off.
 std::optional<LoadedRotationSettings> load_rotation_settings(const std::string& data_dir,
                                                              const json::object& manifest_data,
-                                                             const json::array& rows,
+                                                             const ManifestSiblings& siblings,
                                                              std::int64_t free_disk_bytes) {
   json::object kwargs;
-  kwargs["catalog_context"] = rotation_catalog_context(manifest_data, rows);
+  kwargs["catalog_context"] =
+      rotation_catalog_context(manifest_data, rotation_artifact_rows_for_sync(manifest_data, siblings));
   json::value loaded =
       host().call_module_function(ROTATION_SETTINGS_MODULE, "load_rotation_settings", {json::value(data_dir)}, kwargs);
   std::string marker = full_download_marker();
@@ -158,8 +160,7 @@ std::optional<json::object> SyncManager::active_rotation_state() const {
 std::optional<json::object> SyncManager::feature_rotation_settings_for_manifest(const Manifest& manifest,
                                                                                 std::int64_t free_disk_bytes) {
   if (rotation_known_off(data_dir_)) return std::nullopt;
-  json::array rows = rotation_planning_rows(manifest.data(), host().manifest_siblings());
-  auto loaded = load_rotation_settings(data_dir_, manifest.data(), rows, free_disk_bytes);
+  auto loaded = load_rotation_settings(data_dir_, manifest.data(), host().manifest_siblings(), free_disk_bytes);
   if (!loaded) return std::nullopt;
   return std::move(loaded->settings);
 }
@@ -168,9 +169,9 @@ RotationPlan SyncManager::plan_feature_rotation_for_sync(const Manifest& manifes
   RotationPlan plan;
   if (rotation_known_off(data_dir_)) return plan;
   ManifestSiblings siblings = host().manifest_siblings();
-  json::array rows = rotation_planning_rows(manifest.data(), siblings);
-  auto loaded = load_rotation_settings(data_dir_, manifest.data(), rows, free_disk_bytes);
+  auto loaded = load_rotation_settings(data_dir_, manifest.data(), siblings, free_disk_bytes);
   if (!loaded) return plan;
+  json::array rows = rotation_planning_rows(manifest.data(), siblings);
 
   std::optional<json::object> state = load_feature_rotation_state(data_dir_);
   {
@@ -284,8 +285,7 @@ void SyncManager::complete_rotation_promotion(const Manifest& manifest, const Ro
 bool SyncManager::feature_rotation_needs_sync(const Manifest& manifest) {
   try {
     if (rotation_known_off(data_dir_)) return false;
-    json::array rows = rotation_planning_rows(manifest.data(), host().manifest_siblings());
-    auto loaded = load_rotation_settings(data_dir_, manifest.data(), rows, 0);
+    auto loaded = load_rotation_settings(data_dir_, manifest.data(), host().manifest_siblings(), 0);
     if (!loaded) return false;
     std::optional<json::object> state = load_feature_rotation_state(data_dir_);
     if (!state || !same_era(*state, manifest_era_number_or_none(&manifest))) return true;

@@ -59,6 +59,10 @@ struct SyncManagerArgs {
   SyncKnobs knobs;
 };
 
+// The era-callback event that tells running searches their new active
+// feature files after an era transition under feature rotation.
+inline constexpr const char* ROTATION_REFRESH_EVENT = "rotation_refresh";
+
 class SyncManager : public std::enable_shared_from_this<SyncManager>, public EraTransitionTarget {
  public:
   // Validates and loads; see the constructor steps in sync_manager.cpp.
@@ -388,6 +392,9 @@ class SyncManager : public std::enable_shared_from_this<SyncManager>, public Era
   // Calls every callback (on a copy of the list, outside the lock); a
   // callback's error is logged and the others still run.
   void notify_era_callbacks(const std::string& event_type, std::int64_t era_number);
+  // The same with a payload, for the callbacks that take a third argument:
+  // callback(event_type, era_number, payload). The others are not called.
+  void notify_era_callbacks(const std::string& event_type, std::int64_t era_number, const json::object& payload);
 
   // Era transition gates: the era-current answer re-read during a transition.
   // (active era number, era config); EraError when not 200, unparseable, or
@@ -423,8 +430,25 @@ class SyncManager : public std::enable_shared_from_this<SyncManager>, public Era
   void set_in_transition(bool value);
   void set_status_message(std::string message);
   // One transition attempt; the superseding era when a higher one appeared.
+  // `searches_killed` is set once the kill function has been called.
   std::optional<std::int64_t> run_transition_attempt(std::int64_t new_era_number, const SearchesFn& kill_searches_fn,
-                                                     const SearchesFn& restart_searches_fn);
+                                                     const SearchesFn& restart_searches_fn, bool& searches_killed);
+  // The steps of an attempt (transition.cpp), run under its file lock.
+  struct TransitionRun;
+  void prepare_transition(TransitionRun& run);
+  std::optional<std::int64_t> stage_transition(TransitionRun& run);
+  void switch_transition(TransitionRun& run);
+  void complete_transition(TransitionRun& run, const SearchesFn& restart_searches_fn);
+  std::optional<json::object> rotation_refresh_payload(const TransitionRun& run) const;
+  // A stop request for this manager or for the calling thread.
+  bool transition_cancelled() const;
+  // SyncBackoffCancelled when transition_cancelled().
+  void end_transition_if_cancelled() const;
+  // The error text of a cancelled transition: the era the directory holds.
+  std::string transition_cancelled_message(std::int64_t era, bool searches_killed) const;
+  // Evicts the instance when release() left it registered for a running
+  // transition and no consumer has come back since.
+  void evict_if_released();
 
   // Registry access for release(), which evicts under the class lock.
   static std::mutex& class_mutex();
@@ -460,6 +484,9 @@ class SyncManager : public std::enable_shared_from_this<SyncManager>, public Era
   mutable std::mutex era_callbacks_mu_;
   std::vector<HostRef> era_callbacks_;  // guarded by era_callbacks_mu_
 
+  // release() found a transition running and left the instance registered.
+  std::atomic<bool> evict_after_transition_{false};  // written under class_mutex()
+  std::atomic<int> transition_calls_{0};              // trigger_era_transition calls running
   std::mutex transition_mu_;  // one transition at a time in this process
   std::mutex transition_state_mu_;
   std::condition_variable transition_cv_;  // in_transition_ changes (written under transition_state_mu_)

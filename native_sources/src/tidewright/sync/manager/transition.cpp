@@ -20,11 +20,13 @@
 #include "tidewright/sync/manifest/sanitize.hpp"
 #include "tidewright/sync/reporting/errors.hpp"
 #include "tidewright/sync/transport/files.hpp"
+#include "tidewright/sync/transport/http_request.hpp"
 
 #include <cerrno>
 #include <cstring>
 #include <fcntl.h>
 #include <filesystem>
+#include <set>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -221,15 +223,66 @@ std::optional<std::int64_t> SyncManager::check_transition_superseded(std::int64_
 
 // --- the transition ---------------------------------------------------------------
 
+// One attempt: what its steps hand on to each other.
+struct SyncManager::TransitionRun {
+  std::int64_t era = 0;
+  std::string era_text;
+  bool allow_closing = false;
+  ManifestPtr old_manifest;
+  std::string staging;
+  ManifestSiblings siblings;
+  std::string manifest_body;  // as fetched: its digest goes into the manifest metadata
+  ManifestPtr manifest;
+  RotationPlan rotation;
+  DownloadSet to_fetch;  // every file of the new era this host keeps
+  SyncResult result;
+  // The paths the searches had before (set when rotation was active for the
+  // old era), and the refresh to send them once the new era is in place.
+  std::optional<std::set<std::string>> previous_active;
+  std::optional<json::object> rotation_refresh;
+  bool searches_killed = false;  // by this attempt or an earlier one of the same call
+  bool cancelled_after_switch = false;
+};
+
+bool SyncManager::transition_cancelled() const { return stop_requested() || sync_backoff_stop_requested(); }
+
+// Between the steps of a transition: a stop request is not left to the next
+// wait or transfer to notice (a fast one may finish without looking).
+void SyncManager::end_transition_if_cancelled() const {
+  if (transition_cancelled()) throw SyncBackoffCancelled("era transition cancelled by a stop request");
+}
+
+std::string SyncManager::transition_cancelled_message(std::int64_t era, bool searches_killed) const {
+  // The held manifest is replaced together with the switch, so it names the
+  // era the data directory is in.
+  ManifestPtr held = get_manifest();
+  std::string message = "Era transition to era " + std::to_string(era) +
+                        " cancelled by a stop request; the data directory holds " +
+                        (held ? "era " + std::to_string(held->era_number_int()) : std::string("no era"));
+  if (searches_killed) message += "; the searches stopped for it were not restarted";
+  return message;
+}
+
 void SyncManager::trigger_era_transition(std::int64_t new_era_number, const SearchesFn& kill_searches_fn,
                                          const SearchesFn& restart_searches_fn) {
+  // A release() that found this transition running left the instance in
+  // the registry; it leaves once the transition is over.
+  struct RunningTransition {
+    SyncManager& self;
+    explicit RunningTransition(SyncManager& s) : self(s) { self.transition_calls_.fetch_add(1); }
+    ~RunningTransition() {
+      self.transition_calls_.fetch_sub(1);
+      self.evict_if_released();
+    }
+  } running{*this};
   std::int64_t era = new_era_number;
+  bool searches_killed = false;
   while (true) {
-    if (stop_requested()) throw SyncBackoffCancelled("stop requested; era transition not started");
+    if (transition_cancelled()) throw SyncBackoffCancelled(transition_cancelled_message(era, searches_killed));
     std::optional<std::int64_t> superseding;
     {
       std::lock_guard<std::mutex> lock(transition_mu_);
-      superseding = run_transition_attempt(era, kill_searches_fn, restart_searches_fn);
+      superseding = run_transition_attempt(era, kill_searches_fn, restart_searches_fn, searches_killed);
     }
     if (!superseding) return;
     era = *superseding;  // a higher era appeared: start over for it
@@ -238,13 +291,19 @@ void SyncManager::trigger_era_transition(std::int64_t new_era_number, const Sear
 
 std::optional<std::int64_t> SyncManager::run_transition_attempt(std::int64_t new_era_number,
                                                                 const SearchesFn& kill_searches_fn,
-                                                                const SearchesFn& restart_searches_fn) {
-  const std::string era_text = std::to_string(new_era_number);
-  current_library_version();  // the deployment module must load before anything changes
-  const ManifestPtr old_manifest = get_manifest();
-  const bool allow_closing = old_manifest && new_era_number > old_manifest->era_number_int();
+                                                                const SearchesFn& restart_searches_fn,
+                                                                bool& searches_killed) {
+  // The sibling modules the transition needs are loaded before anything
+  // changes: a missing or broken one fails it with the searches running and
+  // the directory untouched.
+  host().call_module_function("tidewright.sync", "_load_era_transition_modules", json::array{});
+  TransitionRun run;
+  run.era = new_era_number;
+  run.era_text = std::to_string(new_era_number);
+  run.old_manifest = get_manifest();
+  run.allow_closing = run.old_manifest && new_era_number > run.old_manifest->era_number_int();
+  run.staging = transition_staging_path(new_era_number);
   const std::string lock_path = transition_lock_path();
-  const std::string staging = transition_staging_path(new_era_number);
   bool flock_held = false;
 
   auto finish = [&](bool superseded, const std::optional<std::string>& closing_status) {
@@ -252,10 +311,10 @@ std::optional<std::int64_t> SyncManager::run_transition_attempt(std::int64_t new
     // Staging and temp files go while the file lock is still ours, so that
     // nothing of another process's transition or download is removed.
     std::error_code ec;
-    if (is_directory(staging)) fs::remove_all(staging, ec);
+    if (is_directory(run.staging)) fs::remove_all(run.staging, ec);
     if (superseded) {
       try {
-        remove_all_tmp_files(data_dir_, {old_manifest ? &old_manifest->files() : nullptr});
+        remove_all_tmp_files(data_dir_, {run.old_manifest ? &run.old_manifest->files() : nullptr});
       } catch (const std::exception& e) {
         log_debug("Failed to clean superseded tmp files: %s", {json::value(e.what())});
       }
@@ -275,227 +334,322 @@ std::optional<std::int64_t> SyncManager::run_transition_attempt(std::int64_t new
     }
     acquire_flock();
     flock_held = true;
-    set_status_message("Era transition to era " + era_text + " started");
-    if (kill_searches_fn) kill_searches_fn();
-
-    try {
-      host().call_module_function("tidewright.deployment", "check_update", json::array{});
-    } catch (const ConnectionError& e) {
-      log_warning("Could not check local wheel cache for library update: %s", {json::value(e.what())});
-    } catch (const HostError& e) {
-      if (!e.is(HostError::kIsConnectionError)) throw;
-      log_warning("Could not check local wheel cache for library update: %s", {json::value(e.what())});
+    set_status_message("Era transition to era " + run.era_text + " started");
+    if (kill_searches_fn) {
+      searches_killed = true;
+      kill_searches_fn();
     }
-
-    check_library_version(confirm_active_era(new_era_number, allow_closing), new_era_number);
-
-    // The new era's manifest.
-    HttpResponse fetched = http_get(server_url_ + "/data/manifest");
-    if (fetched.status != 200) {
-      throw SyncError("Failed to fetch era " + era_text + " manifest: HTTP " + std::to_string(fetched.status));
-    }
-    const json::object parsed = parse_manifest_json(fetched.body);
-    const ManifestSiblings siblings = host().manifest_siblings();
-    ManifestPtr manifest = Manifest::create(parsed, siblings);
-    log_rejected_manifest_entries(*manifest);
-    std::optional<std::int64_t> manifest_era = to_int(manifest->era_number());
-    if (!manifest_era) {
-      throw EraError("Era transition manifest has invalid era_number=" + python_repr(manifest->era_number()));
-    }
-    if (*manifest_era != new_era_number) {
-      throw EraError("Era transition manifest era_number=" + std::to_string(*manifest_era) +
-                     " does not match active era_number=" + era_text);
-    }
-
-    // The rotation selection for the new era (every file without rotation).
-    RotationPlan rotation = plan_feature_rotation_for_sync(*manifest, free_disk_bytes(data_dir_));
-    for (const auto& path : rotation.active) {
-      if (!manifest->files().contains(path)) {
-        throw SyncError("Active rotation path is missing from transition manifest: " + path);
-      }
-    }
-
-    std::vector<std::pair<std::string, json::object>> to_fetch;
-    for (const auto& kv : manifest->files()) {
-      if (!rotation.covers(std::string(kv.key()))) continue;
-      if (manifest_file_is_sync_excluded(kv.key(), kv.value(), siblings)) continue;
-      to_fetch.emplace_back(std::string(kv.key()), kv.value().is_object() ? kv.value().get_object() : json::object());
-    }
-    SyncResult result;
-    result.era_number = new_era_number;
-    const std::size_t total = to_fetch.size();
-    std::size_t completed = 0;
-
-    if (path_exists(staging)) {
-      std::error_code ec;
-      fs::remove_all(staging, ec);
-      if (ec) throw OSError(ec.message(), ec.value(), staging);
-    }
-    make_dirs(staging);
-
-    auto superseded_by = [&](std::int64_t higher) {
-      set_status_message("Era " + era_text + " superseded by era " + std::to_string(higher) +
-                         "; restarting transition.");
-      return higher;
-    };
-    if (std::optional<std::int64_t> higher = check_transition_superseded(new_era_number, allow_closing)) {
-      superseding = superseded_by(*higher);
-    }
-
+    run.searches_killed = searches_killed;
+    end_transition_if_cancelled();
+    prepare_transition(run);
+    end_transition_if_cancelled();
+    superseding = stage_transition(run);
     if (!superseding) {
-      // Unchanged files are copied into staging, the others queued.
-      std::vector<std::pair<std::string, json::object>> queued;
-      for (const auto& [path, entry] : to_fetch) {
-        const std::string local = manifest_local_path(data_dir_, path);
-        const std::string expected = sha_of(entry);
-        bool unchanged = false;
-        if (!expected.empty() && is_regular_file(local)) {
-          if (hash_cache_.cached_sha(path, local, expected)) {
-            unchanged = true;
-          } else {
-            try {
-              std::string actual = sha256_file(local);
-              hash_cache_.remember(path, local, actual);
-              unchanged = actual == expected;
-            } catch (const OSError&) {
-            }
-          }
-        }
-        if (unchanged) {
-          const std::string staged = manifest_local_path(staging, path);
-          make_dirs(path_dirname(staged));
-          copy_file_with_times(local, staged);
-          ++completed;
-        } else {
-          queued.emplace_back(path, entry);
-        }
-      }
-
-      DownloadOptions options;
-      options.target_data_dir = staging;
-      options.backoff_surface = "era_transition";
-      options.retry_status_callback = [&](double wait_s) {
-        set_status_message("Download interrupted, retrying in " + format_float(wait_s) + "s (" +
-                           std::to_string(completed) + "/" + std::to_string(total) + " files complete)");
-      };
-      std::int64_t queued_bytes = 0;
-      for (const auto& [path, entry] : queued) {
-        if (auto size = siblings.manifest_file_size(entry)) queued_bytes += *size;
-      }
-      progress_.start("era_transition", static_cast<std::int64_t>(queued.size()), queued_bytes);
-      struct FinishProgress {
-        ProgressFeed& feed;
-        ~FinishProgress() { feed.finish(); }
-      } finish_progress{progress_};
-      for (auto& [path, entry] : queued) {
-        json::object info = download_entry(*manifest, entry);
-        try {
-          download_file(path, info, result, options);
-        } catch (const SyncError& e) {
-          // The service serving other bytes than the manifest promises means
-          // it may have moved to a later era; anything else is a failure.
-          if (e.kind() != ErrorKind::kIntegrityError && e.kind() != ErrorKind::kManifestSupersededError) throw;
-          std::optional<std::int64_t> higher = check_transition_superseded(new_era_number, allow_closing);
-          if (!higher) throw;
-          superseding = superseded_by(*higher);
-          break;
-        }
-        ++completed;
-      }
+      end_transition_if_cancelled();
+      switch_transition(run);
+      complete_transition(run, restart_searches_fn);
     }
-
-    if (!superseding) {
-      // Era artifacts, checked in staging.
-      download_vocabulary(*manifest, staging);
-      download_shuffle_seed(*manifest, staging);
-      load_manifest_signals_index(staging, *manifest, data_dir_);
-      validate_manifest_vocabulary_files(staging, *manifest);
-
-      confirm_active_era(new_era_number, allow_closing);
-
-      // The switch: one atomic rename per file. Every destination is checked
-      // first, so that a link in the data directory refuses the switch as a
-      // whole rather than half of it.
-      std::vector<std::string> final_paths;
-      final_paths.reserve(to_fetch.size());
-      for (const auto& item : to_fetch) final_paths.push_back(manifest_local_write_path(data_dir_, item.first));
-      json::array updates;
-      for (std::size_t i = 0; i < to_fetch.size(); ++i) {
-        const auto& [path, entry] = to_fetch[i];
-        const std::string& final_path = final_paths[i];
-        make_dirs(path_dirname(final_path));
-        rename_file(manifest_local_path(staging, path), final_path);
-        const std::string sha = sha_of(entry);
-        if (!sha.empty()) hash_cache_.remember(path, final_path, sha);
-        updates.push_back(json::object{{"relative_path", path}, {"kind", kind_of(entry)}, {"sha256", sha}});
-      }
-      host().call_module_function("tidewright.sync", "_record_runtime_freshness_updates", json::array{updates});
-      const std::string staged_seed = path_join(staging, SHUFFLE_SEED_FILENAME);
-      const std::string final_seed = path_join(data_dir_, SHUFFLE_SEED_FILENAME);
-      for (const auto& [from, to] : {std::pair(staged_seed, final_seed),
-                                     std::pair(shuffle_seed_meta_path(staged_seed), shuffle_seed_meta_path(final_seed))}) {
-        if (path_exists(from)) rename_file(from, to);
-      }
-
-      const std::string body_sha = sha256(fetched.body);
-      write_manifest_json(data_dir_, manifest->data(), body_sha, body_sha);
-      {
-        std::lock_guard<std::mutex> lock(state_mu_);
-        manifest_ = manifest;
-      }
-      confirm_active_era(new_era_number, allow_closing);
-      if (old_manifest) {
-        for (const auto& kv : old_manifest->files()) {
-          if (manifest->files().contains(kv.key())) continue;
-          std::string local;
-          try {
-            local = manifest_local_path(data_dir_, kv.key());
-          } catch (const ManifestError&) {
-            continue;
-          }
-          if (::unlink(local.c_str()) != 0 && errno != ENOENT) {
-            log_debug("Failed to remove file of the previous era %s: %s",
-                      {json::value(local), json::value(std::strerror(errno))});
-          }
-        }
-      }
-      complete_rotation_promotion(*manifest, rotation, result);
-      hash_cache_.persist();
-      schedule_cleanup_old_eras(true);
-
-      try {
-        host().call_module_function("tidewright.auth", "notify_era_change", json::array{new_era_number});
-      } catch (const std::exception& e) {
-        log_warning("Failed to notify auth about era change: %s", {json::value(e.what())});
-      }
-      host().call_module_function(
-          "tidewright.sync", "_track_era_transition",
-          json::array{json::value(data_dir_), json::value(new_era_number),
-                      old_manifest ? old_manifest->era_number() : json::value(nullptr)});
-
-      std::shared_ptr<const json::object> vocabularies = validated_vocabularies(*manifest);
-      {
-        std::lock_guard<std::mutex> lock(state_mu_);
-        vocabulary_ = std::move(vocabularies);
-      }
-      if (restart_searches_fn) {
-        confirm_active_era(new_era_number, allow_closing);
-        restart_searches_fn();
-      }
-    }
-  } catch (const std::exception& e) {
-    finish(false, "Era transition to era " + era_text + " failed: " + e.what());
-    throw;
   } catch (...) {
-    finish(false, "Era transition to era " + era_text + " failed");
+    // A stop request ends the attempt wherever it is; the error says which
+    // era the directory is wholly in (taken before the lock is released).
+    const bool cancelled = transition_cancelled();
+    const std::string cancelled_message = cancelled ? transition_cancelled_message(run.era, searches_killed) : "";
+    std::string failure = "Era transition to era " + run.era_text + " failed";
+    try {
+      throw;
+    } catch (const std::exception& e) {
+      failure += std::string(": ") + e.what();
+    } catch (...) {
+    }
+    finish(false, cancelled ? cancelled_message : failure);
+    if (cancelled) throw SyncBackoffCancelled(cancelled_message);
     throw;
   }
   if (superseding) {
     finish(true, std::nullopt);
   } else {
-    finish(false, "Era transition to era " + era_text + " complete");
+    finish(false, "Era transition to era " + run.era_text + " complete");
   }
   return superseding;
+}
+
+// Library version, the new manifest and its era, the rotation selection and
+// the disk space: everything decided before the staging directory exists.
+void SyncManager::prepare_transition(TransitionRun& run) {
+  try {
+    host().call_module_function("tidewright.deployment", "check_update", json::array{});
+  } catch (const ConnectionError& e) {
+    log_warning("Could not check local wheel cache for library update: %s", {json::value(e.what())});
+  } catch (const HostError& e) {
+    if (!e.is(HostError::kIsConnectionError)) throw;
+    log_warning("Could not check local wheel cache for library update: %s", {json::value(e.what())});
+  }
+  check_library_version(confirm_active_era(run.era, run.allow_closing), run.era);
+
+  HttpResponse fetched = http_get(server_url_ + "/data/manifest");
+  if (fetched.status != 200) {
+    throw SyncError("Failed to fetch era " + run.era_text + " manifest: HTTP " + std::to_string(fetched.status));
+  }
+  run.manifest_body = std::move(fetched.body);
+  run.siblings = host().manifest_siblings();
+  run.manifest = Manifest::create(parse_manifest_json(run.manifest_body), run.siblings);
+  log_rejected_manifest_entries(*run.manifest);
+  std::optional<std::int64_t> manifest_era = to_int(run.manifest->era_number());
+  if (!manifest_era) {
+    throw EraError("Era transition manifest has invalid era_number=" + python_repr(run.manifest->era_number()));
+  }
+  if (*manifest_era != run.era) {
+    throw EraError("Era transition manifest era_number=" + std::to_string(*manifest_era) +
+                   " does not match active era_number=" + run.era_text);
+  }
+
+  // What the searches had before, while the state read at construction or
+  // by the last sync still describes the old era.
+  if (run.old_manifest) run.previous_active = rotation_coverage(*run.old_manifest).active;
+
+  // The rotation selection for the new era (every file without rotation).
+  const std::int64_t free_bytes = free_disk_bytes(data_dir_);
+  run.rotation = plan_feature_rotation_for_sync(*run.manifest, free_bytes);
+  for (const auto& path : run.rotation.active) {
+    if (!run.manifest->files().contains(path)) {
+      throw SyncError("Active rotation path is missing from transition manifest: " + path);
+    }
+  }
+  for (const auto& kv : run.manifest->files()) {
+    if (!run.rotation.covers(std::string(kv.key()))) continue;
+    if (manifest_file_is_sync_excluded(kv.key(), kv.value(), run.siblings)) continue;
+    run.to_fetch.emplace_back(std::string(kv.key()), kv.value().is_object() ? kv.value().get_object() : json::object());
+  }
+  run.result.era_number = run.era;
+  // Every file of the new era goes into staging, copied or downloaded, while
+  // the old era stays in place: room for all of them is needed.
+  require_disk_space(run.to_fetch, free_bytes, run.siblings);
+}
+
+// The staging directory filled with the new era: unchanged files copied,
+// the others downloaded, the era artifacts fetched and checked. The
+// superseding era when a higher one appeared meanwhile.
+std::optional<std::int64_t> SyncManager::stage_transition(TransitionRun& run) {
+  if (path_exists(run.staging)) {
+    std::error_code ec;
+    fs::remove_all(run.staging, ec);
+    if (ec) throw OSError(ec.message(), ec.value(), run.staging);
+  }
+  make_dirs(run.staging);
+
+  auto superseded_by = [&](std::int64_t higher) {
+    set_status_message("Era " + run.era_text + " superseded by era " + std::to_string(higher) +
+                       "; restarting transition.");
+    return std::optional<std::int64_t>(higher);
+  };
+  if (std::optional<std::int64_t> higher = check_transition_superseded(run.era, run.allow_closing)) {
+    return superseded_by(*higher);
+  }
+
+  // Unchanged files are recognised by their SHA-256, through the hash cache:
+  // it answers only for a file whose identity (size, times, inode) is the
+  // one hashed and whose times are older than that hashing, so a file
+  // rewritten since, even within the same clock tick, is hashed again.
+  DownloadSet queued;
+  std::size_t completed = 0;
+  for (const auto& [path, entry] : run.to_fetch) {
+    const std::string local = manifest_local_path(data_dir_, path);
+    const std::string expected = sha_of(entry);
+    bool unchanged = false;
+    if (!expected.empty() && is_regular_file(local)) {
+      if (hash_cache_.cached_sha(path, local, expected)) {
+        unchanged = true;
+      } else {
+        try {
+          std::string actual = sha256_file(local);
+          hash_cache_.remember(path, local, actual);
+          unchanged = actual == expected;
+        } catch (const OSError&) {
+        }
+      }
+    }
+    if (unchanged) {
+      const std::string staged = manifest_local_path(run.staging, path);
+      make_dirs(path_dirname(staged));
+      copy_file_with_times(local, staged);
+      ++completed;
+    } else {
+      queued.emplace_back(path, entry);
+    }
+  }
+
+  DownloadOptions options;
+  options.target_data_dir = run.staging;
+  options.backoff_surface = "era_transition";
+  const std::size_t total = run.to_fetch.size();
+  options.retry_status_callback = [&](double wait_s) {
+    set_status_message("Download interrupted, retrying in " + format_float(wait_s) + "s (" +
+                       std::to_string(completed) + "/" + std::to_string(total) + " files complete)");
+  };
+  std::int64_t queued_bytes = 0;
+  for (const auto& [path, entry] : queued) {
+    if (auto size = run.siblings.manifest_file_size(entry)) queued_bytes += *size;
+  }
+  {
+    // The downloads wait, report and can be stopped as the era transition.
+    ScopedBackoffContext surface(nullptr, json::object{{"surface", "era_transition"}});
+    progress_.start("era_transition", static_cast<std::int64_t>(queued.size()), queued_bytes);
+    struct FinishProgress {
+      ProgressFeed& feed;
+      ~FinishProgress() { feed.finish(); }
+    } finish_progress{progress_};
+    for (auto& [path, entry] : queued) {
+      end_transition_if_cancelled();
+      json::object info = download_entry(*run.manifest, entry);
+      try {
+        download_file(path, info, run.result, options);
+      } catch (const SyncError& e) {
+        // The service serving other bytes than the manifest promises means
+        // it may have moved to a later era; anything else is a failure.
+        if (e.kind() != ErrorKind::kIntegrityError && e.kind() != ErrorKind::kManifestSupersededError) throw;
+        std::optional<std::int64_t> higher = check_transition_superseded(run.era, run.allow_closing);
+        if (!higher) throw;
+        return superseded_by(*higher);
+      }
+      ++completed;
+    }
+  }
+
+  // Era artifacts, checked in staging.
+  download_vocabulary(*run.manifest, run.staging);
+  download_shuffle_seed(*run.manifest, run.staging);
+  load_manifest_signals_index(run.staging, *run.manifest, data_dir_);
+  validate_manifest_vocabulary_files(run.staging, *run.manifest);
+  run.rotation_refresh = rotation_refresh_payload(run);
+  return std::nullopt;
+}
+
+// The switch: one atomic rename per staged file, then the seed and the new
+// manifest. A stop request is not observed from here on until the manifest
+// is written, so the directory is never left between two eras by it.
+void SyncManager::switch_transition(TransitionRun& run) {
+  confirm_active_era(run.era, run.allow_closing);
+  // Every destination is checked first, so that a link in the data directory
+  // refuses the switch as a whole rather than half of it.
+  std::vector<std::string> final_paths;
+  final_paths.reserve(run.to_fetch.size());
+  for (const auto& item : run.to_fetch) final_paths.push_back(manifest_local_write_path(data_dir_, item.first));
+  json::array updates;
+  for (std::size_t i = 0; i < run.to_fetch.size(); ++i) {
+    const auto& [path, entry] = run.to_fetch[i];
+    const std::string& final_path = final_paths[i];
+    make_dirs(path_dirname(final_path));
+    rename_file(manifest_local_path(run.staging, path), final_path);
+    const std::string sha = sha_of(entry);
+    if (!sha.empty()) hash_cache_.remember(path, final_path, sha);
+    updates.push_back(json::object{{"relative_path", path}, {"kind", kind_of(entry)}, {"sha256", sha}});
+  }
+  host().call_module_function("tidewright.sync", "_record_runtime_freshness_updates", json::array{updates});
+  const std::string staged_seed = path_join(run.staging, SHUFFLE_SEED_FILENAME);
+  const std::string final_seed = path_join(data_dir_, SHUFFLE_SEED_FILENAME);
+  for (const auto& [from, to] : {std::pair(staged_seed, final_seed),
+                                 std::pair(shuffle_seed_meta_path(staged_seed), shuffle_seed_meta_path(final_seed))}) {
+    if (path_exists(from)) rename_file(from, to);
+  }
+  const std::string body_sha = sha256(run.manifest_body);
+  write_manifest_json(data_dir_, run.manifest->data(), body_sha, body_sha);
+  std::lock_guard<std::mutex> lock(state_mu_);
+  manifest_ = run.manifest;
+}
+
+// After the switch: the remaining gates, removal of what the old era alone
+// had, notifications, the rotation refresh and the restart of searches. A
+// stop request met at a gate now skips only the gates and the restart: the
+// new era is in place, so everything local still completes.
+void SyncManager::complete_transition(TransitionRun& run, const SearchesFn& restart_searches_fn) {
+  auto gate = [&] {
+    if (!run.cancelled_after_switch && transition_cancelled()) run.cancelled_after_switch = true;
+    if (run.cancelled_after_switch) return;
+    try {
+      confirm_active_era(run.era, run.allow_closing);
+    } catch (...) {
+      if (!transition_cancelled()) throw;
+      run.cancelled_after_switch = true;
+    }
+  };
+  gate();
+  if (run.old_manifest) {
+    for (const auto& kv : run.old_manifest->files()) {
+      if (run.manifest->files().contains(kv.key())) continue;
+      std::string local;
+      try {
+        local = manifest_local_path(data_dir_, kv.key());
+      } catch (const ManifestError&) {
+        continue;
+      }
+      if (::unlink(local.c_str()) != 0 && errno != ENOENT) {
+        log_debug("Failed to remove file of the previous era %s: %s",
+                  {json::value(local), json::value(std::strerror(errno))});
+      }
+    }
+  }
+  complete_rotation_promotion(*run.manifest, run.rotation, run.result);
+  hash_cache_.persist();
+  if (!run.cancelled_after_switch) schedule_cleanup_old_eras(true);
+
+  try {
+    host().call_module_function("tidewright.auth", "notify_era_change", json::array{run.era});
+  } catch (const std::exception& e) {
+    log_warning("Failed to notify auth about era change: %s", {json::value(e.what())});
+  }
+  host().call_module_function(
+      "tidewright.sync", "_track_era_transition",
+      json::array{json::value(data_dir_), json::value(run.era),
+                  run.old_manifest ? run.old_manifest->era_number() : json::value(nullptr)});
+
+  std::shared_ptr<const json::object> vocabularies = validated_vocabularies(*run.manifest);
+  {
+    std::lock_guard<std::mutex> lock(state_mu_);
+    vocabulary_ = std::move(vocabularies);
+  }
+  if (run.rotation_refresh) notify_era_callbacks(ROTATION_REFRESH_EVENT, run.era, *run.rotation_refresh);
+  if (restart_searches_fn) gate();
+  if (run.cancelled_after_switch) {
+    throw SyncBackoffCancelled(transition_cancelled_message(run.era, run.searches_killed));
+  }
+  if (restart_searches_fn) restart_searches_fn();
+}
+
+// What running searches learn of a rotation: the new era's active paths and
+// how they differ from what the searches had. Only when rotation applies to
+// the old era or the new one; without it every file is active on both sides
+// and the restart says all there is to say.
+std::optional<json::object> SyncManager::rotation_refresh_payload(const TransitionRun& run) const {
+  if (!run.rotation.rotating && !run.previous_active) return std::nullopt;
+  std::set<std::string> active;
+  if (run.rotation.rotating) {
+    active = run.rotation.active;
+  } else {
+    for (const auto& [path, entry] : run.to_fetch) active.insert(path);
+  }
+  std::set<std::string> previous;
+  if (run.previous_active) {
+    previous = *run.previous_active;
+  } else if (run.old_manifest) {
+    for (const auto& kv : run.old_manifest->files()) {
+      if (!manifest_file_is_sync_excluded(kv.key(), kv.value(), run.siblings)) previous.insert(std::string(kv.key()));
+    }
+  }
+  json::array active_paths, added, removed;
+  for (const auto& path : active) {
+    active_paths.emplace_back(path);
+    if (!previous.count(path)) added.emplace_back(path);
+  }
+  for (const auto& path : previous) {
+    if (!active.count(path)) removed.emplace_back(path);
+  }
+  json::object payload;
+  payload["era_number"] = run.era;
+  payload["previous_era_number"] = run.old_manifest ? run.old_manifest->era_number() : json::value(nullptr);
+  payload["active_relative_paths"] = std::move(active_paths);
+  payload["added_relative_paths"] = std::move(added);
+  payload["removed_relative_paths"] = std::move(removed);
+  return payload;
 }
 
 }  // namespace tidewright::sync

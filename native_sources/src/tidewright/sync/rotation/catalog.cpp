@@ -131,13 +131,31 @@ json::array rotation_descriptors(const json::array& rows, const ManifestSiblings
   return descriptors;
 }
 
-json::array rotation_manifest_artifacts(const json::object& manifest_data, const ManifestSiblings& siblings) {
+json::array rotation_artifact_rows_for_sync(const json::object& manifest_data, const ManifestSiblings& siblings) {
   json::array rows;
   for (auto& row : rotation_artifact_rows(manifest_data, siblings)) {
     std::string path(row.get_object().at("relative_path").get_string());
     if (!manifest_file_is_sync_excluded(path, row, siblings)) rows.push_back(std::move(row));
   }
-  return rotation_descriptors(rows, siblings);
+  return rows;
+}
+
+json::array rotation_manifest_artifacts(const json::object& manifest_data, const ManifestSiblings& siblings) {
+  return rotation_descriptors(rotation_artifact_rows_for_sync(manifest_data, siblings), siblings);
+}
+
+bool rotation_artifacts_require_scoped_settings(const json::array& artifacts, const ManifestSiblings& siblings) {
+  for (const auto& artifact : artifacts) {
+    const json::object* a = as_object(&artifact);
+    if (!a) continue;
+    std::optional<std::string> kind = field_text(*a, "artifact_kind");
+    if (!kind) kind = field_text(*a, "kind");
+    if (!kind || !is_feature_kind(*kind, siblings)) continue;
+    const json::value* mandatory = a->if_contains("mandatory");
+    if (mandatory && truthy(*mandatory)) continue;
+    if (field_text(*a, "market") || field_text(*a, "named_universe")) return true;
+  }
+  return false;
 }
 
 json::array rotation_planning_rows(const json::object& manifest_data, const ManifestSiblings& siblings) {
@@ -178,11 +196,6 @@ json::object rotation_catalog_context(const json::object& manifest_data, const j
   }
 
   std::set<std::string> universes;
-  if (const json::value* list = manifest_data.if_contains("named_universes"); list && list->is_array()) {
-    for (const auto& u : list->get_array()) {
-      if (auto text = stripped_text(&u)) universes.insert(*text);
-    }
-  }
   std::optional<std::string> artifact_market;
   std::map<std::string, std::map<std::string, std::set<std::string>>> families;
   for (const auto& artifact : artifacts) {

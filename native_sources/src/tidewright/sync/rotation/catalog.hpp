@@ -54,9 +54,18 @@ json::value rotation_file_info_with_legacy_scope(std::string_view file_path, con
 // legacy-scope rule, with "relative_path" set. In artifact order.
 json::array rotation_artifact_rows(const json::object& manifest_data, const ManifestSiblings& siblings);
 
-// The rows minus sync-excluded files, each turned into a descriptor by the
+// The artifact rows minus sync-excluded files, in row order.
+json::array rotation_artifact_rows_for_sync(const json::object& manifest_data, const ManifestSiblings& siblings);
+
+// rotation_artifact_rows_for_sync, each row turned into a descriptor by the
 // rotation module's artifact_descriptor_from_manifest_file. In row order.
 json::array rotation_manifest_artifacts(const json::object& manifest_data, const ManifestSiblings& siblings);
+
+// Whether some artifact (a descriptor or a row) rotates and is scoped: its
+// "artifact_kind" (else "kind") is a feature kind, its "mandatory" flag is
+// not set, and it names a "market" or a "named_universe". Rotation settings
+// for such artifacts must say which market and universes they choose from.
+bool rotation_artifacts_require_scoped_settings(const json::array& artifacts, const ManifestSiblings& siblings);
 
 // Rows of every manifest file the planner must know about: the artifact rows
 // that are not sync-excluded, then every other file of "files" that is not
@@ -68,10 +77,14 @@ json::array rotation_planning_rows(const json::object& manifest_data, const Mani
 json::array rotation_descriptors(const json::array& rows, const ManifestSiblings& siblings);
 
 // {"current_market", "current_universes", "named_universes", "families"}
-// from the manifest's "rotation" -> "scope" section, its "named_universes"
-// and the artifacts' (or rows') "named_universe", "market", "family",
-// "subfamily". "families" maps each universe to {family: [subfamilies,
-// sorted]}; universe lists are sorted.
+// from the manifest's "rotation" -> "scope" section and the rotation
+// artifacts' (descriptors' or rows') "named_universe", "market", "family",
+// "subfamily": the scope's market, else the first artifact market; the
+// scope's universes, else every artifact universe; the artifact universes;
+// and for each of them {family: [subfamilies, sorted]}. Universe lists are
+// sorted. Files that are not rotation artifacts, and the manifest's own
+// "named_universes", do not count: without artifacts the context names no
+// universe, and the settings loader has nothing to check a scope against.
 json::object rotation_catalog_context(const json::object& manifest_data, const json::array& artifacts);
 
 // The byte budget of a settings object's fields: null for no budget, the

@@ -146,9 +146,10 @@ const std::string& error_body_of(const DownloadResult& result) { return result.e
 // The retry loop shared by in-memory and streamed requests: `attempt()`
 // makes one exchange and returns its result (an HttpResponse or a
 // DownloadResult); see the top of the header for what is retried.
-template <typename Attempt>
-auto retry_sync_request(const HttpRequest& request, const StopPredicate& stop_requested, Attempt attempt)
-    -> decltype(attempt()) {
+// Network failures are retried while `retry_network_failure()` allows it.
+template <typename Attempt, typename RetryNetworkFailure>
+auto retry_sync_request(const HttpRequest& request, const StopPredicate& stop_requested, Attempt attempt,
+                        RetryNetworkFailure retry_network_failure) -> decltype(attempt()) {
   const std::string url = request.url.empty() ? "<unknown>" : request.url;
   const std::string file_label = sync_event_file_from_url(request.url);
   const auto started_at = std::chrono::steady_clock::now();
@@ -179,8 +180,10 @@ auto retry_sync_request(const HttpRequest& request, const StopPredicate& stop_re
       failure = "http_" + std::to_string(result.status);
       status_field = result.status;
     } catch (const NetworkError& e) {
+      if (!retry_network_failure()) throw;
       failure = e.host_class();
     } catch (const TimeoutError& e) {
+      if (!retry_network_failure()) throw;
       failure = e.class_name();
     }
     if (status_field.is_null()) {
@@ -222,8 +225,9 @@ HttpResponse open_request(const HttpRequest& request, double timeout, const std:
 HttpResponse request_with_sync_retries(const HttpRequest& request, double timeout,
                                        const std::optional<std::string>& transport) {
   const StopPredicate stop_requested = thread_stop_predicate();
-  return retry_sync_request(request, stop_requested,
-                            [&] { return open_request(request, timeout, transport, stop_requested); });
+  return retry_sync_request(
+      request, stop_requested, [&] { return open_request(request, timeout, transport, stop_requested); },
+      [] { return true; });
 }
 
 DownloadResult request_to_sink_with_sync_retries(const HttpRequest& request, BodySink& sink, double timeout) {
@@ -233,7 +237,33 @@ DownloadResult request_to_sink_with_sync_retries(const HttpRequest& request, Bod
     TransferOptions options = transfer_options(timeout, stop_requested);
     options.body_deadline_seconds = timeout;
     return HttpClient::for_current_thread().download(request, sink, options);
-  });
+  }, [] { return true; });
+}
+
+DownloadResult download_request_with_sync_retries(const HttpRequest& request, BodySink& sink, double timeout) {
+  // A failure after the sink saw the answer is the caller's to resume: the
+  // bytes received so far are in its file, and asking for the same range
+  // again would write them twice.
+  class Watched : public BodySink {
+   public:
+    explicit Watched(BodySink& inner) : inner_(inner) {}
+    void begin(std::int64_t status, const HttpHeaders& headers) override {
+      touched_ = true;
+      inner_.begin(status, headers);
+    }
+    void write(std::string_view bytes) override {
+      touched_ = true;
+      inner_.write(bytes);
+    }
+    bool touched() const { return touched_; }
+
+   private:
+    BodySink& inner_;
+    bool touched_ = false;
+  } watched(sink);
+  return retry_sync_request(
+      request, thread_stop_predicate(), [&] { return download_request_to_sink(request, watched, timeout); },
+      [&] { return !watched.touched(); });
 }
 
 DownloadResult download_request_to_sink(const HttpRequest& request, BodySink& sink, double timeout,

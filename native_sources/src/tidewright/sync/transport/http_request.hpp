@@ -97,6 +97,11 @@ DownloadResult request_to_sink_with_sync_retries(const HttpRequest& request, Bod
 // request, and whatever the sink throws.
 DownloadResult download_request_to_sink(const HttpRequest& request, BodySink& sink, double timeout,
                                         const std::optional<std::string>& transport = std::nullopt);
+// download_request_to_sink under the retry loop of request_with_sync_retries,
+// for authenticated downloads: transient statuses, and network failures
+// before the sink saw anything, are retried (and reported) here; a failure
+// after the sink saw the answer is thrown for the caller to resume.
+DownloadResult download_request_with_sync_retries(const HttpRequest& request, BodySink& sink, double timeout);
 // The same into a file, created or truncated.
 DownloadResult download_request_to_path(const HttpRequest& request, const std::string& output_path, double timeout,
                                         const std::optional<std::string>& transport = std::nullopt);
