@@ -423,7 +423,7 @@ void SyncManager::prepare_transition(TransitionRun& run) {
   run.result.era_number = run.era;
   // Every file of the new era goes into staging, copied or downloaded, while
   // the old era stays in place: room for all of them is needed.
-  require_disk_space(run.to_fetch, free_bytes, run.siblings);
+  require_disk_space(run.staging, run.to_fetch, free_bytes, run.siblings);  // nothing staged yet
 }
 
 // The staging directory filled with the new era: unchanged files copied,

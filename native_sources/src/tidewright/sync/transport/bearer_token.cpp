@@ -47,10 +47,14 @@ struct TokenCall {
   OwnedThread thread;           // assigned once, by the caller, before it waits
 };
 
-void run_token_call(const std::shared_ptr<TokenCall>& call, const HostRef& provider) {
+void run_token_call(const std::shared_ptr<TokenCall>& call, const HostRef& provider, const HostRef& context) {
   Host::TokenAnswer answer;
   std::exception_ptr error;
   try {
+    // The provider sees the asking thread's backoff context (its surface,
+    // its stop test), as it would if it were called there.
+    std::optional<ScopedBackoffContext> scope;
+    if (context) scope.emplace(context, json::object{});
     answer = host().call_for_token(provider);
   } catch (abi::__forced_unwind&) {
     throw;  // the thread is being ended (the interpreter is finalising)
@@ -68,7 +72,8 @@ void run_token_call(const std::shared_ptr<TokenCall>& call, const HostRef& provi
 
 Host::TokenAnswer ask_on_helper_thread(const HostRef& provider) {
   auto call = std::make_shared<TokenCall>();
-  call->thread = OwnedThread([call, provider] { run_token_call(call, provider); });
+  HostRef context = host().current_backoff_context();
+  call->thread = OwnedThread([call, provider, context] { run_token_call(call, provider, context); });
 
   std::unique_lock<std::mutex> lock(call->mu);
   while (!call->cv.wait_for(lock, STOP_CHECK_INTERVAL, [&] { return call->done; })) {
