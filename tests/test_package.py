@@ -8,6 +8,7 @@ import dataclasses
 import importlib.metadata
 import inspect
 import pathlib
+import os
 import pickle
 import re
 import subprocess
@@ -20,6 +21,11 @@ import tidewright
 from tidewright import _sync_types, deployment, sync
 
 STUB = pathlib.Path(sync.__file__).with_name("sync.pyi")
+# Sanitiser builds (make asan, make tsan) generate no stubs: the stub
+# generator would have to load the instrumented module without its runtime.
+needs_stub = pytest.mark.skipif(not STUB.exists() and any(v in os.environ
+                                                          for v in ("ASAN_OPTIONS", "TSAN_OPTIONS")),
+                                reason="a sanitiser build has no stubs")
 
 
 def test_one_version_reported_everywhere(dataservice):
@@ -110,6 +116,7 @@ def runtime_parameters(fn):
     return parameters(ast.parse(text + ": ...").body[0])
 
 
+@needs_stub
 def test_stub_signatures_agree_with_the_module():
     seen = set()
     for name, runtime, node in stub_functions():
@@ -122,6 +129,7 @@ def test_stub_signatures_agree_with_the_module():
             "SyncUnavailableError.__init__", "PermanentDownloadError.__init__"} <= seen
 
 
+@needs_stub
 def test_stubs_name_real_types():
     untyped = []
     for node in ast.walk(stub_tree()):
@@ -153,6 +161,7 @@ def returned_by_callable(annotation, name):
     return False
 
 
+@needs_stub
 @pytest.mark.parametrize("cls", ["SyncResult", "VerifyResult"])
 def test_stub_takes_the_records_from_the_package(cls):
     imports = [n for n in stub_tree().body if isinstance(n, ast.ImportFrom) and n.module == "tidewright._sync_types"]
