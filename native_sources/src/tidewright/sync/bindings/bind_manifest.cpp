@@ -6,6 +6,7 @@
 #include "tidewright/sync/reporting/errors.hpp"
 
 #include <nanobind/stl/shared_ptr.h>
+#include <nanobind/stl/string.h>
 
 namespace tidewright::sync::bindings {
 
