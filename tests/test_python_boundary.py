@@ -133,3 +133,45 @@ def test_text_results_convert(world, name):
     result = TEXT_CALLS[name](world)
     items = result if isinstance(result, list) else [result]
     assert all(item is None or type(item) is str for item in items)
+
+
+# Arguments that may be any object, None included: each answers as the
+# function's contract says rather than with the binding's argument TypeError.
+NONE_CALLS = [
+    ("market id", lambda w: sync._coerce_agent_market_id(None),
+     ValueError, "^market_id must be a positive integer, got None$"),
+    ("era-current URL", lambda w: sync._market_era_current_url(URL, None),
+     ValueError, "^market_id must be a positive integer, got None$"),
+    ("manager URL", lambda w: sync.SyncManager(w["dir"], None, token="t"), ValueError, "empty"),
+    ("registry URL", lambda w: sync.SyncManager.get_or_create(w["dir"], None, lambda: "t"), ValueError, "empty"),
+    ("era thread URL", lambda w: sync.EraThread(None, lambda: "t", w["manager"]), ValueError, "empty"),
+    ("signals index", lambda w: sync._apply_manifest_signals_index(w["manifest"], None),
+     sync.ManifestError, "^signals_index.json must contain a JSON object$"),
+    ("corruption report", lambda w: w["manager"].report_corruption(None),
+     sync.StateError, "^Sync thread is not running"),
+    ("parallel timeout", lambda w: sync._sync_parallel_timeout_seconds(None, None), None, None),
+    ("hash hint", lambda w: sync._manifest_hash_hint_matches_local_state(None, None, None, None), False, None),
+    ("knob", lambda w: sync._sync_max_concurrency(None), 8, None),
+    ("status", lambda w: sync._should_retry_http_status(None), False, None),
+    ("error body", lambda w: sync._parse_sync_error_body(None), {}, None),
+    ("endpoint", lambda w: sync._sync_endpoint_from_url(None), "<unknown>", None),
+    ("era answer", lambda w: sync._normalize_era_current_response(None), {}, None),
+    ("transition error", lambda w: (w["thread"]._mark_transition_failed("closing", None),
+                                    w["thread"]._last_transition_error)[1], "closing: None", None),
+]
+
+
+@pytest.mark.parametrize("call, expected, message", [c[1:] for c in NONE_CALLS], ids=[c[0] for c in NONE_CALLS])
+def test_none_is_an_ordinary_argument(world, call, expected, message):
+    if isinstance(expected, type) and issubclass(expected, Exception):
+        with pytest.raises(expected, match=message):
+            call(world)
+    else:
+        assert call(world) == expected
+
+
+def test_optional_attributes_take_none(world):
+    m = world["manager"]
+    m.runtime_freshness_guard = object()
+    m.runtime_freshness_guard = None
+    assert m.runtime_freshness_guard is None

@@ -179,7 +179,7 @@ void bind_artifacts(nb::module_& m) {
         json::value v = to_json(index);
         apply_manifest_signals_index(v, manifest);
       },
-      nb::arg("manifest"), nb::arg("index_data"));
+      nb::arg("manifest"), nb::arg("index_data").none());
   m.def(
       "_load_manifest_signals_index",
       [](const std::string& data_dir, Manifest& manifest, std::optional<std::string> fallback) {

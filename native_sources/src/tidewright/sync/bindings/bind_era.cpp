@@ -101,7 +101,7 @@ void bind_era(nb::module_& m) {
                throw TypeError("sync_manager must be a SyncManager, got " + to_text(nb::repr(sync_manager.type())));
              }
              EraThreadOptions options;
-             options.server_url = to_text(server_url);
+             options.server_url = server_url.is_none() ? std::string() : to_text(server_url);
              HostRef token_ref = make_ref(get_token);
              options.get_token_ref = token_ref;
              options.get_token = [token_ref] { return host().call_for_text(token_ref); };
@@ -114,7 +114,7 @@ void bind_era(nb::module_& m) {
              nb::gil_scoped_release release;
              return std::make_shared<EraThread>(std::move(options));
            }),
-           nb::arg("server_url"), nb::arg("get_token").none(), nb::arg("sync_manager").none(),
+           nb::arg("server_url").none(), nb::arg("get_token").none(), nb::arg("sync_manager").none(),
            nb::arg("era_poll_interval_s") = ERA_POLL_INTERVAL_SECONDS, nb::arg("kill_searches_fn").none() = nb::none(),
            nb::arg("restart_searches_fn").none() = nb::none(),
            nb::arg("market_id").none() = DEFAULT_AGENT_MARKET_ID)
@@ -130,7 +130,7 @@ void bind_era(nb::module_& m) {
             nb::gil_scoped_release release;
             self.mark_transition_failed(context, text);
           },
-          nb::arg("context"), nb::arg("exc"))
+          nb::arg("context"), nb::arg("exc").none())
       .def("_clear_transition_failed", &EraThread::clear_transition_failed, nb::call_guard<nb::gil_scoped_release>())
       .def_prop_ro("_server_url", [](const EraThread& t) { return t.server_url(); })
       .def_prop_ro("_market_id", [](const EraThread& t) { return t.market_id(); })

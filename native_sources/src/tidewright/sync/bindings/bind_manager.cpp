@@ -81,7 +81,8 @@ SyncManagerArgs make_args(nb::handle data_dir, nb::handle server_url, nb::handle
                           nb::handle sync_max_concurrency) {
   SyncManagerArgs args;
   args.data_dir = path_text(data_dir);
-  args.server_url = to_text(server_url);
+  // None is an empty URL, which the URL validator refuses with its own message.
+  args.server_url = server_url.is_none() ? std::string() : to_text(server_url);
   nb::object token_fn = nb::borrow(get_token);
   if (token_fn.is_none() && !token.is_none()) token_fn = g_module.attr("_constant_token_provider")(token);
   args.get_token = make_ref(token_fn);
@@ -230,7 +231,7 @@ void bind_manager(nb::module_& m) {
         }
         return coerce_agent_market_id(value, to_text(nb::repr(market_id)));
       },
-      nb::arg("market_id"));
+      nb::arg("market_id").none());
   m.def("_remove_manifest_tmp_file", &remove_manifest_tmp_file, nb::call_guard<nb::gil_scoped_release>(),
         nb::arg("data_dir"), nb::arg("file_path"));
   m.def(
@@ -260,7 +261,7 @@ void bind_manager(nb::module_& m) {
              nb::gil_scoped_release release;
              return std::make_shared<SyncManager>(std::move(args));
            }),
-           nb::arg("data_dir"), nb::arg("server_url"), nb::arg("get_token") = nb::none(),
+           nb::arg("data_dir"), nb::arg("server_url").none(), nb::arg("get_token") = nb::none(),
            nb::arg("poll_interval_s") = SYNC_MANIFEST_POLL_INTERVAL_SECONDS,
            nb::arg("runtime_freshness_guard") = nb::none(), nb::arg("token") = nb::none(),
            nb::arg("market_id").none() = DEFAULT_AGENT_MARKET_ID, nb::arg("sync_http_transport") = nb::none(),
@@ -276,7 +277,7 @@ void bind_manager(nb::module_& m) {
             nb::gil_scoped_release release;
             return SyncManager::get_or_create(std::move(args));
           },
-          nb::arg("data_dir"), nb::arg("server_url"), nb::arg("get_token").none(),
+          nb::arg("data_dir"), nb::arg("server_url").none(), nb::arg("get_token").none(),
           nb::arg("poll_interval_s") = SYNC_MANIFEST_POLL_INTERVAL_SECONDS,
           nb::arg("runtime_freshness_guard") = nb::none(), nb::arg("market_id").none() = DEFAULT_AGENT_MARKET_ID,
           nb::arg("sync_http_transport") = nb::none(), nb::arg("sync_http_chunk_bytes") = nb::none(),
@@ -488,11 +489,12 @@ void bind_manager(nb::module_& m) {
       .def_prop_ro("_hash_cache", [](SyncManager& s) { return from_json(json::value(s.hash_cache().entries())); })
       .def_prop_rw(
           "_get_token", [](const SyncManager& s) { return nb::borrow(ref_object(s.get_token_fn())); },
-          [](SyncManager& s, nb::handle fn) { s.set_get_token(make_ref(fn)); })
+          [](SyncManager& s, nb::handle fn) { s.set_get_token(make_ref(fn)); }, nb::arg("value").none())
       .def_prop_rw(
           "runtime_freshness_guard",
           [](const SyncManager& s) { return nb::borrow(ref_object(s.runtime_freshness_guard())); },
-          [](SyncManager& s, nb::handle guard) { s.set_runtime_freshness_guard(make_ref(guard)); });
+          [](SyncManager& s, nb::handle guard) { s.set_runtime_freshness_guard(make_ref(guard)); },
+          nb::arg("value").none());
 }
 
 }  // namespace tidewright::sync::bindings

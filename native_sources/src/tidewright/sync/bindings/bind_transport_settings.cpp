@@ -61,8 +61,8 @@ void bind_transport_settings(nb::module_& m) {
   // The batch is unbounded whatever its shape, so the counts are accepted as given.
   m.def(
       "_sync_parallel_timeout_seconds",
-      [](nb::handle, nb::handle) { return sync_parallel_timeout_seconds(0, 0); }, nb::arg("file_count"),
-      nb::arg("max_workers"));
+      [](nb::handle, nb::handle) { return sync_parallel_timeout_seconds(0, 0); }, nb::arg("file_count").none(),
+      nb::arg("max_workers").none());
   m.def("_sync_parallel_timeout_description", &sync_parallel_timeout_description,
         nb::arg("timeout_seconds").none());
 
