@@ -1,6 +1,8 @@
 """The in-memory Manifest."""
 
 import pytest
+from hypothesis import given, settings
+from hypothesis import strategies as st
 
 import tidewright.sync as sync
 
@@ -61,3 +63,33 @@ def test_sibling_modules_are_looked_up_at_call_time(monkeypatch):
     monkeypatch.setattr(rotation, "manifest_file_kind", kind)
     assert list(sync.Manifest(data).files) == ["b.bin"]  # an unsupported runtime module is dropped
     assert sorted(set(seen)) == ["a.bin", "b.bin"]
+
+
+@pytest.mark.parametrize("body", [
+    b"\xff", b'{"found_signals": {"a": "\xff"}}', b'{"x": "\xe2\x82', b"{}\xe2", b'{"x": "\xed\xa0\x80"}',
+    b'{"x": "\xc0\xaf"}', b'{"x": "\xf4\x90\x80\x80"}', b'{"x": "\xf0\x9f\x98', b"\x80{}",
+])
+def test_signals_index_bytes_are_decoded_before_they_are_parsed(body):
+    with pytest.raises(UnicodeDecodeError) as decoding:
+        body.decode("utf-8")
+    with pytest.raises(sync.ManifestError) as info:
+        sync._validate_signals_index_bytes(body, sync.Manifest({"era_number": 1}))
+    assert str(info.value) == f"Invalid signals_index.json UTF-8: {decoding.value}"
+
+
+@settings(max_examples=300, deadline=None)
+@given(st.binary(max_size=12).map(lambda tail: b'{"x": "' + tail + b'"}'))
+def test_signals_index_text_is_refused_exactly_where_the_host_cannot_decode_it(body):
+    try:
+        body.decode("utf-8")
+    except UnicodeDecodeError as exc:
+        expected = f"Invalid signals_index.json UTF-8: {exc}"
+    else:
+        expected = None
+    try:
+        sync._validate_signals_index_bytes(body, sync.Manifest({"era_number": 1}))
+    except sync.ManifestError as exc:
+        assert expected is None or str(exc) == expected
+        assert expected is not None or str(exc).startswith("Invalid signals_index.json JSON: ")
+    else:
+        assert expected is None

@@ -26,8 +26,10 @@ std::optional<std::string> manifest_signals_index_path(const Manifest& manifest)
 // The digest in a versioned index path, or empty when the path is not one.
 std::optional<std::string> signals_index_path_digest(std::string_view path);
 
-// Validates index bytes and applies them to `manifest`. ManifestError for
-// bad text/JSON, EraError for an era mismatch.
+// Validates index bytes and applies them to `manifest`. The bytes are decoded
+// as UTF-8 before anything else: ManifestError "Invalid signals_index.json
+// UTF-8: <why>" when they are not, "Invalid signals_index.json JSON: ..." when
+// the text is not JSON; EraError for an era mismatch.
 json::object validate_signals_index_bytes(std::string_view data, Manifest& manifest);
 // Applies a parsed index to `manifest` (its three sections).
 json::object apply_manifest_signals_index(const json::value& index, Manifest& manifest);
