@@ -10,6 +10,8 @@ import textwrap
 import time
 
 import pytest
+from hypothesis import given, settings
+from hypothesis import strategies as st
 
 import tidewright.sync as sync
 
@@ -94,6 +96,31 @@ def test_flat_answers_and_urls():
         with pytest.raises(ValueError) as info:
             sync._market_era_current_url("http://h:1", bad)
         assert str(info.value) == "market_id must be a positive integer, got " + shown
+
+
+def era_directory_id(name):
+    """The era number of a directory name as the host's int() reads it."""
+    rest = name[4:] if name.startswith("era_") else name[3:] if name.startswith("era") else ""
+    if not rest.isdecimal():
+        return None
+    number = int(rest)
+    return number if number < 2**63 else None
+
+
+@pytest.mark.parametrize("name", [
+    "era_12", "era12", "era_0", "era_007", "era_\u0663", "era\u0661\u0662", "era_\uff17", "era_\U0001d7ce",
+    "era_3\u0664", "era_9223372036854775807", "era_9223372036854775808", "era_" + "9" * 40, "era_", "era",
+    "era__5", "era_-1", "era_+1", "era_1_000", "era_ 1", "era_1 ", "era_\u00b2", "era_1.0", "Era_1", "xera_1",
+])
+def test_era_directory_names(name):
+    assert sync._parse_era_directory_id(name) == era_directory_id(name)
+
+
+@settings(max_examples=300, deadline=None)
+@given(st.sampled_from(["era_", "era", "er", ""]),
+       st.text(st.characters(whitelist_categories=("Nd",)) | st.sampled_from("_ x\u00b2-"), max_size=21))
+def test_era_directory_numbers_are_read_like_int(prefix, rest):
+    assert sync._parse_era_directory_id(prefix + rest) == era_directory_id(prefix + rest)
 
 
 # -- the era thread -------------------------------------------------------------------
