@@ -12,7 +12,9 @@ namespace {
 // have the host's exception semantics (several bases, keyword constructors,
 // pickling). They are defined once at import.
 constexpr const char* kErrorSource = R"PY(
+import errno as _errno
 import logging as _logging
+import os as _os
 import urllib.parse as _urlparse
 
 _errors_logger = _logging.getLogger("tidewright.sync")
@@ -95,8 +97,21 @@ class ManifestSupersededError(SyncError):
     """Raised when a newer manifest generation supersedes active downloads."""
 
 
-class DiskSpaceError(SyncError):
-    """Raised when insufficient disk space for sync."""
+class DiskSpaceError(SyncError, OSError):
+    """Raised when insufficient disk space for sync.
+
+    Also an OSError whose errno is ENOSPC (strerror "No space left on
+    device"), so that a handler for the operating-system error a full disk
+    raises on a write catches it too. str() is the message alone.
+    """
+
+    def __init__(self, *args):
+        super().__init__(*args)
+        self.errno = _errno.ENOSPC
+        self.strerror = _os.strerror(_errno.ENOSPC)
+
+    def __str__(self):
+        return Exception.__str__(self)
 
 
 class IntegrityError(SyncError):
