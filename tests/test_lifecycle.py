@@ -1,6 +1,7 @@
 """Consumers, background threads, cross-process locking and prompt stops."""
 
 import json
+import logging
 import os
 import subprocess
 import sys
@@ -155,6 +156,51 @@ def test_background_work_keeps_the_directory_current(dataservice, data_dir):
     assert len(svc.requests_for("/data/files/" + other)) == 1
     m.stop()
     assert not (data_dir / ".sync_flock").exists()
+
+
+def kernel_thread_name(native_id=None):
+    with open(f"/proc/self/task/{native_id or threading.get_native_id()}/comm", encoding="utf-8") as handle:
+        return handle.read().strip()
+
+
+def test_engine_threads_are_named_for_the_kernel_and_for_the_host(dataservice, data_dir, monkeypatch):
+    svc = dataservice
+    seen = {}  # host name -> kernel name, recorded on the engine's threads
+    lock = threading.Lock()
+
+    def record():
+        with lock:
+            seen.setdefault(threading.current_thread().name, kernel_thread_name())
+
+    def token():
+        record()
+        return svc.token
+
+    class Record(logging.Handler):
+        def emit(self, record_):
+            if record_.getMessage().startswith("Old era cleanup completed"):
+                record()
+
+    m = sync.SyncManager.get_or_create(str(data_dir), svc.url, token, poll_interval_s=3600.0,
+                                       sync_max_concurrency=2)
+    m.sync()  # two download workers
+    m.acquire()  # the poll thread and the era thread poll at once
+    assert {"tw-sync-poll", "tw-sync-era"} <= {kernel_thread_name(t) for t in os.listdir("/proc/self/task")}
+    logger = logging.getLogger("tidewright.sync")
+    monkeypatch.setattr(logger, "level", logging.INFO)
+    handler = Record()
+    logger.addHandler(handler)
+    try:
+        m._schedule_cleanup_old_eras()
+        assert wait_for(lambda: {"tw-sync-poll", "tw-sync-era", "tidewright-sync-cleanup"} <= set(seen))
+    finally:
+        logger.removeHandler(handler)
+        m.release()
+    workers = {name for name in seen if name.startswith("tw-sync_")}
+    assert workers and workers <= {"tw-sync_0", "tw-sync_1"}
+    assert {name: kernel for name, kernel in seen.items() if name != "MainThread"} == {
+        **{name: name for name in workers}, "tw-sync-poll": "tw-sync-poll", "tw-sync-era": "tw-sync-era",
+        "tidewright-sync-cleanup": "tw-sync-cleanup"}
 
 
 @pytest.mark.parametrize("outage", ["stalled transfer", "server down"])

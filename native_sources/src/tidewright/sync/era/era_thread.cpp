@@ -92,7 +92,7 @@ void EraThread::start() {
   std::erase_if(lingering_, [](const std::shared_ptr<OwnedThread>& t) { return !t->running(); });
   stop_requested_.store(false);
   started_ = true;
-  worker_ = std::make_shared<OwnedThread>([self] { self->run(); });
+  worker_ = std::make_shared<OwnedThread>(ThreadName{"tw-sync-era", ""}, [self] { self->run(); });
   remember_started(self);
 }
 

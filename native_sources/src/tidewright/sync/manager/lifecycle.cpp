@@ -136,7 +136,7 @@ void SyncManager::start_sync_thread() {
   }
   stop_requested_.store(false);
   running_.store(true);
-  auto thread = std::make_shared<OwnedThread>([self] { self->poll_loop(); });
+  auto thread = std::make_shared<OwnedThread>(ThreadName{"tw-sync-poll", ""}, [self] { self->poll_loop(); });
   {
     std::lock_guard<std::mutex> lock(threads_mu_);
     poll_thread_ = std::move(thread);
@@ -419,7 +419,7 @@ void SyncManager::report_corruption(const std::string& file_path) {
   if (!running_.load()) throw StateError(kNotRunning);
   repair_queue_.push_back(file_path);
   std::erase_if(repair_threads_, [](const OwnedThread& t) { return !t.running(); });
-  repair_threads_.emplace_back([self] { self->process_repair_queue(); });
+  repair_threads_.emplace_back(ThreadName{"tw-sync-repair", ""}, [self] { self->process_repair_queue(); });
 }
 
 void SyncManager::process_repair_queue() {
