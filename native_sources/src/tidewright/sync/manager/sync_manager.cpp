@@ -151,20 +151,25 @@ std::map<std::string, std::shared_ptr<SyncManager>> SyncManager::instances() {
 }
 
 void SyncManager::set_sync_runtime_knobs(const SyncKnobs& knobs) {
-  std::lock_guard<std::mutex> lock(state_mu_);
   // An argument left out keeps what the instance already holds.
-  json::value transport = knobs.sync_http_transport
-                              ? *knobs.sync_http_transport
-                              : (sync_http_transport_.empty() ? json::value(nullptr) : json::value(sync_http_transport_));
-  json::value chunk = knobs.sync_http_chunk_bytes
-                          ? *knobs.sync_http_chunk_bytes
-                          : (sync_http_chunk_bytes_ > 0 ? json::value(sync_http_chunk_bytes_) : json::value(nullptr));
-  json::value concurrency = knobs.sync_max_concurrency ? *knobs.sync_max_concurrency
-                                                       : (sync_max_concurrency_ > 0 ? json::value(sync_max_concurrency_)
-                                                                                    : json::value(nullptr));
+  json::value transport, chunk, concurrency;
+  {
+    std::lock_guard<std::mutex> lock(state_mu_);
+    transport = knobs.sync_http_transport ? *knobs.sync_http_transport
+                                          : (sync_http_transport_.empty() ? json::value(nullptr)
+                                                                          : json::value(sync_http_transport_));
+    chunk = knobs.sync_http_chunk_bytes
+                ? *knobs.sync_http_chunk_bytes
+                : (sync_http_chunk_bytes_ > 0 ? json::value(sync_http_chunk_bytes_) : json::value(nullptr));
+    concurrency = knobs.sync_max_concurrency
+                      ? *knobs.sync_max_concurrency
+                      : (sync_max_concurrency_ > 0 ? json::value(sync_max_concurrency_) : json::value(nullptr));
+  }
+  // Resolved without the lock: a resolver the host replaced runs host code.
   std::string new_transport = tidewright::sync::sync_http_transport(transport.is_null() ? nullptr : &transport);
   std::int64_t new_chunk = tidewright::sync::sync_http_chunk_bytes(chunk.is_null() ? nullptr : &chunk);
   std::int64_t new_concurrency = tidewright::sync::sync_max_concurrency(concurrency.is_null() ? nullptr : &concurrency);
+  std::lock_guard<std::mutex> lock(state_mu_);
   sync_http_transport_ = new_transport;
   sync_http_chunk_bytes_ = new_chunk;
   sync_max_concurrency_ = new_concurrency;
