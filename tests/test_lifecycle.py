@@ -163,7 +163,7 @@ def kernel_thread_name(native_id=None):
         return handle.read().strip()
 
 
-def test_engine_threads_are_named_for_the_kernel_and_for_the_host(dataservice, data_dir, monkeypatch):
+def test_engine_threads_are_named_for_the_kernel_and_for_the_host(dataservice, data_dir, caplog):
     svc = dataservice
     seen = {}  # host name -> kernel name, recorded on the engine's threads
     lock = threading.Lock()
@@ -186,8 +186,8 @@ def test_engine_threads_are_named_for_the_kernel_and_for_the_host(dataservice, d
     m.sync()  # two download workers
     m.acquire()  # the poll thread and the era thread poll at once
     assert {"tw-sync-poll", "tw-sync-era"} <= {kernel_thread_name(t) for t in os.listdir("/proc/self/task")}
+    caplog.set_level(logging.INFO, logger="tidewright.sync")
     logger = logging.getLogger("tidewright.sync")
-    monkeypatch.setattr(logger, "level", logging.INFO)
     handler = Record()
     logger.addHandler(handler)
     try:
