@@ -248,6 +248,49 @@ def test_a_failed_new_era_transition_is_retried_on_the_next_poll(svc, data_dir, 
     assert_era_files(svc, data_dir, m, 2)
 
 
+class StandInManager:
+    """Something with the sync manager's interface that is not a SyncManager."""
+
+    def __init__(self, era_number, how, fail=False):
+        self.calls = []
+        self.fail = fail
+        manifest = None if era_number is None else sync.Manifest({"era_number": era_number})
+        if how == "get_manifest":
+            self.get_manifest = lambda: manifest
+        else:
+            self._manifest = manifest
+
+    def trigger_era_transition(self, new_era_number, kill_searches_fn=None, restart_searches_fn=None):
+        self.calls.append((new_era_number, kill_searches_fn, restart_searches_fn))
+        if self.fail:
+            raise RuntimeError("stand-in refuses")
+
+
+@pytest.mark.parametrize("how", ["get_manifest", "_manifest"])
+@pytest.mark.parametrize("fail", [False, True])
+def test_an_era_thread_drives_any_object_with_the_managers_interface(svc, data_dir, how, fail):
+    def kill():
+        pass
+
+    manager = StandInManager(1, how, fail)
+    thread = sync.EraThread(svc.url, lambda: svc.token, manager, era_poll_interval_s=3600.0, kill_searches_fn=kill)
+    assert thread._sync_manager is manager
+    thread.start()  # takes the held era from the stand-in
+    thread.stop()
+    assert thread._last_known_era_number == 1 and manager.calls == []
+    publish_next(svc)
+    thread._poll_once()
+    assert manager.calls == [(2, kill, None)]
+    assert thread._last_known_era_number == (1 if fail else 2)
+    assert thread._last_transition_error == ("new era: stand-in refuses" if fail else None)
+
+
+def test_an_era_thread_refuses_what_cannot_drive_a_transition(svc):
+    for not_a_manager in (None, object(), "manager"):
+        with pytest.raises(TypeError, match="^sync_manager must be a SyncManager or have its trigger_era_transition"):
+            sync.EraThread(svc.url, lambda: svc.token, not_a_manager)
+
+
 def test_acquired_manager_follows_a_new_era(svc, data_dir, caplog, monkeypatch):
     import tidewright.agent_onboarding
 

@@ -1,13 +1,16 @@
 """Consumers, background threads, cross-process locking and prompt stops."""
 
+import gc
 import json
 import logging
 import os
+import pathlib
 import subprocess
 import sys
 import textwrap
 import threading
 import time
+import weakref
 
 import pytest
 
@@ -244,6 +247,130 @@ def test_interpreter_exit_with_an_acquired_manager(dataservice, data_dir, tmp_pa
         go.touch()  # the interpreter now exits with the manager acquired and a transfer stalled
         _, err = child.communicate(timeout=60)
     assert child.returncode == 0, err
+
+
+README = pathlib.Path(__file__).resolve().parents[1] / "README.md"
+
+
+def readme_library_example(data_dir, url):
+    """The library example of the README, against a local service, logging to stdout."""
+    section = README.read_text(encoding="utf-8").split("## Using the library", 1)[1]
+    example = section.split("```python\n", 1)[1].split("```", 1)[0]
+    for placeholder, value in [('"tidewright-data"', repr(str(data_dir))), ('"https://data.example.com"', repr(url)),
+                               ("logging.basicConfig(level=logging.INFO)",
+                                "logging.basicConfig(level=logging.INFO, stream=sys.stdout)")]:
+        assert placeholder in example
+        example = example.replace(placeholder, value)
+    return textwrap.dedent("""
+        import sys
+
+        def read_my_token():
+            return sys.argv[1]
+
+        def run_searches(manifest):
+            assert manifest.era_number == 1
+    """) + example
+
+
+# Each ends with the manager held in a module global, referred to by the
+# callables the engine holds.
+EXIT_CHILDREN = {
+    "README example": readme_library_example,
+    "callbacks after release": lambda data_dir, url: textwrap.dedent(f"""
+        import sys
+        import tidewright.sync as sync
+
+        manager = sync.SyncManager.get_or_create({str(data_dir)!r}, {url!r}, lambda: sys.argv[1])
+        manager.acquire()
+
+        def on_era(event_type, era_number):
+            manager.status()
+
+        manager.register_era_callback(on_era)
+        manager.set_progress_callback(lambda progress: manager.status())
+        manager.runtime_freshness_guard = manager
+        manager.release()
+    """),
+    "still acquired": lambda data_dir, url: textwrap.dedent(f"""
+        import sys
+        import tidewright.sync as sync
+
+        manager = sync.SyncManager.get_or_create({str(data_dir)!r}, {url!r}, lambda: sys.argv[1])
+        manager.sync()
+        manager.acquire()
+        manager.register_era_callback(lambda event_type, era_number: manager.status())
+        held = manager.get_manifest()
+    """),
+    "era thread of a stand-in manager": lambda data_dir, url: textwrap.dedent(f"""
+        import sys
+        import tidewright.sync as sync
+
+        class Manager:
+            def trigger_era_transition(self, **fields):
+                pass
+
+        manager = Manager()
+        manager.thread = sync.EraThread({url!r}, lambda: sys.argv[1], manager, era_poll_interval_s=3600.0)
+        manager.thread.start()
+    """),
+}
+
+
+@pytest.mark.parametrize("child", sorted(EXIT_CHILDREN))
+def test_an_interpreter_exits_cleanly_with_managers_in_module_globals(dataservice, data_dir, child):
+    script = EXIT_CHILDREN[child](data_dir, dataservice.url)
+    run = subprocess.run([sys.executable, "-c", script, dataservice.token], capture_output=True, text=True,
+                         timeout=120)
+    assert (run.returncode, run.stderr) == (0, "")
+
+
+def holds(kind, manager):
+    """A callable that refers to `manager`, handed to the engine as `kind`."""
+    def callback(*args):
+        return manager
+
+    if kind == "token callable":
+        manager._get_token = callback
+    elif kind == "progress callback":
+        manager.set_progress_callback(callback)
+    elif kind == "era callback":
+        manager.register_era_callback(callback)
+    else:
+        manager.runtime_freshness_guard = callback
+    return weakref.ref(callback)
+
+
+KINDS = ["token callable", "progress callback", "era callback", "freshness guard"]
+
+
+@pytest.mark.parametrize("kind", KINDS)
+def test_the_collector_sees_what_a_manager_holds(data_dir, kind):
+    held = holds(kind, sync.SyncManager(str(data_dir), "http://127.0.0.1:9", token="t"))
+    gc.collect()
+    assert held() is None  # the cycle manager -> callable -> manager was found and broken
+
+
+@pytest.mark.parametrize("kind", KINDS)
+def test_the_collector_leaves_a_registered_manager_alone(data_dir, kind):
+    held = holds(kind, sync.SyncManager.get_or_create(str(data_dir), "http://127.0.0.1:9", lambda: "t"))
+    gc.collect()
+    assert held() is not None  # the registry still serves it, with everything it holds
+    again = sync.SyncManager.get_or_create(str(data_dir), "http://127.0.0.1:9", held() if kind == "token callable"
+                                           else (lambda: "t"))
+    assert held() is not None and (kind != "era callback" or again._era_callbacks == [held()])
+
+
+def test_the_collector_sees_what_an_era_thread_holds(data_dir):
+    class Manager:
+        def trigger_era_transition(self, **fields):
+            pass
+
+    manager = Manager()
+    manager.thread = sync.EraThread("http://127.0.0.1:9", lambda: manager.thread._server_url, manager)
+    held = weakref.ref(manager)
+    del manager
+    gc.collect()
+    assert held() is None
 
 
 SYNC_CHILD = """

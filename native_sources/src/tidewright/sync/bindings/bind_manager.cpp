@@ -1,6 +1,8 @@
 // SyncManager, its result records and the registry, as seen from Python.
 #include "tidewright/sync/bindings/bindings.hpp"
 #include "tidewright/sync/bindings/convert.hpp"
+#include "tidewright/sync/bindings/lifetime.hpp"
+#include "tidewright/sync/bindings/manifest_face.hpp"
 #include "tidewright/sync/era/market.hpp"
 #include "tidewright/sync/manager/cleanup.hpp"
 #include "tidewright/sync/manager/sync_manager.hpp"
@@ -192,6 +194,21 @@ void shutdown_all_managers() { SyncManager::shutdown_all(); }
 
 namespace {
 
+// The face of the manager's manifest, the same one while the manager holds
+// that manifest (kept in the manager's slot for it).
+nb::object held_manifest(SyncManager& s) {
+  ManifestPtr manifest;
+  {
+    nb::gil_scoped_release release;
+    manifest = s.get_manifest();
+  }
+  if (!manifest) return nb::none();
+  if (HostRef view = s.manifest_view(manifest)) return nb::borrow(ref_object(view));
+  nb::object face = new_manifest_face(manifest);
+  s.set_manifest_view(std::move(manifest), make_ref(face));
+  return face;
+}
+
 nb::object http_triple(const HttpResponse& r) {
   nb::dict headers;
   for (const auto& [k, v] : r.headers.items) headers[nb::str(k.c_str(), k.size())] = nb::str(v.c_str(), v.size());
@@ -249,8 +266,8 @@ void bind_manager(nb::module_& m) {
   m.def("_parse_era_directory_id", [](const std::string& name) { return parse_era_directory_id(name); },
         nb::arg("name"));
 
-  nb::class_<SyncManager>(m, "SyncManager",
-                          "Keeps one local data directory in step with the Tidewright data service.")
+  nb::class_<SyncManager>(m, "SyncManager", "Keeps one local data directory in step with the Tidewright data service.",
+                          nb::type_slots(engine_object_slots<SyncManager>))
       .def(nb::new_([](nb::handle data_dir, nb::handle server_url, nb::handle get_token, double poll_interval_s,
                        nb::handle runtime_freshness_guard, nb::handle token, nb::handle market_id,
                        nb::handle sync_http_transport, nb::handle sync_http_chunk_bytes,
@@ -258,8 +275,13 @@ void bind_manager(nb::module_& m) {
              SyncManagerArgs args =
                  make_args(data_dir, server_url, get_token, token, poll_interval_s, runtime_freshness_guard,
                            market_id, sync_http_transport, sync_http_chunk_bytes, sync_max_concurrency);
-             nb::gil_scoped_release release;
-             return std::make_shared<SyncManager>(std::move(args));
+             std::shared_ptr<SyncManager> manager;
+             {
+               nb::gil_scoped_release release;
+               manager = std::make_shared<SyncManager>(std::move(args));
+             }
+             remember_engine_object(manager);
+             return manager;
            }),
            nb::arg("data_dir"), nb::arg("server_url").none(), nb::arg("get_token") = nb::none(),
            nb::arg("poll_interval_s") = SYNC_MANIFEST_POLL_INTERVAL_SECONDS,
@@ -274,8 +296,13 @@ void bind_manager(nb::module_& m) {
             SyncManagerArgs args = make_args(data_dir, server_url, get_token, nb::none(), poll_interval_s,
                                              runtime_freshness_guard, market_id, sync_http_transport,
                                              sync_http_chunk_bytes, sync_max_concurrency);
-            nb::gil_scoped_release release;
-            return SyncManager::get_or_create(std::move(args));
+            std::shared_ptr<SyncManager> manager;
+            {
+              nb::gil_scoped_release release;
+              manager = SyncManager::get_or_create(std::move(args));
+            }
+            remember_engine_object(manager);
+            return manager;
           },
           nb::arg("data_dir"), nb::arg("server_url").none(), nb::arg("get_token").none(),
           nb::arg("poll_interval_s") = SYNC_MANIFEST_POLL_INTERVAL_SECONDS,
@@ -404,28 +431,27 @@ void bind_manager(nb::module_& m) {
            },
            nb::arg("files_to_download"), nb::arg("result"))
       .def("_download_vocabulary",
-           [](SyncManager& s, Manifest& manifest, std::optional<std::string> target) {
-             nb::gil_scoped_release release;
-             return s.download_vocabulary(manifest, target);
+           [](SyncManager& s, ManifestArg face, std::optional<std::string> target) {
+             return change_manifest(face, ManifestChange::kFiles,
+                                    [&](Manifest& manifest) { return s.download_vocabulary(manifest, target); });
            },
            nb::arg("server_manifest"), nb::arg("target_data_dir") = nb::none(),
            "Download per-universe vocabularies if needed. Returns True if downloaded.")
       .def("_download_signals_index",
-           [](SyncManager& s, Manifest& manifest, std::optional<std::string> target, nb::handle result) {
+           [](SyncManager& s, ManifestArg face, std::optional<std::string> target, nb::handle result) {
              SyncResult r = from_python_result(result);
-             bool downloaded;
-             {
-               nb::gil_scoped_release release;
-               downloaded = s.download_signals_index(manifest, r, target);
-             }
+             bool downloaded = change_manifest(face, ManifestChange::kMembershipIfChanged, [&](Manifest& manifest) {
+               return s.download_signals_index(manifest, r, target);
+             });
              update_python_result(result, r);
              return downloaded;
            },
            nb::arg("server_manifest"), nb::arg("target_data_dir") = nb::none(), nb::arg("result") = nb::none())
       .def("_download_shuffle_seed",
-           [](SyncManager& s, Manifest& manifest, std::optional<std::string> target) {
+           [](SyncManager& s, ManifestArg face, std::optional<std::string> target) {
+             ManifestPtr manifest = engine_manifest(face);
              nb::gil_scoped_release release;
-             return s.download_shuffle_seed(manifest, target);
+             return s.download_shuffle_seed(*manifest, target);
            },
            nb::arg("server_manifest"), nb::arg("target_data_dir") = nb::none())
       .def("_http_get",
@@ -466,12 +492,13 @@ void bind_manager(nb::module_& m) {
              auto v = s.vocabulary();
              return v ? from_json(json::value(*v)) : nb::none();
            })
-      .def("get_manifest", &SyncManager::get_manifest, nb::call_guard<nb::gil_scoped_release>(),
-           "Return current local Manifest or None.")
+      .def("get_manifest", &held_manifest,
+           "Return current local Manifest or None. It is the same object for as long as the manager holds the same "
+           "manifest; the manager itself works from its own copy (see Manifest).")
       .def("status", &SyncManager::status, nb::call_guard<nb::gil_scoped_release>(),
            "Return the current human-readable sync status, if any.")
       .def("consumer_count", &SyncManager::consumer_count, nb::call_guard<nb::gil_scoped_release>())
-      .def_prop_ro("_manifest", &SyncManager::get_manifest)
+      .def_prop_ro("_manifest", &held_manifest)
       .def_prop_ro("_status_message", &SyncManager::status)
       .def_prop_ro("_consumer_count", &SyncManager::consumer_count)
       .def_prop_ro("_data_dir", [](const SyncManager& s) { return s.data_dir(); })

@@ -73,6 +73,8 @@ nb::object args_tuple(const json::array& args) {
   return nb::steal(PySequence_Tuple(from_json_array(args).ptr()));
 }
 
+}  // namespace
+
 // An engine thread shows its name where host code runs on it: in
 // threading.current_thread().name and so in the thread name of log records.
 // The engine's threads are not registered as threading.Thread objects (the
@@ -93,6 +95,8 @@ void show_engine_thread_name() {
     // A name is not worth failing the call for.
   }
 }
+
+namespace {
 
 // Runs `fn` with the GIL held, turning a Python exception into a HostError.
 template <typename F>

@@ -8,6 +8,8 @@
 #include "tidewright/sync/reporting/errors.hpp"
 #include "tidewright/sync/transport/settings.hpp"
 
+#include <utility>
+
 namespace tidewright::sync {
 
 namespace {
@@ -223,5 +225,61 @@ void SyncManager::set_runtime_freshness_guard(HostRef guard) {
 }
 
 std::string SyncManager::fetch_token() const { return host().call_for_text(get_token_fn()); }
+
+HostRef SyncManager::manifest_view(const ManifestPtr& manifest) const {
+  std::lock_guard<std::mutex> lock(host_view_mu_);
+  return manifest && manifest_view_of_ == manifest ? manifest_view_ : HostRef();
+}
+
+void SyncManager::set_manifest_view(ManifestPtr manifest, HostRef view) {
+  std::lock_guard<std::mutex> lock(host_view_mu_);
+  std::swap(manifest_view_of_, manifest);
+  std::swap(manifest_view_, view);
+  // The previous view is released after the lock, with the arguments.
+}
+
+bool SyncManager::try_collect_host_refs(std::vector<const void*>& out) const {
+  {
+    std::unique_lock<std::mutex> lock(state_mu_, std::try_to_lock);
+    if (!lock.owns_lock()) return false;
+    out.push_back(get_token_.get());
+    out.push_back(runtime_freshness_guard_.get());
+  }
+  {
+    std::unique_lock<std::mutex> lock(host_view_mu_, std::try_to_lock);
+    if (!lock.owns_lock()) return false;
+    out.push_back(manifest_view_.get());
+  }
+  {
+    std::unique_lock<std::mutex> lock(era_callbacks_mu_, std::try_to_lock);
+    if (!lock.owns_lock()) return false;
+    for (const HostRef& callback : era_callbacks_) out.push_back(callback.get());
+  }
+  const void* progress = nullptr;
+  if (!progress_.try_callback_object(progress)) return false;
+  out.push_back(progress);
+  std::erase(out, nullptr);
+  return true;
+}
+
+void SyncManager::drop_host_refs() {
+  std::vector<HostRef> dropped;  // released last, after every lock
+  {
+    std::lock_guard<std::mutex> lock(state_mu_);
+    dropped.push_back(std::exchange(get_token_, nullptr));
+    dropped.push_back(std::exchange(runtime_freshness_guard_, nullptr));
+  }
+  {
+    std::lock_guard<std::mutex> lock(host_view_mu_);
+    dropped.push_back(std::exchange(manifest_view_, nullptr));
+    manifest_view_of_.reset();
+  }
+  {
+    std::lock_guard<std::mutex> lock(era_callbacks_mu_);
+    for (HostRef& callback : era_callbacks_) dropped.push_back(std::move(callback));
+    era_callbacks_.clear();
+  }
+  progress_.set_callback(nullptr);
+}
 
 }  // namespace tidewright::sync

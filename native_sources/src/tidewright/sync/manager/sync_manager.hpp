@@ -92,6 +92,23 @@ class SyncManager : public std::enable_shared_from_this<SyncManager>, public Era
   void set_get_token(HostRef fn);
   HostRef runtime_freshness_guard() const;
   void set_runtime_freshness_guard(HostRef guard);
+
+  // --- host objects held by the manager ---
+  // The host's view of the held manifest: the host keeps its object for a
+  // manifest here, so that it stays the same object (with its caller's
+  // changes) while the manager holds that manifest. Empty when the view
+  // stored is that of another manifest.
+  HostRef manifest_view(const ManifestPtr& manifest) const;
+  // Stores `view` as the view of `manifest`.
+  void set_manifest_view(ManifestPtr manifest, HostRef view);
+  // The host objects the manager holds (token callable, freshness guard,
+  // progress callback, era callbacks, manifest view), for the host's
+  // garbage collector; never waits: false when one of their locks is busy.
+  bool try_collect_host_refs(std::vector<const void*>& out) const;
+  // Lets go of every one of them (at interpreter exit, or when the host's
+  // collector breaks a cycle through the manager). They are released after
+  // the locks, as releasing one may wait for the host.
+  void drop_host_refs();
   bool running() const { return running_.load(); }
   bool in_transition() const { return in_transition_.load(); }
   const std::string& consumer_count_path() const { return consumer_count_path_; }
@@ -271,6 +288,10 @@ class SyncManager : public std::enable_shared_from_this<SyncManager>, public Era
   std::int64_t sync_max_concurrency_ = 0;      // guarded by state_mu_
   ManifestPtr manifest_;                       // guarded by state_mu_
   std::optional<std::string> status_message_;  // guarded by state_mu_
+
+  mutable std::mutex host_view_mu_;  // a leaf lock
+  ManifestPtr manifest_view_of_;     // guarded by host_view_mu_
+  HostRef manifest_view_;            // guarded by host_view_mu_
 
   std::atomic<bool> running_{false};
   std::atomic<bool> in_transition_{false};
