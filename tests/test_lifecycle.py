@@ -206,6 +206,29 @@ def test_engine_threads_are_named_for_the_kernel_and_for_the_host(dataservice, d
         "tidewright-sync-cleanup": "tw-sync-cleanup"}
 
 
+def test_a_stop_from_the_poll_thread_itself(dataservice, data_dir):
+    svc = dataservice
+    seen = {}
+    stopped = threading.Event()
+
+    def token():
+        if threading.current_thread().name == "tw-sync-poll" and not stopped.is_set():
+            m.stop()  # from a callback of the poll thread's own poll
+            seen.update(alive=m.is_alive(), running=m._running, thread=threading.get_native_id())
+            stopped.set()
+        return svc.token
+
+    m = sync.SyncManager.get_or_create(str(data_dir), svc.url, token, poll_interval_s=3600.0)
+    m.start()
+    assert stopped.wait(60)
+    assert (seen["alive"], seen["running"]) == (False, False)  # the thread is no longer the manager's
+    assert wait_for(lambda: not os.path.exists(f"/proc/self/task/{seen['thread']}"))  # it ends after its poll
+    m.start()
+    assert m.is_alive()
+    m.stop()
+    assert not m.is_alive()
+
+
 @pytest.mark.parametrize("outage", ["stalled transfer", "server down"])
 @pytest.mark.parametrize("how", ["release", "stop"])
 def test_stopping_is_prompt_during_an_outage(dataservice, data_dir, outage, how):
