@@ -97,8 +97,10 @@ def test_a_disk_that_fills_during_the_downloads_is_a_disk_space_error_and_the_ne
     # Someone else takes the free space while the second feature file downloads.
     svc.on_request("/data/files/features/*", small_disk.fill, after=2)
     m = manager(svc, small_disk.data_dir, sync_max_concurrency=1)
-    with request_budget(svc), pytest.raises(sync.DiskSpaceError, match="^Insufficient disk space while writing "):
+    with request_budget(svc), pytest.raises(sync.DiskSpaceError,
+                                            match="^Insufficient disk space while writing ") as info:
         m.sync()
+    assert isinstance(info.value, OSError) and info.value.errno == errno.ENOSPC  # what a full disk raises
     assert_no_wrong_file_under_a_final_name(svc, small_disk.data_dir)
     assert m.get_manifest() is None
     assert tmp_files(small_disk.data_dir) != []  # the partial download stays to be resumed

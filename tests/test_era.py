@@ -11,6 +11,8 @@ import textwrap
 import time
 
 import pytest
+from hypothesis import given, settings
+from hypothesis import strategies as st
 
 import tidewright.sync as sync
 
@@ -95,6 +97,31 @@ def test_flat_answers_and_urls():
         with pytest.raises(ValueError) as info:
             sync._market_era_current_url("http://h:1", bad)
         assert str(info.value) == "market_id must be a positive integer, got " + shown
+
+
+def era_directory_id(name):
+    """The era number of a directory name as the host's int() reads it."""
+    rest = name[4:] if name.startswith("era_") else name[3:] if name.startswith("era") else ""
+    if not rest.isdecimal():
+        return None
+    number = int(rest)
+    return number if number < 2**63 else None
+
+
+@pytest.mark.parametrize("name", [
+    "era_12", "era12", "era_0", "era_007", "era_\u0663", "era\u0661\u0662", "era_\uff17", "era_\U0001d7ce",
+    "era_3\u0664", "era_9223372036854775807", "era_9223372036854775808", "era_" + "9" * 40, "era_", "era",
+    "era__5", "era_-1", "era_+1", "era_1_000", "era_ 1", "era_1 ", "era_\u00b2", "era_1.0", "Era_1", "xera_1",
+])
+def test_era_directory_names(name):
+    assert sync._parse_era_directory_id(name) == era_directory_id(name)
+
+
+@settings(max_examples=300, deadline=None)
+@given(st.sampled_from(["era_", "era", "er", ""]),
+       st.text(st.characters(whitelist_categories=("Nd",)) | st.sampled_from("_ x\u00b2-"), max_size=21))
+def test_era_directory_numbers_are_read_like_int(prefix, rest):
+    assert sync._parse_era_directory_id(prefix + rest) == era_directory_id(prefix + rest)
 
 
 # -- the era thread -------------------------------------------------------------------
@@ -220,6 +247,49 @@ def test_a_failed_new_era_transition_is_retried_on_the_next_poll(svc, data_dir, 
     assert not thread._transition_failed and thread._last_transition_error is None
     assert thread._last_known_era_number == 2
     assert_era_files(svc, data_dir, m, 2)
+
+
+class StandInManager:
+    """Something with the sync manager's interface that is not a SyncManager."""
+
+    def __init__(self, era_number, how, fail=False):
+        self.calls = []
+        self.fail = fail
+        manifest = None if era_number is None else sync.Manifest({"era_number": era_number})
+        if how == "get_manifest":
+            self.get_manifest = lambda: manifest
+        else:
+            self._manifest = manifest
+
+    def trigger_era_transition(self, new_era_number, kill_searches_fn=None, restart_searches_fn=None):
+        self.calls.append((new_era_number, kill_searches_fn, restart_searches_fn))
+        if self.fail:
+            raise RuntimeError("stand-in refuses")
+
+
+@pytest.mark.parametrize("how", ["get_manifest", "_manifest"])
+@pytest.mark.parametrize("fail", [False, True])
+def test_an_era_thread_drives_any_object_with_the_managers_interface(svc, data_dir, how, fail):
+    def kill():
+        pass
+
+    manager = StandInManager(1, how, fail)
+    thread = sync.EraThread(svc.url, lambda: svc.token, manager, era_poll_interval_s=3600.0, kill_searches_fn=kill)
+    assert thread._sync_manager is manager
+    thread.start()  # takes the held era from the stand-in
+    thread.stop()
+    assert thread._last_known_era_number == 1 and manager.calls == []
+    publish_next(svc)
+    thread._poll_once()
+    assert manager.calls == [(2, kill, None)]
+    assert thread._last_known_era_number == (1 if fail else 2)
+    assert thread._last_transition_error == ("new era: stand-in refuses" if fail else None)
+
+
+def test_an_era_thread_refuses_what_cannot_drive_a_transition(svc):
+    for not_a_manager in (None, object(), "manager"):
+        with pytest.raises(TypeError, match="^sync_manager must be a SyncManager or have its trigger_era_transition"):
+            sync.EraThread(svc.url, lambda: svc.token, not_a_manager)
 
 
 def test_acquired_manager_follows_a_new_era(svc, data_dir, caplog, monkeypatch):

@@ -1,5 +1,7 @@
 """The error family as callers catch it, and exceptions crossing the core."""
 
+import errno
+import os
 import pickle
 
 import pytest
@@ -24,7 +26,7 @@ def test_family_shape_and_docstrings():
     for name, (base, doc) in expected.items():
         cls = getattr(sync, name)
         assert issubclass(cls, base), name
-        assert cls.__doc__ == doc, name
+        assert cls.__doc__.split("\n\n")[0] == doc, name
     assert issubclass(sync.SyncUnavailableError, ConnectionError)
     assert not issubclass(sync.StateError, sync.SyncError)
     with pytest.raises(sync.SyncError):
@@ -38,6 +40,19 @@ def test_permanent_download_error_fields():
     assert (str(err), err.file_path, err.status) == ("Download failed for a: HTTP 404", "a", 404)
     assert sync.PermanentDownloadError("m", status="x").status is None
     assert sync.PermanentDownloadError("m").file_path is None
+
+
+@pytest.mark.parametrize("message", ["Insufficient disk space: need 10 bytes, have 5 bytes available",
+                                     "Insufficient disk space while writing a.arrow: No space left on device"])
+def test_disk_space_error_is_also_the_os_error_of_a_full_disk(message):
+    err = sync.DiskSpaceError(message)
+    assert (str(err), err.args, err.errno, err.strerror) == (message, (message,), errno.ENOSPC,
+                                                              os.strerror(errno.ENOSPC))
+    for handler in (OSError, sync.SyncError):
+        with pytest.raises(handler):
+            raise err
+    copy = pickle.loads(pickle.dumps(err))
+    assert (type(copy), str(copy), copy.errno) == (sync.DiskSpaceError, message, errno.ENOSPC)
 
 
 def test_unavailable_error_message_and_typed_details():

@@ -1,12 +1,16 @@
 """Consumers, background threads, cross-process locking and prompt stops."""
 
+import gc
 import json
+import logging
 import os
+import pathlib
 import subprocess
 import sys
 import textwrap
 import threading
 import time
+import weakref
 
 import pytest
 
@@ -193,6 +197,72 @@ def test_membership_is_read_from_python_threads_while_syncs_run(dataservice, dat
         m.stop()
     assert len(reads) == 2 and all(seen and all(seen) for seen in reads)
     assert m.get_manifest().version == 2
+def kernel_thread_name(native_id=None):
+    with open(f"/proc/self/task/{native_id or threading.get_native_id()}/comm", encoding="utf-8") as handle:
+        return handle.read().strip()
+
+
+def test_engine_threads_are_named_for_the_kernel_and_for_the_host(dataservice, data_dir, caplog):
+    svc = dataservice
+    seen = {}  # host name -> kernel name, recorded on the engine's threads
+    lock = threading.Lock()
+
+    def record():
+        with lock:
+            seen.setdefault(threading.current_thread().name, kernel_thread_name())
+
+    def token():
+        record()
+        return svc.token
+
+    class Record(logging.Handler):
+        def emit(self, record_):
+            if record_.getMessage().startswith("Old era cleanup completed"):
+                record()
+
+    m = sync.SyncManager.get_or_create(str(data_dir), svc.url, token, poll_interval_s=3600.0,
+                                       sync_max_concurrency=2)
+    m.sync()  # two download workers
+    m.acquire()  # the poll thread and the era thread poll at once
+    assert {"tw-sync-poll", "tw-sync-era"} <= {kernel_thread_name(t) for t in os.listdir("/proc/self/task")}
+    caplog.set_level(logging.INFO, logger="tidewright.sync")
+    logger = logging.getLogger("tidewright.sync")
+    handler = Record()
+    logger.addHandler(handler)
+    try:
+        m._schedule_cleanup_old_eras()
+        assert wait_for(lambda: {"tw-sync-poll", "tw-sync-era", "tidewright-sync-cleanup"} <= set(seen))
+    finally:
+        logger.removeHandler(handler)
+        m.release()
+    workers = {name for name in seen if name.startswith("tw-sync_")}
+    assert workers and workers <= {"tw-sync_0", "tw-sync_1"}
+    assert {name: kernel for name, kernel in seen.items() if name != "MainThread"} == {
+        **{name: name for name in workers}, "tw-sync-poll": "tw-sync-poll", "tw-sync-era": "tw-sync-era",
+        "tidewright-sync-cleanup": "tw-sync-cleanup"}
+
+
+def test_a_stop_from_the_poll_thread_itself(dataservice, data_dir):
+    svc = dataservice
+    seen = {}
+    stopped = threading.Event()
+
+    def token():
+        if threading.current_thread().name == "tw-sync-poll" and not stopped.is_set():
+            m.stop()  # from a callback of the poll thread's own poll
+            seen.update(alive=m.is_alive(), running=m._running, thread=threading.get_native_id())
+            stopped.set()
+        return svc.token
+
+    m = sync.SyncManager.get_or_create(str(data_dir), svc.url, token, poll_interval_s=3600.0)
+    m.start()
+    assert stopped.wait(60)
+    assert (seen["alive"], seen["running"]) == (False, False)  # the thread is no longer the manager's
+    assert wait_for(lambda: not os.path.exists(f"/proc/self/task/{seen['thread']}"))  # it ends after its poll
+    m.start()
+    assert m.is_alive()
+    m.stop()
+    assert not m.is_alive()
 
 
 @pytest.mark.parametrize("outage", ["stalled transfer", "server down"])
@@ -236,6 +306,130 @@ def test_interpreter_exit_with_an_acquired_manager(dataservice, data_dir, tmp_pa
         go.touch()  # the interpreter now exits with the manager acquired and a transfer stalled
         _, err = child.communicate(timeout=60)
     assert child.returncode == 0, err
+
+
+README = pathlib.Path(__file__).resolve().parents[1] / "README.md"
+
+
+def readme_library_example(data_dir, url):
+    """The library example of the README, against a local service, logging to stdout."""
+    section = README.read_text(encoding="utf-8").split("## Using the library", 1)[1]
+    example = section.split("```python\n", 1)[1].split("```", 1)[0]
+    for placeholder, value in [('"tidewright-data"', repr(str(data_dir))), ('"https://data.example.com"', repr(url)),
+                               ("logging.basicConfig(level=logging.INFO)",
+                                "logging.basicConfig(level=logging.INFO, stream=sys.stdout)")]:
+        assert placeholder in example
+        example = example.replace(placeholder, value)
+    return textwrap.dedent("""
+        import sys
+
+        def read_my_token():
+            return sys.argv[1]
+
+        def run_searches(manifest):
+            assert manifest.era_number == 1
+    """) + example
+
+
+# Each ends with the manager held in a module global, referred to by the
+# callables the engine holds.
+EXIT_CHILDREN = {
+    "README example": readme_library_example,
+    "callbacks after release": lambda data_dir, url: textwrap.dedent(f"""
+        import sys
+        import tidewright.sync as sync
+
+        manager = sync.SyncManager.get_or_create({str(data_dir)!r}, {url!r}, lambda: sys.argv[1])
+        manager.acquire()
+
+        def on_era(event_type, era_number):
+            manager.status()
+
+        manager.register_era_callback(on_era)
+        manager.set_progress_callback(lambda progress: manager.status())
+        manager.runtime_freshness_guard = manager
+        manager.release()
+    """),
+    "still acquired": lambda data_dir, url: textwrap.dedent(f"""
+        import sys
+        import tidewright.sync as sync
+
+        manager = sync.SyncManager.get_or_create({str(data_dir)!r}, {url!r}, lambda: sys.argv[1])
+        manager.sync()
+        manager.acquire()
+        manager.register_era_callback(lambda event_type, era_number: manager.status())
+        held = manager.get_manifest()
+    """),
+    "era thread of a stand-in manager": lambda data_dir, url: textwrap.dedent(f"""
+        import sys
+        import tidewright.sync as sync
+
+        class Manager:
+            def trigger_era_transition(self, **fields):
+                pass
+
+        manager = Manager()
+        manager.thread = sync.EraThread({url!r}, lambda: sys.argv[1], manager, era_poll_interval_s=3600.0)
+        manager.thread.start()
+    """),
+}
+
+
+@pytest.mark.parametrize("child", sorted(EXIT_CHILDREN))
+def test_an_interpreter_exits_cleanly_with_managers_in_module_globals(dataservice, data_dir, child):
+    script = EXIT_CHILDREN[child](data_dir, dataservice.url)
+    run = subprocess.run([sys.executable, "-c", script, dataservice.token], capture_output=True, text=True,
+                         timeout=120)
+    assert (run.returncode, run.stderr) == (0, "")
+
+
+def holds(kind, manager):
+    """A callable that refers to `manager`, handed to the engine as `kind`."""
+    def callback(*args):
+        return manager
+
+    if kind == "token callable":
+        manager._get_token = callback
+    elif kind == "progress callback":
+        manager.set_progress_callback(callback)
+    elif kind == "era callback":
+        manager.register_era_callback(callback)
+    else:
+        manager.runtime_freshness_guard = callback
+    return weakref.ref(callback)
+
+
+KINDS = ["token callable", "progress callback", "era callback", "freshness guard"]
+
+
+@pytest.mark.parametrize("kind", KINDS)
+def test_the_collector_sees_what_a_manager_holds(data_dir, kind):
+    held = holds(kind, sync.SyncManager(str(data_dir), "http://127.0.0.1:9", token="t"))
+    gc.collect()
+    assert held() is None  # the cycle manager -> callable -> manager was found and broken
+
+
+@pytest.mark.parametrize("kind", KINDS)
+def test_the_collector_leaves_a_registered_manager_alone(data_dir, kind):
+    held = holds(kind, sync.SyncManager.get_or_create(str(data_dir), "http://127.0.0.1:9", lambda: "t"))
+    gc.collect()
+    assert held() is not None  # the registry still serves it, with everything it holds
+    again = sync.SyncManager.get_or_create(str(data_dir), "http://127.0.0.1:9", held() if kind == "token callable"
+                                           else (lambda: "t"))
+    assert held() is not None and (kind != "era callback" or again._era_callbacks == [held()])
+
+
+def test_the_collector_sees_what_an_era_thread_holds(data_dir):
+    class Manager:
+        def trigger_era_transition(self, **fields):
+            pass
+
+    manager = Manager()
+    manager.thread = sync.EraThread("http://127.0.0.1:9", lambda: manager.thread._server_url, manager)
+    held = weakref.ref(manager)
+    del manager
+    gc.collect()
+    assert held() is None
 
 
 SYNC_CHILD = """

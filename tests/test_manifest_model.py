@@ -1,10 +1,14 @@
 """The in-memory Manifest."""
 
 import re
+import json
 
 import pytest
+from hypothesis import given, settings
+from hypothesis import strategies as st
 
 import tidewright.sync as sync
+from sync_helpers import FEATURE, manager
 
 
 def test_defaults_and_required_era():
@@ -88,3 +92,102 @@ def test_sibling_modules_are_looked_up_at_call_time(monkeypatch):
     monkeypatch.setattr(rotation, "manifest_file_kind", kind)
     assert list(sync.Manifest(data).files) == ["b.bin"]  # an unsupported runtime module is dropped
     assert sorted(set(seen)) == ["a.bin", "b.bin"]
+
+
+@pytest.mark.parametrize("body", [
+    b"\xff", b'{"found_signals": {"a": "\xff"}}', b'{"x": "\xe2\x82', b"{}\xe2", b'{"x": "\xed\xa0\x80"}',
+    b'{"x": "\xc0\xaf"}', b'{"x": "\xf4\x90\x80\x80"}', b'{"x": "\xf0\x9f\x98', b"\x80{}",
+])
+def test_signals_index_bytes_are_decoded_before_they_are_parsed(body):
+    with pytest.raises(UnicodeDecodeError) as decoding:
+        body.decode("utf-8")
+    with pytest.raises(sync.ManifestError) as info:
+        sync._validate_signals_index_bytes(body, sync.Manifest({"era_number": 1}))
+    assert str(info.value) == f"Invalid signals_index.json UTF-8: {decoding.value}"
+
+
+@settings(max_examples=300, deadline=None)
+@given(st.binary(max_size=12).map(lambda tail: b'{"x": "' + tail + b'"}'))
+def test_signals_index_text_is_refused_exactly_where_the_host_cannot_decode_it(body):
+    try:
+        body.decode("utf-8")
+    except UnicodeDecodeError as exc:
+        expected = f"Invalid signals_index.json UTF-8: {exc}"
+    else:
+        expected = None
+    try:
+        sync._validate_signals_index_bytes(body, sync.Manifest({"era_number": 1}))
+    except sync.ManifestError as exc:
+        assert expected is None or str(exc) == expected
+        assert expected is not None or str(exc).startswith("Invalid signals_index.json JSON: ")
+    else:
+        assert expected is None
+
+
+# -- the manifest as a Python object -------------------------------------------------
+
+def test_attributes_are_the_manifests_own_objects():
+    data = {"era_number": 1, "files": {"a.arrow": {"kind": "feature", "size_bytes": 1, "sha256": "00"}},
+            "signals_index": {"path": "x"}}
+    m = sync.Manifest(data)
+    files = m.files
+    assert files is m.files is m._data["files"] and m.signals_index is m._data["signals_index"]
+    first, second = m.to_dict(), m.to_dict()
+    assert first is not second and first["files"] is files  # a fresh top level, the nested maps shared
+    files["b.arrow"] = {"kind": "feature"}
+    assert "b.arrow" in m.to_dict()["files"]
+
+    for name in ("found_signals", "found_strategies", "useful_signals"):
+        held = getattr(m, name)
+        held["pool/x"] = {"id": 1}
+        assert getattr(m, name) is held and getattr(m, name) == {"pool/x": {"id": 1}}
+
+    m.era_number, m.version, m.files = 7, 3, {}
+    assert (m.era_number, m.version, m.files) == (7, 3, {})
+    assert (repr(m), str(m)) == ("<Manifest era_number=7 version=3 files=0>",) * 2
+    assert m.to_dict()["era_number"] == 1  # the object itself is only changed through its maps
+    del m.version
+    with pytest.raises(AttributeError, match="has no attribute 'version'"):
+        m.version
+
+
+INDEX = {"era_number": 1, "found_signals": {"p/s1": {"pnl": "found_signals/p/s1/signal_is/pnl.arrow"}},
+         "useful_signals": {"p/u1": {}}}
+
+
+@pytest.mark.parametrize("apply", [
+    lambda m: sync._apply_manifest_signals_index(m, INDEX),
+    lambda m: sync._validate_signals_index_bytes(json.dumps(INDEX).encode(), m),
+])
+def test_applying_a_signals_index_sets_the_membership_maps(apply):
+    m = sync.Manifest({"era_number": 1})
+    earlier = m.found_signals
+    earlier["stale"] = {}
+    apply(m)
+    assert (m.found_signals, m.found_strategies, m.useful_signals) == (INDEX["found_signals"], {}, {"p/u1": {}})
+    assert m.found_signals is m.found_signals and m.found_signals is not earlier
+    with pytest.raises(sync.EraError):
+        sync._apply_manifest_signals_index(m, {"era_number": 2, "found_signals": {}})
+    assert m.found_signals == INDEX["found_signals"]  # a refused index changes nothing
+
+
+def test_a_managers_manifest_is_one_object_and_the_engine_keeps_its_own_copy(dataservice, tmp_path):
+    m = manager(dataservice, tmp_path)
+    m.sync()
+    held = m.get_manifest()
+    assert m.get_manifest() is held and m._manifest is held
+    held.found_signals["mine"] = {}
+    held.version = "mine"
+    assert m.get_manifest().found_signals["mine"] == {} and m.get_manifest().version == "mine"
+
+    # What Python does to the object does not reach the engine's copy.
+    held.files.clear()
+    (tmp_path / FEATURE).write_bytes(b"damaged")
+    assert m.verify().corrupted_files == [FEATURE]
+    m.repair([FEATURE])
+    assert m.verify().valid
+
+    dataservice.set_version(touch=[FEATURE])
+    m.sync()
+    fresh = m.get_manifest()
+    assert fresh is not held and fresh.version == 2 and FEATURE in fresh.files

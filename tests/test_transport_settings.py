@@ -7,6 +7,7 @@ from http import HTTPStatus
 import pytest
 
 import tidewright.sync as sync
+from sync_helpers import FEATURE, manager
 
 TRANSPORT_MESSAGE = "invalid sync_http_transport: expected auto, urllib, or curl"
 CHUNK_MESSAGE = "invalid sync_http_chunk_bytes: expected a positive integer"
@@ -134,3 +135,81 @@ def test_other_statuses_are_permanent_for_the_file(status, shown, field):
     assert str(excinfo.value) == f"Download failed for a/b.parquet: HTTP {shown}"
     assert excinfo.value.file_path == "a/b.parquet"
     assert excinfo.value.status == field
+
+
+# -- the tuning functions as the host's point of control ---------------------------
+
+TIMEOUTS_AND_READS = ["_sync_http_timeout_seconds", "_sync_manifest_version_http_timeout_seconds",
+                      "_sync_http_response_read_bytes"]
+
+
+@pytest.mark.parametrize("name", TIMEOUTS_AND_READS)
+def test_a_replaced_tuning_function_is_what_the_engine_asks(dataservice, tmp_path, monkeypatch, name):
+    own = getattr(sync, name)
+    calls = []
+
+    def replacement():
+        calls.append(name)
+        return own()
+
+    monkeypatch.setattr(sync, name, replacement)
+    m = manager(dataservice, tmp_path)
+    m.sync()
+    assert calls
+    monkeypatch.undo()  # the module's own again: the engine stops asking
+    asked = len(calls)
+    dataservice.set_version(touch=[FEATURE])
+    m.sync()
+    assert len(calls) == asked
+
+
+@pytest.mark.parametrize("name", TIMEOUTS_AND_READS)
+def test_a_function_marked_as_the_native_default_is_answered_natively(dataservice, tmp_path, monkeypatch, name):
+    own = getattr(sync, name)
+    calls = []
+
+    def marked():
+        calls.append(name)
+        return own()
+
+    marked.__tidewright_native__ = name
+    monkeypatch.setattr(sync, name, marked)
+    manager(dataservice, tmp_path).sync()
+    assert calls == []
+
+
+@pytest.mark.parametrize("name, answer, attribute", [
+    ("_sync_http_transport", "urllib", "_sync_http_transport"),
+    ("_sync_http_chunk_bytes", 4096, "_sync_http_chunk_bytes"),
+    ("_sync_max_concurrency", 3, "_sync_max_concurrency"),
+])
+def test_replaced_knob_resolvers_decide_the_managers_knobs(tmp_path, monkeypatch, name, answer, attribute):
+    given = []
+    monkeypatch.setattr(sync, name, lambda raw=None: given.append(raw) or answer)
+    m = sync.SyncManager(str(tmp_path), "http://127.0.0.1:9", token="t", **{name[1:]: " 7 "})
+    assert getattr(m, attribute) == answer and given == [" 7 "]
+
+
+@pytest.mark.parametrize("name, answer, error, message", [
+    ("_sync_http_timeout_seconds", "soon", TypeError,
+     r"^_sync_http_timeout_seconds\(\) must return a number, got 'soon'$"),
+    ("_sync_http_timeout_seconds", True, TypeError, "must return a number, got True"),
+    ("_sync_http_response_read_bytes", 0, ValueError, "must return a positive integer"),
+])
+def test_a_replacement_that_answers_nonsense_fails_the_sync(dataservice, tmp_path, monkeypatch, name, answer, error,
+                                                            message):
+    monkeypatch.setattr(sync, name, lambda: answer)
+    with pytest.raises(error, match=message):
+        manager(dataservice, tmp_path).sync()
+
+
+def test_a_replacements_own_error_reaches_the_caller_unchanged(dataservice, tmp_path, monkeypatch):
+    class Refused(Exception):
+        pass
+
+    def refuse(raw=None):
+        raise Refused("no concurrency today")
+
+    monkeypatch.setattr(sync, "_sync_max_concurrency", refuse)
+    with pytest.raises(Refused, match="^no concurrency today$"):
+        manager(dataservice, tmp_path)

@@ -114,15 +114,16 @@ json::object apply_manifest_signals_index(const json::value& index, Manifest& ma
 }
 
 json::object validate_signals_index_bytes(std::string_view data, Manifest& manifest) {
+  // The body is text first: bytes that are not UTF-8 are that, whatever the
+  // JSON around them would have been.
+  if (std::optional<std::string> error = utf8_decode_error(data)) {
+    throw ManifestError("Invalid signals_index.json UTF-8: " + *error);
+  }
   json::value parsed;
   try {
     parsed = parse_json(data);
   } catch (const JsonParseError& e) {
-    std::string what = e.what();
-    if (what.find("UTF") != std::string::npos || what.find("utf") != std::string::npos) {
-      throw ManifestError("Invalid signals_index.json UTF-8: " + what);
-    }
-    throw ManifestError("Invalid signals_index.json JSON: " + what);
+    throw ManifestError(std::string("Invalid signals_index.json JSON: ") + e.what());
   }
   return apply_manifest_signals_index(parsed, manifest);
 }

@@ -44,8 +44,10 @@ struct SignalsIndexMembership {
 // `manifest` is not changed. ManifestError / EraError as for applying.
 SignalsIndexMembership signals_index_membership(const json::value& index, const Manifest& manifest);
 
-// Validates index bytes and applies them to `manifest`. ManifestError for
-// bad text/JSON, EraError for an era mismatch.
+// Validates index bytes and applies them to `manifest`. The bytes are decoded
+// as UTF-8 before anything else: ManifestError "Invalid signals_index.json
+// UTF-8: <why>" when they are not, "Invalid signals_index.json JSON: ..." when
+// the text is not JSON; EraError for an era mismatch.
 json::object validate_signals_index_bytes(std::string_view data, Manifest& manifest);
 // Applies a parsed index to `manifest` (its three sections).
 json::object apply_manifest_signals_index(const json::value& index, Manifest& manifest);

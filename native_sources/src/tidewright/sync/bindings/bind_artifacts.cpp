@@ -7,6 +7,7 @@
 #include "tidewright/sync/artifacts/vocabulary.hpp"
 #include "tidewright/sync/bindings/bindings.hpp"
 #include "tidewright/sync/bindings/convert.hpp"
+#include "tidewright/sync/bindings/manifest_face.hpp"
 #include "tidewright/sync/reporting/errors.hpp"
 
 #include <nanobind/stl/optional.h>
@@ -124,11 +125,12 @@ void bind_artifacts(nb::module_& m) {
         nb::arg("manifest"));
   m.def(
       "_validate_manifest_vocabulary_files",
-      [](const std::string& data_dir, Manifest& manifest) {
+      [](const std::string& data_dir, ManifestArg face) {
+        ManifestPtr manifest = engine_manifest(face);
         json::object out;
         {
           nb::gil_scoped_release release;
-          out = validate_manifest_vocabulary_files(data_dir, manifest);
+          out = validate_manifest_vocabulary_files(data_dir, *manifest);
         }
         return from_json(json::value(std::move(out)));
       },
@@ -144,17 +146,18 @@ void bind_artifacts(nb::module_& m) {
   m.attr("_SIGNALS_INDEX_SECTIONS") = nb::make_tuple("found_signals", "found_strategies", "useful_signals");
   m.def(
       "_validate_functions_file",
-      [](const std::string& data_dir, Manifest& manifest) {
+      [](const std::string& data_dir, ManifestArg face) {
+        ManifestPtr manifest = engine_manifest(face);
         json::object out;
         {
           nb::gil_scoped_release release;
-          out = validate_functions_file(data_dir, manifest, host().manifest_siblings());
+          out = validate_functions_file(data_dir, *manifest, host().manifest_siblings());
         }
         return from_json(json::value(std::move(out)));
       },
       nb::arg("data_dir"), nb::arg("manifest"));
-  m.def("_manifest_signals_index_path", [](Manifest& manifest) { return manifest_signals_index_path(manifest); },
-        nb::arg("manifest"));
+  m.def("_manifest_signals_index_path",
+        [](ManifestArg face) { return manifest_signals_index_path(*engine_manifest(face)); }, nb::arg("manifest"));
   m.def(
       "_manifest_data_signals_index_path",
       [](nb::handle data) {
@@ -168,23 +171,28 @@ void bind_artifacts(nb::module_& m) {
       nb::arg("manifest_data"));
   m.def(
       "_validate_signals_index_bytes",
-      [](nb::handle body, Manifest& manifest) {
+      [](nb::handle body, ManifestArg face) {
         std::string bytes = bytes_of(body);
-        return from_json(json::value(validate_signals_index_bytes(bytes, manifest)));
+        json::object index = change_manifest(face, ManifestChange::kMembership, [&](Manifest& manifest) {
+          return validate_signals_index_bytes(bytes, manifest);
+        });
+        return from_json_object(index);
       },
       nb::arg("body"), nb::arg("manifest"));
   m.def(
       "_apply_manifest_signals_index",
-      [](Manifest& manifest, nb::handle index) {
+      [](ManifestArg face, nb::handle index) {
         json::value v = to_json(index);
-        apply_manifest_signals_index(v, manifest);
+        change_manifest(face, ManifestChange::kMembership,
+                        [&](Manifest& manifest) { apply_manifest_signals_index(v, manifest); });
       },
-      nb::arg("manifest"), nb::arg("index_data"));
+      nb::arg("manifest"), nb::arg("index_data").none());
   m.def(
       "_load_manifest_signals_index",
-      [](const std::string& data_dir, Manifest& manifest, std::optional<std::string> fallback) {
-        nb::gil_scoped_release release;
-        return load_manifest_signals_index(data_dir, manifest, fallback);
+      [](const std::string& data_dir, ManifestArg face, std::optional<std::string> fallback) {
+        return change_manifest(face, ManifestChange::kMembershipIfChanged, [&](Manifest& manifest) {
+          return load_manifest_signals_index(data_dir, manifest, fallback);
+        });
       },
       nb::arg("data_dir"), nb::arg("manifest"), nb::arg("fallback_data_dir") = nb::none());
 
@@ -283,15 +291,17 @@ void bind_artifacts(nb::module_& m) {
       nb::arg("headers"), nb::arg("expected_era_number"), nb::arg("artifact"));
   m.def("_coerce_shuffle_key_generation", [](nb::handle v) { return coerce_shuffle_key_generation(to_json(v)); });
   m.def("_coerce_shuffle_key_source", [](nb::handle v) { return coerce_shuffle_key_source(to_json(v)); });
-  m.def("_manifest_positive_int",
-        [](Manifest& manifest, const std::string& field) { return manifest_positive_int(manifest, field.c_str()); });
+  m.def("_manifest_positive_int", [](ManifestArg face, const std::string& field) {
+    return manifest_positive_int(*engine_manifest(face), field.c_str());
+  });
   m.def("_shuffle_seed_market_id_for_manifest",
-        [](Manifest& manifest) { return manifest_positive_int(manifest, "market_id"); });
-  m.def("_shuffle_seed_manifest_version", [](Manifest& manifest) { return manifest_positive_int(manifest, "version"); });
+        [](ManifestArg face) { return manifest_positive_int(*engine_manifest(face), "market_id"); });
+  m.def("_shuffle_seed_manifest_version",
+        [](ManifestArg face) { return manifest_positive_int(*engine_manifest(face), "version"); });
   m.def("_shuffle_seed_generation_for_manifest",
-        [](Manifest& manifest) { return shuffle_seed_generation_for_manifest(manifest); });
+        [](ManifestArg face) { return shuffle_seed_generation_for_manifest(*engine_manifest(face)); });
   m.def("_shuffle_seed_source_for_manifest",
-        [](Manifest& manifest) { return shuffle_seed_source_for_manifest(manifest); });
+        [](ManifestArg face) { return shuffle_seed_source_for_manifest(*engine_manifest(face)); });
   m.def(
       "_write_shuffle_seed_metadata",
       [](const std::string& path, std::int64_t era, std::optional<std::int64_t> market_id,

@@ -225,16 +225,16 @@ void bind_files(nb::module_& m) {
       "_manifest_hash_hint_matches_local_state",
       [](nb::handle data_dir, nb::handle local_version, nb::handle local_era_number,
          nb::handle server_manifest_sha_hint) {
-        std::string dir = fs_path(data_dir);
         std::optional<std::string> hint = truthy_text(server_manifest_sha_hint);
         // Without a hint there is nothing to compare, whatever the local values are.
         if (!hint) return false;
+        std::string dir = fs_path(data_dir);
         std::int64_t version = python_int(local_version);
         std::int64_t era_number = python_int(local_era_number);
         nb::gil_scoped_release release;
         return manifest_hash_hint_matches_local_state(dir, version, era_number, hint);
       },
-      nb::arg("data_dir"), nb::arg("local_version").none(), nb::arg("local_era_number").none(),
+      nb::arg("data_dir").none(), nb::arg("local_version").none(), nb::arg("local_era_number").none(),
       nb::arg("server_manifest_sha_hint").none());
 }
 

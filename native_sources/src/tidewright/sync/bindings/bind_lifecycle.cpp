@@ -108,11 +108,12 @@ void bind_lifecycle(nb::module_& m) {
   def_method(
       cls, "report_corruption",
       [](SyncManager& s, Shown<shown::PathLike> file_path) {
-        std::string path = to_text(nb::module_::import_("os").attr("fspath")(file_path));
+        std::string path = file_path.is_none() ? to_text(file_path)
+                                               : to_text(nb::module_::import_("os").attr("fspath")(file_path));
         nb::gil_scoped_release release;
         s.report_corruption(path);
       },
-      nb::arg("file_path"), "Cross-process corruption report, queues async repair.");
+      nb::arg("file_path").none(), "Cross-process corruption report, queues async repair.");
 
   // Both take any object, None included, as they always have; the signatures
   // name what callers are meant to pass.

@@ -2,6 +2,8 @@
 #include "tidewright/sync/bindings/annotations.hpp"
 #include "tidewright/sync/bindings/bindings.hpp"
 #include "tidewright/sync/bindings/convert.hpp"
+#include "tidewright/sync/bindings/lifetime.hpp"
+#include "tidewright/sync/bindings/manifest_face.hpp"
 #include "tidewright/sync/era/market.hpp"
 #include "tidewright/sync/manager/cleanup.hpp"
 #include "tidewright/sync/manager/sync_manager.hpp"
@@ -40,7 +42,8 @@ SyncManagerArgs make_args(nb::handle data_dir, nb::handle server_url, nb::handle
                           nb::handle sync_max_concurrency) {
   SyncManagerArgs args;
   args.data_dir = path_text(data_dir);
-  args.server_url = to_text(server_url);
+  // None is an empty URL, which the URL validator refuses with its own message.
+  args.server_url = server_url.is_none() ? std::string() : to_text(server_url);
   nb::object token_fn = nb::borrow(get_token);
   if (token_fn.is_none() && !token.is_none()) token_fn = constant_token_provider(token);
   args.get_token = make_ref(token_fn);
@@ -153,6 +156,21 @@ void shutdown_all_managers() { SyncManager::shutdown_all(); }
 
 namespace {
 
+// The face of the manager's manifest, the same one while the manager holds
+// that manifest (kept in the manager's slot for it).
+nb::object held_manifest(SyncManager& s) {
+  ManifestPtr manifest;
+  {
+    nb::gil_scoped_release release;
+    manifest = s.get_manifest();
+  }
+  if (!manifest) return nb::none();
+  if (HostRef view = s.manifest_view(manifest)) return nb::borrow(ref_object(view));
+  nb::object face = new_manifest_face(manifest);
+  s.set_manifest_view(std::move(manifest), make_ref(face));
+  return face;
+}
+
 nb::object http_triple(const HttpResponse& r) {
   nb::dict headers;
   for (const auto& [k, v] : r.headers.items) headers[nb::str(k.c_str(), k.size())] = nb::str(v.c_str(), v.size());
@@ -194,7 +212,7 @@ void bind_manager(nb::module_& m) {
         }
         return coerce_agent_market_id(value, to_text(nb::repr(market_id)));
       },
-      nb::arg("market_id"));
+      nb::arg("market_id").none());
   m.def("_remove_manifest_tmp_file", &remove_manifest_tmp_file, nb::call_guard<nb::gil_scoped_release>(),
         nb::arg("data_dir"), nb::arg("file_path"));
   m.def(
@@ -212,8 +230,8 @@ void bind_manager(nb::module_& m) {
   m.def("_parse_era_directory_id", [](const std::string& name) { return parse_era_directory_id(name); },
         nb::arg("name"));
 
-  nb::class_<SyncManager>(m, "SyncManager",
-                          "Keeps one local data directory in step with the Tidewright data service.")
+  nb::class_<SyncManager>(m, "SyncManager", "Keeps one local data directory in step with the Tidewright data service.",
+                          nb::type_slots(engine_object_slots<SyncManager>))
       .def(nb::new_([](nb::handle data_dir, nb::handle server_url, nb::handle get_token, double poll_interval_s,
                        nb::handle runtime_freshness_guard, nb::handle token, nb::handle market_id,
                        nb::handle sync_http_transport, nb::handle sync_http_chunk_bytes,
@@ -221,10 +239,15 @@ void bind_manager(nb::module_& m) {
              SyncManagerArgs args =
                  make_args(data_dir, server_url, get_token, token, poll_interval_s, runtime_freshness_guard,
                            market_id, sync_http_transport, sync_http_chunk_bytes, sync_max_concurrency);
-             nb::gil_scoped_release release;
-             return std::make_shared<SyncManager>(std::move(args));
+             std::shared_ptr<SyncManager> manager;
+             {
+               nb::gil_scoped_release release;
+               manager = std::make_shared<SyncManager>(std::move(args));
+             }
+             remember_engine_object(manager);
+             return manager;
            }),
-           nb::arg("data_dir"), nb::arg("server_url"), nb::arg("get_token") = nb::none(),
+           nb::arg("data_dir"), nb::arg("server_url").none(), nb::arg("get_token") = nb::none(),
            nb::arg("poll_interval_s") = SYNC_MANIFEST_POLL_INTERVAL_SECONDS,
            nb::arg("runtime_freshness_guard") = nb::none(), nb::arg("token") = nb::none(),
            nb::arg("market_id").none() = DEFAULT_AGENT_MARKET_ID, nb::arg("sync_http_transport") = nb::none(),
@@ -237,10 +260,15 @@ void bind_manager(nb::module_& m) {
             SyncManagerArgs args = make_args(data_dir, server_url, get_token, nb::none(), poll_interval_s,
                                              runtime_freshness_guard, market_id, sync_http_transport,
                                              sync_http_chunk_bytes, sync_max_concurrency);
-            nb::gil_scoped_release release;
-            return SyncManager::get_or_create(std::move(args));
+            std::shared_ptr<SyncManager> manager;
+            {
+              nb::gil_scoped_release release;
+              manager = SyncManager::get_or_create(std::move(args));
+            }
+            remember_engine_object(manager);
+            return manager;
           },
-          nb::arg("data_dir"), nb::arg("server_url"), nb::arg("get_token").none(),
+          nb::arg("data_dir"), nb::arg("server_url").none(), nb::arg("get_token").none(),
           nb::arg("poll_interval_s") = SYNC_MANIFEST_POLL_INTERVAL_SECONDS,
           nb::arg("runtime_freshness_guard") = nb::none(), nb::arg("market_id").none() = DEFAULT_AGENT_MARKET_ID,
           nb::arg("sync_http_transport") = nb::none(), nb::arg("sync_http_chunk_bytes") = nb::none(),
@@ -395,28 +423,27 @@ void bind_manager(nb::module_& m) {
            },
            nb::arg("files_to_download"), nb::arg("result"))
       .def("_download_vocabulary",
-           [](SyncManager& s, Manifest& manifest, std::optional<std::string> target) {
-             nb::gil_scoped_release release;
-             return s.download_vocabulary(manifest, target);
+           [](SyncManager& s, ManifestArg face, std::optional<std::string> target) {
+             return change_manifest(face, ManifestChange::kFiles,
+                                    [&](Manifest& manifest) { return s.download_vocabulary(manifest, target); });
            },
            nb::arg("server_manifest"), nb::arg("target_data_dir") = nb::none(),
            "Download per-universe vocabularies if needed. Returns True if downloaded.")
       .def("_download_signals_index",
-           [](SyncManager& s, Manifest& manifest, std::optional<std::string> target, nb::handle result) {
+           [](SyncManager& s, ManifestArg face, std::optional<std::string> target, nb::handle result) {
              SyncResult r = from_python_result(result);
-             bool downloaded;
-             {
-               nb::gil_scoped_release release;
-               downloaded = s.download_signals_index(manifest, r, target);
-             }
+             bool downloaded = change_manifest(face, ManifestChange::kMembershipIfChanged, [&](Manifest& manifest) {
+               return s.download_signals_index(manifest, r, target);
+             });
              update_python_result(result, r);
              return downloaded;
            },
            nb::arg("server_manifest"), nb::arg("target_data_dir") = nb::none(), nb::arg("result") = nb::none())
       .def("_download_shuffle_seed",
-           [](SyncManager& s, Manifest& manifest, std::optional<std::string> target) {
+           [](SyncManager& s, ManifestArg face, std::optional<std::string> target) {
+             ManifestPtr manifest = engine_manifest(face);
              nb::gil_scoped_release release;
-             return s.download_shuffle_seed(manifest, target);
+             return s.download_shuffle_seed(*manifest, target);
            },
            nb::arg("server_manifest"), nb::arg("target_data_dir") = nb::none())
       .def("_http_get",
@@ -459,12 +486,14 @@ void bind_manager(nb::module_& m) {
              auto v = s.vocabulary();
              return v ? from_json(json::value(*v)) : nb::none();
            })
-      .def("get_manifest", &SyncManager::get_manifest, nb::call_guard<nb::gil_scoped_release>(),
-           nb::sig("def get_manifest(self) -> Manifest | None"), "Return current local Manifest or None.")
+      .def("get_manifest", &held_manifest,
+           nb::sig("def get_manifest(self) -> Manifest | None"),
+           "Return current local Manifest or None. It is the same object for as long as the manager holds the same "
+           "manifest; the manager itself works from its own copy (see Manifest).")
       .def("status", &SyncManager::status, nb::call_guard<nb::gil_scoped_release>(),
            "Return the current human-readable sync status, if any.")
       .def("consumer_count", &SyncManager::consumer_count, nb::call_guard<nb::gil_scoped_release>())
-      .def_prop_ro("_manifest", &SyncManager::get_manifest)
+      .def_prop_ro("_manifest", &held_manifest)
       .def_prop_ro("_status_message", &SyncManager::status)
       .def_prop_ro("_consumer_count", &SyncManager::consumer_count)
       .def_prop_ro("_data_dir", [](const SyncManager& s) { return s.data_dir(); })
@@ -482,7 +511,7 @@ void bind_manager(nb::module_& m) {
       .def_prop_ro("_hash_cache", [](SyncManager& s) { return from_json(json::value(s.hash_cache().entries())); })
       .def_prop_rw(
           "_get_token", [](const SyncManager& s) { return nb::borrow(ref_object(s.get_token_fn())); },
-          [](SyncManager& s, nb::handle fn) { s.set_get_token(make_ref(fn)); })
+          [](SyncManager& s, nb::handle fn) { s.set_get_token(make_ref(fn)); }, nb::arg("value").none())
       .def_prop_rw(
           "runtime_freshness_guard",
           [](const SyncManager& s) -> ShownObject<shown::OptionalFreshnessGuard> {
@@ -491,7 +520,7 @@ void bind_manager(nb::module_& m) {
           [](SyncManager& s, Shown<shown::FreshnessGuard> guard) {
             s.set_runtime_freshness_guard(make_ref(guard));
           },
-          nb::arg("guard").none());
+          nb::arg("value").none());
 }
 
 }  // namespace tidewright::sync::bindings

@@ -1,18 +1,152 @@
-// Manifest as a Python class: attributes are converted on access; the files
-// map is converted once per manifest and then kept.
+// Manifest as a Python class: a face over the engine's parsed copy whose
+// attributes are ordinary Python objects (see manifest_face.hpp).
 #include "tidewright/sync/bindings/annotations.hpp"
 #include "tidewright/sync/bindings/bindings.hpp"
 #include "tidewright/sync/bindings/convert.hpp"
-#include "tidewright/sync/manifest/manifest.hpp"
+#include "tidewright/sync/bindings/manifest_face.hpp"
 #include "tidewright/sync/reporting/errors.hpp"
 
 #include <nanobind/stl/optional.h>
 #include <nanobind/stl/shared_ptr.h>
 #include <nanobind/stl/string.h>
 
+#include <string_view>
+
 namespace tidewright::sync::bindings {
 
 namespace {
+
+constexpr const char* kManifestDoc = R"DOC(The manifest of one era, built from a sanitised manifest object.
+
+Its attributes are those of the manifest object (era_number, version,
+market_id, base_url, shuffle_key_generation, shuffle_key_source, files,
+pnl_column_count, signals_index, functions, and the whole object as _data)
+and the membership maps found_signals, found_strategies and useful_signals.
+They are ordinary attributes: assignable, and each map is the manifest's own,
+so a change made through it is kept (files is the "files" map of the
+manifest object, and to_dict() shares the nested maps).
+
+The sync engine does not read these Python objects: it keeps its own parsed
+copy of the manifest, which it reads from its own threads. Changes made here
+stay with this object; a sync, verify or repair works from the manifest as
+it was built or fetched. SyncManager.get_manifest() returns the same object
+for as long as the manager holds the same manifest.)DOC";
+
+// The attribute groups, each built at its first read.
+enum Group : unsigned {
+  kData = 1,        // _data and files (files is a map inside _data)
+  kTop = 2,         // the other attributes taken from the manifest object
+  kMembership = 4,  // found_signals, found_strategies, useful_signals
+};
+
+constexpr std::string_view kTopNames[] = {"era_number",         "version",          "market_id",
+                                          "base_url",           "shuffle_key_generation",
+                                          "shuffle_key_source", "pnl_column_count", "signals_index",
+                                          "functions"};
+constexpr std::string_view kMembershipNames[] = {"found_signals", "found_strategies", "useful_signals"};
+
+unsigned group_of(std::string_view name) {
+  if (name == "_data" || name == "files") return kData;
+  for (std::string_view n : kTopNames) {
+    if (n == name) return kTop;
+  }
+  for (std::string_view n : kMembershipNames) {
+    if (n == name) return kMembership;
+  }
+  return 0;
+}
+
+const json::value& top_value(const Manifest& m, std::string_view name) {
+  if (name == "era_number") return m.era_number();
+  if (name == "version") return m.version();
+  if (name == "market_id") return m.market_id();
+  if (name == "base_url") return m.base_url();
+  if (name == "shuffle_key_generation") return m.shuffle_key_generation();
+  if (name == "shuffle_key_source") return m.shuffle_key_source();
+  if (name == "pnl_column_count") return m.pnl_column_count();
+  if (name == "signals_index") return m.signals_index();
+  return m.functions();
+}
+
+const json::object& membership_map(const Manifest& m, std::string_view name) {
+  if (name == "found_signals") return m.found_signals;
+  if (name == "found_strategies") return m.found_strategies;
+  return m.useful_signals;
+}
+
+nb::str str_of(std::string_view text) { return nb::str(text.data(), text.size()); }
+
+nb::dict instance_dict(nb::handle self) { return nb::borrow<nb::dict>(nb::getattr(self, "__dict__")); }
+
+void build(nb::handle self, ManifestFace& face, unsigned group) {
+  if (face.built & group) return;
+  nb::dict attributes = instance_dict(self);
+  const Manifest& m = *face.manifest;
+  if (group == kData) {
+    nb::object data = from_json_object(m.data());
+    attributes["_data"] = data;
+    nb::dict as_dict = nb::borrow<nb::dict>(data);
+    attributes["files"] = as_dict.contains("files") ? nb::object(as_dict["files"]) : nb::object(nb::dict());
+  } else if (group == kTop) {
+    for (std::string_view name : kTopNames) {
+      const json::value& value = top_value(m, name);
+      if (value.is_object() || value.is_array()) {
+        // A map or list is the one inside the manifest object, as files is.
+        build(self, face, kData);
+        nb::object data = attributes["_data"];
+        if (nb::isinstance<nb::dict>(data) && nb::borrow<nb::dict>(data).contains(str_of(name))) {
+          attributes[str_of(name)] = data[str_of(name)];
+          continue;
+        }
+      }
+      attributes[str_of(name)] = from_json(value);
+    }
+  } else {
+    for (std::string_view name : kMembershipNames) attributes[str_of(name)] = from_json_object(membership_map(m, name));
+  }
+  face.built |= group;
+}
+
+// Reached only for attributes not in the face's __dict__: a manifest
+// attribute read for the first time, or one that was deleted.
+nb::object face_getattr(nb::handle_t<ManifestFace> self, const std::string& name) {
+  ManifestFace& face = manifest_face(self);
+  unsigned group = group_of(name);
+  if (group != 0 && !(face.built & group)) {
+    build(self, face, group);
+    nb::dict attributes = instance_dict(self);
+    if (attributes.contains(str_of(name))) return attributes[str_of(name)];
+  }
+  throw nb::attribute_error(("'Manifest' object has no attribute '" + name + "'").c_str());
+}
+
+nb::object face_to_dict(nb::handle_t<ManifestFace> self) {
+  nb::object data = nb::getattr(self, "_data");
+  if (PyDict_Check(data.ptr())) return nb::steal(PyDict_Copy(data.ptr()));
+  return nb::module_::import_("builtins").attr("dict")(data);
+}
+
+std::string face_repr(nb::handle_t<ManifestFace> self) {
+  const ManifestFace& face = manifest_face(self);
+  // Each piece as the object shows it, else (deleted, or without a length)
+  // as the engine's copy has it.
+  auto shown = [&](const char* name, const json::value& fallback) {
+    try {
+      return to_text(nb::repr(nb::getattr(self, name)));
+    } catch (nb::python_error&) {
+      return python_repr(fallback);
+    }
+  };
+  std::string count = std::to_string(face.manifest->files().size());
+  if (face.built & kData) {
+    try {
+      count = std::to_string(nb::len(nb::getattr(self, "files")));
+    } catch (nb::python_error&) {
+    }
+  }
+  return "<Manifest era_number=" + shown("era_number", face.manifest->era_number()) +
+         " version=" + shown("version", face.manifest->version()) + " files=" + count + ">";
+}
 
 json::object object_argument(nb::handle data) {
   if (!PyDict_Check(data.ptr())) {
@@ -27,53 +161,59 @@ ManifestPtr manifest_from_dict(nb::handle data) {
   return Manifest::create(object, host().manifest_siblings());
 }
 
-// Attribute types as the stubs name them; the values are what the JSON
-// decoder produced.
-using Int = ShownObject<int>;
-using OptionalInt = ShownObject<std::optional<int>>;
-using OptionalText = ShownObject<std::optional<std::string>>;
-using Object = ShownObject<shown::JsonObject>;
-
-nb::object files_of(Manifest& manifest) {
-  if (!manifest.host_files_view) manifest.host_files_view = make_ref(from_json(manifest.files_value()));
-  return nb::borrow(ref_object(manifest.host_files_view));
-}
-
 }  // namespace
 
+nb::object new_manifest_face(ManifestPtr manifest) {
+  return nb::cast(ManifestFace{std::move(manifest)}, nb::rv_policy::move);
+}
+
+ManifestFace& manifest_face(nb::handle object) {
+  if (!nb::isinstance<ManifestFace>(object)) {
+    throw nb::type_error(("manifest must be a Manifest, got " + to_text(nb::repr(object.type()))).c_str());
+  }
+  return nb::cast<ManifestFace&>(object);
+}
+
+void show_changed_manifest(nb::handle self, ManifestPtr changed, ManifestChange change) {
+  ManifestFace& face = manifest_face(self);
+  ManifestPtr before = std::exchange(face.manifest, std::move(changed));
+  const Manifest& after = *face.manifest;
+  nb::dict attributes = instance_dict(self);
+  if (change == ManifestChange::kMembership ||
+      (change == ManifestChange::kMembershipIfChanged &&
+       (before->found_signals != after.found_signals || before->found_strategies != after.found_strategies ||
+        before->useful_signals != after.useful_signals))) {
+    for (std::string_view name : kMembershipNames) attributes[str_of(name)] = from_json_object(membership_map(after, name));
+    face.built |= kMembership;
+  }
+  if (change == ManifestChange::kFiles && (face.built & kData)) {
+    nb::object files = attributes.contains("files") ? nb::object(attributes["files"]) : nb::object();
+    if (!files.is_valid() || !PyDict_Check(files.ptr())) return;
+    for (const auto& kv : after.files()) {
+      const json::value* old = before->files().if_contains(kv.key());
+      if (!old || *old != kv.value()) files[str_of(kv.key())] = from_json(kv.value());
+    }
+    for (const auto& kv : before->files()) {
+      if (!after.files().contains(kv.key()) && PyDict_DelItem(files.ptr(), str_of(kv.key()).ptr()) != 0) {
+        PyErr_Clear();
+      }
+    }
+  }
+}
+
 void bind_manifest(nb::module_& m) {
-  nb::class_<Manifest>(m, "Manifest", "The manifest of one era, built from a sanitised manifest object.")
-      .def(nb::new_([](Shown<shown::JsonObject> data) { return manifest_from_dict(data); }), nb::arg("data"))
-      .def_static("from_dict", [](Shown<shown::JsonObject> data) { return manifest_from_dict(data); },
-                  nb::arg("data"), "Build a Manifest from a manifest object (same validation as the constructor).")
-      .def("to_dict", [](const Manifest& self) -> Object { return from_json(json::value(self.data())); },
-           "Return a new shallow copy of the sanitised manifest object.")
-      .def_prop_ro("era_number", [](const Manifest& self) -> Int { return from_json(self.era_number()); })
-      .def_prop_ro("version", [](const Manifest& self) -> Int { return from_json(self.version()); })
-      .def_prop_ro("market_id", [](const Manifest& self) -> OptionalInt { return from_json(self.market_id()); })
-      .def_prop_ro("base_url", [](const Manifest& self) -> OptionalText { return from_json(self.base_url()); })
-      .def_prop_ro("shuffle_key_generation",
-                   [](const Manifest& self) -> OptionalText { return from_json(self.shuffle_key_generation()); })
-      .def_prop_ro("shuffle_key_source",
-                   [](const Manifest& self) -> OptionalText { return from_json(self.shuffle_key_source()); })
-      .def_prop_ro("files", [](Manifest& self) -> ShownObject<shown::ManifestFiles> { return files_of(self); })
-      .def_prop_ro("pnl_column_count", [](const Manifest& self) -> Int { return from_json(self.pnl_column_count()); })
-      .def_prop_ro("signals_index", [](const Manifest& self) -> OptionalText { return from_json(self.signals_index()); })
-      .def_prop_ro("functions", [](const Manifest& self) -> OptionalText { return from_json(self.functions()); })
-      .def_prop_rw(
-          "found_signals", [](const Manifest& self) -> Object { return from_json(json::value(self.found_signals)); },
-          [](Manifest& self, Shown<shown::JsonObject> v) { self.found_signals = object_argument(v); })
-      .def_prop_rw(
-          "found_strategies",
-          [](const Manifest& self) -> Object { return from_json(json::value(self.found_strategies)); },
-          [](Manifest& self, Shown<shown::JsonObject> v) { self.found_strategies = object_argument(v); })
-      .def_prop_rw(
-          "useful_signals", [](const Manifest& self) -> Object { return from_json(json::value(self.useful_signals)); },
-          [](Manifest& self, Shown<shown::JsonObject> v) { self.useful_signals = object_argument(v); })
-      .def("__repr__", [](const Manifest& self) {
-        return "<Manifest era_number=" + python_repr(self.era_number()) + " version=" + python_repr(self.version()) +
-               " files=" + std::to_string(self.files().size()) + ">";
-      });
+  nb::class_<ManifestFace>(m, "Manifest", kManifestDoc, nb::dynamic_attr())
+      .def(
+          "__init__", [](ManifestFace* self, nb::handle data) { new (self) ManifestFace{manifest_from_dict(data)}; },
+          nb::arg("data"))
+      .def_static(
+          "from_dict", [](nb::handle data) { return new_manifest_face(manifest_from_dict(data)); }, nb::arg("data"),
+          "Build a Manifest from a manifest object (same validation as the constructor).")
+      .def("to_dict", &face_to_dict,
+           "Return a new shallow copy of the manifest object (_data): a fresh top-level map whose nested maps "
+           "are the manifest's own.")
+      .def("__getattr__", &face_getattr, nb::arg("name"))
+      .def("__repr__", &face_repr);
 }
 
 }  // namespace tidewright::sync::bindings

@@ -4,6 +4,7 @@
 #include "tidewright/sync/bindings/annotations.hpp"
 #include "tidewright/sync/bindings/bindings.hpp"
 #include "tidewright/sync/bindings/convert.hpp"
+#include "tidewright/sync/bindings/manifest_face.hpp"
 #include "tidewright/sync/common/fs.hpp"
 #include "tidewright/sync/manager/sync_manager.hpp"
 #include "tidewright/sync/reporting/errors.hpp"
@@ -61,7 +62,7 @@ std::vector<std::string> texts(nb::handle iterable) {
 // with to_dict(). None is an empty manifest.
 json::object manifest_data_of(nb::handle manifest) {
   if (manifest.is_none()) return {};
-  if (nb::isinstance<Manifest>(manifest)) return nb::cast<Manifest&>(manifest).data();
+  if (nb::isinstance<ManifestFace>(manifest)) return engine_manifest(manifest)->data();
   nb::object source = nb::borrow(manifest);
   if (!PyMapping_Check(manifest.ptr()) && nb::hasattr(manifest, "to_dict")) source = manifest.attr("to_dict")();
   json::value value = to_json(source);
@@ -72,7 +73,7 @@ json::object manifest_data_of(nb::handle manifest) {
 }
 
 ManifestPtr manifest_of(nb::handle manifest) {
-  if (nb::isinstance<Manifest>(manifest)) return nb::cast<ManifestPtr>(manifest);
+  if (nb::isinstance<ManifestFace>(manifest)) return engine_manifest(manifest);
   return Manifest::from_sanitized(manifest_data_of(manifest));
 }
 
@@ -292,7 +293,7 @@ void bind_module_functions(nb::module_& m) {
       "_manifest_era_number_or_none",
       [](nb::handle manifest) -> std::optional<std::int64_t> {
         if (manifest.is_none()) return std::nullopt;
-        if (nb::isinstance<Manifest>(manifest)) return manifest_era_number_or_none(&nb::cast<Manifest&>(manifest));
+        if (nb::isinstance<ManifestFace>(manifest)) return manifest_era_number_or_none(engine_manifest(manifest).get());
         if (!nb::hasattr(manifest, "era_number")) return std::nullopt;
         return to_int(json_or_text(manifest.attr("era_number")));
       },

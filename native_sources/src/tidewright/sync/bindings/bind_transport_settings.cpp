@@ -1,5 +1,5 @@
-// Python face of the transport settings: constants, knob parsers, the
-// parallel timeout and the download status policy.
+// Python face of the transport settings: constants, the tuning functions a
+// host may replace, the parallel timeout and the download status policy.
 #include "tidewright/sync/bindings/bindings.hpp"
 #include "tidewright/sync/bindings/convert.hpp"
 #include "tidewright/sync/transport/settings.hpp"
@@ -17,6 +17,111 @@ std::optional<json::value> optional_to_json_or_text(nb::handle object) {
 }
 
 const json::value* pointer(const std::optional<json::value>& value) { return value ? &*value : nullptr; }
+
+// The module's tuning functions are Python functions marked as the native
+// defaults (as the sibling modules' defaults are), calling the native
+// values; the module's own class notices a host replacing one and tells the
+// engine, which from then on asks the replacement and otherwise never calls
+// into Python for these values.
+constexpr const char* kTuningSource = R"PY(
+import types as _types
+
+
+def _sync_http_timeout_seconds():
+    """Per-request timeout of ordinary GETs, in seconds."""
+    return _native_tuning.sync_http_timeout_seconds()
+
+
+def _sync_manifest_version_http_timeout_seconds():
+    """Timeout of the lightweight manifest-version poll, in seconds."""
+    return _native_tuning.sync_manifest_version_http_timeout_seconds()
+
+
+def _sync_http_response_read_bytes():
+    """Size of one read from a response body, in bytes."""
+    return _native_tuning.sync_http_response_read_bytes()
+
+
+def _sync_http_transport(raw=None):
+    """The transport knob: "auto", "urllib" or "curl"; absent or blank gives the default."""
+    return _native_tuning.sync_http_transport(raw)
+
+
+def _sync_http_chunk_bytes(raw=None):
+    """The ranged-request size knob: a positive integer; absent or blank gives the default."""
+    return _native_tuning.sync_http_chunk_bytes(raw)
+
+
+def _sync_max_concurrency(raw=None):
+    """The download worker count knob: a positive integer; absent or blank gives the default."""
+    return _native_tuning.sync_max_concurrency(raw)
+
+
+_TUNING_FUNCTIONS = frozenset({
+    "_sync_http_timeout_seconds", "_sync_manifest_version_http_timeout_seconds", "_sync_http_response_read_bytes",
+    "_sync_http_transport", "_sync_http_chunk_bytes", "_sync_max_concurrency",
+})
+for _name in _TUNING_FUNCTIONS:
+    globals()[_name].__tidewright_native__ = _name
+del _name
+
+
+class _SyncModule(_types.ModuleType):
+    """The sync module. The engine reads its tuning from the module's tuning
+    functions; one replaced by assigning the module attribute (monkeypatching
+    does) is what the engine calls from then on, until the module's own is
+    put back."""
+
+    def __setattr__(self, name, value):
+        super().__setattr__(name, value)
+        if name in _TUNING_FUNCTIONS:
+            _native_tuning.note_tuning_function(name, value)
+
+    def __delattr__(self, name):
+        super().__delattr__(name)
+        if name in _TUNING_FUNCTIONS:
+            _native_tuning.note_tuning_function(name, None)
+)PY";
+
+// Records whether `value`, now the module's `name`, is the module's own.
+void note_tuning_function(const std::string& name, nb::handle value) {
+  for (TuningFunction function : TUNING_FUNCTIONS) {
+    if (tuning_function_name(function) != name) continue;
+    bool own = value.is_none();  // deleted: the engine answers natively
+    if (!own) {
+      nb::object marker = nb::getattr(value, "__tidewright_native__", nb::none());
+      own = nb::isinstance<nb::str>(marker) && to_text(marker) == name;
+    }
+    set_tuning_function_replaced(function, !own);
+  }
+}
+
+void bind_tuning_functions(nb::module_& m) {
+  nb::object namespace_type = nb::module_::import_("types").attr("SimpleNamespace");
+  nb::object defaults = namespace_type();
+  nb::setattr(defaults, "sync_http_timeout_seconds", nb::cpp_function(&native::sync_http_timeout_seconds));
+  nb::setattr(defaults, "sync_manifest_version_http_timeout_seconds",
+              nb::cpp_function(&native::sync_manifest_version_http_timeout_seconds));
+  nb::setattr(defaults, "sync_http_response_read_bytes", nb::cpp_function(&native::sync_http_response_read_bytes));
+  nb::setattr(defaults, "sync_http_transport", nb::cpp_function([](nb::handle raw) {
+                return native::sync_http_transport(pointer(optional_to_json_or_text(raw)));
+              }, nb::arg("raw").none()));
+  nb::setattr(defaults, "sync_http_chunk_bytes", nb::cpp_function([](nb::handle raw) {
+                return native::sync_http_chunk_bytes(pointer(optional_to_json_or_text(raw)));
+              }, nb::arg("raw").none()));
+  nb::setattr(defaults, "sync_max_concurrency", nb::cpp_function([](nb::handle raw) {
+                return native::sync_max_concurrency(pointer(optional_to_json_or_text(raw)));
+              }, nb::arg("raw").none()));
+  nb::setattr(defaults, "note_tuning_function", nb::cpp_function(&note_tuning_function, nb::arg("name"),
+                                                               nb::arg("value").none()));
+  m.attr("_native_tuning") = defaults;
+
+  nb::object builtins = nb::module_::import_("builtins");
+  nb::dict globals = nb::borrow<nb::dict>(m.attr("__dict__"));
+  builtins.attr("exec")(builtins.attr("compile")(kTuningSource, "<tidewright.sync tuning>", "exec"), globals);
+  for (TuningFunction function : TUNING_FUNCTIONS) set_tuning_function_replaced(function, false);
+  m.attr("__class__") = globals["_SyncModule"];
+}
 
 }  // namespace
 
@@ -44,9 +149,7 @@ void bind_transport_settings(nb::module_& m) {
   for (std::int64_t status : TRANSIENT_HTTP_STATUSES) transient.append(nb::int_(status));
   m.attr("_TRANSIENT_HTTP_STATUSES") = nb::tuple(transient);
 
-  m.def("_sync_http_timeout_seconds", &sync_http_timeout_seconds);
-  m.def("_sync_manifest_version_http_timeout_seconds", &sync_manifest_version_http_timeout_seconds);
-  m.def("_sync_http_response_read_bytes", &sync_http_response_read_bytes);
+  bind_tuning_functions(m);
   // Not part of the interface: lets a test see a trickled head refused in
   // a second instead of the default 30 s. None restores the default.
   m.def(
@@ -54,21 +157,13 @@ void bind_transport_settings(nb::module_& m) {
       [](std::optional<double> seconds) { set_sync_http_header_deadline_override(seconds); },
       nb::arg("seconds").none());
 
-  m.def(
-      "_sync_http_transport", [](nb::handle raw) { return sync_http_transport(pointer(optional_to_json_or_text(raw))); },
-      nb::arg("raw") = nb::none());
-  m.def(
-      "_sync_http_chunk_bytes", [](nb::handle raw) { return sync_http_chunk_bytes(pointer(optional_to_json_or_text(raw))); },
-      nb::arg("raw") = nb::none());
-  m.def(
-      "_sync_max_concurrency", [](nb::handle raw) { return sync_max_concurrency(pointer(optional_to_json_or_text(raw))); },
-      nb::arg("raw") = nb::none());
-
   // The batch is unbounded whatever its shape, so the counts are accepted as given.
   m.def(
       "_sync_parallel_timeout_seconds",
-      [](nb::handle, nb::handle) { return sync_parallel_timeout_seconds(0, 0); }, nb::arg("file_count"),
-      nb::arg("max_workers"));
+      [](nb::handle, nb::handle) { return sync_parallel_timeout_seconds(0, 0); }, nb::arg("file_count").none(),
+      nb::arg("max_workers").none(),
+      "No timeout (None): a parallel download batch is never cut off by a wall-clock limit. The engine does not "
+      "consult this function, so replacing it changes nothing.");
   m.def("_sync_parallel_timeout_description", &sync_parallel_timeout_description,
         nb::arg("timeout_seconds").none());
 

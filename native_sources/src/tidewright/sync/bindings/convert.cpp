@@ -130,18 +130,20 @@ nb::object from_json(const json::value& value) {
       return steal_or_throw(PyUnicode_DecodeUTF8(s.data(), static_cast<Py_ssize_t>(s.size()), "surrogateescape"));
     }
     case json::kind::array: return from_json_array(value.get_array());
-    case json::kind::object: {
-      nb::object dict = steal_or_throw(PyDict_New());
-      for (const auto& kv : value.get_object()) {
-        nb::object key = steal_or_throw(
-            PyUnicode_DecodeUTF8(kv.key().data(), static_cast<Py_ssize_t>(kv.key().size()), "surrogateescape"));
-        nb::object item = from_json(kv.value());
-        if (PyDict_SetItem(dict.ptr(), key.ptr(), item.ptr()) != 0) raise_from_python();
-      }
-      return dict;
-    }
+    case json::kind::object: return from_json_object(value.get_object());
   }
   return nb::none();
+}
+
+nb::object from_json_object(const json::object& object) {
+  nb::object dict = steal_or_throw(PyDict_New());
+  for (const auto& kv : object) {
+    nb::object key = steal_or_throw(
+        PyUnicode_DecodeUTF8(kv.key().data(), static_cast<Py_ssize_t>(kv.key().size()), "surrogateescape"));
+    nb::object item = from_json(kv.value());
+    if (PyDict_SetItem(dict.ptr(), key.ptr(), item.ptr()) != 0) raise_from_python();
+  }
+  return dict;
 }
 
 HostRef make_ref(nb::handle object) {

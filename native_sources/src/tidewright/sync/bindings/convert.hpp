@@ -21,6 +21,7 @@ json::value to_json_or_text(nb::handle object);
 // JSON value -> new host object (dict keeps key order).
 nb::object from_json(const json::value& value);
 nb::object from_json_array(const json::array& value);
+nb::object from_json_object(const json::object& value);
 
 // A HostRef that owns a reference to `object`; dropping the last copy takes
 // the GIL (skipped once the interpreter is finalising).

@@ -14,7 +14,9 @@ namespace {
 constexpr const char* kErrorSource = R"PY(
 from __future__ import annotations  # annotations stay text: the stubs read them as written
 
+import errno as _errno
 import logging as _logging
+import os as _os
 import urllib.parse as _urlparse
 
 _errors_logger = _logging.getLogger("tidewright.sync")
@@ -99,8 +101,21 @@ class ManifestSupersededError(SyncError):
     """Raised when a newer manifest generation supersedes active downloads."""
 
 
-class DiskSpaceError(SyncError):
-    """Raised when insufficient disk space for sync."""
+class DiskSpaceError(SyncError, OSError):
+    """Raised when insufficient disk space for sync.
+
+    Also an OSError whose errno is ENOSPC (strerror "No space left on
+    device"), so that a handler for the operating-system error a full disk
+    raises on a write catches it too. str() is the message alone.
+    """
+
+    def __init__(self, *args):
+        super().__init__(*args)
+        self.errno = _errno.ENOSPC
+        self.strerror = _os.strerror(_errno.ENOSPC)
+
+    def __str__(self):
+        return Exception.__str__(self)
 
 
 class IntegrityError(SyncError):

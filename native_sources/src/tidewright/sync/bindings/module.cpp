@@ -1,6 +1,7 @@
 // The tidewright.sync extension module.
 #include "tidewright/sync/bindings/bindings.hpp"
 #include "tidewright/sync/bindings/errors.hpp"
+#include "tidewright/sync/bindings/lifetime.hpp"
 #include "tidewright/sync/bindings/python_host.hpp"
 
 #include <curl/curl.h>
@@ -20,6 +21,10 @@ void at_exit() {
     nb::gil_scoped_release release;
     bindings::shutdown_all_managers();
   }
+  // Then let go of every host object the engine holds, while releasing one
+  // still releases it: the interpreter then tears down the module with no
+  // Python object kept alive from C++.
+  bindings::release_engine_host_objects();
   bindings::PythonHost::mark_interpreter_exiting();
 }
 

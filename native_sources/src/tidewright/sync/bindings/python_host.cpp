@@ -1,6 +1,7 @@
 #include "tidewright/sync/bindings/python_host.hpp"
 
 #include "tidewright/sync/bindings/convert.hpp"
+#include "tidewright/sync/common/owned_thread.hpp"
 #include "tidewright/sync/reporting/errors.hpp"
 
 #include <Python.h>
@@ -72,11 +73,37 @@ nb::object args_tuple(const json::array& args) {
   return nb::steal(PySequence_Tuple(from_json_array(args).ptr()));
 }
 
+}  // namespace
+
+// An engine thread shows its name where host code runs on it: in
+// threading.current_thread().name and so in the thread name of log records.
+// The engine's threads are not registered as threading.Thread objects (the
+// host cannot start or join them, and its exit would wait for any that were
+// not daemons); the host's own placeholder for a thread it did not start is
+// named instead. Set on every entry: a host may make a new placeholder each
+// time a thread enters, and a placeholder outlives its thread, so a later
+// thread with the same ident must rename it.
+// REQUIRES: the GIL held.
+void show_engine_thread_name() {
+  const std::string& name = current_thread_name();
+  if (name.empty()) return;
+  try {
+    nb::object current = nb::module_::import_("threading").attr("current_thread")();
+    nb::str wanted(name.c_str(), name.size());
+    if (!current.attr("name").equal(wanted)) current.attr("name") = wanted;
+  } catch (nb::python_error&) {
+    // A name is not worth failing the call for.
+  }
+}
+
+namespace {
+
 // Runs `fn` with the GIL held, turning a Python exception into a HostError.
 template <typename F>
 auto with_gil(F&& fn) -> decltype(fn()) {
   if (PythonHost::interpreter_exiting() || !Py_IsInitialized()) throw_shutting_down();
   nb::gil_scoped_acquire gil;
+  show_engine_thread_name();
   try {
     return fn();
   } catch (nb::python_error& e) {

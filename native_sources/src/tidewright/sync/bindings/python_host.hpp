@@ -45,6 +45,10 @@ class PythonHost : public Host {
   static bool interpreter_exiting();
 };
 
+// Shows an engine thread's name to the host code about to run on it (see
+// python_host.cpp). REQUIRES: the GIL held.
+void show_engine_thread_name();
+
 // Converts the Python exception being raised into a HostError (clearing it).
 // REQUIRES: the GIL held and an exception set.
 [[noreturn]] void throw_host_error_from_python();

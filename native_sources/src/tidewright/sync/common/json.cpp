@@ -279,6 +279,58 @@ json::value parse_json(std::string_view text) {
   throw JsonParseError(ec.message());
 }
 
+std::optional<std::string> utf8_decode_error(std::string_view bytes) {
+  auto at = [&](std::size_t i) { return static_cast<unsigned char>(bytes[i]); };
+  auto continuation = [](unsigned char c) { return (c & 0xC0) == 0x80; };
+  // The failure as the host reports it: the first offending byte and the
+  // extent of the sequence it spoils.
+  auto failure = [&](std::size_t start, std::size_t end, const char* reason) {
+    char buf[160];
+    if (end == start + 1) {
+      std::snprintf(buf, sizeof buf, "'utf-8' codec can't decode byte 0x%02x in position %zu: %s", at(start), start,
+                    reason);
+    } else {
+      std::snprintf(buf, sizeof buf, "'utf-8' codec can't decode bytes in position %zu-%zu: %s", start, end - 1,
+                    reason);
+    }
+    return std::optional<std::string>(buf);
+  };
+  const std::size_t n = bytes.size();
+  std::size_t i = 0;
+  while (i < n) {
+    const unsigned char c = at(i);
+    if (c < 0x80) {
+      ++i;
+      continue;
+    }
+    // The bytes that may follow the lead byte: overlong forms, surrogates and
+    // values past U+10FFFF are refused at the second byte.
+    std::size_t length = 0;
+    unsigned char low = 0x80, high = 0xBF;
+    if (c >= 0xC2 && c <= 0xDF) {
+      length = 2;
+    } else if (c >= 0xE0 && c <= 0xEF) {
+      length = 3;
+      if (c == 0xE0) low = 0xA0;
+      if (c == 0xED) high = 0x9F;
+    } else if (c >= 0xF0 && c <= 0xF4) {
+      length = 4;
+      if (c == 0xF0) low = 0x90;
+      if (c == 0xF4) high = 0x8F;
+    } else {
+      return failure(i, i + 1, "invalid start byte");
+    }
+    for (std::size_t k = 1; k < length; ++k) {
+      if (i + k >= n) return failure(i, n, "unexpected end of data");
+      const unsigned char b = at(i + k);
+      const bool ok = k == 1 ? (b >= low && b <= high) : continuation(b);
+      if (!ok) return failure(i, i + k, "invalid continuation byte");
+    }
+    i += length;
+  }
+  return std::nullopt;
+}
+
 std::string format_float(double value) {
   if (std::isnan(value)) return "NaN";
   if (std::isinf(value)) return value > 0 ? "Infinity" : "-Infinity";

@@ -51,6 +51,10 @@ class JsonStreamParser {
   struct Impl;
   std::unique_ptr<Impl> impl_;
 };
+// Why `bytes` is not UTF-8, in the host's words ("'utf-8' codec can't decode
+// byte 0xff in position 0: invalid start byte"); empty when it decodes.
+// Surrogate code points and overlong forms do not decode, as in the host.
+std::optional<std::string> utf8_decode_error(std::string_view bytes);
 
 // Renders `value` as JSON text, non-ASCII escaped as \uXXXX.
 std::string dump_json(const json::value& value, const JsonWriteOptions& options = {});

@@ -3,6 +3,7 @@
 #include "tidewright/sync/era/era_current.hpp"
 #include "tidewright/sync/era/market.hpp"
 #include "tidewright/sync/reporting/errors.hpp"
+#include "tidewright/sync/transport/bearer_token.hpp"
 #include "tidewright/sync/transport/http_request.hpp"
 
 #include <algorithm>
@@ -73,9 +74,10 @@ EraThread::EraThread(EraThreadOptions options)
     : server_url_(host().validate_bearer_transport_url(options.server_url)),
       market_id_(coerce_agent_market_id(options.market_id, options.market_id_repr)),
       get_token_(std::move(options.get_token)),
-      get_token_ref_(std::move(options.get_token_ref)),
       sync_manager_(std::move(options.sync_manager)),
       poll_interval_(options.era_poll_interval_s),
+      get_token_ref_(std::move(options.get_token_ref)),
+      sync_manager_ref_(std::move(options.sync_manager_ref)),
       kill_searches_fn_(std::move(options.kill_searches_fn)),
       restart_searches_fn_(std::move(options.restart_searches_fn)) {}
 
@@ -84,15 +86,22 @@ EraThread::EraThread(EraThreadOptions options)
 EraThread::~EraThread() = default;
 
 void EraThread::start() {
+  // Asked before the lock: a host's own manager answers with host code.
+  std::optional<json::value> held_era;
+  {
+    std::lock_guard<std::mutex> lock(mu_);
+    if (started_) throw StateError("EraThread already started");
+  }
+  held_era = sync_manager_->held_manifest_era_number();
   std::lock_guard<std::mutex> lock(mu_);
   if (started_) throw StateError("EraThread already started");
-  if (std::optional<json::value> era = sync_manager_->held_manifest_era_number()) last_known_era_number_ = *era;
+  if (held_era) last_known_era_number_ = *held_era;
   std::shared_ptr<EraThread> self = shared_from_this();
   if (worker_ && worker_->running()) lingering_.push_back(std::move(worker_));
   std::erase_if(lingering_, [](const std::shared_ptr<OwnedThread>& t) { return !t->running(); });
   stop_requested_.store(false);
   started_ = true;
-  worker_ = std::make_shared<OwnedThread>([self] { self->run(); });
+  worker_ = std::make_shared<OwnedThread>(ThreadName{"tw-sync-era", ""}, [self] { self->run(); });
   remember_started(self);
 }
 
@@ -168,7 +177,16 @@ void EraThread::poll_once() {
 }
 
 void EraThread::poll_locked() {
-  const std::string token = get_token_ ? get_token_() : std::string();
+  HostRef token_ref;
+  SearchesFn kill_searches_fn, restart_searches_fn;
+  {
+    std::lock_guard<std::mutex> lock(mu_);
+    token_ref = get_token_ref_;
+    kill_searches_fn = kill_searches_fn_;
+    restart_searches_fn = restart_searches_fn_;
+  }
+  // The token is checked like every other bearer token before it is sent.
+  const std::string token = token_ref ? fetch_bearer_token(token_ref) : get_token_ ? get_token_() : std::string();
   HttpResponse response = http_get(market_era_current_url(server_url_, market_id_), token);
   if (response.status != 200) return;
   json::value config = normalize_era_current_response(parse_json(response.body));
@@ -198,9 +216,9 @@ void EraThread::poll_locked() {
   }
   if (cancelled) {
     log_info("Era transition cancelled \u2014 resuming normal operation.");
-    if (restart_searches_fn_) {
+    if (restart_searches_fn) {
       try {
-        restart_searches_fn_();
+        restart_searches_fn();
       } catch (const std::exception& e) {
         log_warning("Restart searches callback failed: %s", {json::value(e.what())});
       }
@@ -218,8 +236,8 @@ void EraThread::poll_locked() {
   if (handle_close) {
     log_info(announcement);
     try {
-      sync_manager_->trigger_era_transition(era_number_for_transition(era_number), kill_searches_fn_,
-                                            restart_searches_fn_);
+      sync_manager_->trigger_era_transition(era_number_for_transition(era_number), kill_searches_fn,
+                                            restart_searches_fn);
       clear_transition_failed();
     } catch (const std::exception& e) {
       mark_transition_failed("closing", e.what());
@@ -234,8 +252,8 @@ void EraThread::poll_locked() {
     in_closing_ = false;
   }
   try {
-    sync_manager_->trigger_era_transition(era_number_for_transition(era_number), kill_searches_fn_,
-                                          restart_searches_fn_);
+    sync_manager_->trigger_era_transition(era_number_for_transition(era_number), kill_searches_fn,
+                                          restart_searches_fn);
   } catch (const std::exception& e) {
     mark_transition_failed("new era", e.what());
     return;
@@ -286,6 +304,46 @@ EraThread::State EraThread::state() const {
 void EraThread::set_last_known_era_number(json::value value) {
   std::lock_guard<std::mutex> lock(mu_);
   last_known_era_number_ = std::move(value);
+}
+
+HostRef EraThread::get_token_ref() const {
+  std::lock_guard<std::mutex> lock(mu_);
+  return get_token_ref_;
+}
+
+SearchesFn EraThread::kill_searches_fn() const {
+  std::lock_guard<std::mutex> lock(mu_);
+  return kill_searches_fn_;
+}
+
+SearchesFn EraThread::restart_searches_fn() const {
+  std::lock_guard<std::mutex> lock(mu_);
+  return restart_searches_fn_;
+}
+
+HostRef EraThread::sync_manager_ref() const {
+  std::lock_guard<std::mutex> lock(mu_);
+  return sync_manager_ref_;
+}
+
+bool EraThread::try_collect_host_refs(std::vector<const void*>& out) const {
+  std::unique_lock<std::mutex> lock(mu_, std::try_to_lock);
+  if (!lock.owns_lock()) return false;
+  for (const HostRef* ref : {&get_token_ref_, &sync_manager_ref_, &kill_searches_fn_.host_ref(),
+                             &restart_searches_fn_.host_ref()}) {
+    if (*ref) out.push_back(ref->get());
+  }
+  return true;
+}
+
+void EraThread::drop_host_refs() {
+  HostRef token, manager;
+  SearchesFn kill, restart;  // released after the lock
+  std::lock_guard<std::mutex> lock(mu_);
+  token = std::exchange(get_token_ref_, nullptr);
+  manager = std::exchange(sync_manager_ref_, nullptr);
+  kill = std::exchange(kill_searches_fn_, SearchesFn());
+  restart = std::exchange(restart_searches_fn_, SearchesFn());
 }
 
 void EraThread::set_in_closing(bool value) {

@@ -74,8 +74,12 @@ class EraTransitionTarget {
 struct EraThreadOptions {
   std::string server_url;
   std::function<std::string()> get_token;  // asked anew at every poll
-  HostRef get_token_ref;                   // the host's token callable, when it gave one
+  HostRef get_token_ref;                   // the host's token callable, when it gave one (used instead)
   std::shared_ptr<EraTransitionTarget> sync_manager;
+  // The host object behind `sync_manager` when the host gave one of its own
+  // rather than a SyncManager; the thread owns it (the target should refer
+  // to it weakly, so that dropping it here lets it go).
+  HostRef sync_manager_ref;
   double era_poll_interval_s = ERA_POLL_INTERVAL_SECONDS;
   SearchesFn kill_searches_fn;
   SearchesFn restart_searches_fn;
@@ -114,13 +118,22 @@ class EraThread : public std::enable_shared_from_this<EraThread> {
   // --- read access for the host ---
   const std::string& server_url() const { return server_url_; }
   const std::function<std::string()>& get_token() const { return get_token_; }
-  const HostRef& get_token_ref() const { return get_token_ref_; }
+  HostRef get_token_ref() const;
   std::int64_t market_id() const { return market_id_; }
   double poll_interval() const { return poll_interval_; }
-  const SearchesFn& kill_searches_fn() const { return kill_searches_fn_; }
-  const SearchesFn& restart_searches_fn() const { return restart_searches_fn_; }
+  SearchesFn kill_searches_fn() const;
+  SearchesFn restart_searches_fn() const;
   const std::shared_ptr<EraTransitionTarget>& sync_manager() const { return sync_manager_; }
+  HostRef sync_manager_ref() const;
   bool stop_requested() const { return stop_requested_.load(); }
+
+  // The host objects the thread holds (token callable, kill and restart
+  // functions, the host's own sync manager), for the host's garbage
+  // collector; never waits: false when the lock is busy.
+  bool try_collect_host_refs(std::vector<const void*>& out) const;
+  // Lets go of every one of them (interpreter exit, or the host's collector
+  // breaking a cycle through the thread); released after the lock.
+  void drop_host_refs();
 
   struct State {
     bool started = false;
@@ -142,13 +155,14 @@ class EraThread : public std::enable_shared_from_this<EraThread> {
   const std::string server_url_;
   const std::int64_t market_id_;
   const std::function<std::string()> get_token_;
-  const HostRef get_token_ref_;
   const std::shared_ptr<EraTransitionTarget> sync_manager_;
   const double poll_interval_;
-  const SearchesFn kill_searches_fn_;
-  const SearchesFn restart_searches_fn_;
 
   mutable std::mutex mu_;
+  HostRef get_token_ref_;            // guarded by mu_
+  HostRef sync_manager_ref_;         // guarded by mu_
+  SearchesFn kill_searches_fn_;      // guarded by mu_
+  SearchesFn restart_searches_fn_;   // guarded by mu_
   std::condition_variable cv_;  // signals stop requests
   std::atomic<bool> stop_requested_{false};  // written under mu_, read anywhere
   bool started_ = false;                            // guarded by mu_

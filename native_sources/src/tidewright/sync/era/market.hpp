@@ -18,6 +18,9 @@ namespace tidewright::sync {
 std::int64_t coerce_agent_market_id(const json::value& market_id, const std::string& repr_text);
 
 // The era number in an era directory name ("era_12", "era12"), or empty.
+// The number is read as the host's int() reads decimal digits of any script
+// ("era_\u0663" is 3); anything else after the prefix, and numbers past the
+// 64-bit range, give empty.
 std::optional<std::int64_t> parse_era_directory_id(std::string_view name);
 
 }  // namespace tidewright::sync

@@ -20,7 +20,6 @@
 #include <exception>
 #include <fcntl.h>
 #include <limits>
-#include <pthread.h>
 #include <sys/stat.h>
 #include <sys/xattr.h>
 #include <thread>
@@ -635,8 +634,7 @@ void SyncManager::download_files_parallel(const std::vector<std::pair<std::strin
   std::vector<char> completed(files.size(), 0);
 
   auto worker = [&](std::size_t index) {
-    std::string name = "tw-sync_" + std::to_string(index);
-    pthread_setname_np(pthread_self(), name.substr(0, 15).c_str());
+    set_current_thread_name({"tw-sync_" + std::to_string(index), ""});
     ScopedBackoffContext context(parent_context, {}, worker_stop);
     ScopedSyncStopPredicate stop(worker_stop);
     while (!cancel->load()) {

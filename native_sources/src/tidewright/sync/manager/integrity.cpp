@@ -157,7 +157,10 @@ std::optional<std::string> SyncManager::first_local_mismatch(const Manifest& man
   const std::size_t per_thread = (files.size() + threads - 1) / threads;
   std::vector<std::thread> helpers;
   for (std::size_t t = 1; t < threads; ++t) {
-    helpers.emplace_back(check, t * per_thread, std::min(files.size(), (t + 1) * per_thread));
+    helpers.emplace_back([&check, begin = t * per_thread, end = std::min(files.size(), (t + 1) * per_thread)] {
+      set_current_thread_name({"tw-sync-check", ""});
+      check(begin, end);
+    });
   }
   check(0, std::min(files.size(), per_thread));
   for (auto& helper : helpers) helper.join();
@@ -372,8 +375,8 @@ void SyncManager::schedule_cleanup_old_eras(bool keep_current) {
   if (!self) return;
   // Owned by the manager (stop_internal joins it); it holds the manager
   // while it runs.
-  cleanup_thread_ = std::make_shared<OwnedThread>([self, keep_current] {
-    pthread_setname_np(pthread_self(), "tidewright-sync-cleanup");
+  ThreadName name{"tidewright-sync-cleanup", "tw-sync-cleanup"};
+  cleanup_thread_ = std::make_shared<OwnedThread>(std::move(name), [self, keep_current] {
     try {
       std::int64_t freed = self->cleanup_old_eras(keep_current);
       log_info("Old era cleanup completed: freed %s bytes", {json::value(freed)});

@@ -154,15 +154,21 @@ void SyncManager::start() {
 void SyncManager::start_sync_thread() {
   std::shared_ptr<SyncManager> self = weak_from_this().lock();
   if (!self) throw StateError("SyncManager threads need a manager owned by a shared_ptr");
+  std::uint64_t generation = 0;
   {
     std::lock_guard<std::mutex> lock(stop_mu_);
     stop_event_ = false;
+    generation = ++poll_generation_;
   }
   stop_requested_.store(false);
   running_.store(true);
-  auto thread = std::make_shared<OwnedThread>([self] { self->poll_loop(); });
+  auto thread = std::make_shared<OwnedThread>(ThreadName{"tw-sync-poll", ""},
+                                              [self, generation] { self->poll_loop(generation); });
   {
     std::lock_guard<std::mutex> lock(threads_mu_);
+    // A thread of an earlier run is not waited for here: it ends on its own.
+    if (poll_thread_ && poll_thread_->running()) stray_poll_threads_.push_back(std::move(poll_thread_));
+    std::erase_if(stray_poll_threads_, [](const std::shared_ptr<OwnedThread>& t) { return !t->running(); });
     poll_thread_ = std::move(thread);
   }
   remember_started(self);
@@ -246,14 +252,23 @@ void SyncManager::stop_internal() {
   }
 
   {
-    std::lock_guard<std::mutex> sync_lock(sync_mu_);
     std::shared_ptr<OwnedThread> poll_thread;
     {
       std::lock_guard<std::mutex> lock(threads_mu_);
-      poll_thread = poll_thread_;
+      poll_thread = std::exchange(poll_thread_, nullptr);
     }
-    if (poll_thread && !poll_thread->join_for(THREAD_JOIN_TIMEOUT) && !poll_thread->is_current()) {
+    // Stopped from the poll thread itself (a callback of its poll), the sync
+    // that holds the sync lock is this thread's own, and there is nothing to
+    // wait for: the loop ends after this poll.
+    const bool on_poll_thread = poll_thread && poll_thread->is_current();
+    std::unique_lock<std::mutex> sync_lock(sync_mu_, std::defer_lock);
+    if (!on_poll_thread) sync_lock.lock();
+    if (poll_thread && !on_poll_thread && !poll_thread->join_for(THREAD_JOIN_TIMEOUT)) {
       log_warning("Sync poll thread did not stop within %s seconds", {json::value(30)});
+    }
+    if (poll_thread && poll_thread->running()) {
+      std::lock_guard<std::mutex> lock(threads_mu_);
+      stray_poll_threads_.push_back(std::move(poll_thread));
     }
     running_.store(false);
     consumer_lifecycle_started_.store(false);
@@ -291,7 +306,7 @@ std::shared_ptr<EraThread> SyncManager::era_thread() const {
   return era_thread_;
 }
 
-void SyncManager::poll_loop() {
+void SyncManager::poll_loop(std::uint64_t generation) {
   try {
     while (true) {
       if (!in_transition_.load()) {
@@ -302,7 +317,8 @@ void SyncManager::poll_loop() {
         }
       }
       std::unique_lock<std::mutex> lock(stop_mu_);
-      if (stop_cv_.wait_for(lock, seconds_of(poll_interval_), [this] { return stop_event_; })) break;
+      auto stopped = [&] { return stop_event_ || poll_generation_ != generation; };
+      if (stopped() || stop_cv_.wait_for(lock, seconds_of(poll_interval_), stopped)) break;
     }
   } catch (const std::exception& e) {
     log_warning("Sync poll thread stopped by an unexpected error: %s", {json::value(e.what())});
@@ -443,7 +459,7 @@ void SyncManager::report_corruption(const std::string& file_path) {
   if (!running_.load()) throw StateError(kNotRunning);
   repair_queue_.push_back(file_path);
   std::erase_if(repair_threads_, [](const OwnedThread& t) { return !t.running(); });
-  repair_threads_.emplace_back([self] { self->process_repair_queue(); });
+  repair_threads_.emplace_back(ThreadName{"tw-sync-repair", ""}, [self] { self->process_repair_queue(); });
 }
 
 void SyncManager::process_repair_queue() {

@@ -13,7 +13,16 @@ std::int64_t now_ns() {
 
 void ProgressFeed::set_callback(HostRef callback) {
   std::lock_guard<std::mutex> lock(mu_);
-  callback_ = std::move(callback);
+  std::swap(callback_, callback);
+  // The previous callback is released after the lock (in `callback`'s
+  // destructor, declared before the guard): that may wait for the host.
+}
+
+bool ProgressFeed::try_callback_object(const void*& out) const {
+  std::unique_lock<std::mutex> lock(mu_, std::try_to_lock);
+  if (!lock.owns_lock()) return false;
+  out = callback_.get();
+  return true;
 }
 
 HostRef ProgressFeed::callback() const {

@@ -22,6 +22,8 @@ class ProgressFeed {
 
   void set_callback(HostRef callback);
   HostRef callback() const;
+  // The callback's host object, without waiting: false when the lock is busy.
+  bool try_callback_object(const void*& out) const;
 
   // A batch of `files` files, `bytes` bytes in all, starts (`phase` names it).
   void start(const std::string& phase, std::int64_t files, std::int64_t bytes);

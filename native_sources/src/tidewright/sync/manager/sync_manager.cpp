@@ -11,6 +11,7 @@
 #include "tidewright/sync/transport/settings.hpp"
 
 #include <exception>
+#include <utility>
 
 namespace tidewright::sync {
 
@@ -188,20 +189,25 @@ std::map<std::string, std::shared_ptr<SyncManager>> SyncManager::instances() {
 }
 
 void SyncManager::set_sync_runtime_knobs(const SyncKnobs& knobs) {
-  std::lock_guard<std::mutex> lock(state_mu_);
   // An argument left out keeps what the instance already holds.
-  json::value transport = knobs.sync_http_transport
-                              ? *knobs.sync_http_transport
-                              : (sync_http_transport_.empty() ? json::value(nullptr) : json::value(sync_http_transport_));
-  json::value chunk = knobs.sync_http_chunk_bytes
-                          ? *knobs.sync_http_chunk_bytes
-                          : (sync_http_chunk_bytes_ > 0 ? json::value(sync_http_chunk_bytes_) : json::value(nullptr));
-  json::value concurrency = knobs.sync_max_concurrency ? *knobs.sync_max_concurrency
-                                                       : (sync_max_concurrency_ > 0 ? json::value(sync_max_concurrency_)
-                                                                                    : json::value(nullptr));
+  json::value transport, chunk, concurrency;
+  {
+    std::lock_guard<std::mutex> lock(state_mu_);
+    transport = knobs.sync_http_transport ? *knobs.sync_http_transport
+                                          : (sync_http_transport_.empty() ? json::value(nullptr)
+                                                                          : json::value(sync_http_transport_));
+    chunk = knobs.sync_http_chunk_bytes
+                ? *knobs.sync_http_chunk_bytes
+                : (sync_http_chunk_bytes_ > 0 ? json::value(sync_http_chunk_bytes_) : json::value(nullptr));
+    concurrency = knobs.sync_max_concurrency
+                      ? *knobs.sync_max_concurrency
+                      : (sync_max_concurrency_ > 0 ? json::value(sync_max_concurrency_) : json::value(nullptr));
+  }
+  // Resolved without the lock: a resolver the host replaced runs host code.
   std::string new_transport = tidewright::sync::sync_http_transport(transport.is_null() ? nullptr : &transport);
   std::int64_t new_chunk = tidewright::sync::sync_http_chunk_bytes(chunk.is_null() ? nullptr : &chunk);
   std::int64_t new_concurrency = tidewright::sync::sync_max_concurrency(concurrency.is_null() ? nullptr : &concurrency);
+  std::lock_guard<std::mutex> lock(state_mu_);
   sync_http_transport_ = new_transport;
   sync_http_chunk_bytes_ = new_chunk;
   sync_max_concurrency_ = new_concurrency;
@@ -255,5 +261,61 @@ void SyncManager::set_runtime_freshness_guard(HostRef guard) {
 }
 
 std::string SyncManager::fetch_token() const { return fetch_bearer_token(get_token_fn()); }
+
+HostRef SyncManager::manifest_view(const ManifestPtr& manifest) const {
+  std::lock_guard<std::mutex> lock(host_view_mu_);
+  return manifest && manifest_view_of_ == manifest ? manifest_view_ : HostRef();
+}
+
+void SyncManager::set_manifest_view(ManifestPtr manifest, HostRef view) {
+  std::lock_guard<std::mutex> lock(host_view_mu_);
+  std::swap(manifest_view_of_, manifest);
+  std::swap(manifest_view_, view);
+  // The previous view is released after the lock, with the arguments.
+}
+
+bool SyncManager::try_collect_host_refs(std::vector<const void*>& out) const {
+  {
+    std::unique_lock<std::mutex> lock(state_mu_, std::try_to_lock);
+    if (!lock.owns_lock()) return false;
+    out.push_back(get_token_.get());
+    out.push_back(runtime_freshness_guard_.get());
+  }
+  {
+    std::unique_lock<std::mutex> lock(host_view_mu_, std::try_to_lock);
+    if (!lock.owns_lock()) return false;
+    out.push_back(manifest_view_.get());
+  }
+  {
+    std::unique_lock<std::mutex> lock(era_callbacks_mu_, std::try_to_lock);
+    if (!lock.owns_lock()) return false;
+    for (const HostRef& callback : era_callbacks_) out.push_back(callback.get());
+  }
+  const void* progress = nullptr;
+  if (!progress_.try_callback_object(progress)) return false;
+  out.push_back(progress);
+  std::erase(out, nullptr);
+  return true;
+}
+
+void SyncManager::drop_host_refs() {
+  std::vector<HostRef> dropped;  // released last, after every lock
+  {
+    std::lock_guard<std::mutex> lock(state_mu_);
+    dropped.push_back(std::exchange(get_token_, nullptr));
+    dropped.push_back(std::exchange(runtime_freshness_guard_, nullptr));
+  }
+  {
+    std::lock_guard<std::mutex> lock(host_view_mu_);
+    dropped.push_back(std::exchange(manifest_view_, nullptr));
+    manifest_view_of_.reset();
+  }
+  {
+    std::lock_guard<std::mutex> lock(era_callbacks_mu_);
+    for (HostRef& callback : era_callbacks_) dropped.push_back(std::move(callback));
+    era_callbacks_.clear();
+  }
+  progress_.set_callback(nullptr);
+}
 
 }  // namespace tidewright::sync

@@ -99,6 +99,23 @@ class SyncManager : public std::enable_shared_from_this<SyncManager>, public Era
   void set_get_token(HostRef fn);
   HostRef runtime_freshness_guard() const;
   void set_runtime_freshness_guard(HostRef guard);
+
+  // --- host objects held by the manager ---
+  // The host's view of the held manifest: the host keeps its object for a
+  // manifest here, so that it stays the same object (with its caller's
+  // changes) while the manager holds that manifest. Empty when the view
+  // stored is that of another manifest.
+  HostRef manifest_view(const ManifestPtr& manifest) const;
+  // Stores `view` as the view of `manifest`.
+  void set_manifest_view(ManifestPtr manifest, HostRef view);
+  // The host objects the manager holds (token callable, freshness guard,
+  // progress callback, era callbacks, manifest view), for the host's
+  // garbage collector; never waits: false when one of their locks is busy.
+  bool try_collect_host_refs(std::vector<const void*>& out) const;
+  // Lets go of every one of them (at interpreter exit, or when the host's
+  // collector breaks a cycle through the manager). They are released after
+  // the locks, as releasing one may wait for the host.
+  void drop_host_refs();
   bool running() const { return running_.load(); }
   bool in_transition() const { return in_transition_.load(); }
   const std::string& consumer_count_path() const { return consumer_count_path_; }
@@ -305,6 +322,10 @@ class SyncManager : public std::enable_shared_from_this<SyncManager>, public Era
   ManifestPtr manifest_;                       // guarded by state_mu_
   std::optional<std::string> status_message_;  // guarded by state_mu_
 
+  mutable std::mutex host_view_mu_;  // a leaf lock
+  ManifestPtr manifest_view_of_;     // guarded by host_view_mu_
+  HostRef manifest_view_;            // guarded by host_view_mu_
+
   std::atomic<bool> running_{false};
   std::atomic<bool> in_transition_{false};
 
@@ -367,7 +388,10 @@ class SyncManager : public std::enable_shared_from_this<SyncManager>, public Era
   void start();
   // stop_internal() when running.
   void stop();
-  // The poll thread exists and has not ended.
+  // The poll thread of the current run exists and has not ended. A poll
+  // thread that stop() could not wait for (it did not end within the wait,
+  // or stop() ran on it) is no longer the manager's: it ends by itself after
+  // its current poll, and is_alive() is false from the stop on.
   bool is_alive() const;
   // One poll cycle: process queued repairs, then sync when the server has
   // moved on (skipped when another sync runs or a transition is under way).
@@ -425,7 +449,7 @@ class SyncManager : public std::enable_shared_from_this<SyncManager>, public Era
   void persist_consumer_count();  // REQUIRES: consumer_mu_ held
   void start_sync_thread();       // REQUIRES: lifecycle_mu_ held
   void start_internal();          // REQUIRES: lifecycle_mu_ held
-  void poll_loop();
+  void poll_loop(std::uint64_t generation);
   void process_repair_queue();
   void set_in_transition(bool value);
   void set_status_message(std::string message);
@@ -457,6 +481,8 @@ class SyncManager : public std::enable_shared_from_this<SyncManager>, public Era
   std::mutex lifecycle_mu_;  // serialises starting and stopping the threads
   mutable std::mutex threads_mu_;  // leaf; guards the two pointers below
   std::shared_ptr<OwnedThread> poll_thread_;  // written under lifecycle_mu_ and threads_mu_
+  // Poll threads that a stop could not wait for; joined once they have ended.
+  std::vector<std::shared_ptr<OwnedThread>> stray_poll_threads_;  // guarded by threads_mu_
   std::shared_ptr<EraThread> era_thread_;     // written under lifecycle_mu_ and threads_mu_
   std::atomic<bool> consumer_lifecycle_started_{false};
   std::atomic<bool> shut_down_{false};  // set at interpreter exit; never cleared
@@ -465,6 +491,9 @@ class SyncManager : public std::enable_shared_from_this<SyncManager>, public Era
   std::mutex stop_mu_;
   std::condition_variable stop_cv_;
   bool stop_event_ = false;  // guarded by stop_mu_
+  // Which start a poll thread belongs to: one of an earlier start ends even
+  // when a later start has cleared the stop event.
+  std::uint64_t poll_generation_ = 0;  // guarded by stop_mu_
 
   std::mutex repair_mu_;
   std::vector<std::string> repair_queue_;      // guarded by repair_mu_

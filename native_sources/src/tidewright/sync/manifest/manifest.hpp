@@ -75,10 +75,6 @@ class Manifest {
   // base_url as text when it is a non-empty string.
   std::optional<std::string> base_url_text() const;
 
-  // An opaque per-manifest slot where the host side caches its view of the
-  // files map (building it for 100,000 files is not free).
-  HostRef host_files_view;
-
  private:
   struct Key {};  // only the factories above construct a Manifest
 

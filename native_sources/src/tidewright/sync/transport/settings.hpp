@@ -62,6 +62,32 @@ inline constexpr std::int64_t FEATURE_ROTATION_BYTES_PER_GB = 1073741824;
 // Statuses that are retried.
 inline constexpr std::array<std::int64_t, 7> TRANSIENT_HTTP_STATUSES = {408, 425, 429, 500, 502, 503, 504};
 
+// The tuning functions below are the host's point of control: a host may
+// replace any of them in the module ("_sync_http_timeout_seconds", ...).
+// While one is replaced, the function asks the host's replacement (through
+// host(), so with the host's lock taken); while it is the module's own, it
+// answers natively and never calls the host. The binding reports each
+// replacement with set_tuning_function_replaced().
+enum class TuningFunction : int {
+  kHttpTimeoutSeconds,
+  kManifestVersionHttpTimeoutSeconds,
+  kHttpResponseReadBytes,
+  kHttpTransport,
+  kHttpChunkBytes,
+  kMaxConcurrency,
+};
+inline constexpr TuningFunction TUNING_FUNCTIONS[] = {
+    TuningFunction::kHttpTimeoutSeconds, TuningFunction::kManifestVersionHttpTimeoutSeconds,
+    TuningFunction::kHttpResponseReadBytes, TuningFunction::kHttpTransport,
+    TuningFunction::kHttpChunkBytes, TuningFunction::kMaxConcurrency};
+// The module's name of a tuning function ("_sync_http_timeout_seconds").
+std::string_view tuning_function_name(TuningFunction function);
+void set_tuning_function_replaced(TuningFunction function, bool replaced);
+bool tuning_function_replaced(TuningFunction function);
+
+// What a replacement answered, checked: timeouts must be numbers (TypeError
+// "<name>() must return a number, got <repr>"), sizes and counts positive
+// integers and the transport one of the three (the knob's ValueError).
 double sync_http_timeout_seconds();
 double sync_manifest_version_http_timeout_seconds();
 std::int64_t sync_http_response_read_bytes();
@@ -91,6 +117,17 @@ void set_sync_http_header_deadline_override(std::optional<double> seconds);
 std::string sync_http_transport(const json::value* raw);
 std::int64_t sync_http_chunk_bytes(const json::value* raw);
 std::int64_t sync_max_concurrency(const json::value* raw);
+
+// The module's own tuning functions: the values above without asking any
+// replacement (what the module's defaults answer).
+namespace native {
+double sync_http_timeout_seconds();
+double sync_manifest_version_http_timeout_seconds();
+std::int64_t sync_http_response_read_bytes();
+std::string sync_http_transport(const json::value* raw);
+std::int64_t sync_http_chunk_bytes(const json::value* raw);
+std::int64_t sync_max_concurrency(const json::value* raw);
+}  // namespace native
 
 // Always empty: a parallel download batch is never cut off by a wall-clock
 // limit, whatever its size. Callers wait without a limit.
