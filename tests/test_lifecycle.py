@@ -198,8 +198,11 @@ def test_membership_is_read_from_python_threads_while_syncs_run(dataservice, dat
     assert len(reads) == 2 and all(seen and all(seen) for seen in reads)
     assert m.get_manifest().version == 2
 def kernel_thread_name(native_id=None):
-    with open(f"/proc/self/task/{native_id or threading.get_native_id()}/comm", encoding="utf-8") as handle:
-        return handle.read().strip()
+    try:
+        with open(f"/proc/self/task/{native_id or threading.get_native_id()}/comm", encoding="utf-8") as handle:
+            return handle.read().strip()
+    except FileNotFoundError:
+        return ""  # a short-lived thread (a token helper) that ended meanwhile
 
 
 def test_engine_threads_are_named_for_the_kernel_and_for_the_host(dataservice, data_dir, caplog):
@@ -237,7 +240,8 @@ def test_engine_threads_are_named_for_the_kernel_and_for_the_host(dataservice, d
         m.release()
     workers = {name for name in seen if name.startswith("tw-sync_")}
     assert workers and workers <= {"tw-sync_0", "tw-sync_1"}
-    assert {name: kernel for name, kernel in seen.items() if name != "MainThread"} == {
+    # (the token of the sync called here is asked on a helper of the main thread)
+    assert {name: kernel for name, kernel in seen.items() if name.startswith(("tw-", "tidewright-"))} == {
         **{name: name for name in workers}, "tw-sync-poll": "tw-sync-poll", "tw-sync-era": "tw-sync-era",
         "tidewright-sync-cleanup": "tw-sync-cleanup"}
 
@@ -317,18 +321,11 @@ def readme_library_example(data_dir, url):
     example = section.split("```python\n", 1)[1].split("```", 1)[0]
     for placeholder, value in [('"tidewright-data"', repr(str(data_dir))), ('"https://data.example.com"', repr(url)),
                                ("logging.basicConfig(level=logging.INFO)",
-                                "logging.basicConfig(level=logging.INFO, stream=sys.stdout)")]:
+                                "logging.basicConfig(level=logging.INFO, stream=sys.stdout)"),
+                               ('Path("~/.tidewright-token").expanduser().read_text().strip()', "sys.argv[1]")]:
         assert placeholder in example
         example = example.replace(placeholder, value)
-    return textwrap.dedent("""
-        import sys
-
-        def read_my_token():
-            return sys.argv[1]
-
-        def run_searches(manifest):
-            assert manifest.era_number == 1
-    """) + example
+    return "import sys\n" + example
 
 
 # Each ends with the manager held in a module global, referred to by the

@@ -5,6 +5,7 @@
 #include "tidewright/sync/transport/http_request.hpp"
 
 #include <cxxabi.h>
+#include <pthread.h>
 
 #include <chrono>
 #include <condition_variable>
@@ -73,7 +74,15 @@ void run_token_call(const std::shared_ptr<TokenCall>& call, const HostRef& provi
 Host::TokenAnswer ask_on_helper_thread(const HostRef& provider) {
   auto call = std::make_shared<TokenCall>();
   HostRef context = host().current_backoff_context();
-  call->thread = OwnedThread([call, provider, context] { run_token_call(call, provider, context); });
+  // Named after the asking thread, so that the provider sees the name of the
+  // engine thread it was asked from (debuggers, logs, py-spy).
+  ThreadName name;
+  if (!current_thread_name().empty()) {
+    char kernel_name[32] = {0};
+    pthread_getname_np(pthread_self(), kernel_name, sizeof kernel_name);
+    name = ThreadName{current_thread_name(), kernel_name};
+  }
+  call->thread = OwnedThread(std::move(name), [call, provider, context] { run_token_call(call, provider, context); });
 
   std::unique_lock<std::mutex> lock(call->mu);
   while (!call->cv.wait_for(lock, STOP_CHECK_INTERVAL, [&] { return call->done; })) {

@@ -95,6 +95,25 @@ double sync_manifest_version_http_timeout_seconds() { return SYNC_MANIFEST_VERSI
 
 std::int64_t sync_http_response_read_bytes() { return SYNC_HTTP_RESPONSE_READ_BYTES; }
 
+std::string sync_http_transport(const json::value* raw) {
+  if (is_blank(raw)) return std::string(SYNC_HTTP_TRANSPORT);
+  std::string text = strip_ws(python_str(*raw));
+  std::transform(text.begin(), text.end(), text.begin(),
+                 [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
+  if (text == "auto" || text == "urllib" || text == "curl") return text;
+  throw ValueError(kTransportMessage);
+}
+
+std::int64_t sync_http_chunk_bytes(const json::value* raw) {
+  return positive_int_knob(raw, SYNC_HTTP_CHUNK_BYTES, kChunkBytesMessage);
+}
+
+std::int64_t sync_max_concurrency(const json::value* raw) {
+  return positive_int_knob(raw, SYNC_MAX_CONCURRENCY, kConcurrencyMessage);
+}
+
+}  // namespace native
+
 std::int64_t sync_response_max_bytes(std::string_view url) {
   std::string path = rstrip_char(split_url(url).path, '/');
   auto ends_with = [&](std::string_view suffix) {
@@ -126,24 +145,6 @@ void set_sync_http_header_deadline_override(std::optional<double> seconds) {
   g_header_deadline_override.store(seconds && *seconds > 0 ? *seconds : std::numeric_limits<double>::quiet_NaN());
 }
 
-std::string sync_http_transport(const json::value* raw) {
-  if (is_blank(raw)) return std::string(SYNC_HTTP_TRANSPORT);
-  std::string text = strip_ws(python_str(*raw));
-  std::transform(text.begin(), text.end(), text.begin(),
-                 [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
-  if (text == "auto" || text == "urllib" || text == "curl") return text;
-  throw ValueError(kTransportMessage);
-}
-
-std::int64_t sync_http_chunk_bytes(const json::value* raw) {
-  return positive_int_knob(raw, SYNC_HTTP_CHUNK_BYTES, kChunkBytesMessage);
-}
-
-std::int64_t sync_max_concurrency(const json::value* raw) {
-  return positive_int_knob(raw, SYNC_MAX_CONCURRENCY, kConcurrencyMessage);
-}
-
-}  // namespace native
 
 double sync_http_timeout_seconds() {
   if (!replaced(TuningFunction::kHttpTimeoutSeconds)) return native::sync_http_timeout_seconds();
