@@ -217,16 +217,48 @@ void SyncManager::stop() {
   if (running_.load()) stop_internal();
 }
 
+bool SyncManager::on_own_poll_thread() const {
+  std::lock_guard<std::mutex> lock(threads_mu_);
+  if (poll_thread_ && poll_thread_->is_current()) return true;
+  return std::any_of(stray_poll_threads_.begin(), stray_poll_threads_.end(),
+                     [](const std::shared_ptr<OwnedThread>& t) { return t->is_current(); });
+}
+
 void SyncManager::stop_internal() {
-  std::lock_guard<std::mutex> lifecycle(lifecycle_mu_);
   // Everything below observes these: the poll wait, transfers and backoff
   // waits, the file-lock wait, the era thread's requests.
-  stop_requested_.store(true);
-  {
-    std::lock_guard<std::mutex> lock(stop_mu_);
-    stop_event_ = true;
+  auto request_stop = [this] {
+    stop_requested_.store(true);
+    {
+      std::lock_guard<std::mutex> lock(stop_mu_);
+      stop_event_ = true;
+    }
+    stop_cv_.notify_all();
+  };
+  // Stopped from a poll thread itself (a callback of its poll), the sync
+  // that holds the sync lock is this thread's own: there is nothing to wait
+  // for, and a stop running elsewhere waits for that sync, so waiting for
+  // the lifecycle lock could never end. The poll is then asked to end and
+  // the stop in progress does the rest; a start holds the lock only briefly.
+  const bool on_poll_thread = on_own_poll_thread();
+  std::unique_lock<std::mutex> lifecycle(lifecycle_mu_, std::defer_lock);
+  if (on_poll_thread) {
+    while (!lifecycle.try_lock()) {
+      if (stopping_.load()) {
+        request_stop();
+        return;
+      }
+      std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+  } else {
+    lifecycle.lock();
   }
-  stop_cv_.notify_all();
+  stopping_.store(true);
+  struct Stopped {
+    std::atomic<bool>& flag;
+    ~Stopped() { flag.store(false); }
+  } stopped{stopping_};
+  request_stop();
 
   std::shared_ptr<EraThread> era_thread;
   {
@@ -257,10 +289,6 @@ void SyncManager::stop_internal() {
       std::lock_guard<std::mutex> lock(threads_mu_);
       poll_thread = std::exchange(poll_thread_, nullptr);
     }
-    // Stopped from the poll thread itself (a callback of its poll), the sync
-    // that holds the sync lock is this thread's own, and there is nothing to
-    // wait for: the loop ends after this poll.
-    const bool on_poll_thread = poll_thread && poll_thread->is_current();
     std::unique_lock<std::mutex> sync_lock(sync_mu_, std::defer_lock);
     if (!on_poll_thread) sync_lock.lock();
     if (poll_thread && !on_poll_thread && !poll_thread->join_for(THREAD_JOIN_TIMEOUT)) {

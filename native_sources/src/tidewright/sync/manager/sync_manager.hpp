@@ -450,6 +450,8 @@ class SyncManager : public std::enable_shared_from_this<SyncManager>, public Era
   void start_sync_thread();       // REQUIRES: lifecycle_mu_ held
   void start_internal();          // REQUIRES: lifecycle_mu_ held
   void poll_loop(std::uint64_t generation);
+  // The calling thread is one of this manager's poll threads.
+  bool on_own_poll_thread() const;
   void process_repair_queue();
   void set_in_transition(bool value);
   void set_status_message(std::string message);
@@ -485,6 +487,7 @@ class SyncManager : public std::enable_shared_from_this<SyncManager>, public Era
   std::vector<std::shared_ptr<OwnedThread>> stray_poll_threads_;  // guarded by threads_mu_
   std::shared_ptr<EraThread> era_thread_;     // written under lifecycle_mu_ and threads_mu_
   std::atomic<bool> consumer_lifecycle_started_{false};
+  std::atomic<bool> stopping_{false};  // a stop holds lifecycle_mu_
   std::atomic<bool> shut_down_{false};  // set at interpreter exit; never cleared
 
   // The poll thread's stop event ("_stop_event").
