@@ -205,14 +205,15 @@ void bind_manifest(nb::module_& m) {
   nb::class_<ManifestFace>(m, "Manifest", kManifestDoc, nb::dynamic_attr())
       .def(
           "__init__", [](ManifestFace* self, nb::handle data) { new (self) ManifestFace{manifest_from_dict(data)}; },
-          nb::arg("data"))
+          nb::arg("data"), nb::sig("def __init__(self, data: dict[str, typing.Any]) -> None"))
       .def_static(
           "from_dict", [](nb::handle data) { return new_manifest_face(manifest_from_dict(data)); }, nb::arg("data"),
+          nb::sig("def from_dict(data: dict[str, typing.Any]) -> Manifest"),
           "Build a Manifest from a manifest object (same validation as the constructor).")
-      .def("to_dict", &face_to_dict,
+      .def("to_dict", &face_to_dict, nb::sig("def to_dict(self) -> dict[str, typing.Any]"),
            "Return a new shallow copy of the manifest object (_data): a fresh top-level map whose nested maps "
            "are the manifest's own.")
-      .def("__getattr__", &face_getattr, nb::arg("name"))
+      .def("__getattr__", &face_getattr, nb::arg("name"), nb::sig("def __getattr__(self, name: str) -> typing.Any"))
       .def("__repr__", &face_repr);
 }
 

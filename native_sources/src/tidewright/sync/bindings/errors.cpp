@@ -109,12 +109,12 @@ class DiskSpaceError(SyncError, OSError):
     raises on a write catches it too. str() is the message alone.
     """
 
-    def __init__(self, *args):
+    def __init__(self, *args: str) -> None:
         super().__init__(*args)
         self.errno = _errno.ENOSPC
         self.strerror = _os.strerror(_errno.ENOSPC)
 
-    def __str__(self):
+    def __str__(self) -> str:
         return Exception.__str__(self)
 
 
