@@ -273,10 +273,12 @@ void SyncManager::stop_internal() {
     }
   }
 
+  bool on_transition_thread = false;
   {
     // A transition ends promptly once stopped; one running on this very
     // thread (a callback stopping its own manager) cannot be waited for.
     std::unique_lock<std::mutex> lock(transition_state_mu_);
+    on_transition_thread = in_transition_.load() && transition_owner_ == std::this_thread::get_id();
     bool ended = transition_cv_.wait_for(lock, TRANSITION_END_WAIT, [this] {
       return !in_transition_.load() || transition_owner_ == std::this_thread::get_id();
     });
@@ -289,8 +291,11 @@ void SyncManager::stop_internal() {
       std::lock_guard<std::mutex> lock(threads_mu_);
       poll_thread = std::exchange(poll_thread_, nullptr);
     }
+    // A transition thread holds the file lock, which a sync takes after the
+    // sync lock: waiting for the sync lock here would invert that order (a
+    // sync waiting for the file lock ends on the stop request anyway).
     std::unique_lock<std::mutex> sync_lock(sync_mu_, std::defer_lock);
-    if (!on_poll_thread) sync_lock.lock();
+    if (!on_poll_thread && !on_transition_thread) sync_lock.lock();
     if (poll_thread && !on_poll_thread && !poll_thread->join_for(THREAD_JOIN_TIMEOUT)) {
       log_warning("Sync poll thread did not stop within %s seconds", {json::value(30)});
     }
