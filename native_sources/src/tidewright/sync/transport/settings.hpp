@@ -62,7 +62,12 @@ inline constexpr std::int64_t FEATURE_ROTATION_BYTES_PER_GB = 1073741824;
 // Statuses that are retried.
 inline constexpr std::array<std::int64_t, 7> TRANSIENT_HTTP_STATUSES = {408, 425, 429, 500, 502, 503, 504};
 
+// The no-progress timeout of a transfer: SYNC_HTTP_TIMEOUT_SECONDS unless a
+// process-wide override is set.
 double sync_http_timeout_seconds();
+// Sets that override (nullopt, or a value that is not positive, clears it).
+// For tests that must not wait the default 30 s for a stalled body.
+void set_sync_http_timeout_override(std::optional<double> seconds);
 double sync_manifest_version_http_timeout_seconds();
 std::int64_t sync_http_response_read_bytes();
 
