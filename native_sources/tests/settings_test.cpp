@@ -47,12 +47,14 @@ TEST(StatusPolicy, ClassifiesDownloadFailures) {
   EXPECT_THROW(raise_download_http_status("a.arrow", json::value(401)), AuthError);
   try {
     raise_download_http_status("a.arrow", json::value(429));
+    ADD_FAILURE() << "HTTP 429 did not throw";
   } catch (const SyncError& e) {
     EXPECT_EQ(e.kind(), ErrorKind::kSyncError) << "a transient status must stay retryable";
     EXPECT_STREQ(e.what(), "Download failed for a.arrow: HTTP 429");
   }
   try {
     raise_download_http_status("a/b.parquet", json::value("x"));
+    ADD_FAILURE() << "a status that is not a number did not throw";
   } catch (const PermanentDownloadError& e) {
     EXPECT_STREQ(e.what(), "Download failed for a/b.parquet: HTTP -1");
     EXPECT_EQ(e.file_path, "a/b.parquet");
@@ -60,6 +62,7 @@ TEST(StatusPolicy, ClassifiesDownloadFailures) {
   }
   try {
     raise_download_http_status("a.arrow", json::value(404));
+    ADD_FAILURE() << "HTTP 404 did not throw";
   } catch (const PermanentDownloadError& e) {
     EXPECT_EQ(e.status, 404);
   }
