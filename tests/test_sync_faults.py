@@ -307,7 +307,9 @@ def test_slow_and_late_answers_within_the_timeouts_are_waited_for(svc, tmp_path)
 
 def test_a_body_that_stalls_past_the_no_progress_timeout_is_resumed(svc, tmp_path):
     # The service sends 1000 bytes of the second chunk and then nothing: the
-    # transfer ends after the no-progress timeout and resumes after them.
+    # transfer ends after the no-progress timeout (1 s here) and resumes
+    # after them.
+    sync._set_sync_http_timeout_seconds(1.0)
     svc.add_fault(BIG_URL_PATH, "stall", skip=1, after_bytes=1000)
     synced(svc, tmp_path)
     resumed = CHUNK + 1000
