@@ -14,6 +14,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <csignal>
@@ -307,12 +308,16 @@ TEST_F(HttpClientTest, TimeoutsMeanNoProgressExceptForTheBodyDeadline) {
 
   auto start = Clock::now();
   try {
-    client.get(HttpRequest{server.url("/silent"), {}}, options(0.5));
+    // The head's deadline (by default the same 0.5 s) is put far off, so
+    // that only the no-progress timeout can end the wait.
+    TransferOptions silent = options(0.5);
+    silent.header_deadline_seconds = 30.0;
+    client.get(HttpRequest{server.url("/silent"), {}}, silent);
     FAIL() << "a silent server must time out";
   } catch (const TimeoutError& e) {
     EXPECT_STREQ(e.what(), "timed out");
   }
-  EXPECT_LT(seconds_since(start), 30.0) << "the silent server is waited on for good without the timeout";
+  EXPECT_LT(seconds_since(start), 20.0) << "the silent server is waited on for good without the timeout";
 
   // Bytes keep coming, so only the total deadline can end this one.
   start = Clock::now();
@@ -387,17 +392,23 @@ TEST(CaBundleFallback, TakesTheFirstBundleFileThatExists) {
   EXPECT_EQ(ca_bundle_fallback({}), std::nullopt);
 }
 
-TEST(CurlProgram, BuildsTheCommandLineWithoutTheUserAgentHeader) {
-  HttpRequest request{"https://data.tidewright.io/data/files/a.bin",
-                      {{"User-agent", "ignored"}, {"Range", "bytes=0-99"}}};
-  std::vector<std::string> expected = {
-      "/usr/bin/curl", "-4", "-sS", "-L", "--connect-timeout", "5", "--speed-limit", "1024", "--speed-time", "30",
-      "--retry", "4", "--retry-delay", "0", "-D", "h.txt", "-o", "b.bin", "-w", "%{http_code}",
-      "-H", "Range: bytes=0-99", "-A", "tidewright-sync/0.0.3", "https://data.tidewright.io/data/files/a.bin"};
-  EXPECT_EQ(curl_command("/usr/bin/curl", request, 30.0, "h.txt", "b.bin"), expected);
-  auto short_timeout = curl_command("curl", request, 2.5, "h", "b");
-  EXPECT_EQ(short_timeout[5], "2.5");
-  EXPECT_EQ(short_timeout[9], "2.5");
+// The whole command line is checked where the engine runs a program in its
+// place (the Python transport tests); here only what the caller controls.
+TEST(CurlProgram, TheCallersTimeoutAndHeadersReachTheCommandLineButNotItsUserAgent) {
+  const std::string url = "https://data.tidewright.io/data/files/a.bin";
+  HttpRequest request{url, {{"User-agent", "ignored"}, {"Range", "bytes=0-99"}}};
+  std::vector<std::string> argv = curl_command("curl", request, 2.5, "h", "b");
+  auto after = [&](std::string_view flag) {
+    auto it = std::find(argv.begin(), argv.end(), flag);
+    return it == argv.end() || it + 1 == argv.end() ? std::string("<absent>") : *(it + 1);
+  };
+  EXPECT_EQ(after("--connect-timeout"), "2.5");
+  EXPECT_EQ(after("--speed-time"), "2.5");
+  EXPECT_EQ(after("-H"), "Range: bytes=0-99");
+  EXPECT_EQ(std::count(argv.begin(), argv.end(), "-H"), 1);
+  EXPECT_EQ(std::count(argv.begin(), argv.end(), "ignored"), 0);
+  EXPECT_EQ(argv.front(), "curl");
+  EXPECT_EQ(argv.back(), url);
 }
 
 TEST(CurlProgram, ParsesHeaderDumpsAndStatusOutput) {
