@@ -466,8 +466,10 @@ def test_a_head_trickled_forever_is_an_outage_the_command_line_gives_up_on(tmp_p
     outcome = {}
     try:
         with RawHttpServer() as srv:
+            # Quick lines: the command's diagnosis probe reads a head until
+            # http.client's limit of 100 header lines.
             for path in ("/data/manifest/version", "/data/manifest"):
-                srv.route(path, trickled_headers(every=0.1))
+                srv.route(path, trickled_headers(every=0.02))
             out, err = io.StringIO(), io.StringIO()
             argv = ["sync", "--server", srv.url(), "--data-dir", str(tmp_path), "--token", "t", "--give-up-after", "1"]
             runner = threading.Thread(target=lambda: outcome.update(code=cli.main(argv, stdout=out, stderr=err)),
