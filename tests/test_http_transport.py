@@ -326,7 +326,7 @@ def test_stop_cuts_a_backoff_wait_short(server, monkeypatch):
         assert not sync._sync_backoff_stop_requested()
         with pytest.raises(SyncBackoffCancelled):
             sync._http_get(server.script(reply(500)), TOKEN)
-    assert time.monotonic() - deadline < 1.0
+    assert time.monotonic() - deadline < 15.0  # far below the 30 s wait, whatever the load
 
 
 # -- the curl program ------------------------------------------------------------
