@@ -16,17 +16,8 @@
 namespace tidewright::sync {
 namespace {
 
+using test_support::message_of;
 using test_support::TempDir;
-
-template <typename E, typename F>
-std::string message_of(F&& fn) {
-  try {
-    fn();
-  } catch (const E& e) {
-    return e.what();
-  }
-  return "<no exception>";
-}
 
 json::value vocabulary(std::int64_t era, const std::string& universe) {
   return parse_json(R"({"era_number": )" + std::to_string(era) + R"(, "named_universe": ")" + universe +

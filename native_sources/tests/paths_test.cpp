@@ -20,15 +20,9 @@ using test_support::TempDir;
 
 namespace fs = std::filesystem;
 
-// The ManifestError message of `fn`, or "<no error>".
 template <typename F>
 std::string manifest_error_of(F&& fn) {
-  try {
-    fn();
-  } catch (const ManifestError& e) {
-    return e.what();
-  }
-  return "<no error>";
+  return test_support::message_of<ManifestError>(std::forward<F>(fn));
 }
 
 std::string safe_error(std::string_view path) {

@@ -2,6 +2,8 @@
 
 #include "tidewright/sync/reporting/errors.hpp"
 
+#include "test_support.hpp"
+
 #include <gtest/gtest.h>
 
 #include <string>
@@ -11,12 +13,7 @@ namespace {
 
 template <typename F>
 std::string value_error_message(F&& fn) {
-  try {
-    fn();
-  } catch (const ValueError& e) {
-    return e.what();
-  }
-  return "<no ValueError>";
+  return test_support::message_of<ValueError>(std::forward<F>(fn));
 }
 
 TEST(Knobs, NullAndBlankMeanDefaultOthersMustParse) {

@@ -36,4 +36,16 @@ class TempDir {
   std::string path_;
 };
 
+// The message of the E that `fn` throws, or "<no exception>" when it throws
+// none (any other exception propagates and fails the test).
+template <typename E, typename F>
+std::string message_of(F&& fn) {
+  try {
+    fn();
+  } catch (const E& e) {
+    return e.what();
+  }
+  return "<no exception>";
+}
+
 }  // namespace tidewright::sync::test_support
