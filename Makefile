@@ -36,7 +36,7 @@ $(VPY):
 	$(PYTHON) -m venv $(VENV)
 
 venv: $(VPY)
-	@$(PIP) install -q --disable-pip-version-check $(BUILD_DEPS) pytest hypothesis tqdm
+	@$(PIP) install -q --disable-pip-version-check $(BUILD_DEPS) pytest pytest-randomly hypothesis tqdm
 
 # Incremental: the CMake build directory under build/ is kept between runs.
 package: venv
@@ -45,10 +45,13 @@ package: venv
 cpp-test: apt-deps venv
 	PATH="$(CURDIR)/$(VENV)/bin:$$PATH" cmake -S . -B build/cpp -G Ninja -DTW_BUILD_TESTS=ON -DCMAKE_BUILD_TYPE=Debug >/dev/null
 	PATH="$(CURDIR)/$(VENV)/bin:$$PATH" cmake --build build/cpp -j $(JOBS)
-	PATH="$(CURDIR)/$(VENV)/bin:$$PATH" ctest --test-dir build/cpp --output-on-failure -j $(JOBS)
+	build/cpp/tw_sync_tests --gtest_shuffle --gtest_repeat=2
 
+# In random order (pytest-randomly); PYTEST_SEED=N repeats the order of an earlier run.
 py-test: install
-	$(VPY) -m pytest -q tests
+	@seed=$${PYTEST_SEED:-$$(od -An -N2 -tu2 /dev/urandom | tr -d ' ')}; \
+	echo "pytest order: PYTEST_SEED=$$seed"; \
+	$(VPY) -m pytest -q -p randomly --randomly-seed=$$seed tests
 
 test: install cpp-test py-test
 

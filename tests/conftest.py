@@ -38,12 +38,35 @@ def dataservice(dataservice_factory):
     return dataservice_factory()
 
 
+def pytest_configure(config):
+    config.addinivalue_line("markers", "real_backoff: keep the real backoff schedule (tests of backoff itself)")
+
+
 @pytest.fixture
 def instant_backoff(monkeypatch):
     """Backoff waits of zero seconds (stop requests are still honoured)."""
     from tidewright.sync_backoff import SyncBackoffPolicy
 
     monkeypatch.setattr(SyncBackoffPolicy, "delay_seconds", classmethod(lambda cls, attempt_index: 0.0))
+
+
+@pytest.fixture(autouse=True)
+def zero_backoff_unless_marked(request, monkeypatch):
+    """Every test waits zero seconds between retries unless marked ``real_backoff``."""
+    if request.node.get_closest_marker("real_backoff") is None:
+        request.getfixturevalue("instant_backoff")
+
+
+@pytest.fixture(autouse=True)
+def fresh_process_state():
+    """Each test starts with the process-wide state of a new process: no
+    coalesced sync events and the default timeouts."""
+    import tidewright.sync as sync
+
+    sync._reset_sync_event_coalescing()
+    yield
+    sync._set_sync_http_header_deadline_seconds(None)
+    sync._set_sync_http_timeout_seconds(None)
 
 
 @pytest.fixture(autouse=True)

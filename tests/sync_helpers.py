@@ -4,6 +4,7 @@ a data directory, and the service's request log read per file."""
 import contextlib
 import json
 import os
+import time
 
 import tidewright.sync as sync
 from tidewright.sync_backoff import backoff_context
@@ -79,3 +80,25 @@ def range_starts(svc, path):
 def body_bytes_served(svc, path):
     """Bytes of successful bodies sent for ``path`` (error bodies not counted)."""
     return sum(r.bytes_sent for r in file_requests(svc, path) if r.status in (200, 206))
+
+
+def wait_for(predicate, timeout=60.0, interval=0.02, check=None):
+    """Polls ``predicate`` until it answers true (True) or ``timeout`` seconds
+    have passed (False). ``check``, when given, runs between polls and may
+    fail the wait early by raising."""
+    deadline = time.monotonic() + timeout
+    while not predicate():
+        if check is not None:
+            check()
+        if time.monotonic() >= deadline:
+            return bool(predicate())
+        time.sleep(interval)
+    return True
+
+
+def stop_when(predicate, limit_seconds=60.0):
+    """A backoff-context stop test: true once ``predicate`` is, or after
+    ``limit_seconds``, so that a retry loop waiting for something that never
+    comes fails the test instead of hanging it."""
+    give_up_at = time.monotonic() + limit_seconds
+    return lambda: bool(predicate()) or time.monotonic() > give_up_at

@@ -12,10 +12,10 @@ import socket
 import subprocess
 import sys
 import threading
-import time
 import _thread
 
 import pytest
+from sync_helpers import wait_for
 
 from tidewright import cli
 
@@ -64,13 +64,6 @@ def cli_process(*argv, **kwargs):
     return subprocess.Popen([sys.executable, "-m", "tidewright.cli", *map(str, argv)], stdout=subprocess.PIPE,
                             stderr=subprocess.PIPE, text=True, **kwargs)
 
-
-def wait_until(predicate, what, limit=60.0):
-    deadline = time.monotonic() + limit
-    while not predicate():
-        if time.monotonic() > deadline:
-            raise AssertionError(f"gave up waiting for {what}")
-        time.sleep(0.05)
 
 
 def flip_first_byte(path):
@@ -240,7 +233,7 @@ def test_a_stopped_sync_exits_promptly_and_the_next_one_resumes(dataservice_fact
     svc.add_fault("/data/files/features/*", "stall", count=None, after_bytes=100 * 1024)
     proc = cli_process("sync", "--server", svc.url, "--data-dir", data_dir, "--token", SECRET,
                        env={**os.environ, "PYTHONUNBUFFERED": "1"})
-    wait_until(lambda: svc.requests_for("/data/files/features/*") or proc.poll() is not None, "a stalled download")
+    assert wait_for(lambda: svc.requests_for("/data/files/features/*") or proc.poll() is not None), "no download"
     assert proc.poll() is None
 
     code, status, _ = run_json("status", "--data-dir", data_dir)
@@ -291,10 +284,10 @@ def test_watch_reports_new_versions_and_releases_on_ctrl_c(service, data_dir, mo
 
     def engine_and_user():
         # The engine's poll thread picks up a new version; then the user presses Ctrl-C.
-        wait_until(lambda: made and made[0].calls == ["acquire"], "acquire")
+        assert wait_for(lambda: made and made[0].calls == ["acquire"]), "no acquire"
         service.set_version(touch=[next(iter(service.manifest()["files"]))])
         made[0].sync()
-        wait_until(lambda: "version 2" in out.getvalue(), "the new version to be reported")
+        assert wait_for(lambda: "version 2" in out.getvalue()), "the new version was not reported"
         _thread.interrupt_main()
 
     helper = threading.Thread(target=engine_and_user, daemon=True)

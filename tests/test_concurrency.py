@@ -10,7 +10,7 @@ import textwrap
 import time
 
 import tidewright.sync as sync
-from sync_helpers import FEATURE, assert_in_step, manager
+from sync_helpers import FEATURE, assert_in_step, manager, wait_for
 
 ROUNDS = 3
 SYNCERS = 4
@@ -72,13 +72,12 @@ def spawn(script, *args):
                             stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
 
 
-def wait_until(predicate, what, children, timeout=120.0):
-    deadline = time.monotonic() + timeout
-    while not predicate():
+def children_alive(children, what):
+    """A ``check`` for wait_for: fails the wait when a child already failed."""
+    def check():
         for child in children:
             assert child.poll() in (None, 0), f"a child failed while waiting for {what}: {child.communicate()}"
-        assert time.monotonic() < deadline, f"no {what} after {timeout} s"
-        time.sleep(0.02)
+    return check
 
 
 def test_processes_syncing_new_versions_while_another_verifies(dataservice_factory, tmp_path):
@@ -103,8 +102,8 @@ def test_processes_syncing_new_versions_while_another_verifies(dataservice_facto
                 # and one more while the first sync of the round downloads
                 svc.on_request("/data/files/*", lambda: svc.set_version(touch=features[6:]), after=2)
             (signals / f"round-{round_}").touch()
-            wait_until(lambda: all((signals / f"p{i}-done-{round_}").exists() for i in range(SYNCERS)),
-                       f"round {round_} done", children)
+            assert wait_for(lambda: all((signals / f"p{i}-done-{round_}").exists() for i in range(SYNCERS)),
+                            timeout=120, check=children_alive(children, f"round {round_}")), f"round {round_} not done"
         (signals / "stop").touch()
         outputs = [child.communicate(timeout=120) for child in children]
     finally:
@@ -149,7 +148,7 @@ def test_verify_looks_again_at_suspect_files_once_a_running_sync_is_done(dataser
         local.write_bytes(b"\0" * len(good))
         verifying = pool.submit(m.verify)
         # verify has seen that file and waits for the lock (a second descriptor on it) ...
-        wait_until(lambda: descriptors_open_on(lock_file) == 2 or verifying.done(), "verify waiting", [])
+        assert wait_for(lambda: descriptors_open_on(lock_file) == 2 or verifying.done(), timeout=120), "verify not waiting"
         assert not verifying.done()
         local.write_bytes(good)  # ... and the sync ends
     finally:

@@ -8,13 +8,13 @@ import signal
 import subprocess
 import sys
 import textwrap
-import time
 
 import pytest
 from hypothesis import given, settings
 from hypothesis import strategies as st
 
 import tidewright.sync as sync
+from sync_helpers import wait_for
 
 ERA_CURRENT = "/market/1/era/current"
 SAME = b"identical in both eras"
@@ -43,14 +43,6 @@ def synced(svc, data_dir, poll_interval_s=3600.0):
 def publish_next(svc, era=None, **fields):
     return svc.publish_era(era, extra_files={"shared/same.bin": ("data", SAME)}, **fields)
 
-
-def wait_for(predicate, timeout=30.0):
-    deadline = time.monotonic() + timeout
-    while time.monotonic() < deadline:
-        if predicate():
-            return True
-        time.sleep(0.05)
-    return predicate()
 
 
 def leftovers(data_dir):

@@ -10,23 +10,21 @@ import tidewright.auth
 import tidewright.sync as sync
 
 
-def test_family_shape_and_docstrings():
+def test_family_shape():
     expected = {
-        "SyncError": (Exception, "Base sync error."),
-        "PermanentDownloadError": (sync.SyncError, "Raised when a file download response is not transient."),
-        "SyncUnavailableError": (sync.SyncError, "Raised when a retryable sync dependency remains unavailable."),
-        "ManifestSupersededError": (sync.SyncError, "Raised when a newer manifest generation supersedes active downloads."),
-        "DiskSpaceError": (sync.SyncError, "Raised when insufficient disk space for sync."),
-        "IntegrityError": (sync.SyncError, "Raised when file checksum verification fails after retries."),
-        "EraError": (sync.SyncError, "Raised on era-related errors."),
-        "ManifestError": (sync.SyncError, "Raised on manifest parsing or validation errors."),
-        "StateError": (Exception, "Raised when operation is invalid for current state."),
-        "FeatureRotationStateError": (sync.StateError, "Raised when persisted feature-rotation state is invalid."),
+        "SyncError": Exception,
+        "PermanentDownloadError": sync.SyncError,
+        "SyncUnavailableError": sync.SyncError,
+        "ManifestSupersededError": sync.SyncError,
+        "DiskSpaceError": sync.SyncError,
+        "IntegrityError": sync.SyncError,
+        "EraError": sync.SyncError,
+        "ManifestError": sync.SyncError,
+        "StateError": Exception,
+        "FeatureRotationStateError": sync.StateError,
     }
-    for name, (base, doc) in expected.items():
-        cls = getattr(sync, name)
-        assert issubclass(cls, base), name
-        assert cls.__doc__.split("\n\n")[0] == doc, name
+    for name, base in expected.items():
+        assert issubclass(getattr(sync, name), base), name
     assert issubclass(sync.SyncUnavailableError, ConnectionError)
     assert not issubclass(sync.StateError, sync.SyncError)
     with pytest.raises(sync.SyncError):

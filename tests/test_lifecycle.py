@@ -15,6 +15,7 @@ import weakref
 import pytest
 
 import tidewright.sync as sync
+from sync_helpers import wait_for
 
 FEATURE = "features/top50/signal_is/px000__ret__lag0__v1.arrow"
 NOT_RUNNING = "Sync thread is not running. Call start() or acquire() first."
@@ -31,14 +32,6 @@ def manager_for(svc, data_dir, poll_interval_s=3600.0, url=None):
     return sync.SyncManager.get_or_create(str(data_dir), url or svc.url, lambda: svc.token,
                                           poll_interval_s=poll_interval_s)
 
-
-def wait_for(predicate, timeout=20.0, interval=0.05):
-    deadline = time.monotonic() + timeout
-    while time.monotonic() < deadline:
-        if predicate():
-            return True
-        time.sleep(interval)
-    return predicate()
 
 
 def returns(fn, within=60.0):

@@ -22,7 +22,7 @@ import tidewright.sync as sync
 from tidewright import cli
 from tidewright.sync_backoff import SyncBackoffCancelled, backoff_context
 
-from tests.sync_helpers import BIG, BIG_BYTES, FEATURE, FOUND_PNL, assert_in_step, manager, request_budget
+from tests.sync_helpers import BIG, BIG_BYTES, FEATURE, FOUND_PNL, assert_in_step, manager, request_budget, stop_when
 
 SECRET = "tok-Kp7WqR3nZx"  # distinctive, so that a leak anywhere is found
 VOCABULARY = "named_universes/top50/vocabulary.json"
@@ -336,7 +336,7 @@ OFF_MACHINE = "http://example.invalid"
 def test_the_trap_catches_a_request_that_would_leave_the_machine(trap):
     # The guard of the tests below: a public https request to a host off the
     # machine is allowed, and goes to the trap instead of the network.
-    with backoff_context(stop_requested=lambda: trap.connections > 0), pytest.raises(SyncBackoffCancelled):
+    with backoff_context(stop_requested=stop_when(lambda: trap.connections > 0)), pytest.raises(SyncBackoffCancelled):
         sync._http_get_public("https://example.invalid/data/files/x", transport="urllib")
     assert trap.connections > 0
 
@@ -371,7 +371,7 @@ def test_a_redirect_off_the_machine_never_carries_the_token(dataservice_factory,
     svc = dataservice_factory(token=SECRET)
     svc.add_fault("/data/manifest", "status", status=302, count=None,
                   set_headers={"Location": OFF_MACHINE + "/data/manifest"})
-    with backoff_context(stop_requested=lambda: trap.connections > 0), pytest.raises(SyncBackoffCancelled):
+    with backoff_context(stop_requested=stop_when(lambda: trap.connections > 0)), pytest.raises(SyncBackoffCancelled):
         sync._http_get(svc.url + "/data/manifest", SECRET)
     assert trap.heads and trap.heads[0].startswith("GET http://example.invalid/data/manifest ")
     for head in trap.heads:
@@ -397,7 +397,7 @@ def test_an_untrusted_certificate_fails_before_any_request_is_sent(dataservice_f
     logger.setLevel(logging.DEBUG)
     try:
         m = manager(svc, tmp_path)
-        with backoff_context(stop_requested=lambda: len(retries) >= 2), pytest.raises(SyncBackoffCancelled):
+        with backoff_context(stop_requested=stop_when(lambda: len(retries) >= 2)), pytest.raises(SyncBackoffCancelled):
             m.sync()
     finally:
         logger.removeHandler(handler)

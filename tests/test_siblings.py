@@ -51,6 +51,7 @@ def test_bearer_url_refused(url, words):
         validate_bearer_transport_url(url)
 
 
+@pytest.mark.real_backoff
 def test_backoff_schedule_doubles_within_jitter_and_caps():
     for attempt, base in [(0, 0.5), (1, 1.0), (3, 4.0), (5, 16.0)]:
         delays = [SyncBackoffPolicy.delay_seconds(attempt) for _ in range(200)]

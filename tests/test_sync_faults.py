@@ -307,7 +307,9 @@ def test_slow_and_late_answers_within_the_timeouts_are_waited_for(svc, tmp_path)
 
 def test_a_body_that_stalls_past_the_no_progress_timeout_is_resumed(svc, tmp_path):
     # The service sends 1000 bytes of the second chunk and then nothing: the
-    # transfer ends after the no-progress timeout and resumes after them.
+    # transfer ends after the no-progress timeout (1 s here) and resumes
+    # after them.
+    sync._set_sync_http_timeout_seconds(1.0)
     svc.add_fault(BIG_URL_PATH, "stall", skip=1, after_bytes=1000)
     synced(svc, tmp_path)
     resumed = CHUNK + 1000
@@ -464,8 +466,10 @@ def test_a_head_trickled_forever_is_an_outage_the_command_line_gives_up_on(tmp_p
     outcome = {}
     try:
         with RawHttpServer() as srv:
+            # Quick lines: the command's diagnosis probe reads a head until
+            # http.client's limit of 100 header lines.
             for path in ("/data/manifest/version", "/data/manifest"):
-                srv.route(path, trickled_headers(every=0.1))
+                srv.route(path, trickled_headers(every=0.02))
             out, err = io.StringIO(), io.StringIO()
             argv = ["sync", "--server", srv.url(), "--data-dir", str(tmp_path), "--token", "t", "--give-up-after", "1"]
             runner = threading.Thread(target=lambda: outcome.update(code=cli.main(argv, stdout=out, stderr=err)),

@@ -6,13 +6,12 @@ kept, and the next sync after the service is back completes."""
 import concurrent.futures
 import os
 import threading
-import time
 
 import pytest
 
 import tidewright.sync as sync
 from sync_helpers import (BIG, BIG_BYTES, CHUNK, FEATURE, assert_in_step, body_bytes_served, manager, range_starts,
-                          request_budget, tree)
+                          request_budget, stop_when, tree, wait_for)
 from tidewright.sync_backoff import SyncBackoffCancelled, SyncBackoffPolicy, backoff_context
 
 BIG_URL_PATH = "/data/files/" + BIG
@@ -44,14 +43,6 @@ def in_background():
     pool.shutdown(wait=False, cancel_futures=True)
 
 
-def wait_for(predicate, timeout=30.0):
-    deadline = time.monotonic() + timeout
-    while time.monotonic() < deadline:
-        if predicate():
-            return True
-        time.sleep(0.01)
-    return predicate()
-
 
 def budgeted_sync(svc, m):
     with request_budget(svc):
@@ -82,7 +73,7 @@ def test_nothing_listening_is_retried_until_stopped_and_the_next_sync_completes(
     svc.set_version(touch=[FEATURE])
 
     if stopped_by == "backoff context":
-        with backoff_context(stop_requested=lambda: len(backoff_waits) >= 6), pytest.raises(SyncBackoffCancelled):
+        with backoff_context(stop_requested=stop_when(lambda: len(backoff_waits) >= 6)), pytest.raises(SyncBackoffCancelled):
             m.sync()
         assert [attempt for _, attempt in backoff_waits] == list(range(6))  # one retry loop, still going
     else:
@@ -128,7 +119,7 @@ def test_an_untrusted_certificate_sends_nothing_and_the_configured_ca_is_trusted
     for name in ("SSL_CERT_FILE", "CURL_CA_BUNDLE", "SSL_CERT_DIR"):
         monkeypatch.delenv(name, raising=False)
     m = manager(svc, tmp_path)
-    with backoff_context(stop_requested=lambda: len(backoff_waits) >= 3), pytest.raises(SyncBackoffCancelled):
+    with backoff_context(stop_requested=stop_when(lambda: len(backoff_waits) >= 3)), pytest.raises(SyncBackoffCancelled):
         m.sync()
     # Retried as a network failure; the handshake fails before a request (and
     # its token) is sent.

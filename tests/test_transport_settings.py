@@ -1,4 +1,4 @@
-"""Transport constants, knob parsing and the download status policy."""
+"""Transport knob parsing and the download status policy."""
 
 import importlib
 from decimal import Decimal
@@ -17,38 +17,6 @@ CONCURRENCY_MESSAGE = "invalid sync_max_concurrency: expected a positive integer
 @pytest.fixture
 def auth_module():
     return importlib.import_module("tidewright.auth")
-
-
-def test_constants_have_their_values_and_types():
-    expected = {
-        "_SYNC_USER_AGENT": "tidewright-sync/0.0.3",
-        "_SYNC_HTTP_TRANSPORT": "auto",
-        "_SYNC_CURL_CONNECT_TIMEOUT_SECONDS": 5.0,
-        "_SYNC_CURL_LOW_SPEED_LIMIT_BYTES_PER_SECOND": 1024,
-        "_SYNC_CURL_RETRIES": 4,
-        "_SYNC_CURL_RETRY_DELAY_SECONDS": 0,
-        "_SYNC_HTTP_TIMEOUT_SECONDS": 30.0,
-        "_SYNC_MANIFEST_VERSION_HTTP_TIMEOUT_SECONDS": 30.0,
-        "SYNC_FOUND_PAYLOAD_LATENCY_BOUND_SECONDS": 6.0,
-        "_SYNC_HTTP_CHUNK_BYTES": 67108864,
-        "_SYNC_HTTP_RESPONSE_READ_BYTES": 65536,
-        "_SYNC_HASH_FILE_CHUNK_BYTES": 8388608,
-        "_SYNC_MAX_CONCURRENCY": 8,
-        "_SYNC_PARALLEL_TIMEOUT_SECONDS": 300.0,
-        "_SYNC_MANIFEST_POLL_INTERVAL_SECONDS": 5.0,
-        "_SYNC_MANIFEST_SUPERSEDE_RESTART_LIMIT": 3,
-        "_SYNC_MAX_UNCHANGED_CHECKSUM_REPAIRS": 3,
-        "_DEFAULT_AGENT_MARKET_ID": 1,
-        "_FEATURE_ROTATION_BYTES_PER_GB": 1073741824,
-        "_TRANSIENT_HTTP_STATUSES": (408, 425, 429, 500, 502, 503, 504),
-    }
-    for name, value in expected.items():
-        actual = getattr(sync, name)
-        assert (actual, type(actual)) == (value, type(value)), name
-
-    assert sync._sync_http_timeout_seconds() == 30.0
-    assert sync._sync_manifest_version_http_timeout_seconds() == 30.0
-    assert sync._sync_http_response_read_bytes() == 65536
 
 
 class _Text:

@@ -6,6 +6,8 @@
 #include "tidewright/sync/reporting/errors.hpp"
 #include "tidewright/sync/transport/files.hpp"
 
+#include "test_support.hpp"
+
 #include <gtest/gtest.h>
 
 #include <cstdlib>
@@ -14,28 +16,8 @@
 namespace tidewright::sync {
 namespace {
 
-template <typename E, typename F>
-std::string message_of(F&& fn) {
-  try {
-    fn();
-  } catch (const E& e) {
-    return e.what();
-  }
-  return "<no exception>";
-}
-
-class TempDir {
- public:
-  TempDir() {
-    std::string tmpl = (std::filesystem::temp_directory_path() / "tw-artifacts-XXXXXX").string();
-    path_ = ::mkdtemp(tmpl.data());
-  }
-  ~TempDir() { std::filesystem::remove_all(path_); }
-  const std::string& path() const { return path_; }
-
- private:
-  std::string path_;
-};
+using test_support::message_of;
+using test_support::TempDir;
 
 json::value vocabulary(std::int64_t era, const std::string& universe) {
   return parse_json(R"({"era_number": )" + std::to_string(era) + R"(, "named_universe": ")" + universe +

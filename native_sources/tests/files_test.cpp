@@ -5,6 +5,8 @@
 #include "tidewright/sync/manifest/manifest_files.hpp"
 #include "tidewright/sync/reporting/errors.hpp"
 
+#include "test_support.hpp"
+
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -18,28 +20,12 @@
 namespace tidewright::sync {
 namespace {
 
+using test_support::TempDir;
+
 namespace fs = std::filesystem;
 
 constexpr const char* kEmptySha256 = "e3b0c44298fc1c149afbf4c8996fb92427ae41e4649b934ca495991b7852b855";
 constexpr const char* kAbcSha256 = "ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad";
-
-class TempDir {
- public:
-  TempDir() {
-    std::string pattern = (fs::temp_directory_path() / "tw-files-XXXXXX").string();
-    if (!::mkdtemp(pattern.data())) throw std::runtime_error("mkdtemp failed");
-    path_ = pattern;
-  }
-  ~TempDir() {
-    std::error_code ignored;
-    fs::remove_all(path_, ignored);
-  }
-  const std::string& path() const { return path_; }
-  std::string operator/(std::string_view name) const { return path_join(path_, name); }
-
- private:
-  std::string path_;
-};
 
 void write_plain(const std::string& path, std::string_view data) {
   std::ofstream out(path, std::ios::binary);

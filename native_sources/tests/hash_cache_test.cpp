@@ -2,6 +2,8 @@
 #include "tidewright/sync/manager/hash_cache.hpp"
 #include "tidewright/sync/transport/files.hpp"
 
+#include "test_support.hpp"
+
 #include <gtest/gtest.h>
 
 #include <cstdlib>
@@ -15,18 +17,7 @@
 namespace tidewright::sync {
 namespace {
 
-class TempDir {
- public:
-  TempDir() {
-    std::string tmpl = (std::filesystem::temp_directory_path() / "tw-cache-XXXXXX").string();
-    path_ = ::mkdtemp(tmpl.data());
-  }
-  ~TempDir() { std::filesystem::remove_all(path_); }
-  const std::string& path() const { return path_; }
-
- private:
-  std::string path_;
-};
+using test_support::TempDir;
 
 void write_in_place(const std::string& path, const std::string& data) {
   std::ofstream out(path, std::ios::binary | std::ios::in | std::ios::out);

@@ -3,6 +3,8 @@
 #include "tidewright/sync/host/fake_host.hpp"
 #include "tidewright/sync/reporting/errors.hpp"
 
+#include "test_support.hpp"
+
 #include <gtest/gtest.h>
 
 #include <unistd.h>
@@ -14,42 +16,18 @@
 namespace tidewright::sync {
 namespace {
 
+using test_support::TempDir;
+
 namespace fs = std::filesystem;
 
-// The ManifestError message of `fn`, or "<no error>".
 template <typename F>
 std::string manifest_error_of(F&& fn) {
-  try {
-    fn();
-  } catch (const ManifestError& e) {
-    return e.what();
-  }
-  return "<no error>";
+  return test_support::message_of<ManifestError>(std::forward<F>(fn));
 }
 
 std::string safe_error(std::string_view path) {
   return manifest_error_of([&] { safe_manifest_relative_path(path); });
 }
-
-// A fresh directory, removed with everything in it at the end of the test.
-class TempDir {
- public:
-  TempDir() {
-    std::string pattern = (fs::temp_directory_path() / "tw-paths-XXXXXX").string();
-    if (!::mkdtemp(pattern.data())) throw std::runtime_error("mkdtemp failed");
-    path_ = pattern;
-  }
-  ~TempDir() {
-    std::error_code ignored;
-    fs::remove_all(path_, ignored);
-  }
-  TempDir(const TempDir&) = delete;
-  TempDir& operator=(const TempDir&) = delete;
-  const fs::path& path() const { return path_; }
-
- private:
-  fs::path path_;
-};
 
 json::object files_of(std::initializer_list<std::string_view> paths) {
   json::object files;
@@ -84,24 +62,24 @@ TEST(SafeManifestRelativePath, RejectsEachFaultWithItsMessage) {
 TEST(ManifestLocalPath, ResolvesInsideTheDataDirectoryAndRefusesLinksOut) {
   TempDir outside;
   TempDir data;
-  fs::create_directories(data.path() / "features" / "u");
-  const std::string root = fs::canonical(data.path()).string();
+  fs::create_directories(data.fs_path() / "features" / "u");
+  const std::string root = fs::canonical(data.fs_path()).string();
   // Missing tails are fine; links that stay inside are followed, and a data
   // directory reached through a link resolves to its target.
-  EXPECT_EQ(manifest_local_path(data.path().string(), "features\\u\\missing\\x.arrow"),
+  EXPECT_EQ(manifest_local_path(data.fs_path().string(), "features\\u\\missing\\x.arrow"),
             root + "/features/u/missing/x.arrow");
-  fs::create_directory_symlink(data.path() / "features", data.path() / "inner");
-  fs::create_directory_symlink(data.path(), outside.path() / "alias");
-  EXPECT_EQ(manifest_local_path((outside.path() / "alias").string(), "inner/u/x"), root + "/features/u/x");
+  fs::create_directory_symlink(data.fs_path() / "features", data.fs_path() / "inner");
+  fs::create_directory_symlink(data.fs_path(), outside.fs_path() / "alias");
+  EXPECT_EQ(manifest_local_path((outside.fs_path() / "alias").string(), "inner/u/x"), root + "/features/u/x");
 
-  fs::create_directory_symlink(outside.path(), data.path() / "escape");
-  EXPECT_EQ(manifest_error_of([&] { manifest_local_path(data.path().string(), "escape/u/x.arrow"); }),
+  fs::create_directory_symlink(outside.fs_path(), data.fs_path() / "escape");
+  EXPECT_EQ(manifest_error_of([&] { manifest_local_path(data.fs_path().string(), "escape/u/x.arrow"); }),
             "Manifest file path escapes data directory: 'escape/u/x.arrow'");
   // A sibling whose name extends the root's is still outside.
-  const fs::path twin = data.path().string() + "-twin";
+  const fs::path twin = data.fs_path().string() + "-twin";
   fs::create_directory(twin);
-  fs::create_directory_symlink(twin, data.path() / "twin");
-  EXPECT_EQ(manifest_error_of([&] { manifest_local_path(data.path().string(), "twin/x"); }),
+  fs::create_directory_symlink(twin, data.fs_path() / "twin");
+  EXPECT_EQ(manifest_error_of([&] { manifest_local_path(data.fs_path().string(), "twin/x"); }),
             "Manifest file path escapes data directory: 'twin/x'");
   fs::remove_all(twin);
 }
@@ -109,25 +87,25 @@ TEST(ManifestLocalPath, ResolvesInsideTheDataDirectoryAndRefusesLinksOut) {
 TEST(ManifestLocalPath, WritesNeverGoThroughALinkEvenOneThatStaysInside) {
   TempDir outside;
   TempDir data;
-  fs::create_directories(data.path() / "features" / "u");
-  const std::string root = fs::canonical(data.path()).string();
+  fs::create_directories(data.fs_path() / "features" / "u");
+  const std::string root = fs::canonical(data.fs_path()).string();
   // Through a link to the data directory itself the writes are its own.
-  fs::create_directory_symlink(data.path(), outside.path() / "alias");
-  EXPECT_EQ(manifest_local_write_path((outside.path() / "alias").string(), "features/u/x.arrow"),
+  fs::create_directory_symlink(data.fs_path(), outside.fs_path() / "alias");
+  EXPECT_EQ(manifest_local_write_path((outside.fs_path() / "alias").string(), "features/u/x.arrow"),
             root + "/features/u/x.arrow");
 
-  fs::create_directory_symlink(data.path() / "features", data.path() / "inner");
-  fs::create_symlink(data.path() / "features" / "u" / "a.arrow", data.path() / "features" / "u" / "b.arrow");
+  fs::create_directory_symlink(data.fs_path() / "features", data.fs_path() / "inner");
+  fs::create_symlink(data.fs_path() / "features" / "u" / "a.arrow", data.fs_path() / "features" / "u" / "b.arrow");
   for (std::string_view path : {"inner/u/x.arrow", "features/u/b.arrow"}) {
     // Reading may follow the link; writing may not.
-    EXPECT_NO_THROW(manifest_local_path(data.path().string(), path));
-    EXPECT_EQ(manifest_error_of([&] { manifest_local_write_path(data.path().string(), path); }),
+    EXPECT_NO_THROW(manifest_local_path(data.fs_path().string(), path));
+    EXPECT_EQ(manifest_error_of([&] { manifest_local_write_path(data.fs_path().string(), path); }),
               "Manifest file path passes through a link inside the data directory: '" + std::string(path) +
                   "' (files are never written through links; replace the link with the directory or file it "
                   "points to)");
   }
-  fs::create_directory_symlink(outside.path(), data.path() / "escape");
-  EXPECT_EQ(manifest_error_of([&] { manifest_local_write_path(data.path().string(), "escape/x"); }),
+  fs::create_directory_symlink(outside.fs_path(), data.fs_path() / "escape");
+  EXPECT_EQ(manifest_error_of([&] { manifest_local_write_path(data.fs_path().string(), "escape/x"); }),
             "Manifest file path escapes data directory: 'escape/x'");
 }
 

@@ -11,6 +11,8 @@
 #include "tidewright/sync/rotation/state.hpp"
 #include "tidewright/sync/transport/files.hpp"
 
+#include "test_support.hpp"
+
 #include <gtest/gtest.h>
 
 #include <cmath>
@@ -211,14 +213,11 @@ TEST(SanitizeFilters, AnEntryRemovedEarlierIsNotSeenByLaterFilters) {
   EXPECT_EQ(kind_calls, 0);
 }
 
-// The ManifestError message of sanitising `files`, or "<no error>".
+// The ManifestError message of sanitising `files`, or "<no exception>".
 std::string sanitize_error(json::object files) {
-  try {
+  return test_support::message_of<ManifestError>([&] {
     sanitize_manifest_data_for_sync(json::object{{"files", std::move(files)}}, default_manifest_siblings());
-  } catch (const ManifestError& e) {
-    return e.what();
-  }
-  return "<no error>";
+  });
 }
 
 TEST(SanitizeChecks, EveryFileTheEngineKeepsRefusesTheManifest) {
@@ -242,7 +241,7 @@ TEST(SanitizeChecks, EveryFileTheEngineKeepsRefusesTheManifest) {
   EXPECT_TRUE(is_engine_owned_path(temporary));
   for (std::string_view name : {FUNCTIONS_FILENAME, "named_universes/u/vocabulary.json", "features/manifest.json",
                                 "era_/x", "erax/y", "manifest.jsonx", "_control/signals_index.json"}) {
-    EXPECT_EQ(sanitize_error(json::object{{name, info("feature")}}), "<no error>") << name;
+    EXPECT_EQ(sanitize_error(json::object{{name, info("feature")}}), "<no exception>") << name;
   }
 }
 

@@ -2,6 +2,8 @@
 
 #include "tidewright/sync/reporting/errors.hpp"
 
+#include "test_support.hpp"
+
 #include <gtest/gtest.h>
 
 #include <string>
@@ -11,12 +13,7 @@ namespace {
 
 template <typename F>
 std::string value_error_message(F&& fn) {
-  try {
-    fn();
-  } catch (const ValueError& e) {
-    return e.what();
-  }
-  return "<no ValueError>";
+  return test_support::message_of<ValueError>(std::forward<F>(fn));
 }
 
 TEST(Knobs, NullAndBlankMeanDefaultOthersMustParse) {
@@ -47,12 +44,14 @@ TEST(StatusPolicy, ClassifiesDownloadFailures) {
   EXPECT_THROW(raise_download_http_status("a.arrow", json::value(401)), AuthError);
   try {
     raise_download_http_status("a.arrow", json::value(429));
+    ADD_FAILURE() << "HTTP 429 did not throw";
   } catch (const SyncError& e) {
     EXPECT_EQ(e.kind(), ErrorKind::kSyncError) << "a transient status must stay retryable";
     EXPECT_STREQ(e.what(), "Download failed for a.arrow: HTTP 429");
   }
   try {
     raise_download_http_status("a/b.parquet", json::value("x"));
+    ADD_FAILURE() << "a status that is not a number did not throw";
   } catch (const PermanentDownloadError& e) {
     EXPECT_STREQ(e.what(), "Download failed for a/b.parquet: HTTP -1");
     EXPECT_EQ(e.file_path, "a/b.parquet");
@@ -60,6 +59,7 @@ TEST(StatusPolicy, ClassifiesDownloadFailures) {
   }
   try {
     raise_download_http_status("a.arrow", json::value(404));
+    ADD_FAILURE() << "HTTP 404 did not throw";
   } catch (const PermanentDownloadError& e) {
     EXPECT_EQ(e.status, 404);
   }

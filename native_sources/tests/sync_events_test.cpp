@@ -12,11 +12,13 @@ json::object event_of(std::string_view json_text) { return parse_json(json_text)
 
 class SyncEventsTest : public ::testing::Test {
  protected:
-  void SetUp() override { set_host(host_); }
+  void SetUp() override {
+    set_host(host_);
+    reset_sync_event_coalescing();
+  }
   void TearDown() override { set_host(nullptr); }
 
-  // Sync-event log lines, in order. The coalescing counts live for the whole
-  // process, so every test uses file names of its own.
+  // Sync-event log lines, in order.
   std::vector<FakeHost::LogLine> events() {
     std::vector<FakeHost::LogLine> out;
     for (auto& line : host_->log_lines()) {

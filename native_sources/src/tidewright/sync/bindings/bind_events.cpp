@@ -75,6 +75,11 @@ void bind_events(nb::module_& m) {
         return should_emit_sync_event(plain);
       },
       nb::arg("event"));
+  // Not part of the interface: tests start each case with fresh counts.
+  m.def("_reset_sync_event_coalescing", [] {
+    nb::gil_scoped_release release;
+    reset_sync_event_coalescing();
+  });
   m.def(
       "_sync_event_is_coalescible", [](nb::handle event) { return sync_event_is_coalescible(event_from(event)); },
       nb::arg("event"));

@@ -156,6 +156,11 @@ void bind_transport_settings(nb::module_& m) {
       "_set_sync_http_header_deadline_seconds",
       [](std::optional<double> seconds) { set_sync_http_header_deadline_override(seconds); },
       nb::arg("seconds").none());
+  // Not part of the interface: lets a test see a stalled body given up on
+  // in a second instead of the default 30 s. None restores the default.
+  m.def(
+      "_set_sync_http_timeout_seconds",
+      [](std::optional<double> seconds) { set_sync_http_timeout_override(seconds); }, nb::arg("seconds").none());
 
   // The batch is unbounded whatever its shape, so the counts are accepted as given.
   m.def(

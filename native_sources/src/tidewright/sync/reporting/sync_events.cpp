@@ -14,7 +14,7 @@ namespace tidewright::sync {
 
 namespace {
 
-// The process's coalescing counts; never cleared.
+// The process's coalescing counts; cleared only by tests (clear()).
 //
 // Thread-safe: every read-increment-compare happens under mu_.
 class CoalesceCounts {
@@ -27,6 +27,11 @@ class CoalesceCounts {
     // Saturate: a key seen billions of times must not wrap around.
     if (seen < SYNC_EVENT_COALESCE_LIMIT) ++seen;
     return emit;
+  }
+
+  void clear() {
+    std::lock_guard<std::mutex> lock(mu_);
+    counts_.clear();
   }
 
  private:
@@ -171,6 +176,8 @@ bool should_emit_sync_event(const json::object& event) {
   if (!sync_event_is_coalescible(event)) return true;
   return coalesce_counts().admit(sync_event_coalesce_key(event));
 }
+
+void reset_sync_event_coalescing() { coalesce_counts().clear(); }
 
 void emit_tidewright_sync_event(const json::object& event) {
   if (!should_emit_sync_event(event)) return;

@@ -75,6 +75,10 @@ std::string sync_event_stable_coalesce_value(const json::value* value);
 // SYNC_EVENT_COALESCE_LIMIT of its key.
 bool should_emit_sync_event(const json::object& event);
 
+// Forgets every coalescing count, so each key may be logged
+// SYNC_EVENT_COALESCE_LIMIT times again. For tests, which share one process.
+void reset_sync_event_coalescing();
+
 // A short label of the file a URL refers to, for events: the manifest path
 // after ".../data/files/" (percent-decoded) for file downloads, else the
 // URL's path, else "".

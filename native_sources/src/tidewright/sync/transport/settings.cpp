@@ -89,8 +89,6 @@ bool tuning_function_replaced(TuningFunction function) { return replaced(functio
 
 namespace native {
 
-double sync_http_timeout_seconds() { return SYNC_HTTP_TIMEOUT_SECONDS; }
-
 double sync_manifest_version_http_timeout_seconds() { return SYNC_MANIFEST_VERSION_HTTP_TIMEOUT_SECONDS; }
 
 std::int64_t sync_http_response_read_bytes() { return SYNC_HTTP_RESPONSE_READ_BYTES; }
@@ -134,7 +132,22 @@ std::int64_t sync_response_max_bytes(std::string_view url) {
 namespace {
 // NaN: no override.
 std::atomic<double> g_header_deadline_override{std::numeric_limits<double>::quiet_NaN()};
+std::atomic<double> g_no_progress_timeout_override{std::numeric_limits<double>::quiet_NaN()};
+
+double positive_or_nan(std::optional<double> seconds) {
+  return seconds && *seconds > 0 ? *seconds : std::numeric_limits<double>::quiet_NaN();
+}
 }  // namespace
+
+// The module's own no-progress timeout: the default, or the override a test set.
+double native::sync_http_timeout_seconds() {
+  double override_seconds = g_no_progress_timeout_override.load();
+  return std::isnan(override_seconds) ? SYNC_HTTP_TIMEOUT_SECONDS : override_seconds;
+}
+
+void set_sync_http_timeout_override(std::optional<double> seconds) {
+  g_no_progress_timeout_override.store(positive_or_nan(seconds));
+}
 
 double sync_http_header_deadline_seconds(double timeout) {
   double override_seconds = g_header_deadline_override.load();
@@ -142,7 +155,7 @@ double sync_http_header_deadline_seconds(double timeout) {
 }
 
 void set_sync_http_header_deadline_override(std::optional<double> seconds) {
-  g_header_deadline_override.store(seconds && *seconds > 0 ? *seconds : std::numeric_limits<double>::quiet_NaN());
+  g_header_deadline_override.store(positive_or_nan(seconds));
 }
 
 

@@ -89,6 +89,9 @@ bool tuning_function_replaced(TuningFunction function);
 // "<name>() must return a number, got <repr>"), sizes and counts positive
 // integers and the transport one of the three (the knob's ValueError).
 double sync_http_timeout_seconds();
+// Overrides the module's own no-progress timeout (not a replaced one) (nullopt, or a value that is not positive, clears it).
+// For tests that must not wait the default 30 s for a stalled body.
+void set_sync_http_timeout_override(std::optional<double> seconds);
 double sync_manifest_version_http_timeout_seconds();
 std::int64_t sync_http_response_read_bytes();
 
