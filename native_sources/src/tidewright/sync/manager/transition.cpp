@@ -606,6 +606,8 @@ void SyncManager::switch_transition(TransitionRun& run) {
                                  std::pair(shuffle_seed_meta_path(staged_seed), shuffle_seed_meta_path(final_seed))}) {
     if (path_exists(from)) rename_file(from, to);
   }
+  // The new era's files reach stable storage before its manifest names them.
+  sync_file_system(data_dir_);
   const std::string body_sha = sha256(run.manifest_body);
   write_manifest_json(data_dir_, run.manifest->data(), body_sha, body_sha);
   std::lock_guard<std::mutex> lock(state_mu_);
