@@ -13,7 +13,7 @@ VPY := $(VENV)/bin/python
 PIP := $(VPY) -m pip
 JOBS ?= 2
 
-APT_PACKAGES := g++ make curl ca-certificates libboost-json1.81-dev libcurl4-openssl-dev libssl-dev libgtest-dev
+APT_PACKAGES := g++ make curl ca-certificates libboost-json1.81-dev libcurl4-openssl-dev libssl-dev libgtest-dev strace
 BUILD_DEPS := scikit-build-core nanobind==2.10.2 cmake ninja
 SUDO := $(shell [ "$$(id -u)" = 0 ] || echo sudo)
 

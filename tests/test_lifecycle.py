@@ -89,7 +89,7 @@ def test_request_for_sync_and_report_corruption_refuse_when_not_running(dataserv
     with pytest.raises(ValueError, match="^File not in manifest: features/nope.arrow$"):
         m.report_corruption("features/nope.arrow")
     # Another process's transition marker is enough to refuse.
-    (data_dir / ".transition_lock").write_text("12345")
+    (data_dir / ".transition_lock").write_text(str(os.getppid()))
     with pytest.raises(sync.StateError) as info:
         m.request_for_sync()
     assert str(info.value) == "Sync is in era transition mode \u2014 request_for_sync rejected"

@@ -222,7 +222,7 @@ def test_prefetch_preconditions(svc, data):
     m = make_manager(svc, data)
     with pytest.raises(sync.StateError, match=r"^Sync thread is not running\. Call start\(\) or acquire\(\) first\.$"):
         m.request_feature_files_for_sync(["px000__ret__lag0__v1"])
-    (data / ".transition_lock").write_text("")
+    (data / ".transition_lock").write_text(str(os.getppid()))  # a live holder
     with pytest.raises(sync.StateError) as info:
         m.request_feature_files_for_sync(["px000__ret__lag0__v1"])
     assert str(info.value) == "Sync is in era transition mode \u2014 request_feature_files_for_sync rejected"

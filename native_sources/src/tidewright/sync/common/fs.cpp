@@ -291,6 +291,12 @@ void rename_file(const std::string& from, const std::string& to) {
   if (::rename(from.c_str(), to.c_str()) != 0) throw_os_error(errno, from);
 }
 
+void sync_file_system(const std::string& path) {
+  UniqueFd fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+  if (!fd.valid()) throw_os_error(errno, path);
+  if (::syncfs(fd.get()) != 0) throw_os_error(errno, path);
+}
+
 std::int64_t free_disk_bytes(const std::string& path) {
   struct statvfs st;
   if (::statvfs(path.c_str(), &st) != 0) throw_os_error(errno, path);

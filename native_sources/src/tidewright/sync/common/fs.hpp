@@ -78,6 +78,10 @@ void make_dirs(const std::string& path);  // exist-ok
 UniqueFd open_directory_beneath(const std::string& root, std::string_view relative);
 void remove_file(const std::string& path);  // FileNotFoundError when missing
 void rename_file(const std::string& from, const std::string& to);
+// Flushes the file system holding `path` (a file or directory) to stable
+// storage: the data of every file written so far and the directory entries
+// of every rename, in one call. A write-back error surfaces here (OSError).
+void sync_file_system(const std::string& path);
 // Free bytes available to this user on the file system holding `path`.
 std::int64_t free_disk_bytes(const std::string& path);
 

@@ -311,6 +311,7 @@ bool SyncManager::download_shuffle_seed(const Manifest& server_manifest, const s
   } else if (auto manifest_source = shuffle_seed_source_for_manifest(server_manifest)) {
     source = json::value(*manifest_source);
   }
+  sync_file_system(path_dirname(path));  // the seed is durable before its metadata vouches for it
   write_shuffle_seed_metadata(path, *expect.era_number, expect.market_id, expect.manifest_version,
                               json::value(generation), source);
   validate_shuffle_seed_file(path, expect);

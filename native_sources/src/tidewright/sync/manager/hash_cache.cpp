@@ -1,5 +1,6 @@
 #include "tidewright/sync/manager/hash_cache.hpp"
 
+#include "tidewright/sync/common/fs.hpp"
 #include "tidewright/sync/host/host.hpp"
 #include "tidewright/sync/reporting/errors.hpp"
 #include "tidewright/sync/transport/files.hpp"
@@ -150,6 +151,9 @@ void HashCache::persist() {
     dirty_ = false;
   }
   try {
+    // An entry vouches for a file's bytes: they reach stable storage before
+    // the entry does.
+    sync_file_system(path_dirname(path_));
     atomic_write(path_, hash_cache_text(std::move(files)));
   } catch (const std::exception& e) {
     log_warning("Failed to persist sync hash cache: %s", {json::value(e.what())});

@@ -65,8 +65,9 @@ class HashCache {
   std::vector<char> cached_batch(const std::vector<Query>& queries);
   // Remembers `actual_sha` for the file's current identity.
   void remember(const std::string& file_path, const std::string& local_path, const std::string& actual_sha);
-  // Writes the cache when it changed since the last write; failures are
-  // logged and leave it dirty.
+  // Writes the cache when it changed since the last write, after flushing the
+  // files it describes to stable storage; failures are logged and leave it
+  // dirty.
   void persist();
 
   // A copy of the entries, as written to the file.

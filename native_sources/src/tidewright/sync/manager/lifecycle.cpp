@@ -12,6 +12,7 @@
 #include "tidewright/sync/manifest/paths.hpp"
 #include "tidewright/sync/reporting/errors.hpp"
 #include "tidewright/sync/reporting/sync_events.hpp"
+#include "tidewright/sync/transport/files.hpp"
 
 #include <algorithm>
 #include <cerrno>
@@ -64,30 +65,15 @@ void sort_newest_first(std::vector<std::string>& paths) {
   for (auto& [t, p] : keyed) paths.push_back(std::move(p));
 }
 
-// A control file of the data directory: a link planted at its name is
-// refused (ELOOP), never written through.
-void write_whole_text(const std::string& path, const std::string& text) {
-  UniqueFd fd(::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0666));
-  if (!fd.valid()) throw_os_error(errno, path);
-  std::size_t done = 0;
-  while (done < text.size()) {
-    ssize_t n = ::write(fd.get(), text.data() + done, text.size() - done);
-    if (n < 0) {
-      if (errno == EINTR) continue;
-      throw_os_error(errno, path);
-    }
-    done += static_cast<std::size_t>(n);
-  }
-  if (fd.reset() != 0) throw_os_error(errno, path);
-}
-
 }  // namespace
 
 // --- consumers ---------------------------------------------------------------
 
 void SyncManager::persist_consumer_count() {
   try {
-    write_whole_text(consumer_count_path_, consumer_count_text(consumer_count_.load()));
+    // Whole or not at all: a reader (or a process killed mid-write) never
+    // leaves or sees an empty or half-written count.
+    atomic_write(consumer_count_path_, consumer_count_text(consumer_count_.load()));
   } catch (const std::exception& e) {
     log_warning("Failed to persist consumer count: %s", {json::value(e.what())});
   }
@@ -393,7 +379,7 @@ void SyncManager::poll_once() {
 // --- requests from other processes ------------------------------------------
 
 std::vector<std::string> SyncManager::request_for_sync() {
-  if (in_transition_.load() || path_exists(transition_lock_path())) {
+  if (transition_in_progress()) {
     throw StateError("Sync is in era transition mode \u2014 request_for_sync rejected");
   }
   if (!running_.load()) throw StateError("Sync thread is not running. Call start() or acquire() first.");

@@ -411,6 +411,7 @@ std::optional<SyncResult> SyncManager::sync_pass(SyncResult& earlier) {
       exclude_missing_found_pnl(server);
       std::shared_ptr<const json::object> vocabularies = validated_vocabularies(*server);
       load_manifest_signals_index(data_dir_, *server);
+      sync_file_system(data_dir_);  // what the manifest vouches for is durable first
       write_manifest_json(data_dir_, server->data(), body_sha, body_sha);
       hash_cache_.persist();
       take_vocabulary_metadata(result, *vocabularies);
@@ -548,6 +549,9 @@ std::optional<SyncResult> SyncManager::sync_pass(SyncResult& earlier) {
   if (vocabulary_due) result.vocabulary_downloaded = download_vocabulary(*server);
   for (const auto& path : vocabulary_paths) remove_manifest_tmp_file(data_dir_, path);  // not needed after all
   result.shuffle_seed_downloaded = download_shuffle_seed(*server);
+  // One flush for everything promoted by this sync, before the manifest that
+  // vouches for it.
+  sync_file_system(data_dir_);
   write_manifest_json(data_dir_, server->data(), body_sha, body_sha);
   hash_cache_.persist();
   remove_sync_progress_json(data_dir_);

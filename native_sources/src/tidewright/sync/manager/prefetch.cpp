@@ -21,7 +21,7 @@ std::vector<SyncManager::PrefetchedFeatureFile> SyncManager::request_feature_fil
   std::optional<std::string> universe;
   if (named_universe) universe = strip_ws(*named_universe);
 
-  if (in_transition() || path_exists(path_join(data_dir_, ".transition_lock"))) {
+  if (transition_in_progress()) {
     throw StateError("Sync is in era transition mode \u2014 request_feature_files_for_sync rejected");
   }
   if (!running()) throw StateError("Sync thread is not running. Call start() or acquire() first.");

@@ -443,6 +443,10 @@ class SyncManager : public std::enable_shared_from_this<SyncManager>, public Era
   std::shared_ptr<EraThread> era_thread() const;
   bool consumer_lifecycle_started() const { return consumer_lifecycle_started_.load(); }
   std::string transition_lock_path() const;
+  // True while this process is in transition or another live process holds
+  // ".transition_lock". A lock file whose writer is gone (killed mid-way) is
+  // taken over: removed, with a warning naming it and the dead process id.
+  bool transition_in_progress() const;
   std::string transition_staging_path(std::int64_t era_number) const;
 
  private:

@@ -14,6 +14,7 @@
 #include "tidewright/sync/manager/cleanup.hpp"
 #include "tidewright/sync/manager/rotation_plan.hpp"
 #include "tidewright/sync/manager/download_set.hpp"
+#include "tidewright/sync/manager/side_files.hpp"
 #include "tidewright/sync/manager/sync_manager.hpp"
 #include "tidewright/sync/manifest/manifest_files.hpp"
 #include "tidewright/sync/manifest/paths.hpp"
@@ -23,7 +24,9 @@
 #include "tidewright/sync/transport/http_request.hpp"
 
 #include <cerrno>
+#include <csignal>
 #include <cstring>
+#include <limits>
 #include <fcntl.h>
 #include <filesystem>
 #include <set>
@@ -64,13 +67,31 @@ void copy_file_with_times(const std::string& from, const std::string& to) {
   if (::chmod(to.c_str(), st.st_mode & 07777) != 0) throw_os_error(errno, to);
 }
 
-void write_pid_file(const std::string& path) {
-  const std::string text = std::to_string(::getpid());
-  // A link planted at the name is refused (ELOOP), never written through.
-  UniqueFd fd(::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0666));
-  if (!fd.valid()) throw_os_error(errno, path);
-  if (::write(fd.get(), text.data(), text.size()) != static_cast<ssize_t>(text.size())) throw_os_error(errno, path);
-  if (fd.reset() != 0) throw_os_error(errno, path);
+// Written whole through a temporary file, so the lock file always holds a
+// complete process id (a link planted at the name is replaced, never written
+// through).
+void write_pid_file(const std::string& path) { atomic_write(path, std::to_string(::getpid())); }
+
+// Whether `pid` is a running process of this host: one that exists and is not
+// a zombie waiting to be reaped (a killed holder whose parent has not yet
+// collected it is gone for our purposes).
+bool process_alive(pid_t pid) {
+  if (pid <= 0) return false;
+  if (::kill(pid, 0) != 0 && errno == ESRCH) return false;
+  try {
+    const std::string stat = read_file("/proc/" + std::to_string(pid) + "/stat");
+    const std::size_t close = stat.rfind(')');
+    if (close != std::string::npos && close + 2 < stat.size()) return stat[close + 2] != 'Z' && stat[close + 2] != 'X';
+  } catch (const std::exception&) {
+    // No /proc: the signal probe alone decides.
+  }
+  return true;
+}
+
+std::optional<pid_t> parse_pid(std::string_view text) {
+  std::optional<std::int64_t> n = parse_consumer_count(text);  // a decimal integer, white space stripped
+  if (!n || *n <= 0 || *n > std::numeric_limits<pid_t>::max()) return std::nullopt;
+  return static_cast<pid_t>(*n);
 }
 
 // Removes the transition lock file unless another process has written its
@@ -151,6 +172,40 @@ void check_library_version(const json::object& era_config, std::int64_t new_era_
 }  // namespace
 
 std::string SyncManager::transition_lock_path() const { return path_join(data_dir_, ".transition_lock"); }
+
+bool SyncManager::transition_in_progress() const {
+  if (in_transition_.load()) return true;
+  const std::string path = transition_lock_path();
+  std::string content;
+  try {
+    content = read_file(path);
+  } catch (const FileNotFoundError&) {
+    return false;
+  } catch (const std::exception&) {
+    return true;  // there, but unreadable: not ours to judge
+  }
+  std::optional<pid_t> pid = parse_pid(content);
+  if (pid && process_alive(*pid)) return true;
+  // The writer is gone. The file is moved aside before it is removed, so that
+  // a transition starting meanwhile (which rewrites the file whole, under a
+  // new inode) never loses its own lock file to us.
+  const std::string aside = path + "." + std::to_string(::getpid()) + ".stale";
+  if (::rename(path.c_str(), aside.c_str()) != 0) return errno != ENOENT;
+  std::string moved;
+  try {
+    moved = read_file(aside);
+  } catch (const std::exception&) {
+  }
+  if (moved != content) {
+    // Rewritten between the two reads: put the live lock back.
+    if (::renameat2(AT_FDCWD, aside.c_str(), AT_FDCWD, path.c_str(), RENAME_NOREPLACE) != 0) ::unlink(aside.c_str());
+    return true;
+  }
+  ::unlink(aside.c_str());
+  log_warning("Taking over stale transition lock %s: process %s is not running",
+              {json::value(path), json::value(pid ? std::to_string(*pid) : python_repr(std::string_view(content)))});
+  return false;
+}
 
 std::string SyncManager::transition_staging_path(std::int64_t era_number) const {
   return path_join(data_dir_, ".transition_era" + std::to_string(era_number) + ".tmp");
@@ -551,6 +606,8 @@ void SyncManager::switch_transition(TransitionRun& run) {
                                  std::pair(shuffle_seed_meta_path(staged_seed), shuffle_seed_meta_path(final_seed))}) {
     if (path_exists(from)) rename_file(from, to);
   }
+  // The new era's files reach stable storage before its manifest names them.
+  sync_file_system(data_dir_);
   const std::string body_sha = sha256(run.manifest_body);
   write_manifest_json(data_dir_, run.manifest->data(), body_sha, body_sha);
   std::lock_guard<std::mutex> lock(state_mu_);
