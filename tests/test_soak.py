@@ -36,16 +36,17 @@ def test_checks_catch_a_foreign_file_a_leftover_and_an_unpublished_manifest(data
     assert set(check_visible(str(tmp_path), published, hashes)) == {
         f"{feature} matches no published version of it", "features/stray.arrow is in no published manifest"}
     committed = check_committed(str(tmp_path), published, hashes)
-    assert f"{feature} is not the file of era 1 version 1" in committed
+    assert any(p.startswith(f"{feature} is not the file of era 1 version 1,") for p in committed)
     assert any(p.startswith("features/stray.arrow is left beside") for p in committed)
 
-    # The service moves on; the directory still holds version 1, which was published.
+    # The service moves on and a sync of version 2 fails half-way: version 2's
+    # file under version 1's manifest is allowed until a sync commits.
     dataservice.set_version(touch=[feature])
     published.record(dataservice)
-    path.write_bytes(dataservice.file_bytes(None, feature))   # version 2's bytes are a published version too
+    path.write_bytes(dataservice.file_bytes(None, feature))
     os.remove(tmp_path / "features" / "stray.arrow")
     assert check_visible(str(tmp_path), published, hashes) == []
-    assert check_committed(str(tmp_path), published, hashes) == [f"{feature} is not the file of era 1 version 1"]
+    assert check_committed(str(tmp_path), published, hashes) == []
     assert published.lag((1, 2), 0.0) == 0.0 and published.lag((1, 1), published.states[1][2] + 7.0) == 7.0
 
     (tmp_path / "manifest.json").write_text('{"era_number": 1, "version": 9, "files": {}}')

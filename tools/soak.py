@@ -71,7 +71,8 @@ SIDE_FILES = frozenset({
 
 # Runs the console entry point as installed, whatever module holds it.
 WATCH_CHILD = """
-import sys
+import signal, sys
+signal.signal(signal.SIGINT, signal.default_int_handler)  # ignored when the soak runs in the background
 from importlib.metadata import entry_points
 import tidewright.sync as sync
 sync._set_sync_http_timeout_seconds(float(sys.argv[1]))
@@ -405,7 +406,16 @@ def check_visible(data_dir: str, published: Published, hashes: Hashes) -> list[s
 
 
 def check_committed(data_dir: str, published: Published, hashes: Hashes) -> list[str]:
-    """Under the directory's lock: the committed state is one published manifest, whole."""
+    """Under the directory's lock: "manifest.json" is a published manifest,
+    no data file lies beside those it lists, and when it is the service's
+    latest, every file it lists is that manifest's file.
+
+    Short of the latest, files may belong to a later version: a sync promotes
+    each file once verified and writes the manifest last, so one that failed
+    half-way (a refused request, say) leaves some files of the version it
+    was fetching under a manifest that still names the one before. The next
+    sync that commits puts them right, which the in-step check then sees.
+    """
     manifest = read_json(os.path.join(data_dir, "manifest.json"))
     if manifest is None:
         return []  # nothing committed yet
@@ -415,9 +425,11 @@ def check_committed(data_dir: str, published: Published, hashes: Hashes) -> list
         return [f"manifest.json (era {key[0]} version {key[1]}) is no manifest the service published"]
     problems = []
     listed = expected["files"]
-    for rel, entry in listed.items():
-        if hashes.of(os.path.join(data_dir, *rel.split("/"))) != entry["sha256"]:
-            problems.append(f"{rel} is not the file of era {key[0]} version {key[1]}")
+    if key == published.latest():
+        for rel, entry in listed.items():
+            if hashes.of(os.path.join(data_dir, *rel.split("/"))) != entry["sha256"]:
+                problems.append(f"{rel} is not the file of era {key[0]} version {key[1]}, which the directory "
+                                f"holds and the service still serves")
     for rel in visible_data_files(data_dir):
         if rel not in listed:
             problems.append(f"{rel} is left beside era {key[0]} version {key[1]}, which does not list it")
@@ -429,6 +441,18 @@ def local_state(data_dir: str) -> tuple[int, int] | None:
     if not isinstance(manifest, dict):
         return None
     return manifest.get("era_number"), manifest.get("version")
+
+
+def dump_stacks(pid: int, work: str) -> str:
+    """The native stacks of every thread of ``pid`` into the work directory (with gdb, when installed)."""
+    gdb = shutil.which("gdb")
+    if gdb is None:
+        return ""
+    path = os.path.join(work, f"stacks-{pid}.txt")
+    with open(path, "w", encoding="utf-8") as out:
+        subprocess.run([gdb, "-p", str(pid), "-batch", "-ex", "thread apply all bt"], stdout=out,
+                       stderr=subprocess.STDOUT, timeout=120)
+    return f" (thread stacks in {path})"
 
 
 # -- the run ---------------------------------------------------------------------------------------
@@ -547,9 +571,9 @@ def run(args) -> int:
             try:
                 watch.wait(60)
             except subprocess.TimeoutExpired:
+                failures.append("the watch did not stop within 60 s of Ctrl-C" + dump_stacks(watch.pid, work))
                 watch.kill()
                 watch.wait()
-                failures.append("the watch did not stop within 60 s of Ctrl-C")
         log.close()
         svc.stop()
 
