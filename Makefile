@@ -61,8 +61,13 @@ demo: install
 	rm -rf build/demo && mkdir -p build/demo/data
 	$(VENV)/bin/tidewright-sync demo --data-dir build/demo/data
 
+# After the peers: what the flush before each commit costs a cold sync and an
+# era switch, on a 2 GiB era and a 100k-file era (see bench/bench_durability.py;
+# DURABILITY_ARGS="--size-gib 0.5 --files 20000" for a quick run).
+DURABILITY_ARGS ?=
 bench: install
 	$(VPY) bench/bench_peers.py $(BENCH_ARGS)
+	$(VPY) bench/bench_durability.py $(DURABILITY_ARGS)
 
 # The wheel. The standard front end (python -m build) builds it in the same
 # CMake build directory as `make install` (so only what changed is compiled),
