@@ -20,7 +20,7 @@ import pytest
 import tidewright.auth
 import tidewright.sync as sync
 from tidewright import cli
-from tidewright.sync_backoff import SyncBackoffCancelled, backoff_context
+from tidewright.sync_backoff import SyncBackoffCancelled, SyncBackoffPolicy, backoff_context
 
 from tests.sync_helpers import BIG, BIG_BYTES, FEATURE, FOUND_PNL, assert_in_step, manager, request_budget, stop_when
 
@@ -274,6 +274,28 @@ def test_forced_curl_mode_runs_curl_only_for_public_requests(dataservice_factory
     authorized = {r.path for r in svc.requests if r.has_authorization}
     assert {"/data/manifest/version", "/data/manifest", "/data/shuffle"} <= authorized
     assert not any(p.startswith("/data/files/") for p in authorized)
+
+
+@pytest.mark.skipif(shutil.which("curl") is None, reason="needs the curl program")
+def test_a_users_curlrc_does_not_change_the_curl_downloads(dataservice_factory, tmp_path, monkeypatch):
+    svc = dataservice_factory(tls=True, public_files=True)
+    home, data = tmp_path / "home", tmp_path / "data"
+    home.mkdir()
+    data.mkdir()
+    # Every download of a curl that read this would go to a closed port.
+    (home / ".curlrc").write_text('proxy = "http://127.0.0.1:1"\n')
+    monkeypatch.setenv("HOME", str(home))
+    monkeypatch.delenv("CURL_HOME", raising=False)
+    monkeypatch.delenv("XDG_CONFIG_HOME", raising=False)
+    monkeypatch.setenv("SSL_CERT_FILE", svc.ca_file)
+    monkeypatch.setenv("CURL_CA_BUNDLE", svc.ca_file)
+    # Failing curl runs never reach the service: a correct run has no retry waits.
+    waits = []
+    monkeypatch.setattr(SyncBackoffPolicy, "delay_seconds", classmethod(lambda cls, i: waits.append(i) or 0.0))
+    with backoff_context(stop_requested=lambda: len(svc.requests) > 400 or len(waits) > 20):
+        manager(svc, data, sync_http_transport="curl").sync()
+    assert_in_step(svc, data)
+    assert any(r.path.startswith("/data/files/") and not r.has_authorization for r in svc.requests)
 
 
 # -- never in clear text off the machine, never to an unverified peer -------------

@@ -412,6 +412,7 @@ std::vector<std::string> curl_command(const std::string& curl_path, const HttpRe
                                       const std::string& headers_path, const std::string& body_path) {
   std::vector<std::string> argv = {
       curl_path,
+      "-q",  // first, or it is ignored: a user's ~/.curlrc must not change what this run does
       "-4",
       "-sS",
       "-L",
