@@ -400,37 +400,40 @@ def test_a_redirect_off_the_machine_never_carries_the_token(dataservice_factory,
         assert SECRET not in head and "authorization:" not in head.lower(), head
 
 
-def test_an_untrusted_certificate_fails_before_any_request_is_sent(dataservice_factory, tmp_path, monkeypatch,
-                                                                   instant_backoff):
-    svc = dataservice_factory(token=SECRET, tls=True)
+def test_an_untrusted_certificate_fails_at_once_sends_nothing_and_says_what_to_trust(dataservice_factory, tmp_path,
+                                                                                     monkeypatch):
+    svc = dataservice_factory(token=SECRET, tls=True, public_files=True)
     for name in ("SSL_CERT_FILE", "SSL_CERT_DIR", "CURL_CA_BUNDLE"):
         monkeypatch.delenv(name, raising=False)
-    retries = []
+    monkeypatch.setenv(cli.TOKEN_ENV, SECRET)
+    # A retry waits first, and the first wait ends the call: a failure taken
+    # for an outage ends with SyncBackoffCancelled instead.
+    waits = []
+    monkeypatch.setattr(SyncBackoffPolicy, "delay_seconds", classmethod(lambda cls, i: waits.append(i) or 0.0))
+    data = tmp_path / "data"
+    data.mkdir()
+    calls = {"in-process client": lambda: manager(svc, data).sync()}
+    if shutil.which("curl"):
+        calls["curl program"] = lambda: sync._http_get_public(svc.url + "/data/files/" + FEATURE, transport="curl")
+    for name, call in calls.items():
+        with backoff_context(stop_requested=lambda: bool(waits)), pytest.raises(sync.SyncUnavailableError) as info:
+            call()
+        error = info.value
+        assert (error.dependency, error.retryable, error.attempts) == ("tls", False, 1), name
+        assert "127.0.0.1" in str(error) and "certificate" in error.reason, name
+    assert waits == []
+    assert svc.requests == []  # the handshake failed before a request (and its token) was sent
+    assert os.listdir(data) == []
 
-    class Count(logging.Handler):
-        def emit(self, record):
-            event = getattr(record, "tidewright_sync_event", None)
-            if event and event["event_type"] == "http_retry":
-                retries.append(event)
-
-    logger = logging.getLogger("tidewright.sync")
-    handler, level = Count(), logger.level
-    logger.addHandler(handler)
-    logger.setLevel(logging.DEBUG)
-    try:
-        m = manager(svc, tmp_path)
-        with backoff_context(stop_requested=stop_when(lambda: len(retries) >= 2)), pytest.raises(SyncBackoffCancelled):
-            m.sync()
-    finally:
-        logger.removeHandler(handler)
-        logger.setLevel(level)
-    assert retries and {e["reason"] for e in retries} == {"URLError"}
-    assert svc.requests == []  # no request, so no token, reached the service
-    assert not (tmp_path / "manifest.json").exists()
+    out, err = io.StringIO(), io.StringIO()
+    argv = ["sync", "--server", svc.url, "--data-dir", str(data), "--transport", "curl", "--no-progress"]
+    assert cli.main(argv, stdout=out, stderr=err) == cli.EXIT_UNAVAILABLE
+    assert waits == [] and "127.0.0.1" in err.getvalue() and "SSL_CERT_FILE" in err.getvalue()
 
     monkeypatch.setenv("SSL_CERT_FILE", svc.ca_file)
-    m.sync()
-    assert_in_step(svc, tmp_path)
+    monkeypatch.setenv("CURL_CA_BUNDLE", svc.ca_file)
+    assert cli.main(argv, stdout=out, stderr=err) == cli.EXIT_OK, err.getvalue()
+    assert_in_step(svc, data)
 
 
 # -- nothing written outside the data directory -----------------------------------

@@ -724,6 +724,12 @@ def classify(exc: BaseException, run: Run) -> CliError:
     if isinstance(exc, sync.PermanentDownloadError) and exc.status in (401, 403):
         return CliError(EXIT_AUTH, f"the data service refused access (HTTP {exc.status}): {text}",
                         "check the token and its permissions, or get a new one")
+    if isinstance(exc, sync.SyncUnavailableError) and exc.dependency == "tls":
+        # Not an outage: it fails at once, and again until the trust is configured.
+        return CliError(EXIT_UNAVAILABLE, f"cannot connect securely to the data service: {exc.reason}",
+                        "set SSL_CERT_FILE to a CA bundle that trusts the service's certificate (for a private CA, "
+                        "its CA certificate in PEM), or check --server; nothing was sent",
+                        details={"endpoint": exc.endpoint, "failures": exc.failures})
     if isinstance(exc, sync.SyncUnavailableError):
         parts = [f"server_error={exc.server_error_code}" if exc.server_error_code else "",
                  f"reason={exc.reason}" if exc.reason else ""]

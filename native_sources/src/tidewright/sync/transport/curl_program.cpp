@@ -191,6 +191,25 @@ std::string curl_failure_text(const CurlRun& run) {
   return "curl exited with status " + std::to_string(run.exit_status);
 }
 
+// A failed run as the in-process client would report it: a certificate
+// that does not verify is a TlsVerificationError (with the first line of
+// curl's text, the rest is advice for curl's users), anything else a
+// NetworkError("URLError").
+[[noreturn]] void throw_curl_failure(const HttpRequest& request, const CurlRun& run) {
+  std::string text = curl_failure_text(run);
+  if (is_tls_verification_failure(run.exit_status)) {
+    std::string cause = text.substr(0, text.find('\n'));
+    constexpr std::string_view kPrefix = "curl: ";
+    if (cause.rfind(kPrefix, 0) == 0) cause.erase(0, kPrefix.size());
+    // "(60) SSL certificate problem: ...": the code says no more than the text.
+    if (std::size_t code_end = cause.find(") "); !cause.empty() && cause.front() == '(' && code_end != std::string::npos) {
+      cause.erase(0, code_end + 2);
+    }
+    throw TlsVerificationError(request.url, request_host(request), strip_ws(cause));
+  }
+  throw NetworkError("URLError", text);
+}
+
 // The target of "-o": the pipe that run_curl_process puts at this
 // descriptor in the child, so the body streams to us as it arrives and is
 // never stored on the way.
@@ -595,7 +614,7 @@ std::int64_t curl_status_from_stdout(std::string_view stdout_bytes) {
 HttpResponse curl_request(const HttpRequest& request, const TransferOptions& options) {
   CurlExchange exchange(request, options, nullptr);
   exchange.run();
-  if (exchange.failed()) throw NetworkError("URLError", curl_failure_text(exchange.process()));
+  if (exchange.failed()) throw_curl_failure(request, exchange.process());
   HttpResponse response;
   response.status = exchange.status();
   response.headers = std::move(exchange.headers());
@@ -608,7 +627,7 @@ DownloadResult curl_download(const HttpRequest& request, BodySink& sink, const T
   exchange.run();
   // On a failed run, what reached the sink is the prefix that arrived
   // before the failure.
-  if (exchange.failed()) throw NetworkError("URLError", curl_failure_text(exchange.process()));
+  if (exchange.failed()) throw_curl_failure(request, exchange.process());
   DownloadResult result;
   result.status = exchange.status();
   result.headers = std::move(exchange.headers());

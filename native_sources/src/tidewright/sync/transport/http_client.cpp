@@ -1,6 +1,7 @@
 #include "tidewright/sync/transport/http_client.hpp"
 
 #include "tidewright/sync/common/fs.hpp"
+#include "tidewright/sync/common/url.hpp"
 #include "tidewright/sync/transport/settings.hpp"
 
 #include <curl/curl.h>
@@ -126,6 +127,25 @@ std::optional<std::string> ca_bundle_fallback(const std::vector<std::string>& ca
     if (::stat(path.c_str(), &st) == 0 && S_ISREG(st.st_mode) && ::access(path.c_str(), R_OK) == 0) return path;
   }
   return std::nullopt;
+}
+
+TlsVerificationError::TlsVerificationError(const std::string& url, std::string host_name, std::string cause_text,
+                                           std::int64_t attempts, std::vector<std::int64_t> statuses,
+                                           std::vector<std::string> failures)
+    : SyncUnavailableError([&] {
+        failures.emplace_back("SSLCertVerificationError");
+        if (failures.size() > 20) failures.erase(failures.begin(), failures.end() - 20);
+        return make_unavailable_details(
+            url, attempts, std::move(statuses), std::move(failures), std::nullopt, json::value("tls"),
+            json::value(false), json::value("trust_service_certificate"),
+            json::value("the TLS certificate of " + host_name + " could not be verified: " + cause_text), true);
+      }()),
+      host(std::move(host_name)),
+      cause(std::move(cause_text)) {}
+
+bool is_tls_verification_failure(int curl_code) {
+  return curl_code == CURLE_PEER_FAILED_VERIFICATION || curl_code == CURLE_SSL_CACERT_BADFILE ||
+         curl_code == CURLE_SSL_ISSUER_ERROR;
 }
 
 std::optional<std::string> HttpHeaders::get(std::string_view name) const {
@@ -534,6 +554,13 @@ void HttpClient::perform(const HttpRequest& request, Transfer& transfer) {
   }
   if (rc != CURLE_OK) {
     std::string text = transfer.error_text[0] ? std::string(transfer.error_text.data()) : curl_easy_strerror(rc);
+    if (is_tls_verification_failure(rc)) {
+      // The host that failed, which after a redirect is not the request's.
+      char* effective = nullptr;
+      curl_easy_getinfo(easy, CURLINFO_EFFECTIVE_URL, &effective);
+      std::string host = split_url(effective ? effective : request.url).hostname();
+      throw TlsVerificationError(request.url, host.empty() ? "<unknown>" : host, text);
+    }
     switch (rc) {
       case CURLE_GOT_NOTHING:
         throw NetworkError("RemoteDisconnected", "Remote end closed connection without response");

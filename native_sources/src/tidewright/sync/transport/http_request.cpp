@@ -180,6 +180,9 @@ auto retry_sync_request(const HttpRequest& request, const StopPredicate& stop_re
       if (!transient) return result;
       failure = "http_" + std::to_string(result.status);
       status_field = result.status;
+    } catch (const TlsVerificationError& e) {
+      // Not retried; the error tells what this loop saw before it.
+      throw TlsVerificationError(url, e.host, e.cause, attempt_index + 1, statuses, failures);
     } catch (const NetworkError& e) {
       if (!retry_network_failure()) throw;
       failure = e.host_class();
