@@ -420,9 +420,9 @@ def test_curl_runs_with_the_exact_command_line_and_cleans_up(fake_curl):
     assert headers == {"Content-Range": "bytes 0-9/100", "X-Era-Number": "4"}
 
     [argv] = fake_curl.calls()
-    headers_path, body_path = argv[16], argv[18]
+    headers_path, body_path = argv[18], argv[20]
     assert argv == [
-        str(fake_curl.path), "-q", "-4", "-sS", "-L", "--connect-timeout", "5", "--speed-limit", "1024",
+        str(fake_curl.path), "-q", "-4", "-sS", "-L", "--proto-redir", "=https", "--connect-timeout", "5", "--speed-limit", "1024",
         "--speed-time", "30", "--retry", "4", "--retry-delay", "0", "-D", headers_path, "-o", body_path,
         "-w", "%{http_code}", "-H", "Range: bytes=0-9", "-A", "tidewright-sync/0.0.3", DATA_URL]
     temp_dir = os.path.dirname(headers_path)

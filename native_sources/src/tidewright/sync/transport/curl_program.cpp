@@ -216,6 +216,9 @@ std::string curl_failure_text(const CurlRun& run) {
 constexpr int kBodyFd = 3;
 constexpr const char* kBodyTarget = "/dev/fd/3";
 
+// Curl's exit status for a protocol it may not use (CURLE_UNSUPPORTED_PROTOCOL).
+constexpr int kCurlUnsupportedProtocol = 1;
+
 // Ends a run once enough of an error body is kept.
 struct ErrorBodyFull {};
 
@@ -272,7 +275,12 @@ class CurlExchange {
   }
 
   bool http_error() const { return status_ >= 400 && status_ <= 599; }
-  bool failed() const { return run_.exit_status != 0 && !http_error(); }
+  bool failed() const { return run_.exit_status != 0 && !http_error() && !refused_redirect(); }
+  // Curl stopped at a redirect that --proto-redir does not allow: as the
+  // in-process client does, the redirect is the answer.
+  bool refused_redirect() const {
+    return run_.exit_status == kCurlUnsupportedProtocol && status_ >= 300 && status_ < 400;
+  }
   const CurlRun& process() const { return run_; }
   std::int64_t status() const { return status_; }
   HttpHeaders& headers() { return headers_; }
@@ -435,6 +443,8 @@ std::vector<std::string> curl_command(const std::string& curl_path, const HttpRe
       "-4",
       "-sS",
       "-L",
+      "--proto-redir",  // redirects to https only: never to clear text, nor to another protocol
+      "=https",
       "--connect-timeout",
       shortest_number(std::min(timeout, SYNC_CURL_CONNECT_TIMEOUT_SECONDS)),
       "--speed-limit",

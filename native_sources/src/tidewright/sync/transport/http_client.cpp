@@ -119,6 +119,27 @@ const std::string& default_ca_bundle() {
   return bundle;
 }
 
+struct UrlDeleter {
+  void operator()(CURLU* url) const { curl_url_cleanup(url); }
+};
+
+// Whether a redirect from `base` to `location` (absolute or relative) may be
+// followed: to https, or to plain http on this machine, as for the first
+// request. A token must not leave the machine in clear text because a
+// server said so, and nothing else may be fetched from where it points.
+bool redirect_allowed(const char* base, const std::string& location) {
+  std::unique_ptr<CURLU, UrlDeleter> url{curl_url()};
+  if (!url || !base || curl_url_set(url.get(), CURLUPART_URL, base, 0) != CURLUE_OK) return false;
+  // Set on a handle that holds a URL, a relative reference is resolved against it.
+  if (curl_url_set(url.get(), CURLUPART_URL, location.c_str(), 0) != CURLUE_OK) return false;
+  char* text = nullptr;
+  if (curl_url_get(url.get(), CURLUPART_URL, &text, 0) != CURLUE_OK || !text) return false;
+  const UrlParts target = split_url(text);
+  curl_free(text);
+  if (target.scheme == "https") return true;
+  return target.scheme == "http" && is_loopback_host(target.hostname());
+}
+
 }  // namespace
 
 std::optional<std::string> ca_bundle_fallback(const std::vector<std::string>& candidates) {
@@ -245,6 +266,7 @@ struct HttpClient::Transfer {
     kBodyTooLarge,
     kErrorBodyFull,  // not a failure: enough of a non-2xx body is kept
     kCallbackFailed,
+    kRedirectRefused,  // not a failure: the redirect is the answer
   };
 
   Transfer(const TransferOptions& options, BodySink* sink) : options(options), sink(sink) {}
@@ -341,7 +363,17 @@ struct HttpClient::Transfer {
     }
     if (content.empty()) {
       body_started = now;
-      if (!another_block_follows()) head_complete = true;
+      if (!another_block_follows()) {
+        head_complete = true;
+      } else if (block_status >= 300 && block_status < 400) {
+        char* current = nullptr;
+        curl_easy_getinfo(easy, CURLINFO_EFFECTIVE_URL, &current);
+        if (!redirect_allowed(current, *headers.get("Location"))) {
+          head_complete = true;
+          abort = Abort::kRedirectRefused;
+          return false;
+        }
+      }
       return true;
     }
     if ((content.front() == ' ' || content.front() == '\t') && !headers.items.empty()) {
@@ -541,6 +573,11 @@ void HttpClient::perform(const HttpRequest& request, Transfer& transfer) {
   switch (transfer.abort) {
     case Transfer::Abort::kNone: break;
     case Transfer::Abort::kErrorBodyFull: rc = CURLE_OK; break;
+    case Transfer::Abort::kRedirectRefused:
+      // The redirect is returned as it came; the caller sees a status that is not the data.
+      transfer.final_status = static_cast<long>(transfer.block_status);
+      transfer.body.clear();
+      return;
     case Transfer::Abort::kCallbackFailed: std::rethrow_exception(transfer.callback_error);
     case Transfer::Abort::kStopped: throw SyncBackoffCancelled("HTTP transfer cancelled: stop requested");
     case Transfer::Abort::kStalled: throw TimeoutError("timed out");

@@ -6,7 +6,9 @@
 // Signals are never used (CURLOPT_NOSIGNAL), TLS peers are verified (the CA
 // bundle named by SSL_CERT_FILE or CURL_CA_BUNDLE is used when set, else the
 // system's own bundle, see ca_bundle_fallback), and redirects are followed
-// within http and https.
+// only to https, or to plain http on this machine (the rule for the first
+// request too); a redirect elsewhere is not followed but returned as the
+// answer (its 3xx status and headers).
 //
 // Timeouts mean "no progress for that long": connecting, and then every gap
 // between received bytes, may take at most `timeout_seconds`. In addition the
