@@ -411,6 +411,16 @@ def test_a_redirect_to_clear_text_off_the_machine_is_not_followed(dataservice_fa
     assert trap.connections == 0
 
 
+def test_a_proxy_from_the_environment_never_carries_a_request_to_this_machine(dataservice_factory, trap,
+                                                                              monkeypatch):
+    svc = dataservice_factory(token=SECRET)
+    for name in ("no_proxy", "NO_PROXY"):
+        monkeypatch.delenv(name)  # the proxy variables name the trap, for every host
+    with backoff_context(stop_requested=stop_when(lambda: trap.connections > 0)):
+        assert sync._http_get(svc.url + "/data/manifest", SECRET)[0] == 200
+    assert trap.connections == 0 and [r.path for r in svc.requests] == ["/data/manifest"]
+
+
 def test_an_untrusted_certificate_fails_at_once_sends_nothing_and_says_what_to_trust(dataservice_factory, tmp_path,
                                                                                      monkeypatch):
     svc = dataservice_factory(token=SECRET, tls=True, public_files=True)

@@ -106,6 +106,19 @@ const char* env_or_null(const char* name) {
   return (value && *value) ? value : nullptr;
 }
 
+// The hosts reached without a proxy: the user's no_proxy (or NO_PROXY) list
+// and always this machine. A proxy named in the environment (http_proxy,
+// ALL_PROXY) would otherwise carry a request to loopback, plain http and
+// token included, to another host, which then reaches its own loopback.
+std::string no_proxy_hosts() {
+  std::string hosts = "localhost,127.0.0.0/8,::1";
+  const char* user = env_or_null("no_proxy");
+  if (!user) user = env_or_null("NO_PROXY");
+  if (!user) return hosts;
+  if (strip_ws(user) == "*") return "*";
+  return std::string(user) + "," + hosts;
+}
+
 // The bundle to use without SSL_CERT_FILE / CURL_CA_BUNDLE, found once per
 // process (empty when there is none: libcurl then keeps its default).
 const std::string& default_ca_bundle() {
@@ -540,6 +553,7 @@ void HttpClient::perform(const HttpRequest& request, Transfer& transfer) {
   curl_easy_setopt(easy, CURLOPT_REDIR_PROTOCOLS_STR, "http,https");
   curl_easy_setopt(easy, CURLOPT_FOLLOWLOCATION, 1L);
   curl_easy_setopt(easy, CURLOPT_MAXREDIRS, 10L);
+  curl_easy_setopt(easy, CURLOPT_NOPROXY, no_proxy_hosts().c_str());  // copied by libcurl
   curl_easy_setopt(easy, CURLOPT_HTTPHEADER, header_list.get());
   curl_easy_setopt(easy, CURLOPT_CONNECTTIMEOUT_MS, timeout_ms);
   curl_easy_setopt(easy, CURLOPT_BUFFERSIZE, static_cast<long>(sync_http_response_read_bytes()));

@@ -8,7 +8,9 @@
 // system's own bundle, see ca_bundle_fallback), and redirects are followed
 // only to https, or to plain http on this machine (the rule for the first
 // request too); a redirect elsewhere is not followed but returned as the
-// answer (its 3xx status and headers).
+// answer (its 3xx status and headers). Proxies named in the environment
+// are used, except for this machine's own addresses (and the hosts in
+// no_proxy).
 //
 // Timeouts mean "no progress for that long": connecting, and then every gap
 // between received bytes, may take at most `timeout_seconds`. In addition the
