@@ -22,6 +22,7 @@ import tidewright.sync as sync
 from tidewright import cli
 from tidewright.sync_backoff import SyncBackoffCancelled, SyncBackoffPolicy, backoff_context
 
+from tests.raw_http_server import RawHttpServer
 from tests.sync_helpers import BIG, BIG_BYTES, FEATURE, FOUND_PNL, assert_in_step, manager, request_budget, stop_when
 
 SECRET = "tok-Kp7WqR3nZx"  # distinctive, so that a leak anywhere is found
@@ -408,6 +409,17 @@ def test_a_redirect_to_clear_text_off_the_machine_is_not_followed(dataservice_fa
             status, headers, _ = sync._http_get_public(svc.url + path, transport="curl")
     # The redirect is the answer, and the token stayed on the machine.
     assert (status, headers.get("Location")) == (302, OFF_MACHINE + path)
+    assert trap.connections == 0
+
+
+def test_a_redirect_disguised_by_a_status_line_inside_its_head_is_not_followed(trap):
+    # libcurl reads a 302 whose Location it follows; the bogus line must
+    # not make the client take the head for a 200 and skip the check.
+    head = b"HTTP/1.1 302 Found\r\nHTTP/1.1 200 OK: x\r\nLocation: " + OFF_MACHINE.encode() + b"/x\r\n"
+    with RawHttpServer() as srv:
+        url = srv.route("/data/manifest", lambda ex: ex.send(head + b"Content-Length: 0\r\nConnection: close\r\n\r\n"))
+        with backoff_context(stop_requested=stop_when(lambda: trap.connections > 0)):
+            assert sync._http_get(url, SECRET)[0] == 302
     assert trap.connections == 0
 
 

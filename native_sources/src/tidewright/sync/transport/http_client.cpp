@@ -302,6 +302,10 @@ struct HttpClient::Transfer {
   bool connected = false;
   Clock::time_point started = Clock::now();
   bool head_complete = false;  // the final response's head has arrived
+  // The next header line opens a response: at the start and after the blank
+  // line that ends a head. Only there is "HTTP/..." a status line; inside a
+  // head it is a (bogus) header line, which must not pass for a new block.
+  bool status_line_next = true;
   Clock::time_point last_progress = Clock::now();
   std::optional<Clock::time_point> body_started;
   Clock::time_point next_stop_check = Clock::now();
@@ -342,6 +346,18 @@ struct HttpClient::Transfer {
     return block_status >= 300 && block_status < 400 && headers.get("Location").has_value();
   }
 
+  // Whether every Location of the redirect that just ended may be
+  // followed (libcurl follows the first; all are checked, so no ordering
+  // or blank value can slip one past).
+  bool redirect_targets_allowed() const {
+    char* current = nullptr;
+    curl_easy_getinfo(easy, CURLINFO_EFFECTIVE_URL, &current);
+    for (const auto& [name, value] : headers.items) {
+      if (iequals(name, "Location") && !redirect_allowed(current, value)) return false;
+    }
+    return true;
+  }
+
   // false ends the transfer.
   bool header_line(std::string_view line) {
     Clock::time_point now = Clock::now();
@@ -357,7 +373,9 @@ struct HttpClient::Transfer {
     }
     std::string_view content = line;
     while (!content.empty() && (content.back() == '\n' || content.back() == '\r')) content.remove_suffix(1);
-    if (content.size() >= 5 && content.substr(0, 5) == "HTTP/") {
+    const bool status_line = status_line_next && content.size() >= 5 && content.substr(0, 5) == "HTTP/";
+    status_line_next = false;
+    if (status_line) {
       // A new response (after a redirect or an interim 1xx) replaces the last.
       headers.items.clear();
       body.clear();
@@ -376,16 +394,13 @@ struct HttpClient::Transfer {
     }
     if (content.empty()) {
       body_started = now;
+      status_line_next = true;
       if (!another_block_follows()) {
         head_complete = true;
-      } else if (block_status >= 300 && block_status < 400) {
-        char* current = nullptr;
-        curl_easy_getinfo(easy, CURLINFO_EFFECTIVE_URL, &current);
-        if (!redirect_allowed(current, *headers.get("Location"))) {
-          head_complete = true;
-          abort = Abort::kRedirectRefused;
-          return false;
-        }
+      } else if (block_status >= 300 && block_status < 400 && !redirect_targets_allowed()) {
+        head_complete = true;
+        abort = Abort::kRedirectRefused;
+        return false;
       }
       return true;
     }
