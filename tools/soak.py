@@ -141,6 +141,17 @@ def sample_process(pid: int, t: float) -> Sample | None:
     return Sample(t, fds, threads, rss)
 
 
+def thread_names(pid: int) -> set[str]:
+    names = set()
+    try:
+        for task in os.listdir(f"/proc/{pid}/task"):
+            with open(f"/proc/{pid}/task/{task}/comm", encoding="utf-8", errors="replace") as handle:
+                names.add(handle.read().strip())
+    except OSError:
+        pass
+    return names
+
+
 # -- the data directory ------------------------------------------------------------------
 
 class DirectoryLock:
@@ -497,9 +508,10 @@ def run(args) -> int:
     director = None
     started = time.monotonic()
     try:
-        # The watch's first sync, without faults.
+        # The watch's first sync, without faults, and its poll thread started
+        # (the figures at the start are those of a watch at work).
         deadline = started + args.lag_bound
-        while local_state(data_dir) != published.latest():
+        while local_state(data_dir) != published.latest() or "tw-sync-poll" not in thread_names(watch.pid):
             if watch.poll() is not None or time.monotonic() > deadline:
                 raise SystemExit(f"the watch did not complete its first sync (see {log_path})")
             time.sleep(0.2)
