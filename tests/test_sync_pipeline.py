@@ -78,9 +78,9 @@ def test_new_version_fetches_only_the_changed_file(dataservice, tmp_path):
 def test_verify_finds_missing_and_corrupted_files_and_repair_restores_them(dataservice_factory, tmp_path):
     svc = dataservice_factory(large_file_bytes=BIG_BYTES)
     m = manager(svc, tmp_path)
-    assert m.verify() == sync.VerifyResult(valid=True, corrupted_files=[], missing_files=[])  # no manifest yet
+    assert m.verify() == sync.VerifyResult(valid=True, corrupted_files=[], missing_files=[], has_manifest=False)
     m.sync()
-    assert m.verify().valid
+    assert m.verify() == sync.VerifyResult(valid=True, corrupted_files=[], missing_files=[], has_manifest=True)
 
     flipped = "features/top200/signal_is/px001__ret__lag0__v1.arrow"
     os.remove(tmp_path / FEATURE)
@@ -108,6 +108,70 @@ def test_verify_finds_missing_and_corrupted_files_and_repair_restores_them(datas
     assert [r.path for r in svc.requests] == ["/data/manifest/version"]
 
 
+VOCABULARY = "named_universes/top50/vocabulary.json"
+
+
+@pytest.mark.parametrize("damage, reported_as", [
+    (lambda path: path.write_bytes(path.read_bytes() + b" "), "corrupted_files"),
+    (lambda path: path.write_bytes(b"{not json"), "corrupted_files"),
+    (lambda path: path.unlink(), "missing_files"),
+], ids=["longer", "not JSON", "deleted"])
+def test_repair_restores_a_damaged_vocabulary(dataservice, tmp_path, damage, reported_as):
+    svc = dataservice
+    m = manager(svc, tmp_path)
+    m.sync()
+    damage(tmp_path / VOCABULARY)
+    assert getattr(m.verify(), reported_as) == [VOCABULARY]
+    svc.clear_requests()
+    assert m.repair([VOCABULARY]).bytes_downloaded == svc.manifest()["files"][VOCABULARY]["size_bytes"]
+    assert requested_paths(svc) == [VOCABULARY]
+    assert m.verify().valid
+    assert_in_step(svc, tmp_path)
+
+
+def test_repair_never_installs_a_vocabulary_that_does_not_validate(dataservice, tmp_path):
+    svc = dataservice
+    m = manager(svc, tmp_path)
+    m.sync()
+    damaged = local_bytes(tmp_path, VOCABULARY) + b" "
+    (tmp_path / VOCABULARY).write_bytes(damaged)
+    svc.add_fault("/data/files/" + VOCABULARY, "corrupt", count=None, offset=300)
+    with request_budget(svc), pytest.raises(sync.SyncError, match="^vocabulary.json is not valid JSON"):
+        m.repair([VOCABULARY])
+    assert local_bytes(tmp_path, VOCABULARY) == damaged and tmp_files(tmp_path) == []
+    svc.clear_faults()
+    m.repair([VOCABULARY])
+    assert m.verify().valid
+
+
+@pytest.mark.parametrize("served, outcome", [
+    (None, "kept with the hash of its bytes"),
+    (b'{"not": "a vocabulary"}', "refused"),
+])
+def test_a_vocabulary_whose_manifest_hash_is_stale(dataservice_factory, tmp_path, caplog, served, outcome):
+    # The service lists a hash that its vocabulary bytes do not have: bytes
+    # that validate as this era's vocabulary are kept and the local manifest
+    # records their real hash; anything else fails the sync.
+    extra = {} if served is None else {"extra_files": {VOCABULARY: ("vocabulary", served)}}
+    svc = dataservice_factory(entry_overrides={VOCABULARY: {"sha256": "0" * 64}}, **extra)
+    m = manager(svc, tmp_path)
+    if outcome == "refused":
+        with request_budget(svc), pytest.raises(sync.SyncError, match="^vocabulary.json missing required keys"):
+            m.sync()
+        assert not (tmp_path / VOCABULARY).exists() and not (tmp_path / "manifest.json").exists()
+        return
+    with caplog.at_level(logging.WARNING, logger="tidewright.sync"), request_budget(svc):
+        m.sync()
+    served = svc.file_bytes(None, VOCABULARY)
+    assert local_bytes(tmp_path, VOCABULARY) == served
+    recorded = json.loads((tmp_path / "manifest.json").read_text())["files"][VOCABULARY]
+    assert recorded["sha256"] == hashlib.sha256(served).hexdigest()
+    assert m.verify().valid and any(VOCABULARY in r.getMessage() for r in caplog.records if r.levelname == "WARNING")
+    svc.clear_requests()
+    m.sync()
+    assert [r.path for r in svc.requests] == ["/data/manifest/version"]
+
+
 def test_a_resumed_download_counts_only_the_bytes_this_sync_fetched(dataservice_factory, tmp_path):
     svc = dataservice_factory(features=1, large_file_bytes=BIG_BYTES)
     staged = svc.file_bytes(None, BIG)[:BIG_BYTES // 2 + 7]  # left by an interrupted sync
@@ -122,15 +186,6 @@ def test_a_resumed_download_counts_only_the_bytes_this_sync_fetched(dataservice_
     vocabularies = [p for p in files if p.startswith("named_universes/")]
     everything = sum(e["size_bytes"] for p, e in files.items() if p not in vocabularies)
     assert result.bytes_downloaded == everything - len(staged)
-
-
-def test_verify_without_a_manifest_says_it_had_nothing_to_check(dataservice, tmp_path):
-    m = manager(dataservice, tmp_path)
-    empty = m.verify()
-    assert (empty.valid, empty.corrupted_files, empty.missing_files, empty.has_manifest) == (True, [], [], False)
-    assert empty == sync.VerifyResult()
-    m.sync()
-    assert m.verify().has_manifest
 
 
 def test_download_set_larger_than_free_space_fails_before_any_file_request(dataservice_factory, tmp_path):
