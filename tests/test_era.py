@@ -14,7 +14,7 @@ from hypothesis import given, settings
 from hypothesis import strategies as st
 
 import tidewright.sync as sync
-from sync_helpers import wait_for
+from sync_helpers import assert_in_step, manager, tree, wait_for
 
 ERA_CURRENT = "/market/1/era/current"
 SAME = b"identical in both eras"
@@ -353,6 +353,9 @@ def test_transition_stages_switches_and_cleans_up(svc, data_dir, monkeypatch):
 
     m = synced(svc, data_dir)
     os.utime(data_dir / "shared/same.bin", ns=(1_000_000_000, 2_000_000_000))
+    for era in (1, 2):  # era directories a host keeps beside the data
+        (data_dir / f"era_{era}").mkdir()
+        (data_dir / f"era_{era}" / "notes.txt").write_text(f"era {era}")
     publish_next(svc)
     svc.clear_requests()
     calls = []
@@ -374,6 +377,41 @@ def test_transition_stages_switches_and_cleans_up(svc, data_dir, monkeypatch):
     assert {r["relative_path"] for r in recorded} == set(svc.manifest(2)["files"])
     assert m.status() == "Era transition to era 2 complete"
     assert not m._in_transition and leftovers(data_dir) == []
+    # The previous era's directory goes in the background; the new era's stays.
+    assert wait_for(lambda: not (data_dir / "era_1").exists())
+    assert (data_dir / "era_2" / "notes.txt").read_text() == "era 2"
+
+
+@pytest.mark.parametrize("keep_current", [True, False])
+def test_cleanup_of_old_eras_frees_what_it_removes_and_nothing_else(svc, data_dir, tmp_path, keep_current):
+    m = synced(svc, data_dir)
+    for name, size in (("era_1", 10), ("era_2", 200), ("era7", 3000), ("era_x", 5), (".hidden", 7)):
+        (data_dir / name / "sub").mkdir(parents=True)
+        (data_dir / name / "sub" / "blob").write_bytes(b"x" * size)
+    outside = tmp_path / "outside"
+    outside.mkdir()
+    (outside / "keep.bin").write_bytes(b"not ours")
+    (data_dir / "era_3").symlink_to(outside, target_is_directory=True)
+    before = tree(data_dir)
+
+    freed = m.cleanup_old_eras(keep_current=keep_current)
+
+    after = tree(data_dir)
+    removed = set(before) - set(after)
+    assert freed == sum(len(before[p]) for p in removed)
+    assert (outside / "keep.bin").read_bytes() == b"not ours" and (data_dir / "era_3").is_symlink()
+    assert ".hidden/sub/blob" in after and ".sync_hash_cache.json" in after
+    assert {"era_2/sub/blob", "era7/sub/blob"} <= removed
+    if keep_current:
+        # Only other eras' directories: the current era, the data and other directories stay.
+        assert removed == {"era_2/sub/blob", "era7/sub/blob"}
+        assert m.verify().valid
+    else:
+        # The era's data goes with every directory but the hidden ones: a later sync starts from nothing.
+        assert {"era_1/sub/blob", "era_x/sub/blob", "manifest.json", "shuffle_seed.enc"} <= removed
+        assert not [p for p in after if "/" in p and not p.startswith(".")]
+        assert manager(svc, data_dir).sync().era_number == 1
+        assert_in_step(svc, data_dir)
 
 
 @pytest.mark.parametrize("state_change, fault, message", [
