@@ -15,7 +15,7 @@ import weakref
 import pytest
 
 import tidewright.sync as sync
-from sync_helpers import wait_for
+from sync_helpers import FOUND_PNL_KINDS, wait_for
 
 FEATURE = "features/top50/signal_is/px000__ret__lag0__v1.arrow"
 NOT_RUNNING = "Sync thread is not running. Call start() or acquire() first."
@@ -104,6 +104,23 @@ def test_request_for_sync_and_report_corruption_refuse_when_not_running(dataserv
     assert not (data_dir / ".sync_flock").exists()
 
 
+def test_request_for_sync_answers_the_found_pnl_files_it_downloaded(dataservice, data_dir):
+    svc = dataservice
+    m = manager_for(svc, data_dir)
+    m.start()
+    found = sorted(p for p, e in svc.manifest()["files"].items() if e["kind"] in FOUND_PNL_KINDS)
+    # The poll thread's first check may have brought them already; else this request does: all of them either way.
+    assert sorted(m.request_for_sync()) == [str(data_dir.resolve() / p) for p in found] and len(found) >= 3
+
+    # After a new version (the poll thread waits an hour now): exactly the ones it brought, newest first.
+    svc.set_version(touch=found[:2])
+    paths = m.request_for_sync()
+    assert sorted(paths) == [str(data_dir.resolve() / p) for p in found[:2]]
+    assert [os.stat(p).st_mtime_ns for p in paths] == sorted((os.stat(p).st_mtime_ns for p in paths), reverse=True)
+    for path in found[:2]:
+        assert (data_dir / path).read_bytes() == svc.file_bytes(None, path)
+
+
 def test_concurrent_requests_for_sync_share_one_sync(dataservice, data_dir):
     svc = dataservice
     m = manager_for(svc, data_dir)
@@ -152,6 +169,33 @@ def test_background_work_keeps_the_directory_current(dataservice, data_dir):
     assert len(svc.requests_for("/data/files/" + other)) == 1
     m.stop()
     assert not (data_dir / ".sync_flock").exists()
+
+
+@pytest.mark.parametrize("break_service, error", [
+    (lambda svc: svc.add_fault("/data/manifest", "status", status=404, count=None), "HTTP 404"),
+    (lambda svc: svc.set_version(manifest_overrides={"era_number": 2}), "Era mismatch"),
+    (lambda svc: svc.set_version(entry_overrides={"../outside.bin": {"size_bytes": 4, "sha256": "0" * 64}}),
+     "outside.bin"),
+], ids=["manifest refused", "another era's manifest", "hostile manifest"])
+def test_the_poll_thread_survives_failed_syncs_and_catches_up_afterwards(dataservice, data_dir, caplog, break_service,
+                                                                         error):
+    svc = dataservice
+    m = manager_for(svc, data_dir, poll_interval_s=0.05)
+    m.sync()
+    svc.set_version(touch=[FEATURE])
+    with caplog.at_level(logging.WARNING, logger="tidewright.sync"):
+        break_service(svc)
+        m.start()
+        assert wait_for(lambda: sum(error in r.getMessage() for r in caplog.records) >= 2), caplog.text
+    assert m.is_alive() and m.get_manifest().version == 1
+    assert json.loads((data_dir / "manifest.json").read_text())["version"] == 1
+    assert not (data_dir.parent / "outside.bin").exists()
+
+    svc.clear_faults()
+    version = svc.set_version(manifest_overrides={}, entry_overrides={})
+    assert wait_for(lambda: m.get_manifest().version == version)
+    assert (data_dir / FEATURE).read_bytes() == svc.file_bytes(None, FEATURE)
+    assert m.verify().valid
 
 
 def test_membership_is_read_from_python_threads_while_syncs_run(dataservice, data_dir):
