@@ -412,6 +412,44 @@ def test_a_sync_refused_half_way_leaves_the_previous_state(svc, tmp_path, break_
     assert m.get_manifest().version == 2
 
 
+# The era's side files of a new version fail to arrive or to validate: the
+# sync fails naming the cause, the local manifest stays at the old version
+# (files already fetched stay, found by their digest later), and the next
+# sync once the service is right completes.
+SIDE_FILE_FAILURES = {
+    "functions-404": (lambda svc: (svc.set_version(touch=[BIG, "functions.json"]),
+                                   svc.add_fault("/data/files/functions.json", "status", status=404, count=None)),
+                      sync.PermanentDownloadError, "Download failed for functions.json: HTTP 404"),
+    "seed-404": (lambda svc: (svc.set_version(touch=[BIG]),
+                              svc.add_fault("/data/shuffle", "status", status=404, count=None)),
+                 sync.SyncError, "Failed to download shuffle seed: HTTP 404"),
+    "seed-of-another-era": (lambda svc: (svc.set_version(touch=[BIG]),
+                                         svc.add_fault("/data/shuffle", "headers", count=None,
+                                                       set_headers={"X-Era-Number": "7"})),
+                            sync.EraError, "shuffle_seed.enc response era_number=7 does not match manifest era_number=1"),
+    "seed-retired-generation": (lambda svc: (svc.set_version(touch=[BIG]), svc.add_fault(
+        "/data/shuffle", "headers", count=None, set_headers={"X-Tidewright-Shuffle-Key-Generation": "legacy-era-only-v1"})),
+        sync.SyncError, "retired shuffle_key_generation 'legacy-era-only-v1' is not supported"),
+}
+
+
+@pytest.mark.parametrize("break_sync, error, message", SIDE_FILE_FAILURES.values(), ids=SIDE_FILE_FAILURES.keys())
+def test_a_side_file_that_fails_keeps_the_previous_manifest(svc, tmp_path, break_sync, error, message):
+    m, _ = synced(svc, tmp_path)
+    local_manifest = (tmp_path / "manifest.json").read_bytes()
+    break_sync(svc)
+    with request_budget(svc), pytest.raises(error) as info:
+        m.sync()
+    assert str(info.value).startswith(message)
+    assert (tmp_path / "manifest.json").read_bytes() == local_manifest and m.get_manifest().version == 1
+
+    svc.clear_faults()
+    with request_budget(svc):
+        m.sync()
+    assert_in_step(svc, tmp_path)
+    assert m.verify().valid
+
+
 # -- hostile services: memory and time stay bounded ------------------------------------
 
 MIB = 1 << 20
