@@ -14,7 +14,7 @@ from hypothesis import given, settings
 from hypothesis import strategies as st
 
 import tidewright.sync as sync
-from sync_helpers import assert_in_step, manager, tree, wait_for
+from sync_helpers import assert_in_step, manager, request_budget, tree, wait_for
 
 ERA_CURRENT = "/market/1/era/current"
 SAME = b"identical in both eras"
@@ -414,32 +414,45 @@ def test_cleanup_of_old_eras_frees_what_it_removes_and_nothing_else(svc, data_di
         assert_in_step(svc, data_dir)
 
 
-@pytest.mark.parametrize("state_change, fault, message", [
-    (dict(era_number=3), None, "Active era_number=3 does not match requested transition era_number=2"),
-    (dict(era_number=1), None, "Active era_number=1 does not match requested transition era_number=2"),
-    (dict(state="between_eras"), None, "Active era confirmation for era_number=2 returned state='between_eras'"),
-    ({}, dict(status=404), "Failed to confirm active era: HTTP 404"),
-    ({}, dict(status=200, body="<html>"), "Failed to parse active era response during transition"),
-    ({}, dict(status=200, body={"era_number": None, "state": "active"}),
+@pytest.mark.parametrize("era_change, fault, error, message", [
+    (dict(era_number=3), None, sync.EraError, "Active era_number=3 does not match requested transition era_number=2"),
+    (dict(era_number=1), None, sync.EraError, "Active era_number=1 does not match requested transition era_number=2"),
+    (dict(state="between_eras"), None, sync.EraError,
+     "Active era confirmation for era_number=2 returned state='between_eras'"),
+    ({}, (ERA_CURRENT, dict(status=404)), sync.EraError, "Failed to confirm active era: HTTP 404"),
+    ({}, (ERA_CURRENT, dict(status=200, body="<html>")), sync.EraError,
      "Failed to parse active era response during transition"),
+    ({}, (ERA_CURRENT, dict(status=200, body={"era_number": None, "state": "active"})), sync.EraError,
+     "Failed to parse active era response during transition"),
+    # The new era's manifest and side files.
+    ({}, ("/data/manifest", dict(status=404)), sync.SyncError, "Failed to fetch era 2 manifest: HTTP 404"),
+    ({}, ("/data/manifest", dict(status=200, body="<html>")), sync.ManifestError, "Invalid manifest JSON: "),
+    (dict(manifest_overrides={"era_number": 3}), None, sync.EraError,
+     "Era transition manifest era_number=3 does not match active era_number=2"),
+    (dict(manifest_overrides={"era_number": "two"}), None, sync.ManifestError,
+     "Manifest era_number must be a non-negative integer: 'two'"),
+    ({}, ("/data/files/functions.json", dict(status=404)), sync.PermanentDownloadError,
+     "Download failed for functions.json: HTTP 404"),
+    ({}, ("/data/shuffle", dict(status=404)), sync.SyncError, "Failed to download shuffle seed: HTTP 404"),
 ])
-def test_gates_refuse_and_leave_the_old_era(svc, data_dir, state_change, fault, message):
+def test_gates_refuse_and_leave_the_old_era(svc, data_dir, era_change, fault, error, message):
     m = synced(svc, data_dir)
-    publish_next(svc)
-    svc.set_era_state(**state_change)
+    overrides = {k: v for k, v in era_change.items() if k == "manifest_overrides"}
+    publish_next(svc, **overrides)
+    svc.set_era_state(**{k: v for k, v in era_change.items() if k not in overrides})
     if fault:
-        svc.add_fault(ERA_CURRENT, "status", count=None, **fault)
+        svc.add_fault(fault[0], "status", count=None, **fault[1])
     calls = []
-    with pytest.raises(sync.EraError) as info:
+    with request_budget(svc), pytest.raises(error) as info:
         m.trigger_era_transition(2, kill_searches_fn=lambda: calls.append("kill"),
                                  restart_searches_fn=lambda: calls.append("restart"))
-    assert str(info.value) == message
+    assert str(info.value).startswith(message)
     assert calls == ["kill"]
     assert m.get_manifest().era_number == 1
     assert json.loads((data_dir / "manifest.json").read_text())["era_number"] == 1
     assert (data_dir / "old/only.bin").read_bytes() == b"era 1"
     assert not m._in_transition and leftovers(data_dir) == []
-    assert m.status() == "Era transition to era 2 failed: " + message
+    assert m.status() == "Era transition to era 2 failed: " + str(info.value)
 
 
 @pytest.mark.parametrize("auto_update, message", [
