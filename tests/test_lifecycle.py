@@ -5,6 +5,8 @@ import json
 import logging
 import os
 import pathlib
+import shutil
+import socket
 import subprocess
 import sys
 import textwrap
@@ -517,16 +519,32 @@ LOCK_CHILD = """
 """
 
 
-@pytest.mark.parametrize("round_", range(3))
-def test_lock_holder_waiter_and_newcomer_never_overlap(tmp_path, data_dir, round_):
+@pytest.fixture(scope="session")
+def flock_that_excludes_nothing(tmp_path_factory):
+    """Environment for children on a file system whose flock() grants every
+    lock (some network file systems): a preloaded flock that always succeeds."""
+    compiler = shutil.which("cc") or shutil.which("gcc")
+    if compiler is None:
+        pytest.skip("needs a C compiler")
+    build = tmp_path_factory.mktemp("flock-shim")
+    (build / "shim.c").write_text("#include <sys/file.h>\nint flock(int fd, int operation) { return 0; }\n")
+    subprocess.run([compiler, "-shared", "-fPIC", "-o", str(build / "shim.so"), str(build / "shim.c")], check=True)
+    preload = [p for p in (os.environ.get("LD_PRELOAD"), str(build / "shim.so")) if p]  # sanitizer runtimes first
+    return {**os.environ, "LD_PRELOAD": ":".join(preload)}
+
+
+@pytest.mark.parametrize("round_", range(2))
+@pytest.mark.parametrize("flock", ["excluding", "excluding nothing"])
+def test_lock_holder_waiter_and_newcomer_never_overlap(request, tmp_path, data_dir, flock, round_):
     signals = tmp_path / "signals"
     signals.mkdir()
+    env = request.getfixturevalue("flock_that_excludes_nothing") if flock == "excluding nothing" else None
 
     def spawn(role, hold):
         return subprocess.Popen([sys.executable, "-c", textwrap.dedent(LOCK_CHILD), str(data_dir), role, str(hold)],
-                                stderr=subprocess.PIPE, text=True)
+                                stderr=subprocess.PIPE, text=True, env=env)
 
-    holder, waiter, newcomer = spawn("holder", 1.0), spawn("waiter", 0.3), spawn("newcomer", 0.3)
+    holder, waiter, newcomer = spawn("holder", 0.6), spawn("waiter", 0.2), spawn("newcomer", 0.2)
     (signals / "go-holder").touch()
     assert wait_for(lambda: (signals / "in-holder").exists())
     (signals / "go-waiter").touch()  # blocks on the holder's lock file
@@ -539,4 +557,36 @@ def test_lock_holder_waiter_and_newcomer_never_overlap(tmp_path, data_dir, round
         _, err = child.communicate(timeout=60)
         assert child.returncode == 0, err
     assert {p.name for p in signals.iterdir()} >= {"out-holder", "out-waiter", "out-newcomer"}
-    assert not (data_dir / ".sync_flock").exists()
+    assert not (data_dir / ".sync_flock").exists() and not (data_dir / ".sync_flock.owner").exists()
+
+
+def dead_pid():
+    child = subprocess.Popen([sys.executable, "-c", ""])
+    child.wait()
+    return child.pid
+
+
+@pytest.mark.parametrize("owner, waits", [
+    (lambda: f"{dead_pid()} {socket.gethostname()}\n", False),
+    (lambda: f"garbled {socket.gethostname()}\n", False),
+    (lambda: f"{os.getpid()} {socket.gethostname()}\n", True),
+    (lambda: f"{dead_pid()} another-host.example\n", True),
+], ids=["process gone", "garbled", "process running", "another host"])
+def test_where_flock_excludes_nothing_a_lock_owner_file_serialises_syncs(dataservice, data_dir,
+                                                                          flock_that_excludes_nothing, owner, waits):
+    # An owner file left by a process of this host that no longer runs is
+    # taken over; one whose owner may still run is waited for.
+    svc = dataservice
+    owner_file = data_dir / ".sync_flock.owner"
+    owner_file.write_text(owner())
+    child = subprocess.Popen([sys.executable, "-c", textwrap.dedent(SYNC_CHILD), str(data_dir), svc.url, svc.token],
+                             stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True, env=flock_that_excludes_nothing)
+    if waits:
+        # The child has found that locks do not exclude and waits for the owner file.
+        assert "File locks do not exclude other processes" in child.stderr.readline()
+        assert child.poll() is None and svc.requests == []
+        owner_file.unlink()
+    out, err = child.communicate(timeout=120)
+    assert child.returncode == 0, err
+    assert json.loads(out) == {"era": 1, "valid": True, "bad": []}
+    assert not owner_file.exists() and not (data_dir / ".sync_flock").exists()
