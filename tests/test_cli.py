@@ -165,7 +165,6 @@ def test_refusals_get_their_exit_code_and_one_line(service, data_dir, tmp_path, 
     assert run_cli("sync", "--server", url, "--data-dir", data_dir, "--token", "x", "--token-file", a_file)[0] == \
         cli.EXIT_USAGE
     assert run_cli("sync", "--server", "http://example.com", "--data-dir", data_dir)[0] == cli.EXIT_USAGE
-    assert run_cli("sync", "--data-dir", data_dir, "--concurrency", "0")[0] == cli.EXIT_USAGE
 
     code, _, err = run_cli("verify", "--data-dir", data_dir)
     assert code == cli.EXIT_ERA and "sync" in err

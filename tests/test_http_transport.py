@@ -495,27 +495,6 @@ def test_curl_download_streams_a_successful_body_into_the_file(fake_curl, tmp_pa
     assert not missing.exists()
 
 
-# -- TLS -------------------------------------------------------------------------
-
-
-def test_tls_peers_are_verified_against_the_configured_bundle(dataservice_factory, monkeypatch, events, fast_backoff):
-    svc = dataservice_factory(tls=True)
-    url = svc.url + "/data/manifest/version"
-    monkeypatch.delenv("CURL_CA_BUNDLE", raising=False)
-    monkeypatch.setenv("SSL_CERT_FILE", svc.ca_file)
-    status, _, body = sync._http_get(url, svc.token)
-    assert status == 200 and "version" in json.loads(body)
-
-    monkeypatch.delenv("SSL_CERT_FILE")
-    with backoff_context(stop_requested=stop_after_retries(events)):
-        with pytest.raises(SyncBackoffCancelled):
-            sync._http_get(url, svc.token)
-    assert of_type(events, "http_retry")[0]["reason"] == "URLError"
-
-    monkeypatch.setenv("CURL_CA_BUNDLE", svc.ca_file)
-    assert sync._http_get(url, svc.token)[0] == 200
-
-
 # -- hostile servers: memory and time stay bounded --------------------------------
 
 

@@ -53,7 +53,6 @@ def test_consumers_start_the_threads_once_and_the_last_release_stops_and_evicts(
     m.acquire()
     assert m.consumer_count() == 2 and count_file.read_text() == "2"
     assert m._era_thread is era_thread and era_thread.is_alive() and m.is_alive() and m._running
-    assert era_thread._poll_interval == 3600.0 and era_thread._market_id == 1
     with pytest.raises(sync.StateError, match="^SyncManager already running$"):
         m.start()
 

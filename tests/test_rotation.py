@@ -490,7 +490,6 @@ def test_rotation_frequency(frequency, seconds):
 
 def test_budget_in_bytes():
     budget = sync._rotation_feature_budget_bytes
-    assert sync._FEATURE_ROTATION_BYTES_PER_GB == GIB
     assert budget({"feature_budget_gb": 2}) == 2 * GIB
     assert budget({"feature_budget_gb": 1.5}) == GIB
     assert budget({"feature_budget_gb": None}) is None
