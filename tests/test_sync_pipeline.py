@@ -172,6 +172,38 @@ def test_a_vocabulary_whose_manifest_hash_is_stale(dataservice_factory, tmp_path
     assert [r.path for r in svc.requests] == ["/data/manifest/version"]
 
 
+def _edit_seed_meta(**fields):
+    def edit(data_dir):
+        path = data_dir / "shuffle_seed.enc.meta.json"
+        path.write_text(json.dumps({**json.loads(path.read_text()), **fields}))
+    return edit
+
+
+@pytest.mark.parametrize("damage", [
+    lambda d: (d / "shuffle_seed.enc").write_bytes((d / "shuffle_seed.enc").read_bytes()[:59]),
+    lambda d: (d / "shuffle_seed.enc").write_bytes((d / "shuffle_seed.enc").read_bytes() + b"x"),
+    lambda d: (d / "shuffle_seed.enc.meta.json").unlink(),
+    lambda d: (d / "shuffle_seed.enc.meta.json").write_text("{"),
+    _edit_seed_meta(era_number=2),
+    _edit_seed_meta(market_id=9),
+    _edit_seed_meta(manifest_version=None),
+    _edit_seed_meta(shuffle_key_generation="legacy-era-only-v1"),
+    _edit_seed_meta(shuffle_key_generation="market-era-v2"),
+], ids=["59 bytes", "61 bytes", "no metadata", "metadata not JSON", "another era", "another market",
+        "no manifest version", "retired generation", "unknown generation"])
+def test_a_shuffle_seed_that_is_not_this_eras_is_fetched_again(dataservice, tmp_path, damage):
+    svc = dataservice
+    m = manager(svc, tmp_path)
+    m.sync()
+    damage(tmp_path)
+    assert m.needs_sync()
+    svc.clear_requests()
+    assert m.sync().shuffle_seed_downloaded
+    assert len(svc.requests_for("/data/shuffle")) == 1 and file_requests(svc) == []
+    assert_in_step(svc, tmp_path)
+    assert not m.needs_sync()
+
+
 def test_a_resumed_download_counts_only_the_bytes_this_sync_fetched(dataservice_factory, tmp_path):
     svc = dataservice_factory(features=1, large_file_bytes=BIG_BYTES)
     staged = svc.file_bytes(None, BIG)[:BIG_BYTES // 2 + 7]  # left by an interrupted sync
