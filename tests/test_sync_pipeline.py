@@ -108,6 +108,22 @@ def test_verify_finds_missing_and_corrupted_files_and_repair_restores_them(datas
     assert [r.path for r in svc.requests] == ["/data/manifest/version"]
 
 
+def test_ensure_manifest_file_available_fetches_one_file(dataservice_factory, tmp_path):
+    svc = dataservice_factory(large_file_bytes=BIG_BYTES)
+    m = manager(svc, tmp_path)
+    m.sync()
+    os.remove(tmp_path / BIG)
+    svc.clear_requests()
+    result = m.ensure_manifest_file_available(BIG, m.get_manifest().files[BIG])
+    assert result.bytes_downloaded == BIG_BYTES and requested_paths(svc) == [BIG]
+    assert_in_step(svc, tmp_path)
+    # An entry this host does not sync (another platform's module) is not fetched.
+    svc.clear_requests()
+    other = {"kind": "vault_module", "platform": "no_such_platform", "size_bytes": 4, "sha256": "0" * 64}
+    assert m.ensure_manifest_file_available("runtime/other.so", other).bytes_downloaded == 0
+    assert svc.requests == [] and not (tmp_path / "runtime/other.so").exists()
+
+
 VOCABULARY = "named_universes/top50/vocabulary.json"
 
 
