@@ -953,12 +953,12 @@ def main(argv: list[str] | None = None) -> int:
         tls=args.tls, era_shape=args.era_shape, public_files=args.public_files, host=args.host, port=args.port,
         features=args.features, feature_bytes=args.feature_bytes, large_file_bytes=args.large_file_bytes)
     service.start()
-    print(f"url: {service.url}")
-    print(f"token: {service.token or '(none)'}")
-    if service.ca_file:
-        print(f"ca_file: {service.ca_file}")
-    print(f"era: {service.current_era}  files: {len(service.era().files)}", flush=True)
-    try:
+    try:  # Ctrl-C may come as soon as the address is out
+        print(f"url: {service.url}")
+        print(f"token: {service.token or '(none)'}")
+        if service.ca_file:
+            print(f"ca_file: {service.ca_file}")
+        print(f"era: {service.current_era}  files: {len(service.era().files)}", flush=True)
         while True:
             time.sleep(3600)
     except KeyboardInterrupt:
