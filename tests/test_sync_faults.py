@@ -318,8 +318,8 @@ def test_three_supersedes_end_the_sync(svc, tmp_path, caplog):
 
 
 def test_slow_and_late_answers_within_the_timeouts_are_waited_for(svc, tmp_path):
-    svc.add_fault("/data/manifest", "delay", seconds=1.0)
-    svc.add_fault(BIG_URL_PATH, "slow", bytes_per_second=256 * 1024, count=None)
+    svc.add_fault("/data/manifest", "delay", seconds=0.3)
+    svc.add_fault(BIG_URL_PATH, "slow", bytes_per_second=512 * 1024, count=None)
     synced(svc, tmp_path)
     assert len(svc.requests_for("/data/manifest")) == 1
     assert range_starts(svc, BIG) == [0, CHUNK, 2 * CHUNK, 3 * CHUNK]
@@ -527,7 +527,7 @@ def test_a_head_trickled_forever_is_an_outage_the_command_line_gives_up_on(tmp_p
             # Quick lines: the command's diagnosis probe reads a head until
             # http.client's limit of 100 header lines.
             for path in ("/data/manifest/version", "/data/manifest"):
-                srv.route(path, trickled_headers(every=0.02))
+                srv.route(path, trickled_headers(every=0.01))
             out, err = io.StringIO(), io.StringIO()
             argv = ["sync", "--server", srv.url(), "--data-dir", str(tmp_path), "--token", "t", "--give-up-after", "1"]
             runner = threading.Thread(target=lambda: outcome.update(code=cli.main(argv, stdout=out, stderr=err)),
