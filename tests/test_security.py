@@ -12,7 +12,6 @@ import logging
 import os
 import shutil
 import socket
-import sys
 import threading
 
 import pytest
@@ -22,8 +21,9 @@ import tidewright.sync as sync
 from tidewright import cli
 from tidewright.sync_backoff import SyncBackoffCancelled, SyncBackoffPolicy, backoff_context
 
-from tests.raw_http_server import RawHttpServer
-from tests.sync_helpers import BIG, BIG_BYTES, FEATURE, FOUND_PNL, assert_in_step, manager, request_budget, stop_when
+from raw_http_server import RawHttpServer
+from sync_helpers import (BIG, BIG_BYTES, FEATURE, FOUND_PNL, assert_in_step, manager, record_curl_runs, request_budget,
+                          stop_when)
 
 SECRET = "tok-Kp7WqR3nZx"  # distinctive, so that a leak anywhere is found
 VOCABULARY = "named_universes/top50/vocabulary.json"
@@ -237,37 +237,22 @@ def test_a_token_provider_that_blocks_holds_up_neither_stop_nor_a_cancelled_sync
 
 # -- the token never on a command line --------------------------------------------
 
-CURL_WRAPPER = """#!{python}
-# Records this process's own command line, then runs the real program.
-import os, sys
-with open("/proc/self/cmdline", "rb") as cmdline, open(os.path.join({log!r}, str(os.getpid())), "wb") as out:
-    out.write(cmdline.read().replace(b"\\0", b" "))
-os.execv({real!r}, [{real!r}] + sys.argv[1:])
-"""
-
-
 @pytest.mark.skipif(shutil.which("curl") is None, reason="needs the curl program")
 def test_forced_curl_mode_runs_curl_only_for_public_requests(dataservice_factory, tmp_path, monkeypatch):
     svc = dataservice_factory(token=SECRET, tls=True, public_files=True)
-    bin_dir, data = tmp_path / "bin", tmp_path / "data"
-    bin_dir.mkdir()
+    data = tmp_path / "data"
     data.mkdir()
-    log = tmp_path / "curl-cmdlines"
-    log.mkdir()
-    wrapper = bin_dir / "curl"
-    wrapper.write_text(CURL_WRAPPER.format(python=sys.executable, log=str(log), real=shutil.which("curl")))
-    wrapper.chmod(0o755)
-    monkeypatch.setenv("PATH", f"{bin_dir}{os.pathsep}{os.environ.get('PATH', '')}")
+    curl_runs = record_curl_runs(tmp_path, monkeypatch)
     monkeypatch.setenv("SSL_CERT_FILE", svc.ca_file)
     monkeypatch.setenv("CURL_CA_BUNDLE", svc.ca_file)
 
     m = manager(svc, data, sync_http_transport="curl")
     # Failing curl runs never reach the service: count them too.
-    with backoff_context(stop_requested=lambda: len(svc.requests) + len(os.listdir(log)) > 400):
+    with backoff_context(stop_requested=lambda: len(svc.requests) + len(curl_runs()) > 400):
         m.sync()
     assert_in_step(svc, data)
 
-    cmdlines = [entry.read_text() for entry in log.iterdir()]
+    cmdlines = curl_runs()
     assert cmdlines, "the public file downloads should have gone through curl"
     for line in cmdlines:
         assert SECRET not in line and "authorization" not in line.lower(), line

@@ -54,7 +54,7 @@ def test_record_carries_sorted_json_and_the_event(records, label):
 def test_identical_retries_are_coalesced_after_ten(records, label):
     for attempt in range(11):
         sync._log_sync_event("http_retry", label, attempt + 1, "http_503", status=503, wait_seconds=0.5 * attempt)
-    assert len(records) == sync._SYNC_EVENT_COALESCE_LIMIT == 10
+    assert len(records) == 10
     assert [r.tidewright_sync_event["count"] for r in records] == list(range(1, 11))
 
     # A different status is a different key.
