@@ -5,8 +5,10 @@
 # `make demo` does the set-up and syncs a generated era from a local
 # reference service into build/demo/data; `make bench` compares a cold sync
 # with peer downloaders (BENCH_ARGS="--size-gib 0.5" for a smaller era);
-# `make wheel` builds the installable wheel into dist/ and `make wheel-test`
-# installs it into a fresh environment and checks it there.
+# `make soak` runs `tidewright-sync watch` against a changing, faulty local
+# service for SOAK_SECONDS (default 600); `make wheel` builds the installable
+# wheel into dist/ and `make wheel-test` installs it into a fresh environment
+# and checks it there.
 
 PYTHON ?= python3
 VENV := .venv
@@ -69,8 +71,13 @@ demo: install
 	rm -rf build/demo && mkdir -p build/demo/data
 	$(VENV)/bin/tidewright-sync demo --data-dir build/demo/data
 
+# After the peers: what the flush before each commit costs a cold sync and an
+# era switch, on a 2 GiB era and a 100k-file era (see bench/bench_durability.py;
+# DURABILITY_ARGS="--size-gib 0.5 --files 20000" for a quick run).
+DURABILITY_ARGS ?=
 bench: install
 	$(VPY) bench/bench_peers.py $(BENCH_ARGS)
+	$(VPY) bench/bench_durability.py $(DURABILITY_ARGS)
 
 # The wheel. The standard front end (python -m build) builds it in the same
 # CMake build directory as `make install` (so only what changed is compiled),
@@ -110,6 +117,17 @@ CRASH_ARGS ?=
 .PHONY: crash-test
 crash-test: install
 	$(VPY) bench/crash_sync.py --rounds $(CRASH_ROUNDS) $(CRASH_ARGS)
+
+# A long run of `tidewright-sync watch` against a reference service that
+# publishes a version every few seconds, changes era twice and scripts the
+# faults of the fault tests now and then. Fails when descriptors, threads or
+# RSS of the watch keep growing, when a visible file is not one a published
+# manifest names, or when the directory falls behind (see tools/soak.py).
+SOAK_SECONDS ?= 600
+SOAK_ARGS ?=
+.PHONY: soak
+soak: install
+	$(VPY) tools/soak.py --seconds $(SOAK_SECONDS) $(SOAK_ARGS)
 
 # libFuzzer targets (clang, ASan + UBSan) over the corpus kept in the repo;
 # FUZZ_SECONDS per target. New inputs found are kept under build/fuzz.

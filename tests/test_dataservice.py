@@ -232,6 +232,20 @@ def test_stalled_answers_end_when_the_service_stops(dataservice_factory):
     assert len(outcomes) == 2 and not any(isinstance(o, int) and o > 10 for o in outcomes)
 
 
+def test_a_stall_with_seconds_ends_by_closing_the_connection(dataservice):
+    # A bounded stall lets a long run script many without stopping the service.
+    path = "/data/files/" + FEATURE
+    dataservice.add_fault("/data/manifest", "stall", seconds=0.2)
+    dataservice.add_fault(path, "stall", after_bytes=10, seconds=0.2)
+    with pytest.raises(http.client.RemoteDisconnected):  # not even a status line
+        raw_get(dataservice, "/data/manifest", timeout=30)
+    conn, resp = raw_get(dataservice, path, timeout=30)
+    with pytest.raises(http.client.IncompleteRead) as info:
+        resp.read()
+    assert len(info.value.partial) == 10
+    assert get(dataservice, path)[2] == dataservice.file_bytes(None, FEATURE)
+
+
 def test_restart_breaks_open_answers_and_serves_again_on_the_same_port(dataservice_factory):
     svc = dataservice_factory()
     url, path = svc.url, "/data/files/" + FEATURE

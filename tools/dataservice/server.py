@@ -103,6 +103,7 @@ FAULT_KINDS = frozenset({
     "bad_content_range",  # 206 whose Content-Range names another range than requested
     "slow",               # send at `bytes_per_second`
     "stall",              # send headers and `after_bytes` (None: nothing at all), then hang until stopped
+                          # (or for `seconds` when that is set, then close)
     "delay",              # wait `seconds` before answering
     "headers",            # answer normally with `set_headers` added/replaced and `drop_headers` removed
     "overlong",           # the body, then `after_bytes` more (None: without end); the length announced counts them
@@ -548,7 +549,7 @@ class DataService:
         fault = self._take_fault(path)
         record.fault = fault.kind if fault else None
         if fault is not None and fault.kind == "stall" and fault.after_bytes is None:
-            self._stop_event.wait()
+            self._stop_event.wait(fault.seconds or None)
             handler.close_connection = True
             return
         if fault is not None and fault.kind == "bad_status_line":
@@ -782,7 +783,8 @@ class DataService:
         if kind == "reset":
             _reset_connection(handler)
         elif kind == "stall":
-            self._stop_event.wait()
+            self._stop_event.wait(fault.seconds or None)
+            handler.close_connection = True
 
 
 def _reset_connection(handler: "_Handler") -> None:

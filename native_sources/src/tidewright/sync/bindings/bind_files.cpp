@@ -4,11 +4,13 @@
 #include "tidewright/sync/bindings/bindings.hpp"
 #include "tidewright/sync/bindings/convert.hpp"
 #include "tidewright/sync/bindings/python_host.hpp"
+#include "tidewright/sync/common/fs.hpp"
 #include "tidewright/sync/manifest/manifest_files.hpp"
 #include "tidewright/sync/reporting/errors.hpp"
 #include "tidewright/sync/transport/files.hpp"
 
 #include <nanobind/stl/optional.h>
+#include <nanobind/stl/pair.h>
 #include <nanobind/stl/string.h>
 
 #include <Python.h>
@@ -152,6 +154,13 @@ void bind_files(nb::module_& m) {
         atomic_write(path, bytes.data());
       },
       nb::arg("filepath"), nb::arg("data"), kAtomicWriteDoc);
+
+  // Not part of the interface: (calls, seconds) of the file-system flushes
+  // made in this process so far, for the durability benchmark.
+  m.def("_sync_flush_totals", [] {
+    const FlushTotals totals = flush_totals();
+    return std::make_pair(totals.calls, totals.seconds);
+  });
 
   m.def(
       "_sync_progress_path", [](nb::handle data_dir) { return path_result(sync_progress_path(fs_path(data_dir))); },

@@ -2,7 +2,9 @@
 
 #include "tidewright/sync/reporting/errors.hpp"
 
+#include <atomic>
 #include <cerrno>
+#include <chrono>
 #include <climits>
 #include <cstdlib>
 #include <cstring>
@@ -291,10 +293,25 @@ void rename_file(const std::string& from, const std::string& to) {
   if (::rename(from.c_str(), to.c_str()) != 0) throw_os_error(errno, from);
 }
 
+namespace {
+std::atomic<std::int64_t> flush_calls{0};
+std::atomic<std::int64_t> flush_nanoseconds{0};
+}  // namespace
+
 void sync_file_system(const std::string& path) {
   UniqueFd fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
   if (!fd.valid()) throw_os_error(errno, path);
-  if (::syncfs(fd.get()) != 0) throw_os_error(errno, path);
+  const auto started = std::chrono::steady_clock::now();
+  const int rc = ::syncfs(fd.get());
+  const int err = errno;
+  flush_nanoseconds.fetch_add(
+      std::chrono::duration_cast<std::chrono::nanoseconds>(std::chrono::steady_clock::now() - started).count());
+  flush_calls.fetch_add(1);
+  if (rc != 0) throw_os_error(err, path);
+}
+
+FlushTotals flush_totals() {
+  return FlushTotals{flush_calls.load(), static_cast<double>(flush_nanoseconds.load()) / 1e9};
 }
 
 std::int64_t free_disk_bytes(const std::string& path) {

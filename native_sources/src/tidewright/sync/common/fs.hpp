@@ -82,6 +82,13 @@ void rename_file(const std::string& from, const std::string& to);
 // storage: the data of every file written so far and the directory entries
 // of every rename, in one call. A write-back error surfaces here (OSError).
 void sync_file_system(const std::string& path);
+// Calls of sync_file_system in this process so far and the time spent in
+// them: what the flushes cost a sync, read by the durability benchmark.
+struct FlushTotals {
+  std::int64_t calls = 0;
+  double seconds = 0.0;
+};
+FlushTotals flush_totals();
 // Free bytes available to this user on the file system holding `path`.
 std::int64_t free_disk_bytes(const std::string& path);
 
