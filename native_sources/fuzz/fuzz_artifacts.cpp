@@ -1,8 +1,10 @@
 // Era artifact bytes from a hostile server: vocabularies, signals indexes and
 // shuffle-seed metadata are refused with a typed error, never crash, and what
 // is accepted keeps the promises its users rely on: a vocabulary names the
-// era and universe it was asked for and validates again unchanged; an
-// applied signals index is what the manifest now holds; a key generation is
+// era and universe it was asked for and validates again unchanged, also
+// when written and read back; an applied signals index is what the manifest
+// now holds, and is applied unchanged again, also when written and read
+// back; a key generation is
 // the supported one, a key source a single stripped line, a universe name a
 // single path segment.
 #include "fuzz_support.hpp"
@@ -41,6 +43,13 @@ void check_vocabulary(std::string_view text, const ManifestSiblings& siblings) {
           "a vocabulary with retired function tokens was accepted");
   require(same(validate_vocabulary_data(vocabulary, kEra, kUniverse, siblings), vocabulary),
           "an accepted vocabulary changes when validated again");
+  json::object reread;
+  try {
+    reread = validate_vocabulary_bytes(dump_json(json::value(vocabulary)), kEra, kUniverse, siblings);
+  } catch (const SyncError&) {
+    require(false, "an accepted vocabulary is refused when written and read back");
+  }
+  require(same(reread, vocabulary), "an accepted vocabulary changes when written and read back");
 }
 
 void check_signals_index(std::string_view text) {
@@ -63,6 +72,14 @@ void check_signals_index(std::string_view text) {
   ManifestPtr again = Manifest::from_sanitized(json::object{{"era_number", kEra}});
   require(same(apply_manifest_signals_index(json::value(applied), *again), applied),
           "an applied signals index changes when applied again");
+  ManifestPtr fresh = Manifest::from_sanitized(json::object{{"era_number", kEra}});
+  json::object reread;
+  try {
+    reread = validate_signals_index_bytes(dump_json(json::value(applied)), *fresh);
+  } catch (const SyncError&) {
+    require(false, "an applied signals index is refused when written and read back");
+  }
+  require(same(reread, applied), "an applied signals index changes when written and read back");
 }
 
 bool is_blank(char c) { return c == ' ' || c == '\t' || c == '\n' || c == '\r' || c == '\f' || c == '\v'; }

@@ -1,10 +1,11 @@
 // Manifest text from a hostile server: parsing, sanitising, building the
 // Manifest and checking every path it names never crash or escape, and what
 // sanitising accepts is safe to write: no accepted path names a file of the
-// engine, no two accepted paths reach one local file (nor is one another's
-// directory or staging file), every kept entry can be checked (an object, a
-// canonical digest, a usable size, no NaN), and a sanitised manifest
-// sanitises to itself.
+// engine, every accepted path is a safe relative path, no two reach one
+// local file (nor is one another's directory or staging file), every kept
+// entry can be checked (an object, a canonical digest, a usable size, no
+// NaN), a sanitised manifest sanitises to itself, also after being written
+// and read back, and a built manifest builds again from its own object.
 #include "fuzz_support.hpp"
 #include "tidewright/sync/artifacts/signals_index.hpp"
 #include "tidewright/sync/common/json.hpp"
@@ -20,6 +21,7 @@
 #include <string>
 
 using namespace tidewright::sync;
+using tidewright::sync::fuzz::is_safe_relative_path;
 using tidewright::sync::fuzz::require;
 
 namespace {
@@ -62,6 +64,7 @@ void check_local_paths(const json::object& files) {
   for (const auto& kv : files) {
     std::string canonical;
     if (!try_safe_manifest_relative_path(kv.key(), canonical)) continue;
+    require(is_safe_relative_path(canonical), "an accepted path is not a safe relative path");
     require(!is_engine_owned_path(canonical), "a path on the engine's own files was accepted");
     require(local.insert(canonical).second, "two accepted paths reach one local file");
   }
@@ -104,8 +107,23 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   require(!changed && rejected.empty() && same(json::value(again), json::value(sanitized)),
           "a sanitised manifest changes when sanitised again");
 
+  // Written out and read back, it is still the same sanitised manifest.
+  const std::string written = dump_json(json::value(sanitized));
+  json::value reread = parse_json(written);
+  require(reread.is_object(), "a written manifest reads back as no object");
+  changed = true;
+  json::object reread_sanitized = sanitize_manifest_data_for_sync(reread.get_object(), siblings, &changed);
+  require(!changed && same(json::value(reread_sanitized), json::value(sanitized)),
+          "a sanitised manifest changes when written and read back");
+
   try {
     ManifestPtr manifest = Manifest::from_sanitized(std::move(sanitized));
+    // A built manifest builds again from its own object, unchanged.
+    ManifestPtr rebuilt = Manifest::from_sanitized(manifest->to_dict());
+    require(same(json::value(rebuilt->to_dict()), json::value(manifest->to_dict())) &&
+                rebuilt->version_int() == manifest->version_int() &&
+                rebuilt->era_number_int() == manifest->era_number_int(),
+            "a manifest changes when built again from its own object");
     require(!holds_non_finite_number(json::value(manifest->to_dict())), "a manifest holding NaN was built");
     for (const auto& kv : manifest->files()) {
       try {

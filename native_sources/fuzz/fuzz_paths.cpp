@@ -1,37 +1,33 @@
 // Path safety: whatever the input, a path that is accepted is relative,
-// canonical and has no empty, "." or ".." segment. (A second pass need not
+// canonical and has no empty, "." or ".." segment, and the throwing and the
+// non-throwing check agree on it. (A second pass need not
 // accept it: a first or last segment may begin or end with white space that
 // the second pass strips, leaving "." behind.)
+#include "fuzz_support.hpp"
 #include "tidewright/sync/manifest/paths.hpp"
 #include "tidewright/sync/reporting/errors.hpp"
 
 #include <cstddef>
 #include <cstdint>
-#include <cstdlib>
 #include <string>
 
 using namespace tidewright::sync;
+using tidewright::sync::fuzz::is_safe_relative_path;
+using tidewright::sync::fuzz::require;
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   std::string input(reinterpret_cast<const char*>(data), size);
+  std::string quiet;
+  const bool accepted_quietly = try_safe_manifest_relative_path(input, quiet);
   std::string safe;
   try {
     safe = safe_manifest_relative_path(input);
   } catch (const ManifestError&) {
+    require(!accepted_quietly, "the non-throwing path check accepts what the throwing one refuses");
     return 0;
   }
-  if (safe.empty() || safe.front() == '/' || safe.find('\0') != std::string::npos ||
-      safe.find('\\') != std::string::npos) {
-    std::abort();
-  }
-  std::size_t start = 0;
-  while (start <= safe.size()) {
-    std::size_t end = safe.find('/', start);
-    if (end == std::string::npos) end = safe.size();
-    std::string segment = safe.substr(start, end - start);
-    if (segment.empty() || segment == "." || segment == "..") std::abort();
-    start = end + 1;
-  }
+  require(accepted_quietly && quiet == safe, "the two forms of the path check disagree");
+  require(is_safe_relative_path(safe), "an accepted path is not a safe relative path");
   (void)feature_artifact_family_prefix(input);
   return 0;
 }

@@ -6,6 +6,7 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <string_view>
 
 namespace tidewright::sync::fuzz {
 
@@ -19,6 +20,24 @@ inline void require(bool condition, const char* what) {
     std::fprintf(stderr, "invariant broken: %s\n", what);
     std::abort();
   }
+}
+
+// Whether `path` is a relative path that stays below the directory it is
+// joined to: not empty, no leading "/", no NUL or backslash, and no empty,
+// "." or ".." segment.
+inline bool is_safe_relative_path(std::string_view path) {
+  if (path.empty() || path.front() == '/' || path.find('\0') != std::string_view::npos ||
+      path.find('\\') != std::string_view::npos) {
+    return false;
+  }
+  for (std::size_t start = 0; start <= path.size();) {
+    std::size_t end = path.find('/', start);
+    if (end == std::string_view::npos) end = path.size();
+    const std::string_view segment = path.substr(start, end - start);
+    if (segment.empty() || segment == "." || segment == "..") return false;
+    start = end + 1;
+  }
+  return true;
 }
 
 }  // namespace tidewright::sync::fuzz

@@ -30,7 +30,6 @@ namespace {
 
 using test_support::TempDir;
 
-using Clock = std::chrono::steady_clock;
 using namespace std::chrono_literals;
 
 // What the module does at load.
@@ -47,8 +46,6 @@ TransferOptions options(double timeout, std::optional<double> body_deadline = st
   o.stop_requested = std::move(stop);
   return o;
 }
-
-double seconds_since(Clock::time_point start) { return std::chrono::duration<double>(Clock::now() - start).count(); }
 
 // One accepted connection of the test server.
 class Connection {
@@ -307,10 +304,10 @@ TEST_F(HttpClientTest, TimeoutsMeanNoProgressExceptForTheBodyDeadline) {
   });
   HttpClient& client = HttpClient::for_current_thread();
 
-  auto start = Clock::now();
   try {
     // The head's deadline (by default the same 0.5 s) is put far off, so
-    // that only the no-progress timeout can end the wait.
+    // that only the no-progress timeout can end the wait (the head's
+    // deadline would end it with a message of its own).
     TransferOptions silent = options(0.5);
     silent.header_deadline_seconds = 30.0;
     client.get(HttpRequest{server.url("/silent"), {}}, silent);
@@ -318,10 +315,8 @@ TEST_F(HttpClientTest, TimeoutsMeanNoProgressExceptForTheBodyDeadline) {
   } catch (const TimeoutError& e) {
     EXPECT_STREQ(e.what(), "timed out");
   }
-  EXPECT_LT(seconds_since(start), 20.0) << "the silent server is waited on for good without the timeout";
 
   // Bytes keep coming, so only the total deadline can end this one.
-  start = Clock::now();
   try {
     client.get(HttpRequest{server.url("/dribble"), {}}, options(5.0, 0.5));
     FAIL() << "the body deadline must end the read";
@@ -330,12 +325,14 @@ TEST_F(HttpClientTest, TimeoutsMeanNoProgressExceptForTheBodyDeadline) {
   }
 }
 
-TEST_F(HttpClientTest, StopRequestsEndTransfersAndWaitsPromptly) {
+// What the checks tell apart is how each wait ends: one that missed the stop
+// request would end by its timeout (TimeoutError) or return after its
+// 30 s, never with SyncBackoffCancelled.
+TEST_F(HttpClientTest, StopRequestsEndTransfersAndWaits) {
   TestServer server([](Connection& c) {
     c.read_request();
     c.wait_for_close();
   });
-  auto start = Clock::now();
   std::atomic<bool> stop{false};
   std::thread stopper([&] {
     std::this_thread::sleep_for(300ms);
@@ -345,7 +342,6 @@ TEST_F(HttpClientTest, StopRequestsEndTransfersAndWaitsPromptly) {
                                                     options(60.0, std::nullopt, [&] { return stop.load(); })),
                SyncBackoffCancelled);
   stopper.join();
-  EXPECT_LT(seconds_since(start), 30.0) << "far below the transfer's 60 s no-progress timeout";
 
   // An exception from the predicate itself ends the transfer unchanged.
   struct Broken {};
@@ -360,11 +356,9 @@ TEST_F(HttpClientTest, StopRequestsEndTransfersAndWaitsPromptly) {
   EXPECT_FALSE(sync_backoff_stop_requested());
   worker_stopped = true;
   EXPECT_TRUE(sync_backoff_stop_requested());
-  start = Clock::now();
   EXPECT_THROW(sleep_for_sync_backoff(30.0), SyncBackoffCancelled);
   RecordingSink sink;
   EXPECT_THROW(download_request_to_sink(HttpRequest{server.url("/hang"), {}}, sink, 60.0), SyncBackoffCancelled);
-  EXPECT_LT(seconds_since(start), 15.0) << "far below the 30 s wait and the 60 s timeout";
 }
 
 TEST(ContentRange, ParsesOnlyConsistentRanges) {
@@ -445,7 +439,6 @@ TEST(CurlProgram, RunCapturesOutputAndKillsTheChildOnStop) {
   EXPECT_EQ(run.stdout_bytes, "out");
   EXPECT_EQ(run.stderr_bytes, "err");
 
-  auto start = Clock::now();
   std::atomic<bool> stop_flag{false};
   std::thread stopper([&] {
     std::this_thread::sleep_for(200ms);
@@ -454,7 +447,6 @@ TEST(CurlProgram, RunCapturesOutputAndKillsTheChildOnStop) {
   EXPECT_THROW(run_curl_command({"/bin/sh", "-c", "exec sleep 30"}, [&] { return stop_flag.load(); }),
                SyncBackoffCancelled);
   stopper.join();
-  EXPECT_LT(seconds_since(start), 15.0) << "far below the child's 30 s";
   EXPECT_THROW(run_curl_command({"/nonexistent/curl"}), OSError);
 }
 

@@ -130,7 +130,20 @@ void SyncManager::acquire_flock() {
                 {json::value(data_dir_)});
           }
         }
-        if (flock_unreliable_) acquire_owner_file();
+        if (flock_unreliable_) {
+          try {
+            acquire_owner_file();
+          } catch (...) {
+            // Not taken after all: the file lock goes with the attempt, or
+            // the next acquire would count as re-entry and skip the owner
+            // file, and other processes would wait for this one for good.
+            ::flock(flock_fd_, LOCK_UN);
+            ::close(flock_fd_);
+            flock_fd_ = -1;
+            flock_depth_ = 0;
+            throw;
+          }
+        }
         return;
       }
       // The file we locked was removed (and maybe replaced) meanwhile.

@@ -345,6 +345,8 @@ class SyncManager : public std::enable_shared_from_this<SyncManager>, public Era
   int flock_depth_ = 0;   // guarded by flock_mu_
   bool flock_checked_ = false;     // guarded by flock_mu_
   bool flock_unreliable_ = false;  // guarded by flock_mu_
+  // Tests take the owner-file path where flock() does exclude.
+  friend struct SyncManagerTestAccess;
   // Exclusive-create fallback where flock() does not exclude.
   // REQUIRES: flock_mu_ held.
   void acquire_owner_file();
