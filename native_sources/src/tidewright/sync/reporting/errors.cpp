@@ -3,10 +3,17 @@
 #include "tidewright/sync/common/url.hpp"
 #include "tidewright/sync/host/host.hpp"
 
+#include <cerrno>
+
 namespace tidewright::sync {
 
 std::string Error::class_name() const {
-  switch (kind()) {
+  if (kind() == ErrorKind::kHostError) return static_cast<const HostError*>(this)->type_name;
+  return error_kind_name(kind());
+}
+
+const char* error_kind_name(ErrorKind kind) {
+  switch (kind) {
     case ErrorKind::kSyncError: return "SyncError";
     case ErrorKind::kPermanentDownloadError: return "PermanentDownloadError";
     case ErrorKind::kSyncUnavailableError: return "SyncUnavailableError";
@@ -26,9 +33,9 @@ std::string Error::class_name() const {
     case ErrorKind::kAuthError: return "AuthError";
     case ErrorKind::kSyncBackoffCancelled: return "SyncBackoffCancelled";
     case ErrorKind::kLibraryUpdateRequired: return "LibraryUpdateRequired";
-    case ErrorKind::kHostError: return static_cast<const HostError*>(this)->type_name;
+    case ErrorKind::kHostError: return "Exception";
   }
-  return "Error";
+  return "Exception";
 }
 
 const char* error_code_name(ErrorCode code) {
@@ -53,8 +60,15 @@ const char* error_code_name(ErrorCode code) {
   return "other";
 }
 
-ErrorCode Error::code() const {
-  switch (kind()) {
+ErrorCode Error::code() const { return error_kind_code(kind()); }
+
+ErrorCode OSError::code() const {
+  if (error_number == ENOSPC || error_number == EDQUOT) return ErrorCode::kDiskSpace;
+  return Error::code();
+}
+
+ErrorCode error_kind_code(ErrorKind kind) {
+  switch (kind) {
     case ErrorKind::kSyncError: return ErrorCode::kSync;
     case ErrorKind::kPermanentDownloadError: return ErrorCode::kPermanentDownload;
     case ErrorKind::kSyncUnavailableError: return ErrorCode::kUnavailable;
@@ -88,6 +102,7 @@ ErrorCode HostError::code() const {
   if (is(kIsRotationStatePayloadError)) return ErrorCode::kState;
   if (is(kIsSyncError)) return ErrorCode::kSync;
   if (is(kIsConnectionError) || is(kIsTimeoutError)) return ErrorCode::kNetwork;
+  if (is(kIsNoSpace)) return ErrorCode::kDiskSpace;
   if (is(kIsOSError)) return ErrorCode::kFileSystem;
   if (is(kIsValueError) || is(kIsTypeError)) return ErrorCode::kInvalidValue;
   return ErrorCode::kOther;

@@ -65,6 +65,13 @@ enum class ErrorCode {
   kFileSystem,       // a local file operation failed
 };
 
+// The host class name of a kind ("SyncError", "ValueError", ...);
+// "Exception" for kHostError, whose class only the instance knows.
+const char* error_kind_name(ErrorKind kind);
+
+// The code of every error of a kind (an OSError's errno may refine it).
+ErrorCode error_kind_code(ErrorKind kind);
+
 // The name of a code as the host sees it ("auth", "disk_space", ...).
 const char* error_code_name(ErrorCode code);
 
@@ -145,6 +152,8 @@ class OSError : public Error {
   OSError(const std::string& message, int error_number = 0, std::string filename = {})
       : Error(message), error_number(error_number), filename(std::move(filename)) {}
   ErrorKind kind() const override { return ErrorKind::kOSError; }
+  // A full disk or quota is a disk space failure whatever the call.
+  ErrorCode code() const override;
   int error_number;
   std::string filename;
 };
@@ -188,6 +197,7 @@ class HostError : public Error {
     kIsSyncError = 1u << 8,
     kIsRotationStatePayloadError = 1u << 9,
     kIsKeyboardInterrupt = 1u << 10,
+    kIsNoSpace = 1u << 11,  // an OSError with errno ENOSPC or EDQUOT
   };
   HostError(const std::string& message, std::string type_name, unsigned flags,
             std::shared_ptr<void> payload)
