@@ -92,17 +92,6 @@ def test_a_callback_exception_reaches_the_caller_unchanged(tmp_path, monkeypatch
     assert info.value is raised
 
 
-def test_auth_error_is_the_auth_module_class(tmp_path, monkeypatch):
-    import tidewright._transport_security as security
-
-    def refuse(url):
-        raise tidewright.auth.AuthError("expired")
-
-    monkeypatch.setattr(security, "validate_bearer_transport_url", refuse)
-    with pytest.raises(tidewright.auth.AuthError, match="expired"):
-        sync.SyncManager(str(tmp_path), "http://127.0.0.1:1", get_token=lambda: "t")
-
-
 # The command line maps these codes to exit statuses: the most specific class
 # decides, and the standard classes a sibling raises are classified too.
 @pytest.mark.parametrize("exc, code", [
