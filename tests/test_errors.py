@@ -6,6 +6,7 @@ import pickle
 
 import pytest
 
+import tidewright.auth
 import tidewright.sync as sync
 
 
@@ -89,3 +90,22 @@ def test_a_callback_exception_reaches_the_caller_unchanged(tmp_path, monkeypatch
     with pytest.raises(Refused) as info:
         sync.SyncManager(str(tmp_path), "http://127.0.0.1:1", get_token=lambda: "t")
     assert info.value is raised
+
+
+# The command line maps these codes to exit statuses: the most specific class
+# decides, and the standard classes a sibling raises are classified too.
+@pytest.mark.parametrize("exc, code", [
+    (sync.FeatureRotationStateError("x"), "state"),
+    (sync.SyncUnavailableError("", 1), "unavailable"),
+    (sync.PermanentDownloadError("x", status=404), "permanent_download"),
+    (sync.EraError("x"), "era"),
+    (sync.SyncError("x"), "sync"),
+    (tidewright.auth.AuthError("x"), "auth"),
+    (OSError(errno.ENOSPC, "full"), "disk_space"),
+    (ConnectionResetError(), "network"),
+    (PermissionError(errno.EACCES, "no"), "file_system"),
+    (KeyboardInterrupt(), "cancelled"),
+    (RuntimeError("x"), "other"),
+])
+def test_error_code_of_an_exception(exc, code):
+    assert sync._error_code(exc) == code

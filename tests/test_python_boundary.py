@@ -119,7 +119,7 @@ TEXT_CALLS = {
     "SyncManager._get_found_file_paths": lambda w: w["manager"]._get_found_file_paths(),
 }
 # Text results that need a running manager; called by the lifecycle tests.
-TEXT_CALLED_ELSEWHERE = {"SyncManager.request_for_sync"}
+TEXT_CALLED_ELSEWHERE = {"SyncManager.request_for_sync", "_error_code"}  # _error_code: test_errors.py
 
 
 def test_the_text_call_table_covers_every_text_result():

@@ -701,14 +701,23 @@ def _isatty(stream: TextIO) -> bool:
 
 # -- what went wrong, and what to do ------------------------------------------------------
 
+# What each code of the engine means on the command line. A few codes are
+# refined by the error's fields (an HTTP status, an errno) in classify().
+_EXIT_BY_ERROR_CODE = {
+    "auth": EXIT_AUTH, "unavailable": EXIT_UNAVAILABLE, "disk_space": EXIT_DISK_SPACE,
+    "integrity": EXIT_INTEGRITY, "era": EXIT_ERA, "superseded": EXIT_ERA, "manifest": EXIT_ERA,
+    "permanent_download": EXIT_ERA, "sync": EXIT_ERA,
+}
+
+
 def classify(exc: BaseException, run: Run) -> CliError:
-    """Map an error of the engine (or its sibling modules) to a CliError, by its type and fields."""
+    """Map an error of the engine (or its sibling modules) to a CliError, by its code and fields."""
     from tidewright import sync
-    from tidewright.auth import AuthError
-    from tidewright.sync_backoff import SyncBackoffCancelled
 
     if isinstance(exc, CliError):
         return exc
+    code = sync._error_code(exc)
+    exit_code = _EXIT_BY_ERROR_CODE.get(code, EXIT_OTHER)
     args = run.args
     where = getattr(args, "data_dir", None) or "the data directory"
     server = getattr(args, "server", None) or "the data service"
@@ -716,74 +725,82 @@ def classify(exc: BaseException, run: Run) -> CliError:
     kept = "partial downloads are kept and resume on the next sync"
     operator = "retry later; if it persists, tell the data service operator"
 
-    if isinstance(exc, SyncBackoffCancelled) and run.outage.gave_up:
+    if code == "cancelled" and run.outage.gave_up:
         return gave_up_error(run, server, kept)
-    if isinstance(exc, AuthError):
-        return CliError(EXIT_AUTH, f"the data service refused the token ({text})",
+    if code == "auth":
+        return CliError(exit_code, f"the data service refused the token ({text})",
                         f"check the token given by --token-file or {TOKEN_ENV}, or get a new one")
-    if isinstance(exc, sync.PermanentDownloadError) and exc.status in (401, 403):
+    if code == "permanent_download" and exc.status in (401, 403):
         return CliError(EXIT_AUTH, f"the data service refused access (HTTP {exc.status}): {text}",
                         "check the token and its permissions, or get a new one")
-    if isinstance(exc, sync.SyncUnavailableError) and exc.dependency == "tls":
+    if code == "unavailable" and exc.dependency == "tls":
         # Not an outage: it fails at once, and again until the trust is configured.
-        return CliError(EXIT_UNAVAILABLE, f"cannot connect securely to the data service: {exc.reason}",
+        return CliError(exit_code, f"cannot connect securely to the data service: {exc.reason}",
                         "set SSL_CERT_FILE to a CA bundle that trusts the service's certificate (for a private CA, "
                         "its CA certificate in PEM), or check --server; nothing was sent",
                         details={"endpoint": exc.endpoint, "failures": exc.failures})
-    if isinstance(exc, sync.SyncUnavailableError):
+    if code == "unavailable":
         parts = [f"server_error={exc.server_error_code}" if exc.server_error_code else "",
                  f"reason={exc.reason}" if exc.reason else ""]
         extra = " ".join(p for p in parts if p)
         hint = "retry later" + (f" (the service advises: {exc.recovery})" if exc.recovery else "")
-        return CliError(EXIT_UNAVAILABLE, f"the data service is unavailable at {exc.endpoint}"
+        return CliError(exit_code, f"the data service is unavailable at {exc.endpoint}"
                         + (f" ({extra})" if extra else ""), f"{hint}; {kept}",
                         details={"endpoint": exc.endpoint, "statuses": exc.statuses, "failures": exc.failures})
-    if isinstance(exc, sync.DiskSpaceError) or (isinstance(exc, OSError)
-                                                and exc.errno in (errno.ENOSPC, errno.EDQUOT)):
-        return CliError(EXIT_DISK_SPACE, f"not enough disk space in {where}: {text}",
+    if code == "disk_space":
+        return CliError(exit_code, f"not enough disk space in {where}: {text}",
                         "free some space or pass another --data-dir; nothing was replaced")
-    if isinstance(exc, sync.IntegrityError):
-        return CliError(EXIT_INTEGRITY, f"downloaded data kept failing verification: {text}",
+    if code == "integrity":
+        return CliError(exit_code, f"downloaded data kept failing verification: {text}",
                         "retry; if it persists, report it to the data service operator")
-    if isinstance(exc, sync.EraError):
-        return CliError(EXIT_ERA, f"{where} holds another era than the data service: {text}",
+    if code == "era":
+        return CliError(exit_code, f"{where} holds another era than the data service: {text}",
                         "sync into a new --data-dir, or keep this one current with 'watch'")
-    if isinstance(exc, sync.ManifestSupersededError):
-        return CliError(EXIT_ERA, f"the manifest could not be used: {text}", "retry in a moment")
-    if isinstance(exc, sync.ManifestError):
-        return CliError(EXIT_ERA, f"the manifest could not be used: {text}",
-                        f"{operator}; nothing was written")
-    if (isinstance(exc, sync.PermanentDownloadError) and exc.file_path is None
-            and (exc.status is None or exc.status < 300)):
-        # An answer refused for its size: the words say which and why.
-        return CliError(EXIT_ERA, f"the data service's answer could not be used: {text}", operator)
-    if isinstance(exc, sync.PermanentDownloadError) and exc.file_path is None:
-        status = f"HTTP {exc.status}" if exc.status is not None else text
-        return CliError(EXIT_ERA, f"{server} did not serve a manifest ({status})",
-                        "check that --server is the data service's base URL and --market is right",
-                        details={"status": exc.status})
-    if isinstance(exc, sync.PermanentDownloadError):
-        return CliError(EXIT_ERA, f"the data service could not serve a listed file: {text}",
-                        "retry in a moment (the manifest may be changing)",
-                        details={"file": exc.file_path, "status": exc.status})
-    if isinstance(exc, sync.SyncError):
+    if code == "superseded":
+        return CliError(exit_code, f"the manifest could not be used: {text}", "retry in a moment")
+    if code == "manifest":
+        return CliError(exit_code, f"the manifest could not be used: {text}", f"{operator}; nothing was written")
+    if code == "permanent_download":
+        return _permanent_download_error(exc, server, operator)
+    if code == "sync":
         # What is left of the family: answers of the service that contradict
         # its manifest or the request (an artifact that does not validate, a
         # range answered for other bytes).
-        return CliError(EXIT_ERA, f"the data service's answers could not be used: {text}", f"{operator}; {kept}")
+        return CliError(exit_code, f"the data service's answers could not be used: {text}", f"{operator}; {kept}")
     if isinstance(exc, OSError) and exc.errno in (errno.EISDIR, errno.ENOTDIR, errno.ENAMETOOLONG):
         return _path_conflict(exc, where)
     if isinstance(exc, PermissionError):
         return CliError(EXIT_USAGE, f"permission denied: {exc.filename or text}",
                         "fix the permissions of the data directory or pass another --data-dir")
     if isinstance(exc, OSError):
-        return CliError(EXIT_OTHER, f"{exc.strerror or text}" + (f": {exc.filename}" if exc.filename else ""),
+        return CliError(exit_code, f"{exc.strerror or text}" + (f": {exc.filename}" if exc.filename else ""),
                         "check the data directory")
-    name = type(exc).__name__
-    if name == "LibraryUpdateRequired":
-        return CliError(EXIT_OTHER, f"this tidewright version is too old for the data service: {text}",
+    if code == "update_required":
+        return CliError(exit_code, f"this tidewright version is too old for the data service: {text}",
                         "upgrade the tidewright package")
-    return CliError(EXIT_OTHER, f"{name}: {text}", "run again with -v for details")
+    return CliError(exit_code, f"{type(exc).__name__}: {text}", "run again with -v for details")
+
+
+def _cancelled(exc: BaseException) -> bool:
+    from tidewright import sync
+
+    return sync._error_code(exc) == "cancelled"
+
+
+def _permanent_download_error(exc: BaseException, server: str, operator: str) -> CliError:
+    """An answer no retry changes: for the manifest (no file path) or for a listed file."""
+    text = str(exc)
+    if exc.file_path is None and (exc.status is None or exc.status < 300):
+        # An answer refused for its size: the words say which and why.
+        return CliError(EXIT_ERA, f"the data service's answer could not be used: {text}", operator)
+    if exc.file_path is None:
+        status = f"HTTP {exc.status}" if exc.status is not None else text
+        return CliError(EXIT_ERA, f"{server} did not serve a manifest ({status})",
+                        "check that --server is the data service's base URL and --market is right",
+                        details={"status": exc.status})
+    return CliError(EXIT_ERA, f"the data service could not serve a listed file: {text}",
+                    "retry in a moment (the manifest may be changing)",
+                    details={"file": exc.file_path, "status": exc.status})
 
 
 def _path_conflict(exc: OSError, where: str) -> CliError:
@@ -1461,7 +1478,7 @@ def main(argv: list[str] | None = None, *, stdout: TextIO | None = None, stderr:
         except (KeyboardInterrupt, _Terminate) as exc:
             raise Interrupted(EXIT_TERMINATED if isinstance(exc, _Terminate) else EXIT_INTERRUPTED) from None
         except Exception as exc:  # noqa: BLE001 - every failure becomes one line and an exit status
-            if (type(exc).__name__ == "SyncBackoffCancelled" and run.stop.is_set() and not run.outage.gave_up):
+            if _cancelled(exc) and run.stop.is_set() and not run.outage.gave_up:
                 raise Interrupted() from None
             raise classify(exc, run) from exc
     except StdoutClosed:

@@ -1,6 +1,7 @@
 #include "tidewright/sync/bindings/errors.hpp"
 
 #include "tidewright/sync/bindings/convert.hpp"
+#include "tidewright/sync/bindings/python_host.hpp"
 
 #include <Python.h>
 
@@ -170,6 +171,27 @@ void bind_errors(nb::module_& m) {
   nb::dict globals = nb::borrow<nb::dict>(m.attr("__dict__"));
   nb::object code = builtins.attr("compile")(kErrorSource, "<tidewright.sync errors>", "exec");
   builtins.attr("exec")(code, globals);
+  m.def(
+      "_error_code", [](nb::handle exc) { return error_code_name(python_error_code(exc)); }, nb::arg("exc"),
+      nb::sig("def _error_code(exc: BaseException) -> str"),
+      "What a failure means, whatever its class: \"auth\", \"unavailable\", \"disk_space\", ... "
+      "(\"other\" when nothing more is known).");
+}
+
+ErrorCode python_error_code(nb::handle value) {
+  // Most specific class first: the first match decides.
+  static constexpr ErrorKind kFamily[] = {
+      ErrorKind::kFeatureRotationStateError, ErrorKind::kStateError,        ErrorKind::kPermanentDownloadError,
+      ErrorKind::kSyncUnavailableError,      ErrorKind::kManifestSupersededError, ErrorKind::kDiskSpaceError,
+      ErrorKind::kIntegrityError,            ErrorKind::kEraError,          ErrorKind::kManifestError,
+      ErrorKind::kSyncError,
+  };
+  for (ErrorKind kind : kFamily) {
+    nb::object cls = error_class(error_kind_name(kind));
+    if (PyObject_IsInstance(value.ptr(), cls.ptr()) == 1) return error_kind_code(kind);
+    PyErr_Clear();
+  }
+  return HostError("", "", host_error_flags(value), nullptr).code();
 }
 
 void set_python_error(const Error& error) {

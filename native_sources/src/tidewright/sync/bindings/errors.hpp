@@ -17,6 +17,10 @@ void bind_errors(nb::module_& m);
 // REQUIRES: the GIL held.
 void set_python_error(const Error& error);
 
+// The code of a Python exception instance: the family class it belongs to,
+// else what its standard and sibling classes say. REQUIRES: the GIL held.
+ErrorCode python_error_code(nb::handle value);
+
 // The Python class of the module with this name (e.g. "SyncError").
 nb::object error_class(const char* name);
 

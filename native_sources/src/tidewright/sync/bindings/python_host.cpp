@@ -1,5 +1,7 @@
 #include "tidewright/sync/bindings/python_host.hpp"
 
+#include <cerrno>
+
 #include "tidewright/sync/bindings/convert.hpp"
 #include "tidewright/sync/common/owned_thread.hpp"
 #include "tidewright/sync/reporting/errors.hpp"
@@ -152,9 +154,7 @@ nb::object exc_info_of_current_exception() {
 
 }  // namespace
 
-[[noreturn]] void throw_host_error_from_python() {
-  nb::python_error err;  // fetches and clears the current exception
-  nb::handle value = err.value();
+unsigned host_error_flags(nb::handle value) {
   unsigned flags = 0;
   auto mark = [&](PyObject* cls, unsigned flag) {
     if (PyObject_IsInstance(value.ptr(), cls) == 1) flags |= flag;
@@ -166,6 +166,13 @@ nb::object exc_info_of_current_exception() {
   mark(PyExc_TimeoutError, HostError::kIsTimeoutError);
   mark(PyExc_KeyboardInterrupt, HostError::kIsKeyboardInterrupt);
   PyErr_Clear();
+  if ((flags & HostError::kIsOSError) != 0 && nb::hasattr(value, "errno")) {
+    nb::object number = value.attr("errno");
+    if (nb::isinstance<nb::int_>(number)) {
+      int e = nb::cast<int>(number);
+      if (e == ENOSPC || e == EDQUOT) flags |= HostError::kIsNoSpace;
+    }
+  }
   if (isinstance_of(value, "tidewright.auth", "AuthError")) flags |= HostError::kIsAuthError;
   if (isinstance_of(value, "tidewright.sync_backoff", "SyncBackoffCancelled")) flags |= HostError::kIsSyncBackoffCancelled;
   if (isinstance_of(value, "tidewright.deployment", "LibraryUpdateRequired")) flags |= HostError::kIsLibraryUpdateRequired;
@@ -173,6 +180,13 @@ nb::object exc_info_of_current_exception() {
   if (isinstance_of(value, "tidewright._artifact_rotation", "RotationStatePayloadError")) {
     flags |= HostError::kIsRotationStatePayloadError;
   }
+  return flags;
+}
+
+[[noreturn]] void throw_host_error_from_python() {
+  nb::python_error err;  // fetches and clears the current exception
+  nb::handle value = err.value();
+  unsigned flags = host_error_flags(value);
   std::string message;
   try {
     message = to_text(value);

@@ -8,6 +8,8 @@
 
 #include "tidewright/sync/host/host.hpp"
 
+#include <nanobind/nanobind.h>
+
 namespace tidewright::sync::bindings {
 
 class PythonHost : public Host {
@@ -52,5 +54,9 @@ void show_engine_thread_name();
 // Converts the Python exception being raised into a HostError (clearing it).
 // REQUIRES: the GIL held and an exception set.
 [[noreturn]] void throw_host_error_from_python();
+
+// The HostError flags of a Python exception instance: which standard and
+// sibling classes it belongs to. REQUIRES: the GIL held.
+unsigned host_error_flags(nanobind::handle value);
 
 }  // namespace tidewright::sync::bindings

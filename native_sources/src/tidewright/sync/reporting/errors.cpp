@@ -3,10 +3,17 @@
 #include "tidewright/sync/common/url.hpp"
 #include "tidewright/sync/host/host.hpp"
 
+#include <cerrno>
+
 namespace tidewright::sync {
 
 std::string Error::class_name() const {
-  switch (kind()) {
+  if (kind() == ErrorKind::kHostError) return static_cast<const HostError*>(this)->type_name;
+  return error_kind_name(kind());
+}
+
+const char* error_kind_name(ErrorKind kind) {
+  switch (kind) {
     case ErrorKind::kSyncError: return "SyncError";
     case ErrorKind::kPermanentDownloadError: return "PermanentDownloadError";
     case ErrorKind::kSyncUnavailableError: return "SyncUnavailableError";
@@ -26,9 +33,108 @@ std::string Error::class_name() const {
     case ErrorKind::kAuthError: return "AuthError";
     case ErrorKind::kSyncBackoffCancelled: return "SyncBackoffCancelled";
     case ErrorKind::kLibraryUpdateRequired: return "LibraryUpdateRequired";
-    case ErrorKind::kHostError: return static_cast<const HostError*>(this)->type_name;
+    case ErrorKind::kHostError: return "Exception";
   }
-  return "Error";
+  return "Exception";
+}
+
+const char* error_code_name(ErrorCode code) {
+  switch (code) {
+    case ErrorCode::kOther: return "other";
+    case ErrorCode::kCancelled: return "cancelled";
+    case ErrorCode::kAuth: return "auth";
+    case ErrorCode::kUpdateRequired: return "update_required";
+    case ErrorCode::kUnavailable: return "unavailable";
+    case ErrorCode::kNetwork: return "network";
+    case ErrorCode::kDiskSpace: return "disk_space";
+    case ErrorCode::kIntegrity: return "integrity";
+    case ErrorCode::kSuperseded: return "superseded";
+    case ErrorCode::kPermanentDownload: return "permanent_download";
+    case ErrorCode::kEra: return "era";
+    case ErrorCode::kManifest: return "manifest";
+    case ErrorCode::kSync: return "sync";
+    case ErrorCode::kState: return "state";
+    case ErrorCode::kInvalidValue: return "invalid_value";
+    case ErrorCode::kFileSystem: return "file_system";
+  }
+  return "other";
+}
+
+ErrorCode Error::code() const { return error_kind_code(kind()); }
+
+ErrorCode OSError::code() const {
+  if (error_number == ENOSPC || error_number == EDQUOT) return ErrorCode::kDiskSpace;
+  return Error::code();
+}
+
+ErrorCode error_kind_code(ErrorKind kind) {
+  switch (kind) {
+    case ErrorKind::kSyncError: return ErrorCode::kSync;
+    case ErrorKind::kPermanentDownloadError: return ErrorCode::kPermanentDownload;
+    case ErrorKind::kSyncUnavailableError: return ErrorCode::kUnavailable;
+    case ErrorKind::kManifestSupersededError: return ErrorCode::kSuperseded;
+    case ErrorKind::kDiskSpaceError: return ErrorCode::kDiskSpace;
+    case ErrorKind::kIntegrityError: return ErrorCode::kIntegrity;
+    case ErrorKind::kEraError: return ErrorCode::kEra;
+    case ErrorKind::kManifestError: return ErrorCode::kManifest;
+    case ErrorKind::kStateError:
+    case ErrorKind::kFeatureRotationStateError: return ErrorCode::kState;
+    case ErrorKind::kValueError:
+    case ErrorKind::kTypeError: return ErrorCode::kInvalidValue;
+    case ErrorKind::kOSError:
+    case ErrorKind::kFileNotFoundError: return ErrorCode::kFileSystem;
+    case ErrorKind::kConnectionError:
+    case ErrorKind::kTimeoutError: return ErrorCode::kNetwork;
+    case ErrorKind::kAuthError: return ErrorCode::kAuth;
+    case ErrorKind::kSyncBackoffCancelled: return ErrorCode::kCancelled;
+    case ErrorKind::kLibraryUpdateRequired: return ErrorCode::kUpdateRequired;
+    case ErrorKind::kHostError: return ErrorCode::kOther;  // HostError overrides code()
+  }
+  return ErrorCode::kOther;
+}
+
+// The most specific flag decides: an AuthError that is also a ConnectionError
+// is an auth failure.
+ErrorCode HostError::code() const {
+  if (is(kIsKeyboardInterrupt) || is(kIsSyncBackoffCancelled)) return ErrorCode::kCancelled;
+  if (is(kIsAuthError)) return ErrorCode::kAuth;
+  if (is(kIsLibraryUpdateRequired)) return ErrorCode::kUpdateRequired;
+  if (is(kIsRotationStatePayloadError)) return ErrorCode::kState;
+  if (is(kIsSyncError)) return ErrorCode::kSync;
+  if (is(kIsConnectionError) || is(kIsTimeoutError)) return ErrorCode::kNetwork;
+  if (is(kIsNoSpace)) return ErrorCode::kDiskSpace;
+  if (is(kIsOSError)) return ErrorCode::kFileSystem;
+  if (is(kIsValueError) || is(kIsTypeError)) return ErrorCode::kInvalidValue;
+  return ErrorCode::kOther;
+}
+
+ErrorCode error_code(const std::exception& e) {
+  if (const auto* error = dynamic_cast<const Error*>(&e)) return error->code();
+  return ErrorCode::kOther;
+}
+
+bool is_fatal(const std::exception& e) {
+  switch (error_code(e)) {
+    case ErrorCode::kCancelled:
+    case ErrorCode::kAuth:
+    case ErrorCode::kUpdateRequired: return true;
+    default: return false;
+  }
+}
+
+bool is_retryable(const std::exception& e) {
+  if (dynamic_cast<const HostError*>(&e) != nullptr) return false;
+  switch (error_code(e)) {
+    case ErrorCode::kNetwork:
+    case ErrorCode::kEra:
+    case ErrorCode::kManifest:
+    case ErrorCode::kSync: return true;
+    case ErrorCode::kUnavailable: {
+      const auto* unavailable = dynamic_cast<const SyncUnavailableError*>(&e);
+      return unavailable != nullptr && unavailable->retryable_allowed();
+    }
+    default: return false;
+  }
 }
 
 std::string sync_endpoint_from_url(const std::string& url) {

@@ -42,10 +42,44 @@ enum class ErrorKind {
   kHostError,
 };
 
+// What a failure means to the code that meets it, whatever class carries it:
+// the engine's catch sites decide by it (see is_fatal / is_retryable), and the
+// command line maps it to an exit status. Every error, native or raised by
+// host code, has exactly one.
+enum class ErrorCode {
+  kOther,            // nothing below: a bug, or a failure of the host's own code
+  kCancelled,        // a stop request or an interrupt ended the wait or transfer
+  kAuth,             // the service refused the token
+  kUpdateRequired,   // this library is too old for the service's era
+  kUnavailable,      // the service stayed unavailable (SyncUnavailableError)
+  kNetwork,          // a connection failed or made no progress in time
+  kDiskSpace,        // not enough room for what must be written
+  kIntegrity,        // bytes kept failing verification
+  kSuperseded,       // a newer manifest replaced the one being downloaded
+  kPermanentDownload,  // an answer no retry will change
+  kEra,              // the era changed or does not match
+  kManifest,         // a manifest that cannot be used
+  kSync,             // another failure of the sync family: an answer that may be right next time
+  kState,            // the operation does not fit the current state
+  kInvalidValue,     // a value or type the operation cannot take
+  kFileSystem,       // a local file operation failed
+};
+
+// The host class name of a kind ("SyncError", "ValueError", ...);
+// "Exception" for kHostError, whose class only the instance knows.
+const char* error_kind_name(ErrorKind kind);
+
+// The code of every error of a kind (an OSError's errno may refine it).
+ErrorCode error_kind_code(ErrorKind kind);
+
+// The name of a code as the host sees it ("auth", "disk_space", ...).
+const char* error_code_name(ErrorCode code);
+
 class Error : public std::runtime_error {
  public:
   explicit Error(const std::string& message) : std::runtime_error(message) {}
   virtual ErrorKind kind() const = 0;
+  virtual ErrorCode code() const;
   // The host class name ("SyncError", "ValueError", ...).
   std::string class_name() const;
 };
@@ -118,6 +152,8 @@ class OSError : public Error {
   OSError(const std::string& message, int error_number = 0, std::string filename = {})
       : Error(message), error_number(error_number), filename(std::move(filename)) {}
   ErrorKind kind() const override { return ErrorKind::kOSError; }
+  // A full disk or quota is a disk space failure whatever the call.
+  ErrorCode code() const override;
   int error_number;
   std::string filename;
 };
@@ -161,16 +197,34 @@ class HostError : public Error {
     kIsSyncError = 1u << 8,
     kIsRotationStatePayloadError = 1u << 9,
     kIsKeyboardInterrupt = 1u << 10,
+    kIsNoSpace = 1u << 11,  // an OSError with errno ENOSPC or EDQUOT
   };
   HostError(const std::string& message, std::string type_name, unsigned flags,
             std::shared_ptr<void> payload)
       : Error(message), type_name(std::move(type_name)), flags(flags), payload(std::move(payload)) {}
   ErrorKind kind() const override { return ErrorKind::kHostError; }
+  ErrorCode code() const override;
   bool is(Flags flag) const { return (flags & flag) != 0; }
   std::string type_name;  // the class name of the original exception
   unsigned flags;
   std::shared_ptr<void> payload;
 };
+
+// The code of any exception: an Error's own, kOther for anything else.
+ErrorCode error_code(const std::exception& e);
+
+// True for a failure no retry and no fallback may absorb: a stop request or
+// interrupt, a refused token, a library too old for the service. A catch
+// site that would log and carry on, or try again, rethrows these.
+bool is_fatal(const std::exception& e);
+
+// True for a failure of the engine's own exchange with the service that
+// another attempt may cure: a network failure or timeout, an unavailability
+// the server did not declare final, an answer of the sync family that was
+// wrong this time. Never true for a fatal error, for a verdict on the data
+// (integrity, disk space, a superseded manifest, a permanent answer), or for
+// an exception raised by host code: that is the host's to handle.
+bool is_retryable(const std::exception& e);
 
 // Builds the SyncUnavailableError message from its fields.
 std::string build_unavailable_message(const UnavailableDetails& details);
