@@ -1,6 +1,7 @@
 # Set-up from nothing: `make install` installs the missing Debian packages,
 # creates .venv and installs the package with its test extras there;
-# `make test` does the same and runs the C++ and Python test suites;
+# `make test` does the same and runs the C++ and Python test suites
+# (`make py-test-twice` runs every Python test twice in one process);
 # `make demo` does the set-up and syncs a generated era from a local
 # reference service into build/demo/data; `make bench` compares a cold sync
 # with peer downloaders (BENCH_ARGS="--size-gib 0.5" for a smaller era);
@@ -19,7 +20,7 @@ SUDO := $(shell [ "$$(id -u)" = 0 ] || echo sudo)
 
 BENCH_ARGS ?=
 
-.PHONY: install apt-deps venv package test cpp-test py-test demo bench fuzz tsan asan coverage clean wheel-deps wheel wheel-test lint
+.PHONY: install apt-deps venv package test cpp-test py-test py-test-twice demo bench fuzz tsan asan coverage clean wheel-deps wheel wheel-test lint
 
 install: apt-deps venv package
 
@@ -36,7 +37,7 @@ $(VPY):
 	$(PYTHON) -m venv $(VENV)
 
 venv: $(VPY)
-	@$(PIP) install -q --disable-pip-version-check $(BUILD_DEPS) pytest pytest-randomly hypothesis tqdm
+	@$(PIP) install -q --disable-pip-version-check $(BUILD_DEPS) pytest pytest-randomly pytest-repeat hypothesis tqdm
 
 # Incremental: the CMake build directory under build/ is kept between runs.
 package: venv
@@ -52,6 +53,15 @@ py-test: install
 	@seed=$${PYTEST_SEED:-$$(od -An -N2 -tu2 /dev/urandom | tr -d ' ')}; \
 	echo "pytest order: PYTEST_SEED=$$seed"; \
 	$(VPY) -m pytest -q -p randomly --randomly-seed=$$seed tests
+
+# Every test twice in one process (pytest-repeat), in random order: a test
+# that depends on what an earlier one left behind, or leaves something that
+# breaks a later one (a registered manager, a patched module, a process-wide
+# setting), fails here. PYTEST_SEED as for py-test.
+py-test-twice: install
+	@seed=$${PYTEST_SEED:-$$(od -An -N2 -tu2 /dev/urandom | tr -d ' ')}; \
+	echo "pytest order: PYTEST_SEED=$$seed"; \
+	$(VPY) -m pytest -q -p randomly --randomly-seed=$$seed -p repeat --count=2 --repeat-scope=session tests
 
 test: install cpp-test py-test
 

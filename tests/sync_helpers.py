@@ -4,6 +4,8 @@ a data directory, and the service's request log read per file."""
 import contextlib
 import json
 import os
+import shutil
+import sys
 import time
 
 import tidewright.sync as sync
@@ -102,3 +104,25 @@ def stop_when(predicate, limit_seconds=60.0):
     comes fails the test instead of hanging it."""
     give_up_at = time.monotonic() + limit_seconds
     return lambda: bool(predicate()) or time.monotonic() > give_up_at
+
+
+_CURL_WRAPPER = """#!{python}
+# Records this process's own command line, then runs the real program.
+import os, sys
+with open("/proc/self/cmdline", "rb") as cmdline, open(os.path.join({log!r}, str(os.getpid())), "wb") as out:
+    out.write(cmdline.read().replace(b"\\0", b" "))
+os.execv({real!r}, [{real!r}] + sys.argv[1:])
+"""
+
+
+def record_curl_runs(tmp_path, monkeypatch):
+    """Puts a ``curl`` first on PATH that records its command line and runs the
+    real program; returns a function listing the command lines recorded."""
+    bin_dir, log = tmp_path / "curl-bin", tmp_path / "curl-cmdlines"
+    bin_dir.mkdir()
+    log.mkdir()
+    wrapper = bin_dir / "curl"
+    wrapper.write_text(_CURL_WRAPPER.format(python=sys.executable, log=str(log), real=shutil.which("curl")))
+    wrapper.chmod(0o755)
+    monkeypatch.setenv("PATH", f"{bin_dir}{os.pathsep}{os.environ.get('PATH', '')}")
+    return lambda: [entry.read_text() for entry in log.iterdir()]

@@ -4,6 +4,7 @@ Most cases call ``main(argv)`` in-process; Ctrl-C and the unreachable
 service run the CLI as a subprocess, as a user would.
 """
 
+import importlib.metadata
 import io
 import json
 import os
@@ -15,7 +16,8 @@ import threading
 import _thread
 
 import pytest
-from sync_helpers import wait_for
+from raw_http_server import RawHttpServer
+from sync_helpers import record_curl_runs, wait_for
 
 from tidewright import cli
 
@@ -64,6 +66,14 @@ def cli_process(*argv, **kwargs):
     return subprocess.Popen([sys.executable, "-m", "tidewright.cli", *map(str, argv)], stdout=subprocess.PIPE,
                             stderr=subprocess.PIPE, text=True, **kwargs)
 
+
+
+def status_line(text, label):
+    """The value of one line of the human ``status`` output ("label   value")."""
+    for line in text.splitlines():
+        if line.startswith(label + " "):
+            return line[len(label):].strip()
+    raise AssertionError(f"no {label!r} line in {text!r}")
 
 
 def flip_first_byte(path):
@@ -156,7 +166,6 @@ def test_refusals_get_their_exit_code_and_one_line(service, data_dir, tmp_path, 
     assert run_cli("sync", "--server", url, "--data-dir", data_dir, "--token", "x", "--token-file", a_file)[0] == \
         cli.EXIT_USAGE
     assert run_cli("sync", "--server", "http://example.com", "--data-dir", data_dir)[0] == cli.EXIT_USAGE
-    assert run_cli("sync", "--data-dir", data_dir, "--concurrency", "0")[0] == cli.EXIT_USAGE
 
     code, _, err = run_cli("verify", "--data-dir", data_dir)
     assert code == cli.EXIT_ERA and "sync" in err
@@ -239,6 +248,8 @@ def test_a_stopped_sync_exits_promptly_and_the_next_one_resumes(dataservice_fact
     code, status, _ = run_json("status", "--data-dir", data_dir)
     assert code == 0 and status["sync_running"] is True
     assert status["sync"]["files_total"] >= 4 and status["sync"]["files_done"] < status["sync"]["files_total"]
+    code, out, _ = run_cli("status", "--data-dir", data_dir)
+    assert code == 0 and status_line(out, "sync").startswith("running: era 1 version 1, ")
 
     proc.send_signal(signum)
     out, err = proc.communicate(timeout=60)
@@ -246,6 +257,8 @@ def test_a_stopped_sync_exits_promptly_and_the_next_one_resumes(dataservice_fact
     assert word in err and "Traceback" not in err and SECRET not in out + err
     assert not (data_dir / "manifest.json").exists()
     assert run_json("status", "--data-dir", data_dir)[1]["sync_running"] is False
+    assert status_line(run_cli("status", "--data-dir", data_dir)[1], "sync").startswith(
+        "interrupted (resumes on the next sync): era 1 version 1, ")
 
     svc.clear_faults()
     code, out, err = run_json("sync", "--server", svc.url, "--data-dir", data_dir, "--token", SECRET, "--verify")
@@ -381,6 +394,11 @@ def test_manifest_paths_the_directory_cannot_hold_are_a_manifest_problem(dataser
     ["sync", "--give-up-after", "-5"],
     ["sync", "--give-up-after", "inf"],
     ["sync", "--concurrency", "0"],
+    ["sync", "--market", "0"],
+    ["sync", "--market", "abc"],
+    ["sync", "--chunk-bytes", "0"],
+    ["sync", "--chunk-bytes", "lots"],
+    ["sync", "--transport", "ftp"],
 ])
 def test_usage_errors_are_reported_as_json_too(argv, data_dir):
     code, out, err = run_json(*argv, "--data-dir", data_dir)
@@ -453,3 +471,103 @@ def test_a_token_file_with_more_than_the_token_is_refused_before_any_request(ser
     assert code == cli.EXIT_AUTH and out["error"]["kind"] == "auth"
     assert str(token_file) in err and "one line" in err
     assert service.requests == []
+
+
+def test_the_diagnosis_probe_is_bounded_by_its_timeout_however_slowly_the_head_trickles():
+    lines = []
+
+    def trickle(exchange):
+        exchange.send(b"HTTP/1.1 302 Found\r\nLocation: /elsewhere\r\n")
+        while True:  # each line well within a read timeout, the head never complete
+            exchange.wait(0.3)
+            exchange.send(b"X-Trickle: .\r\n")
+            lines.append(exchange.path)
+
+    with RawHttpServer() as srv:
+        srv.route("/slow", trickle)
+        srv.route("/redirect", lambda ex: ex.head(302, [("Location", "/elsewhere"), ("Connection", "close")]))
+        assert cli.probe_http(srv.url("/redirect"), timeout=5) == {"status": 302, "location": "/elsewhere"}
+        assert cli.probe_http(srv.url("/slow"), timeout=1) is None
+    # The probe left long before a limit on the number of header lines could end it.
+    assert len(lines) < 50
+# -- options a user sets on the command line --------------------------------------------------------------
+
+
+def test_version_names_the_installed_package():
+    script = os.path.join(os.path.dirname(sys.executable), "tidewright-sync")
+    proc = subprocess.run([script, "--version"], capture_output=True, text=True, timeout=120)
+    assert proc.returncode == 0 and proc.stderr == ""
+    assert proc.stdout == f"tidewright-sync {importlib.metadata.version('tidewright')}\n"
+
+
+@pytest.mark.parametrize("state, expected", [
+    ("never synced", {"manifest": "none (never synced)", "sync": "idle", "consumers": "0"}),
+    ("synced", {"manifest": "era 1, version 1, {files} files, ", "sync": "idle", "consumers": "0"}),
+    ("in use during a transition", {"consumers": "2", "era transition": "in progress"}),
+])
+def test_human_status_tells_what_the_directory_holds(service, data_dir, state, expected):
+    if state != "never synced":
+        assert run_cli("sync", "--server", service.url, "--data-dir", data_dir, "--token", SECRET)[0] == 0
+    if state == "in use during a transition":
+        (data_dir / ".consumer_count").write_text("2")
+        (data_dir / ".transition_lock").write_text(str(os.getpid()))
+    code, out, err = run_cli("status", "--data-dir", data_dir)
+    assert code == 0 and err == ""
+    assert status_line(out, "data directory") == str(data_dir)
+    for label, value in expected.items():
+        assert status_line(out, label).startswith(value.format(files=len(service.manifest()["files"]))), out
+    assert ("era transition" in out) == ("era transition" in expected)
+
+
+@pytest.mark.parametrize("transport", ["urllib", "curl"])
+def test_transport_and_chunk_size_are_the_ones_asked_for(dataservice_factory, data_dir, tmp_path, monkeypatch,
+                                                         transport):
+    # With "curl" the curl program fetches the public files (over https only).
+    svc = dataservice_factory(token=SECRET, features=2, large_file_bytes=48 * 1024, tls=True, public_files=True)
+    monkeypatch.setenv("SSL_CERT_FILE", svc.ca_file)
+    monkeypatch.setenv("CURL_CA_BUNDLE", svc.ca_file)
+    curl_runs = record_curl_runs(tmp_path, monkeypatch)
+    code, out, err = run_json("sync", "--server", svc.url, "--data-dir", data_dir, "--token", SECRET,
+                              "--transport", transport, "--chunk-bytes", "16K", "--verify")
+    assert code == 0 and out["verify"]["valid"], err
+    big = [r for r in svc.requests_for("/data/files/*") if "large" in r.path]
+    assert [r.range for r in big] == ["bytes=0-16383", "bytes=16384-32767", "bytes=32768-49151"]
+    assert len([line for line in curl_runs() if "large" in line]) == (3 if transport == "curl" else 0)
+
+
+def test_market_is_the_one_the_shuffle_seed_is_kept_for(dataservice_factory, data_dir):
+    # A manifest without its market: the seed is recorded for the market the user names.
+    svc = dataservice_factory(token=SECRET, market_id=3, manifest_overrides={"market_id": None})
+    seed_meta = data_dir / "shuffle_seed.enc.meta.json"
+    common = ("--server", svc.url, "--data-dir", data_dir, "--token", SECRET)
+    assert run_json("sync", *common, "--market", "3")[0] == 0
+    assert json.loads(seed_meta.read_text())["market_id"] == 3
+    seed_requests = len(svc.requests_for("/data/shuffle"))
+    assert run_json("sync", *common, "--market", "3")[0] == 0
+    assert len(svc.requests_for("/data/shuffle")) == seed_requests
+    # Another market's seed is not this one's: fetched again and recorded anew.
+    code, _, err = run_cli("sync", *common)
+    assert code == 0 and "market_id=3 does not match manifest market_id=1" in err
+    assert json.loads(seed_meta.read_text())["market_id"] == 1
+    assert len(svc.requests_for("/data/shuffle")) == seed_requests + 1
+
+
+@pytest.mark.parametrize("flags, progress_shown, warnings_shown", [
+    ((), False, True),
+    (("--progress",), True, True),
+    (("-q",), False, False),
+    (("-q", "--progress"), False, False),
+])
+def test_quiet_and_progress_decide_what_reaches_stderr(service, data_dir, flags, progress_shown, warnings_shown):
+    # stderr is not a terminal here: progress only when asked for, never with -q.
+    common = ("--server", service.url, "--data-dir", data_dir, "--token", SECRET)
+    assert run_cli("sync", *common)[0] == 0
+    feature = sorted(p for p, e in service.manifest()["files"].items() if e["kind"] == "feature")[0]
+    flip_first_byte(data_dir / feature)  # repaired by the next sync, with a warning
+    code, out, err = run_cli("sync", *common, *flags)
+    assert code == 0 and "downloaded 1 files" in out
+    assert ("download:" in err) == progress_shown, err
+    assert ("WARNING" in err) == warnings_shown, err
+    assert (data_dir / feature).read_bytes() == service.file_bytes(None, feature)
+    if "-q" in flags:
+        assert err == ""

@@ -4,7 +4,6 @@ import hashlib
 import http.client
 import json
 import pathlib
-import re
 import signal
 import socket
 import ssl
@@ -17,7 +16,6 @@ import urllib.request
 
 import pytest
 
-from tidewright._function_token_safety import is_retired_public_function_token_name
 from tools.dataservice import DataService
 
 FEATURE = "features/top50/signal_is/px000__ret__lag0__v1.arrow"
@@ -42,74 +40,6 @@ def raw_get(svc, path, headers=None, timeout=10):
     conn = http.client.HTTPConnection("127.0.0.1", int(svc.url.rsplit(":", 1)[1]), timeout=timeout)
     conn.request("GET", path, headers={**svc.auth_headers, **(headers or {})})
     return conn, conn.getresponse()
-
-
-def names_in(value):
-    if isinstance(value, dict):
-        if isinstance(value.get("name"), str):
-            yield value["name"]
-        for key, item in value.items():
-            yield key
-            yield from names_in(item)
-    elif isinstance(value, list):
-        for item in value:
-            yield from names_in(item)
-
-
-def test_served_era_matches_its_manifest(dataservice):
-    status, headers, version_body = get(dataservice, "/data/manifest/version")
-    assert status == 200
-    version = json.loads(version_body)
-    status, headers, manifest_body = get(dataservice, "/data/manifest")
-    assert status == 200 and headers["X-Era-Number"] == "1"
-    assert version == {"version": 1, "era_number": 1,
-                       "manifest_sha256": hashlib.sha256(manifest_body).hexdigest()}
-    manifest = json.loads(manifest_body)
-    assert manifest == dataservice.manifest()
-    assert (manifest["era_number"], manifest["market_id"], manifest["shuffle_key_generation"]) == (1, 1,
-                                                                                                    "market-era-v1")
-    assert "\n" not in manifest["shuffle_key_source"]
-
-    bodies = {}
-    for path, entry in manifest["files"].items():
-        status, _, body = get(dataservice, "/data/files/" + path)
-        assert status == 200, path
-        assert (len(body), hashlib.sha256(body).hexdigest()) == (entry["size_bytes"], entry["sha256"]), path
-        bodies[path] = body
-    kinds = {path: entry["kind"] for path, entry in manifest["files"].items()}
-
-    assert manifest["functions"] == "functions.json" and kinds["functions.json"] == "functions"
-    assert json.loads(bodies["functions.json"])["era_number"] == 1
-
-    index_path = manifest["signals_index"]
-    match = re.fullmatch(r"_control/signals_index\.([0-9a-f]{64})\.json", index_path)
-    assert match and match.group(1) == manifest["files"][index_path]["sha256"]
-    assert kinds[index_path] == "signals_index"
-    index = json.loads(bodies[index_path])
-    expected_kinds = {"found_signals": {"found_signal_is_pnl"}, "found_strategies": {"found_strategy_is_epoch_pnl"},
-                      "useful_signals": {"useful_signal_os_pnl", "useful_signal_strategy_is_pnl"}}
-    for section, allowed in expected_kinds.items():
-        assert index[section], section
-        for member in index[section].values():
-            for path in member["files"]:
-                assert path.startswith(section + "/") and path.endswith("/pnl.arrow")
-                assert kinds[path] in allowed
-
-    universes = [p.split("/")[1] for p in kinds if p.startswith("named_universes/")]
-    assert sorted(universes) == sorted(manifest["named_universes"])
-    for universe in universes:
-        vocabulary = json.loads(bodies[f"named_universes/{universe}/vocabulary.json"])
-        assert vocabulary["era_number"] == 1 and vocabulary["named_universe"] == universe
-        meta = vocabulary["metadata"]
-        assert meta["named_universe"] == universe
-        assert all(type(meta[k]) is int for k in ("t_signal_is", "t_strategy_is", "n_instruments"))
-        for section in ("rotations", "filtrations", "reductions", "aggregations", "functions"):
-            assert not any(is_retired_public_function_token_name(n) for n in names_in(vocabulary.get(section)))
-        for feature in vocabulary["features"]:
-            assert feature["relative_path"].startswith(f"features/{universe}/")
-    features = [p for p, k in kinds.items() if k == "feature"]
-    assert len(features) == 8 and all(re.fullmatch(r"features/[^/]+/(signal_is|strategy_is)/[^/]+\.arrow", p)
-                                      for p in features)
 
 
 def test_shuffle_seed_and_era_current(dataservice_factory):

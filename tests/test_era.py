@@ -14,7 +14,7 @@ from hypothesis import given, settings
 from hypothesis import strategies as st
 
 import tidewright.sync as sync
-from sync_helpers import wait_for
+from sync_helpers import assert_in_step, manager, request_budget, tree, wait_for
 
 ERA_CURRENT = "/market/1/era/current"
 SAME = b"identical in both eras"
@@ -85,10 +85,6 @@ def test_flat_answers_and_urls():
     assert wrapped == {"era": {"era_number": 4}, "state": "active"}  # the answer is not changed
     assert sync._market_era_current_url("http://h:1", "3") == "http://h:1/market/3/era/current"
     assert sync._market_era_current_url("http://h:1/", 2) == "http://h:1//market/2/era/current"
-    for bad, shown in [(0, "0"), (-1, "-1"), ("abc", "'abc'"), (None, "None")]:
-        with pytest.raises(ValueError) as info:
-            sync._market_era_current_url("http://h:1", bad)
-        assert str(info.value) == "market_id must be a positive integer, got " + shown
 
 
 def era_directory_id(name):
@@ -118,7 +114,7 @@ def test_era_directory_numbers_are_read_like_int(prefix, rest):
 
 # -- the era thread -------------------------------------------------------------------
 
-def test_era_thread_fields_and_lifecycle(svc, data_dir):
+def test_era_thread_lifecycle(svc, data_dir):
     m = sync.SyncManager(str(data_dir), svc.url, lambda: svc.token)  # no manifest yet
 
     def kill():
@@ -126,12 +122,6 @@ def test_era_thread_fields_and_lifecycle(svc, data_dir):
 
     thread = sync.EraThread(svc.url, lambda: svc.token, m, era_poll_interval_s=3600, kill_searches_fn=kill,
                             market_id="1")
-    assert (thread._server_url, thread._market_id, thread._poll_interval) == (svc.url, 1, 3600)
-    assert thread._sync_manager is m and thread._kill_searches_fn is kill and thread._restart_searches_fn is None
-    assert (thread._started, thread._thread, thread._in_closing, thread._transition_failed) == (False, None, False,
-                                                                                                   False)
-    assert thread._last_known_era_number is None and thread._last_known_state is None
-    assert thread._last_transition_error is None and not thread._stop_event.is_set()
     thread.stop()  # not started: nothing to do
     thread.start()
     with pytest.raises(sync.StateError, match="^EraThread already started$"):
@@ -146,8 +136,6 @@ def test_era_thread_fields_and_lifecycle(svc, data_dir):
     assert thread._last_known_era_number == 1
     thread.stop()
 
-    with pytest.raises(ValueError, match="market_id must be a positive integer, got 'abc'"):
-        sync.EraThread(svc.url, lambda: svc.token, m, market_id="abc")
     with pytest.raises(ValueError):
         sync.EraThread("http://example.com", lambda: svc.token, m)  # no bearer token over plain remote http
     with pytest.raises(TypeError, match="sync_manager must be a SyncManager"):
@@ -353,6 +341,9 @@ def test_transition_stages_switches_and_cleans_up(svc, data_dir, monkeypatch):
 
     m = synced(svc, data_dir)
     os.utime(data_dir / "shared/same.bin", ns=(1_000_000_000, 2_000_000_000))
+    for era in (1, 2):  # era directories a host keeps beside the data
+        (data_dir / f"era_{era}").mkdir()
+        (data_dir / f"era_{era}" / "notes.txt").write_text(f"era {era}")
     publish_next(svc)
     svc.clear_requests()
     calls = []
@@ -374,34 +365,82 @@ def test_transition_stages_switches_and_cleans_up(svc, data_dir, monkeypatch):
     assert {r["relative_path"] for r in recorded} == set(svc.manifest(2)["files"])
     assert m.status() == "Era transition to era 2 complete"
     assert not m._in_transition and leftovers(data_dir) == []
+    # The previous era's directory goes in the background; the new era's stays.
+    assert wait_for(lambda: not (data_dir / "era_1").exists())
+    assert (data_dir / "era_2" / "notes.txt").read_text() == "era 2"
 
 
-@pytest.mark.parametrize("state_change, fault, message", [
-    (dict(era_number=3), None, "Active era_number=3 does not match requested transition era_number=2"),
-    (dict(era_number=1), None, "Active era_number=1 does not match requested transition era_number=2"),
-    (dict(state="between_eras"), None, "Active era confirmation for era_number=2 returned state='between_eras'"),
-    ({}, dict(status=404), "Failed to confirm active era: HTTP 404"),
-    ({}, dict(status=200, body="<html>"), "Failed to parse active era response during transition"),
-    ({}, dict(status=200, body={"era_number": None, "state": "active"}),
-     "Failed to parse active era response during transition"),
-])
-def test_gates_refuse_and_leave_the_old_era(svc, data_dir, state_change, fault, message):
+@pytest.mark.parametrize("keep_current", [True, False])
+def test_cleanup_of_old_eras_frees_what_it_removes_and_nothing_else(svc, data_dir, tmp_path, keep_current):
     m = synced(svc, data_dir)
-    publish_next(svc)
-    svc.set_era_state(**state_change)
+    for name, size in (("era_1", 10), ("era_2", 200), ("era7", 3000), ("era_x", 5), (".hidden", 7)):
+        (data_dir / name / "sub").mkdir(parents=True)
+        (data_dir / name / "sub" / "blob").write_bytes(b"x" * size)
+    outside = tmp_path / "outside"
+    outside.mkdir()
+    (outside / "keep.bin").write_bytes(b"not ours")
+    (data_dir / "era_3").symlink_to(outside, target_is_directory=True)
+    before = tree(data_dir)
+
+    freed = m.cleanup_old_eras(keep_current=keep_current)
+
+    after = tree(data_dir)
+    removed = set(before) - set(after)
+    assert freed == sum(len(before[p]) for p in removed)
+    assert (outside / "keep.bin").read_bytes() == b"not ours" and (data_dir / "era_3").is_symlink()
+    assert ".hidden/sub/blob" in after and ".sync_hash_cache.json" in after
+    assert {"era_2/sub/blob", "era7/sub/blob"} <= removed
+    if keep_current:
+        # Only other eras' directories: the current era, the data and other directories stay.
+        assert removed == {"era_2/sub/blob", "era7/sub/blob"}
+        assert m.verify().valid
+    else:
+        # The era's data goes with every directory but the hidden ones: a later sync starts from nothing.
+        assert {"era_1/sub/blob", "era_x/sub/blob", "manifest.json", "shuffle_seed.enc"} <= removed
+        assert not [p for p in after if "/" in p and not p.startswith(".")]
+        assert manager(svc, data_dir).sync().era_number == 1
+        assert_in_step(svc, data_dir)
+
+
+@pytest.mark.parametrize("era_change, fault, error, message", [
+    (dict(era_number=3), None, sync.EraError, "Active era_number=3 does not match requested transition era_number=2"),
+    (dict(era_number=1), None, sync.EraError, "Active era_number=1 does not match requested transition era_number=2"),
+    (dict(state="between_eras"), None, sync.EraError,
+     "Active era confirmation for era_number=2 returned state='between_eras'"),
+    ({}, (ERA_CURRENT, dict(status=404)), sync.EraError, "Failed to confirm active era: HTTP 404"),
+    ({}, (ERA_CURRENT, dict(status=200, body="<html>")), sync.EraError,
+     "Failed to parse active era response during transition"),
+    ({}, (ERA_CURRENT, dict(status=200, body={"era_number": None, "state": "active"})), sync.EraError,
+     "Failed to parse active era response during transition"),
+    # The new era's manifest and side files.
+    ({}, ("/data/manifest", dict(status=404)), sync.SyncError, "Failed to fetch era 2 manifest: HTTP 404"),
+    ({}, ("/data/manifest", dict(status=200, body="<html>")), sync.ManifestError, "Invalid manifest JSON: "),
+    (dict(manifest_overrides={"era_number": 3}), None, sync.EraError,
+     "Era transition manifest era_number=3 does not match active era_number=2"),
+    (dict(manifest_overrides={"era_number": "two"}), None, sync.ManifestError,
+     "Manifest era_number must be a non-negative integer: 'two'"),
+    ({}, ("/data/files/functions.json", dict(status=404)), sync.PermanentDownloadError,
+     "Download failed for functions.json: HTTP 404"),
+    ({}, ("/data/shuffle", dict(status=404)), sync.SyncError, "Failed to download shuffle seed: HTTP 404"),
+])
+def test_gates_refuse_and_leave_the_old_era(svc, data_dir, era_change, fault, error, message):
+    m = synced(svc, data_dir)
+    overrides = {k: v for k, v in era_change.items() if k == "manifest_overrides"}
+    publish_next(svc, **overrides)
+    svc.set_era_state(**{k: v for k, v in era_change.items() if k not in overrides})
     if fault:
-        svc.add_fault(ERA_CURRENT, "status", count=None, **fault)
+        svc.add_fault(fault[0], "status", count=None, **fault[1])
     calls = []
-    with pytest.raises(sync.EraError) as info:
+    with request_budget(svc), pytest.raises(error) as info:
         m.trigger_era_transition(2, kill_searches_fn=lambda: calls.append("kill"),
                                  restart_searches_fn=lambda: calls.append("restart"))
-    assert str(info.value) == message
+    assert str(info.value).startswith(message)
     assert calls == ["kill"]
     assert m.get_manifest().era_number == 1
     assert json.loads((data_dir / "manifest.json").read_text())["era_number"] == 1
     assert (data_dir / "old/only.bin").read_bytes() == b"era 1"
     assert not m._in_transition and leftovers(data_dir) == []
-    assert m.status() == "Era transition to era 2 failed: " + message
+    assert m.status() == "Era transition to era 2 failed: " + str(info.value)
 
 
 @pytest.mark.parametrize("auto_update, message", [

@@ -6,7 +6,6 @@ import pickle
 
 import pytest
 
-import tidewright.auth
 import tidewright.sync as sync
 
 
@@ -90,14 +89,3 @@ def test_a_callback_exception_reaches_the_caller_unchanged(tmp_path, monkeypatch
     with pytest.raises(Refused) as info:
         sync.SyncManager(str(tmp_path), "http://127.0.0.1:1", get_token=lambda: "t")
     assert info.value is raised
-
-
-def test_auth_error_is_the_auth_module_class(tmp_path, monkeypatch):
-    import tidewright._transport_security as security
-
-    def refuse(url):
-        raise tidewright.auth.AuthError("expired")
-
-    monkeypatch.setattr(security, "validate_bearer_transport_url", refuse)
-    with pytest.raises(tidewright.auth.AuthError, match="expired"):
-        sync.SyncManager(str(tmp_path), "http://127.0.0.1:1", get_token=lambda: "t")

@@ -5,6 +5,8 @@ import json
 import logging
 import os
 import pathlib
+import shutil
+import socket
 import subprocess
 import sys
 import textwrap
@@ -15,7 +17,7 @@ import weakref
 import pytest
 
 import tidewright.sync as sync
-from sync_helpers import wait_for
+from sync_helpers import FOUND_PNL_KINDS, wait_for
 
 FEATURE = "features/top50/signal_is/px000__ret__lag0__v1.arrow"
 NOT_RUNNING = "Sync thread is not running. Call start() or acquire() first."
@@ -51,7 +53,6 @@ def test_consumers_start_the_threads_once_and_the_last_release_stops_and_evicts(
     m.acquire()
     assert m.consumer_count() == 2 and count_file.read_text() == "2"
     assert m._era_thread is era_thread and era_thread.is_alive() and m.is_alive() and m._running
-    assert era_thread._poll_interval == 3600.0 and era_thread._market_id == 1
     with pytest.raises(sync.StateError, match="^SyncManager already running$"):
         m.start()
 
@@ -104,6 +105,23 @@ def test_request_for_sync_and_report_corruption_refuse_when_not_running(dataserv
     assert not (data_dir / ".sync_flock").exists()
 
 
+def test_request_for_sync_answers_the_found_pnl_files_it_downloaded(dataservice, data_dir):
+    svc = dataservice
+    m = manager_for(svc, data_dir)
+    m.start()
+    found = sorted(p for p, e in svc.manifest()["files"].items() if e["kind"] in FOUND_PNL_KINDS)
+    # The poll thread's first check may have brought them already; else this request does: all of them either way.
+    assert sorted(m.request_for_sync()) == [str(data_dir.resolve() / p) for p in found] and len(found) >= 3
+
+    # After a new version (the poll thread waits an hour now): exactly the ones it brought, newest first.
+    svc.set_version(touch=found[:2])
+    paths = m.request_for_sync()
+    assert sorted(paths) == [str(data_dir.resolve() / p) for p in found[:2]]
+    assert [os.stat(p).st_mtime_ns for p in paths] == sorted((os.stat(p).st_mtime_ns for p in paths), reverse=True)
+    for path in found[:2]:
+        assert (data_dir / path).read_bytes() == svc.file_bytes(None, path)
+
+
 def test_concurrent_requests_for_sync_share_one_sync(dataservice, data_dir):
     svc = dataservice
     m = manager_for(svc, data_dir)
@@ -152,6 +170,33 @@ def test_background_work_keeps_the_directory_current(dataservice, data_dir):
     assert len(svc.requests_for("/data/files/" + other)) == 1
     m.stop()
     assert not (data_dir / ".sync_flock").exists()
+
+
+@pytest.mark.parametrize("break_service, error", [
+    (lambda svc: svc.add_fault("/data/manifest", "status", status=404, count=None), "HTTP 404"),
+    (lambda svc: svc.set_version(manifest_overrides={"era_number": 2}), "Era mismatch"),
+    (lambda svc: svc.set_version(entry_overrides={"../outside.bin": {"size_bytes": 4, "sha256": "0" * 64}}),
+     "outside.bin"),
+], ids=["manifest refused", "another era's manifest", "hostile manifest"])
+def test_the_poll_thread_survives_failed_syncs_and_catches_up_afterwards(dataservice, data_dir, caplog, break_service,
+                                                                         error):
+    svc = dataservice
+    m = manager_for(svc, data_dir, poll_interval_s=0.05)
+    m.sync()
+    svc.set_version(touch=[FEATURE])
+    with caplog.at_level(logging.WARNING, logger="tidewright.sync"):
+        break_service(svc)
+        m.start()
+        assert wait_for(lambda: sum(error in r.getMessage() for r in caplog.records) >= 2), caplog.text
+    assert m.is_alive() and m.get_manifest().version == 1
+    assert json.loads((data_dir / "manifest.json").read_text())["version"] == 1
+    assert not (data_dir.parent / "outside.bin").exists()
+
+    svc.clear_faults()
+    version = svc.set_version(manifest_overrides={}, entry_overrides={})
+    assert wait_for(lambda: m.get_manifest().version == version)
+    assert (data_dir / FEATURE).read_bytes() == svc.file_bytes(None, FEATURE)
+    assert m.verify().valid
 
 
 def test_membership_is_read_from_python_threads_while_syncs_run(dataservice, data_dir):
@@ -473,16 +518,32 @@ LOCK_CHILD = """
 """
 
 
-@pytest.mark.parametrize("round_", range(3))
-def test_lock_holder_waiter_and_newcomer_never_overlap(tmp_path, data_dir, round_):
+@pytest.fixture(scope="session")
+def flock_that_excludes_nothing(tmp_path_factory):
+    """Environment for children on a file system whose flock() grants every
+    lock (some network file systems): a preloaded flock that always succeeds."""
+    compiler = shutil.which("cc") or shutil.which("gcc")
+    if compiler is None:
+        pytest.skip("needs a C compiler")
+    build = tmp_path_factory.mktemp("flock-shim")
+    (build / "shim.c").write_text("#include <sys/file.h>\nint flock(int fd, int operation) { return 0; }\n")
+    subprocess.run([compiler, "-shared", "-fPIC", "-o", str(build / "shim.so"), str(build / "shim.c")], check=True)
+    preload = [p for p in (os.environ.get("LD_PRELOAD"), str(build / "shim.so")) if p]  # sanitizer runtimes first
+    return {**os.environ, "LD_PRELOAD": ":".join(preload)}
+
+
+@pytest.mark.parametrize("round_", range(2))
+@pytest.mark.parametrize("flock", ["excluding", "excluding nothing"])
+def test_lock_holder_waiter_and_newcomer_never_overlap(request, tmp_path, data_dir, flock, round_):
     signals = tmp_path / "signals"
     signals.mkdir()
+    env = request.getfixturevalue("flock_that_excludes_nothing") if flock == "excluding nothing" else None
 
     def spawn(role, hold):
         return subprocess.Popen([sys.executable, "-c", textwrap.dedent(LOCK_CHILD), str(data_dir), role, str(hold)],
-                                stderr=subprocess.PIPE, text=True)
+                                stderr=subprocess.PIPE, text=True, env=env)
 
-    holder, waiter, newcomer = spawn("holder", 1.0), spawn("waiter", 0.3), spawn("newcomer", 0.3)
+    holder, waiter, newcomer = spawn("holder", 0.6), spawn("waiter", 0.2), spawn("newcomer", 0.2)
     (signals / "go-holder").touch()
     assert wait_for(lambda: (signals / "in-holder").exists())
     (signals / "go-waiter").touch()  # blocks on the holder's lock file
@@ -495,4 +556,36 @@ def test_lock_holder_waiter_and_newcomer_never_overlap(tmp_path, data_dir, round
         _, err = child.communicate(timeout=60)
         assert child.returncode == 0, err
     assert {p.name for p in signals.iterdir()} >= {"out-holder", "out-waiter", "out-newcomer"}
-    assert not (data_dir / ".sync_flock").exists()
+    assert not (data_dir / ".sync_flock").exists() and not (data_dir / ".sync_flock.owner").exists()
+
+
+def dead_pid():
+    child = subprocess.Popen([sys.executable, "-c", ""])
+    child.wait()
+    return child.pid
+
+
+@pytest.mark.parametrize("owner, waits", [
+    (lambda: f"{dead_pid()} {socket.gethostname()}\n", False),
+    (lambda: f"garbled {socket.gethostname()}\n", False),
+    (lambda: f"{os.getpid()} {socket.gethostname()}\n", True),
+    (lambda: f"{dead_pid()} another-host.example\n", True),
+], ids=["process gone", "garbled", "process running", "another host"])
+def test_where_flock_excludes_nothing_a_lock_owner_file_serialises_syncs(dataservice, data_dir,
+                                                                          flock_that_excludes_nothing, owner, waits):
+    # An owner file left by a process of this host that no longer runs is
+    # taken over; one whose owner may still run is waited for.
+    svc = dataservice
+    owner_file = data_dir / ".sync_flock.owner"
+    owner_file.write_text(owner())
+    child = subprocess.Popen([sys.executable, "-c", textwrap.dedent(SYNC_CHILD), str(data_dir), svc.url, svc.token],
+                             stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True, env=flock_that_excludes_nothing)
+    if waits:
+        # The child has found that locks do not exclude and waits for the owner file.
+        assert any("File locks do not exclude other processes" in line for line in iter(child.stderr.readline, ""))
+        assert child.poll() is None and svc.requests == []
+        owner_file.unlink()
+    out, err = child.communicate(timeout=120)
+    assert child.returncode == 0, err
+    assert json.loads(out) == {"era": 1, "valid": True, "bad": []}
+    assert not owner_file.exists() and not (data_dir / ".sync_flock").exists()

@@ -138,10 +138,6 @@ def test_text_results_convert(world, name):
 # Arguments that may be any object, None included: each answers as the
 # function's contract says rather than with the binding's argument TypeError.
 NONE_CALLS = [
-    ("market id", lambda w: sync._coerce_agent_market_id(None),
-     ValueError, "^market_id must be a positive integer, got None$"),
-    ("era-current URL", lambda w: sync._market_era_current_url(URL, None),
-     ValueError, "^market_id must be a positive integer, got None$"),
     ("manager URL", lambda w: sync.SyncManager(w["dir"], None, token="t"), ValueError, "empty"),
     ("registry URL", lambda w: sync.SyncManager.get_or_create(w["dir"], None, lambda: "t"), ValueError, "empty"),
     ("era thread URL", lambda w: sync.EraThread(None, lambda: "t", w["manager"]), ValueError, "empty"),

@@ -183,18 +183,30 @@ def test_due_rotation_chooses_a_new_candidate_and_swaps_the_files(svc, data):
                                              - set(first.active_relative_paths))
 
 
-def test_prefetch_fetches_a_feature_with_its_companions_and_rotation_keeps_them(svc, data):
+def running_manager(svc, data_dir, request):
+    m = make_manager(svc, data_dir)
+    request.addfinalizer(m.stop)
+    return m
+
+
+def outside_the_selection(result):
+    """A skipped feature none of whose family is active."""
+    return next(p for p in result.skipped_relative_paths
+                if not any(a.rsplit("__", 2)[0] == p.rsplit("__", 2)[0] for a in result.active_relative_paths))
+
+
+def test_prefetch_fetches_a_feature_with_its_companions_and_rotation_keeps_them(svc, data, request):
     write_settings(data, seed=2, feature_budget_bytes=budget_for(svc, 1), rotation_frequency="weekly")
-    m = make_manager(svc, data)
+    m = running_manager(svc, data, request)
     result = m.sync()
-    target = next(p for p in result.skipped_relative_paths
-                  if not any(a.rsplit("__", 2)[0] == p.rsplit("__", 2)[0] for a in result.active_relative_paths))
+    m.start()
+    target = outside_the_selection(result)
     _, universe, epoch, file_name = target.split("/")
     name = file_name[:-len(".arrow")]
     family = [p for p in feature_paths(svc.manifest()) if p.rsplit("__", 2)[0] == target.rsplit("__", 2)[0]]
     assert len(family) == 3
 
-    fetched = m._request_feature_files_for_sync_impl(
+    fetched = m.request_feature_files_for_sync(
         [f" {name} "], expression_type="STRATEGY" if epoch == "strategy_is" else "SIGNAL", named_universe=universe)
     assert [f["relative_path"] for f in fetched] == [target] + sorted(set(family) - {target})
     assert {f["feature_name"] for f in fetched} == {name}
@@ -206,8 +218,8 @@ def test_prefetch_fetches_a_feature_with_its_companions_and_rotation_keeps_them(
     assert recorded == {"era_number": 1, "paths": sorted(family), "schema_version": 1}
     # Asking again downloads nothing and answers the same.
     requests = len(svc.requests)
-    assert m._request_feature_files_for_sync_impl([name], expression_type=epoch.split("_")[0].upper(),
-                                                  named_universe=universe) == fetched
+    assert m.request_feature_files_for_sync([name], expression_type=epoch.split("_")[0].upper(),
+                                            named_universe=f" {universe} ") == fetched
     assert len(svc.requests) == requests
 
     # The kept files use up the budget first: the next rotation keeps them
@@ -218,32 +230,51 @@ def test_prefetch_fetches_a_feature_with_its_companions_and_rotation_keeps_them(
     assert sorted(local_features(data)) == sorted(family)
 
 
-def test_prefetch_preconditions(svc, data):
-    m = make_manager(svc, data)
+def test_prefetch_across_a_new_manifest_version_delivers_the_new_files(svc, data, request):
+    write_settings(data, seed=2, feature_budget_bytes=budget_for(svc, 1), rotation_frequency="weekly")
+    m = running_manager(svc, data, request)
+    target = outside_the_selection(m.sync())
+    m.start()
+    # The service moves on while the feature is being fetched: its bytes change under the download.
+    svc.on_request("/data/files/" + target, lambda: svc.set_version(touch=[target]))
+    name = target.rsplit("/", 1)[1][:-len(".arrow")]
+    fetched = m.request_feature_files_for_sync([name], expression_type=target.split("/")[2].split("_")[0].upper(),
+                                               named_universe=target.split("/")[1])
+    assert target in [f["relative_path"] for f in fetched]
+    assert m.get_manifest().version == 2
+    assert (data / target).read_bytes() == svc.file_bytes(None, target)
+    assert not (data / "sync-progress.json").exists()
+
+
+def test_prefetch_preconditions(svc, data, request):
+    m = running_manager(svc, data, request)
     with pytest.raises(sync.StateError, match=r"^Sync thread is not running\. Call start\(\) or acquire\(\) first\.$"):
         m.request_feature_files_for_sync(["px000__ret__lag0__v1"])
     (data / ".transition_lock").write_text(str(os.getppid()))  # a live holder
     with pytest.raises(sync.StateError) as info:
         m.request_feature_files_for_sync(["px000__ret__lag0__v1"])
     assert str(info.value) == "Sync is in era transition mode \u2014 request_feature_files_for_sync rejected"
+    (data / ".transition_lock").unlink()
+    svc.add_fault("/data/manifest*", "status", status=404, count=None)  # the poll thread cannot sync either
+    m.start()
     with pytest.raises(sync.StateError, match="run sync"):
-        m._request_feature_files_for_sync_impl(["px000__ret__lag0__v1"])
+        m.request_feature_files_for_sync(["px000__ret__lag0__v1"])
+    svc.clear_faults()
     m.sync()
-    assert m._request_feature_files_for_sync_impl(["no_such_feature"]) == []
+    assert m.request_feature_files_for_sync(["no_such_feature"]) == []
 
 
-def test_prefetch_refuses_what_the_disk_cannot_hold(svc, data):
-    write_settings(data, seed=1, feature_budget_bytes=budget_for(svc, 0))
-    make_manager(svc, data).sync()
-    # A local manifest that says the feature is bigger than any disk.
+def test_prefetch_refuses_what_the_disk_cannot_hold(svc, data, request):
+    # A feature bigger than any disk, outside the rotation's selection, so that syncs do not need it.
     path = next(p for p in feature_paths(svc.manifest()) if p.startswith("features/top50/signal_is/"))
-    manifest = json.loads((data / "manifest.json").read_text())
-    manifest["files"][path]["size_bytes"] = 2**62
-    (data / "manifest.json").write_text(json.dumps(manifest))
-    m = make_manager(svc, data)
+    svc.set_version(entry_overrides={path: {"size_bytes": 2**62}})
+    write_settings(data, seed=1, feature_budget_bytes=budget_for(svc, 0))
+    m = running_manager(svc, data, request)
+    m.sync()
+    m.start()
     name = path.rsplit("/", 1)[1][:-len(".arrow")]
     with pytest.raises(sync.DiskSpaceError, match=r"^Insufficient disk space: need \d+ bytes, have \d+ bytes"):
-        m._request_feature_files_for_sync_impl([name], named_universe="top50")
+        m.request_feature_files_for_sync([name], named_universe="top50")
     assert path not in local_features(data)
 
 
@@ -459,7 +490,6 @@ def test_rotation_frequency(frequency, seconds):
 
 def test_budget_in_bytes():
     budget = sync._rotation_feature_budget_bytes
-    assert sync._FEATURE_ROTATION_BYTES_PER_GB == GIB
     assert budget({"feature_budget_gb": 2}) == 2 * GIB
     assert budget({"feature_budget_gb": 1.5}) == GIB
     assert budget({"feature_budget_gb": None}) is None

@@ -1,7 +1,6 @@
 """Manifest sanitisation (Python face): results built from the caller's objects."""
 
 import copy
-import importlib
 from pathlib import PurePosixPath
 
 import pytest
@@ -38,9 +37,7 @@ def mixed_manifest():
     }
 
 
-def test_constants_and_platform_predicates(monkeypatch):
-    assert sync._RETIRED_UNSUPPORTED_RUNTIME_MODULE_NAMES == {"backtester", "risk_model"}
-    assert sync._RUNTIME_MODULE_EXTENSION_SUFFIXES == (".so", ".pyd")
+def test_platform_predicates(monkeypatch):
     # The module's platform tag is read at call time.
     monkeypatch.setattr(sync, "CURRENT_PLATFORM", "linux_x86_64")
     assert sync._retired_unsupported_runtime_module_name_from_path("backtester-linux_x86_64.so") == "backtester"
@@ -48,21 +45,6 @@ def test_constants_and_platform_predicates(monkeypatch):
     assert sync._manifest_file_is_sync_excluded("m.so", {"kind": "vault_module", "platform": "macos_arm64"})
     assert not sync._rotation_file_is_platform_excluded("m.so", {"kind": "vault_module", "platform": ""})
     assert sync._is_agent_bundle_declaration_file("x.pxd", None)
-
-
-def test_sibling_kind_is_looked_up_at_call_time(monkeypatch):
-    rotation = importlib.import_module("tidewright._artifact_rotation")
-    calls = []
-
-    def kind_from_path(path, info):
-        calls.append(path)
-        return "risk_module" if path.endswith(".so") else "feature"
-
-    monkeypatch.setattr(rotation, "manifest_file_kind", kind_from_path)
-    assert sync._is_unsupported_runtime_module_file("x.so", {})
-    out = sync._drop_unsupported_runtime_module_files({"files": {"a.so": {}, "b.arrow": {}}})
-    assert list(out["files"]) == ["b.arrow"]
-    assert calls == ["x.so", "a.so", "b.arrow"]
 
 
 def test_nothing_to_remove_returns_the_same_object():

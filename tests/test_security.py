@@ -12,7 +12,6 @@ import logging
 import os
 import shutil
 import socket
-import sys
 import threading
 
 import pytest
@@ -20,9 +19,11 @@ import pytest
 import tidewright.auth
 import tidewright.sync as sync
 from tidewright import cli
-from tidewright.sync_backoff import SyncBackoffCancelled, backoff_context
+from tidewright.sync_backoff import SyncBackoffCancelled, SyncBackoffPolicy, backoff_context
 
-from tests.sync_helpers import BIG, BIG_BYTES, FEATURE, FOUND_PNL, assert_in_step, manager, request_budget, stop_when
+from raw_http_server import RawHttpServer
+from sync_helpers import (BIG, BIG_BYTES, FEATURE, FOUND_PNL, assert_in_step, manager, record_curl_runs, request_budget,
+                          stop_when)
 
 SECRET = "tok-Kp7WqR3nZx"  # distinctive, so that a leak anywhere is found
 VOCABULARY = "named_universes/top50/vocabulary.json"
@@ -236,37 +237,22 @@ def test_a_token_provider_that_blocks_holds_up_neither_stop_nor_a_cancelled_sync
 
 # -- the token never on a command line --------------------------------------------
 
-CURL_WRAPPER = """#!{python}
-# Records this process's own command line, then runs the real program.
-import os, sys
-with open("/proc/self/cmdline", "rb") as cmdline, open(os.path.join({log!r}, str(os.getpid())), "wb") as out:
-    out.write(cmdline.read().replace(b"\\0", b" "))
-os.execv({real!r}, [{real!r}] + sys.argv[1:])
-"""
-
-
 @pytest.mark.skipif(shutil.which("curl") is None, reason="needs the curl program")
 def test_forced_curl_mode_runs_curl_only_for_public_requests(dataservice_factory, tmp_path, monkeypatch):
     svc = dataservice_factory(token=SECRET, tls=True, public_files=True)
-    bin_dir, data = tmp_path / "bin", tmp_path / "data"
-    bin_dir.mkdir()
+    data = tmp_path / "data"
     data.mkdir()
-    log = tmp_path / "curl-cmdlines"
-    log.mkdir()
-    wrapper = bin_dir / "curl"
-    wrapper.write_text(CURL_WRAPPER.format(python=sys.executable, log=str(log), real=shutil.which("curl")))
-    wrapper.chmod(0o755)
-    monkeypatch.setenv("PATH", f"{bin_dir}{os.pathsep}{os.environ.get('PATH', '')}")
+    curl_runs = record_curl_runs(tmp_path, monkeypatch)
     monkeypatch.setenv("SSL_CERT_FILE", svc.ca_file)
     monkeypatch.setenv("CURL_CA_BUNDLE", svc.ca_file)
 
     m = manager(svc, data, sync_http_transport="curl")
     # Failing curl runs never reach the service: count them too.
-    with backoff_context(stop_requested=lambda: len(svc.requests) + len(os.listdir(log)) > 400):
+    with backoff_context(stop_requested=lambda: len(svc.requests) + len(curl_runs()) > 400):
         m.sync()
     assert_in_step(svc, data)
 
-    cmdlines = [entry.read_text() for entry in log.iterdir()]
+    cmdlines = curl_runs()
     assert cmdlines, "the public file downloads should have gone through curl"
     for line in cmdlines:
         assert SECRET not in line and "authorization" not in line.lower(), line
@@ -274,6 +260,28 @@ def test_forced_curl_mode_runs_curl_only_for_public_requests(dataservice_factory
     authorized = {r.path for r in svc.requests if r.has_authorization}
     assert {"/data/manifest/version", "/data/manifest", "/data/shuffle"} <= authorized
     assert not any(p.startswith("/data/files/") for p in authorized)
+
+
+@pytest.mark.skipif(shutil.which("curl") is None, reason="needs the curl program")
+def test_a_users_curlrc_does_not_change_the_curl_downloads(dataservice_factory, tmp_path, monkeypatch):
+    svc = dataservice_factory(tls=True, public_files=True)
+    home, data = tmp_path / "home", tmp_path / "data"
+    home.mkdir()
+    data.mkdir()
+    # Every download of a curl that read this would go to a closed port.
+    (home / ".curlrc").write_text('proxy = "http://127.0.0.1:1"\n')
+    monkeypatch.setenv("HOME", str(home))
+    monkeypatch.delenv("CURL_HOME", raising=False)
+    monkeypatch.delenv("XDG_CONFIG_HOME", raising=False)
+    monkeypatch.setenv("SSL_CERT_FILE", svc.ca_file)
+    monkeypatch.setenv("CURL_CA_BUNDLE", svc.ca_file)
+    # Failing curl runs never reach the service: a correct run has no retry waits.
+    waits = []
+    monkeypatch.setattr(SyncBackoffPolicy, "delay_seconds", classmethod(lambda cls, i: waits.append(i) or 0.0))
+    with backoff_context(stop_requested=lambda: len(svc.requests) > 400 or len(waits) > 20):
+        manager(svc, data, sync_http_transport="curl").sync()
+    assert_in_step(svc, data)
+    assert any(r.path.startswith("/data/files/") and not r.has_authorization for r in svc.requests)
 
 
 # -- never in clear text off the machine, never to an unverified peer -------------
@@ -367,48 +375,83 @@ def test_plain_http_off_the_machine_is_refused_before_connecting(dataservice_fac
     assert trap.connections == 0
 
 
-def test_a_redirect_off_the_machine_never_carries_the_token(dataservice_factory, trap, instant_backoff):
+@pytest.mark.parametrize("scheme, transport", [
+    ("http", "urllib"), ("https", "urllib"),
+    pytest.param("https", "curl", marks=pytest.mark.skipif(shutil.which("curl") is None, reason="needs curl")),
+])
+def test_a_redirect_to_clear_text_off_the_machine_is_not_followed(dataservice_factory, trap, monkeypatch, scheme,
+                                                                   transport):
+    svc = dataservice_factory(token=SECRET, tls=scheme == "https", public_files=True)
+    if scheme == "https":
+        monkeypatch.setenv("SSL_CERT_FILE", svc.ca_file)
+        monkeypatch.setenv("CURL_CA_BUNDLE", svc.ca_file)
+    path = "/data/files/" + FEATURE
+    svc.add_fault(path, "status", status=302, count=None, set_headers={"Location": OFF_MACHINE + path})
+    with backoff_context(stop_requested=stop_when(lambda: trap.connections > 0)):
+        if transport == "urllib":  # with the token
+            status, headers, _ = sync._http_get(svc.url + path, SECRET)
+        else:
+            status, headers, _ = sync._http_get_public(svc.url + path, transport="curl")
+    # The redirect is the answer, and the token stayed on the machine.
+    assert (status, headers.get("Location")) == (302, OFF_MACHINE + path)
+    assert trap.connections == 0
+
+
+def test_a_redirect_disguised_by_a_status_line_inside_its_head_is_not_followed(trap):
+    # libcurl reads a 302 whose Location it follows; the bogus line must
+    # not make the client take the head for a 200 and skip the check.
+    head = b"HTTP/1.1 302 Found\r\nHTTP/1.1 200 OK: x\r\nLocation: " + OFF_MACHINE.encode() + b"/x\r\n"
+    with RawHttpServer() as srv:
+        url = srv.route("/data/manifest", lambda ex: ex.send(head + b"Content-Length: 0\r\nConnection: close\r\n\r\n"))
+        with backoff_context(stop_requested=stop_when(lambda: trap.connections > 0)):
+            assert sync._http_get(url, SECRET)[0] == 302
+    assert trap.connections == 0
+
+
+def test_a_proxy_from_the_environment_never_carries_a_request_to_this_machine(dataservice_factory, trap,
+                                                                              monkeypatch):
     svc = dataservice_factory(token=SECRET)
-    svc.add_fault("/data/manifest", "status", status=302, count=None,
-                  set_headers={"Location": OFF_MACHINE + "/data/manifest"})
-    with backoff_context(stop_requested=stop_when(lambda: trap.connections > 0)), pytest.raises(SyncBackoffCancelled):
-        sync._http_get(svc.url + "/data/manifest", SECRET)
-    assert trap.heads and trap.heads[0].startswith("GET http://example.invalid/data/manifest ")
-    for head in trap.heads:
-        assert SECRET not in head and "authorization:" not in head.lower(), head
+    for name in ("no_proxy", "NO_PROXY"):
+        monkeypatch.delenv(name)  # the proxy variables name the trap, for every host
+    with backoff_context(stop_requested=stop_when(lambda: trap.connections > 0)):
+        assert sync._http_get(svc.url + "/data/manifest", SECRET)[0] == 200
+    assert trap.connections == 0 and [r.path for r in svc.requests] == ["/data/manifest"]
 
 
-def test_an_untrusted_certificate_fails_before_any_request_is_sent(dataservice_factory, tmp_path, monkeypatch,
-                                                                   instant_backoff):
-    svc = dataservice_factory(token=SECRET, tls=True)
+def test_an_untrusted_certificate_fails_at_once_sends_nothing_and_says_what_to_trust(dataservice_factory, tmp_path,
+                                                                                     monkeypatch):
+    svc = dataservice_factory(token=SECRET, tls=True, public_files=True)
     for name in ("SSL_CERT_FILE", "SSL_CERT_DIR", "CURL_CA_BUNDLE"):
         monkeypatch.delenv(name, raising=False)
-    retries = []
+    monkeypatch.setenv(cli.TOKEN_ENV, SECRET)
+    # A retry waits first, and the first wait ends the call: a failure taken
+    # for an outage ends with SyncBackoffCancelled instead.
+    waits = []
+    monkeypatch.setattr(SyncBackoffPolicy, "delay_seconds", classmethod(lambda cls, i: waits.append(i) or 0.0))
+    data = tmp_path / "data"
+    data.mkdir()
+    calls = {"in-process client": lambda: manager(svc, data).sync()}
+    if shutil.which("curl"):
+        calls["curl program"] = lambda: sync._http_get_public(svc.url + "/data/files/" + FEATURE, transport="curl")
+    for name, call in calls.items():
+        with backoff_context(stop_requested=lambda: bool(waits)), pytest.raises(sync.SyncUnavailableError) as info:
+            call()
+        error = info.value
+        assert (error.dependency, error.retryable, error.attempts) == ("tls", False, 1), name
+        assert "127.0.0.1" in str(error) and "certificate" in error.reason, name
+    assert waits == []
+    assert svc.requests == []  # the handshake failed before a request (and its token) was sent
+    assert os.listdir(data) == []
 
-    class Count(logging.Handler):
-        def emit(self, record):
-            event = getattr(record, "tidewright_sync_event", None)
-            if event and event["event_type"] == "http_retry":
-                retries.append(event)
-
-    logger = logging.getLogger("tidewright.sync")
-    handler, level = Count(), logger.level
-    logger.addHandler(handler)
-    logger.setLevel(logging.DEBUG)
-    try:
-        m = manager(svc, tmp_path)
-        with backoff_context(stop_requested=stop_when(lambda: len(retries) >= 2)), pytest.raises(SyncBackoffCancelled):
-            m.sync()
-    finally:
-        logger.removeHandler(handler)
-        logger.setLevel(level)
-    assert retries and {e["reason"] for e in retries} == {"URLError"}
-    assert svc.requests == []  # no request, so no token, reached the service
-    assert not (tmp_path / "manifest.json").exists()
+    out, err = io.StringIO(), io.StringIO()
+    argv = ["sync", "--server", svc.url, "--data-dir", str(data), "--transport", "curl", "--no-progress"]
+    assert cli.main(argv, stdout=out, stderr=err) == cli.EXIT_UNAVAILABLE
+    assert waits == [] and "127.0.0.1" in err.getvalue() and "SSL_CERT_FILE" in err.getvalue()
 
     monkeypatch.setenv("SSL_CERT_FILE", svc.ca_file)
-    m.sync()
-    assert_in_step(svc, tmp_path)
+    monkeypatch.setenv("CURL_CA_BUNDLE", svc.ca_file)
+    assert cli.main(argv, stdout=out, stderr=err) == cli.EXIT_OK, err.getvalue()
+    assert_in_step(svc, data)
 
 
 # -- nothing written outside the data directory -----------------------------------

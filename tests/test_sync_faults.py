@@ -265,13 +265,33 @@ def _bump(svc, touch=(BIG,)):
     return lambda: svc.set_version(touch=list(touch))
 
 
-def test_manifest_superseded_mid_download_restarts_with_the_new_manifest(svc, tmp_path, caplog):
-    caplog.set_level(logging.WARNING, logger="tidewright.sync")
+def test_manifest_superseded_mid_download_restarts_with_the_new_manifest(svc, tmp_path):
     svc.on_request(BIG_URL_PATH, _bump(svc), after=2)  # the second chunk already has the new bytes
     m, _ = synced(svc, tmp_path)
     assert m.get_manifest().version == 2
-    assert "restarting download set (1/3)" in caplog.text
     assert len(svc.requests_for("/data/manifest")) == 2
+
+
+@pytest.mark.parametrize("published", ["before the sync", "during the download"])
+def test_a_public_store_ahead_of_the_api_is_followed(dataservice_factory, tmp_path, published):
+    # The API's manifest and version hints lag behind the immutable public
+    # manifest: the newer public one is synced, also when it appears while a
+    # file it changed is being downloaded (the API then says nothing moved).
+    svc = dataservice_factory(large_file_bytes=BIG_BYTES, public_files="/public/files")
+    svc.freeze_api()
+    if published == "before the sync":
+        svc.set_version(touch=[BIG])
+    else:
+        svc.on_request("/public/files/" + BIG, _bump(svc), after=2)
+    m = manager(svc, tmp_path)
+    with request_budget(svc):
+        m.sync()
+    assert m.get_manifest().version == 2
+    assert_in_step(svc, tmp_path)
+    svc.freeze_api(False)  # the API catches up: nothing left to do
+    svc.clear_requests()
+    m.sync()
+    assert [r.path for r in svc.requests] == ["/data/manifest/version"]
 
 
 def test_empty_206_after_the_manifest_moved_on_is_a_supersede(svc, tmp_path):
@@ -298,8 +318,8 @@ def test_three_supersedes_end_the_sync(svc, tmp_path, caplog):
 
 
 def test_slow_and_late_answers_within_the_timeouts_are_waited_for(svc, tmp_path):
-    svc.add_fault("/data/manifest", "delay", seconds=1.0)
-    svc.add_fault(BIG_URL_PATH, "slow", bytes_per_second=256 * 1024, count=None)
+    svc.add_fault("/data/manifest", "delay", seconds=0.3)
+    svc.add_fault(BIG_URL_PATH, "slow", bytes_per_second=512 * 1024, count=None)
     synced(svc, tmp_path)
     assert len(svc.requests_for("/data/manifest")) == 1
     assert range_starts(svc, BIG) == [0, CHUNK, 2 * CHUNK, 3 * CHUNK]
@@ -392,6 +412,44 @@ def test_a_sync_refused_half_way_leaves_the_previous_state(svc, tmp_path, break_
     assert m.get_manifest().version == 2
 
 
+# The era's side files of a new version fail to arrive or to validate: the
+# sync fails naming the cause, the local manifest stays at the old version
+# (files already fetched stay, found by their digest later), and the next
+# sync once the service is right completes.
+SIDE_FILE_FAILURES = {
+    "functions-404": (lambda svc: (svc.set_version(touch=[BIG, "functions.json"]),
+                                   svc.add_fault("/data/files/functions.json", "status", status=404, count=None)),
+                      sync.PermanentDownloadError, "Download failed for functions.json: HTTP 404"),
+    "seed-404": (lambda svc: (svc.set_version(touch=[BIG]),
+                              svc.add_fault("/data/shuffle", "status", status=404, count=None)),
+                 sync.SyncError, "Failed to download shuffle seed: HTTP 404"),
+    "seed-of-another-era": (lambda svc: (svc.set_version(touch=[BIG]),
+                                         svc.add_fault("/data/shuffle", "headers", count=None,
+                                                       set_headers={"X-Era-Number": "7"})),
+                            sync.EraError, "shuffle_seed.enc response era_number=7 does not match manifest era_number=1"),
+    "seed-retired-generation": (lambda svc: (svc.set_version(touch=[BIG]), svc.add_fault(
+        "/data/shuffle", "headers", count=None, set_headers={"X-Tidewright-Shuffle-Key-Generation": "legacy-era-only-v1"})),
+        sync.SyncError, "retired shuffle_key_generation 'legacy-era-only-v1' is not supported"),
+}
+
+
+@pytest.mark.parametrize("break_sync, error, message", SIDE_FILE_FAILURES.values(), ids=SIDE_FILE_FAILURES.keys())
+def test_a_side_file_that_fails_keeps_the_previous_manifest(svc, tmp_path, break_sync, error, message):
+    m, _ = synced(svc, tmp_path)
+    local_manifest = (tmp_path / "manifest.json").read_bytes()
+    break_sync(svc)
+    with request_budget(svc), pytest.raises(error) as info:
+        m.sync()
+    assert str(info.value).startswith(message)
+    assert (tmp_path / "manifest.json").read_bytes() == local_manifest and m.get_manifest().version == 1
+
+    svc.clear_faults()
+    with request_budget(svc):
+        m.sync()
+    assert_in_step(svc, tmp_path)
+    assert m.verify().valid
+
+
 # -- hostile services: memory and time stay bounded ------------------------------------
 
 MIB = 1 << 20
@@ -466,10 +524,10 @@ def test_a_head_trickled_forever_is_an_outage_the_command_line_gives_up_on(tmp_p
     outcome = {}
     try:
         with RawHttpServer() as srv:
-            # Quick lines: the command's diagnosis probe reads a head until
-            # http.client's limit of 100 header lines.
+            # Quick lines: the command's diagnosis probe gives up on a head
+            # after 100 header lines.
             for path in ("/data/manifest/version", "/data/manifest"):
-                srv.route(path, trickled_headers(every=0.02))
+                srv.route(path, trickled_headers(every=0.01))
             out, err = io.StringIO(), io.StringIO()
             argv = ["sync", "--server", srv.url(), "--data-dir", str(tmp_path), "--token", "t", "--give-up-after", "1"]
             runner = threading.Thread(target=lambda: outcome.update(code=cli.main(argv, stdout=out, stderr=err)),

@@ -78,9 +78,9 @@ def test_new_version_fetches_only_the_changed_file(dataservice, tmp_path):
 def test_verify_finds_missing_and_corrupted_files_and_repair_restores_them(dataservice_factory, tmp_path):
     svc = dataservice_factory(large_file_bytes=BIG_BYTES)
     m = manager(svc, tmp_path)
-    assert m.verify() == sync.VerifyResult(valid=True, corrupted_files=[], missing_files=[])  # no manifest yet
+    assert m.verify() == sync.VerifyResult(valid=True, corrupted_files=[], missing_files=[], has_manifest=False)
     m.sync()
-    assert m.verify().valid
+    assert m.verify() == sync.VerifyResult(valid=True, corrupted_files=[], missing_files=[], has_manifest=True)
 
     flipped = "features/top200/signal_is/px001__ret__lag0__v1.arrow"
     os.remove(tmp_path / FEATURE)
@@ -108,6 +108,118 @@ def test_verify_finds_missing_and_corrupted_files_and_repair_restores_them(datas
     assert [r.path for r in svc.requests] == ["/data/manifest/version"]
 
 
+def test_ensure_manifest_file_available_fetches_one_file(dataservice_factory, tmp_path):
+    svc = dataservice_factory(large_file_bytes=BIG_BYTES)
+    m = manager(svc, tmp_path)
+    m.sync()
+    os.remove(tmp_path / BIG)
+    svc.clear_requests()
+    result = m.ensure_manifest_file_available(BIG, m.get_manifest().files[BIG])
+    assert result.bytes_downloaded == BIG_BYTES and requested_paths(svc) == [BIG]
+    assert_in_step(svc, tmp_path)
+    # An entry this host does not sync (another platform's module) is not fetched.
+    svc.clear_requests()
+    other = {"kind": "vault_module", "platform": "no_such_platform", "size_bytes": 4, "sha256": "0" * 64}
+    assert m.ensure_manifest_file_available("runtime/other.so", other).bytes_downloaded == 0
+    assert svc.requests == [] and not (tmp_path / "runtime/other.so").exists()
+
+
+VOCABULARY = "named_universes/top50/vocabulary.json"
+
+
+@pytest.mark.parametrize("damage, reported_as", [
+    (lambda path: path.write_bytes(path.read_bytes() + b" "), "corrupted_files"),
+    (lambda path: path.write_bytes(b"{not json"), "corrupted_files"),
+    (lambda path: path.unlink(), "missing_files"),
+], ids=["longer", "not JSON", "deleted"])
+def test_repair_restores_a_damaged_vocabulary(dataservice, tmp_path, damage, reported_as):
+    svc = dataservice
+    m = manager(svc, tmp_path)
+    m.sync()
+    damage(tmp_path / VOCABULARY)
+    assert getattr(m.verify(), reported_as) == [VOCABULARY]
+    svc.clear_requests()
+    assert m.repair([VOCABULARY]).bytes_downloaded == svc.manifest()["files"][VOCABULARY]["size_bytes"]
+    assert requested_paths(svc) == [VOCABULARY]
+    assert m.verify().valid
+    assert_in_step(svc, tmp_path)
+
+
+def test_repair_never_installs_a_vocabulary_that_does_not_validate(dataservice, tmp_path):
+    svc = dataservice
+    m = manager(svc, tmp_path)
+    m.sync()
+    damaged = local_bytes(tmp_path, VOCABULARY) + b" "
+    (tmp_path / VOCABULARY).write_bytes(damaged)
+    svc.add_fault("/data/files/" + VOCABULARY, "corrupt", count=None, offset=300)
+    with request_budget(svc), pytest.raises(sync.SyncError, match="^vocabulary.json is not valid JSON"):
+        m.repair([VOCABULARY])
+    assert local_bytes(tmp_path, VOCABULARY) == damaged and tmp_files(tmp_path) == []
+    svc.clear_faults()
+    m.repair([VOCABULARY])
+    assert m.verify().valid
+
+
+@pytest.mark.parametrize("served, outcome", [
+    (None, "kept with the hash of its bytes"),
+    (b'{"not": "a vocabulary"}', "refused"),
+])
+def test_a_vocabulary_whose_manifest_hash_is_stale(dataservice_factory, tmp_path, caplog, served, outcome):
+    # The service lists a hash that its vocabulary bytes do not have: bytes
+    # that validate as this era's vocabulary are kept and the local manifest
+    # records their real hash; anything else fails the sync.
+    extra = {} if served is None else {"extra_files": {VOCABULARY: ("vocabulary", served)}}
+    svc = dataservice_factory(entry_overrides={VOCABULARY: {"sha256": "0" * 64}}, **extra)
+    m = manager(svc, tmp_path)
+    if outcome == "refused":
+        with request_budget(svc), pytest.raises(sync.SyncError, match="^vocabulary.json missing required keys"):
+            m.sync()
+        assert not (tmp_path / VOCABULARY).exists() and not (tmp_path / "manifest.json").exists()
+        return
+    with caplog.at_level(logging.WARNING, logger="tidewright.sync"), request_budget(svc):
+        m.sync()
+    served = svc.file_bytes(None, VOCABULARY)
+    assert local_bytes(tmp_path, VOCABULARY) == served
+    recorded = json.loads((tmp_path / "manifest.json").read_text())["files"][VOCABULARY]
+    assert recorded["sha256"] == hashlib.sha256(served).hexdigest()
+    assert m.verify().valid and any(VOCABULARY in r.getMessage() for r in caplog.records if r.levelname == "WARNING")
+    svc.clear_requests()
+    m.sync()
+    assert [r.path for r in svc.requests] == ["/data/manifest/version"]
+
+
+def _edit_seed_meta(**fields):
+    def edit(data_dir):
+        path = data_dir / "shuffle_seed.enc.meta.json"
+        path.write_text(json.dumps({**json.loads(path.read_text()), **fields}))
+    return edit
+
+
+@pytest.mark.parametrize("damage", [
+    lambda d: (d / "shuffle_seed.enc").write_bytes((d / "shuffle_seed.enc").read_bytes()[:59]),
+    lambda d: (d / "shuffle_seed.enc").write_bytes((d / "shuffle_seed.enc").read_bytes() + b"x"),
+    lambda d: (d / "shuffle_seed.enc.meta.json").unlink(),
+    lambda d: (d / "shuffle_seed.enc.meta.json").write_text("{"),
+    _edit_seed_meta(era_number=2),
+    _edit_seed_meta(market_id=9),
+    _edit_seed_meta(manifest_version=None),
+    _edit_seed_meta(shuffle_key_generation="legacy-era-only-v1"),
+    _edit_seed_meta(shuffle_key_generation="market-era-v2"),
+], ids=["59 bytes", "61 bytes", "no metadata", "metadata not JSON", "another era", "another market",
+        "no manifest version", "retired generation", "unknown generation"])
+def test_a_shuffle_seed_that_is_not_this_eras_is_fetched_again(dataservice, tmp_path, damage):
+    svc = dataservice
+    m = manager(svc, tmp_path)
+    m.sync()
+    damage(tmp_path)
+    assert m.needs_sync()
+    svc.clear_requests()
+    assert m.sync().shuffle_seed_downloaded
+    assert len(svc.requests_for("/data/shuffle")) == 1 and file_requests(svc) == []
+    assert_in_step(svc, tmp_path)
+    assert not m.needs_sync()
+
+
 def test_a_resumed_download_counts_only_the_bytes_this_sync_fetched(dataservice_factory, tmp_path):
     svc = dataservice_factory(features=1, large_file_bytes=BIG_BYTES)
     staged = svc.file_bytes(None, BIG)[:BIG_BYTES // 2 + 7]  # left by an interrupted sync
@@ -122,26 +234,6 @@ def test_a_resumed_download_counts_only_the_bytes_this_sync_fetched(dataservice_
     vocabularies = [p for p in files if p.startswith("named_universes/")]
     everything = sum(e["size_bytes"] for p, e in files.items() if p not in vocabularies)
     assert result.bytes_downloaded == everything - len(staged)
-
-
-def test_verify_without_a_manifest_says_it_had_nothing_to_check(dataservice, tmp_path):
-    m = manager(dataservice, tmp_path)
-    empty = m.verify()
-    assert (empty.valid, empty.corrupted_files, empty.missing_files, empty.has_manifest) == (True, [], [], False)
-    assert empty == sync.VerifyResult()
-    m.sync()
-    assert m.verify().has_manifest
-
-
-def test_download_set_larger_than_free_space_fails_before_any_file_request(dataservice_factory, tmp_path):
-    svc = dataservice_factory(entry_overrides={FEATURE: {"size_bytes": 2 ** 60}})
-    m = manager(svc, tmp_path)
-    with pytest.raises(sync.DiskSpaceError) as info:
-        m.sync()
-    match = re.fullmatch(r"Insufficient disk space: need (\d+) bytes, have (\d+) bytes available", str(info.value))
-    assert match and int(match.group(1)) > 2 ** 60 > int(match.group(2))
-    assert file_requests(svc) == []
-    assert m.get_manifest() is None and not (tmp_path / "manifest.json").exists()
 
 
 def hostile_files(change):
@@ -216,11 +308,16 @@ def test_failure_before_commit_leaves_the_local_manifest_untouched(dataservice_f
     committed = {name: local_bytes(tmp_path, name) for name in ("manifest.json", ".manifest_sync_metadata.json")}
 
     break_next_sync(svc)
+    svc.clear_requests()
     with request_budget(svc), pytest.raises(error, match=re.escape(message)) as info:
         m.sync()
 
     if error is sync.PermanentDownloadError:
         assert (info.value.file_path, info.value.status) == (FEATURE, 404)
+    if error is sync.DiskSpaceError:  # refused before any file is asked for
+        need, have = map(int, re.fullmatch(r"Insufficient disk space: need (\d+) bytes, have (\d+) bytes available",
+                                           str(info.value)).groups())
+        assert need >= 2 ** 60 > have and file_requests(svc) == []
     assert {name: local_bytes(tmp_path, name) for name in committed} == committed
     assert (m.get_manifest().version, m.get_manifest().era_number) == (1, 1)
     assert sync.SyncManager(str(tmp_path), svc.url, token=svc.token).get_manifest().version == 1

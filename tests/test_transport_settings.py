@@ -37,9 +37,9 @@ def test_transport_knob_normalises_and_defaults(raw, expected):
 
 
 @pytest.mark.parametrize("raw", ["http2", "curl urllib", 1, True, _Text("h2")])
-def test_transport_knob_rejects_unknown_transports(raw):
+def test_transport_knob_rejects_unknown_transports(raw, tmp_path):
     with pytest.raises(ValueError) as excinfo:
-        sync._sync_http_transport(raw)
+        sync.SyncManager(str(tmp_path), "http://127.0.0.1:9", token="t", sync_http_transport=raw)
     assert str(excinfo.value) == TRANSPORT_MESSAGE
 
 
@@ -55,11 +55,10 @@ def test_integer_knobs_convert_like_int(raw, chunk, concurrency):
 
 
 @pytest.mark.parametrize("raw", ["0", "-5", "abc", "1.5", 0, -1, 0.5, [], {"a": 1}, object()])
-def test_integer_knobs_reject_values_that_are_not_positive_integers(raw):
-    for parse, message in ((sync._sync_http_chunk_bytes, CHUNK_MESSAGE),
-                           (sync._sync_max_concurrency, CONCURRENCY_MESSAGE)):
+def test_integer_knobs_reject_values_that_are_not_positive_integers(raw, tmp_path):
+    for knob, message in (("sync_http_chunk_bytes", CHUNK_MESSAGE), ("sync_max_concurrency", CONCURRENCY_MESSAGE)):
         with pytest.raises(ValueError) as excinfo:
-            parse(raw)
+            sync.SyncManager(str(tmp_path), "http://127.0.0.1:9", token="t", **{knob: raw})
         assert str(excinfo.value) == message
         assert excinfo.value.__cause__ is None and excinfo.value.__context__ is None
 

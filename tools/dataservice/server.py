@@ -240,6 +240,7 @@ class DataService:
         self._era_state = {"state": "active", "next_closing_at": None, "min_library_version": "0.0.0",
                            "shape": era_shape}  # guarded by _lock
         self._announced_era: Any = _SERVED_ERA          # guarded by _lock
+        self._api_era: Era | None = None                # guarded by _lock; see freeze_api
         self._faults: list[Fault] = []                  # guarded by _lock
         self._hooks: list[_Hook] = []                   # guarded by _lock
         self._requests: list[RequestRecord] = []        # guarded by _lock
@@ -396,6 +397,15 @@ class DataService:
             if activate:
                 self.activate_era(number)
             return number
+
+    def freeze_api(self, frozen: bool = True) -> None:
+        """With ``frozen``, "/data/manifest/version" and "/data/manifest" keep
+        answering with the era as it is now while later versions are published
+        only on the public file route, whose "manifest.json" is the newest
+        manifest: an API lagging behind the public store. ``frozen=False``
+        lets the API catch up."""
+        with self._lock:
+            self._api_era = self._eras[self._current] if frozen else None
 
     def activate_era(self, era_number: int) -> None:
         """Serve ``era_number`` (already generated) from now on and announce it as active."""
@@ -623,16 +633,20 @@ class DataService:
                 return refused
         with self._lock:
             era = self._eras[self._current]
+            api_era = self._api_era or era
         record.era_number = era.era_number
         if public:
-            return self._file(handler, era, path[len(self._public_path) + 1:])
+            relative = path[len(self._public_path) + 1:]
+            if relative == "manifest.json":
+                return self._bytes(BytesContent(era.manifest_bytes(self.base_url)), "application/json", era)
+            return self._file(handler, era, relative)
         if path.startswith("/data/files/"):
             return self._file(handler, era, path[len("/data/files/"):])
         if path.rstrip("/") == "/data/manifest/version":
-            return self._json({"version": era.version, "era_number": era.era_number,
-                               "manifest_sha256": era.manifest_sha256(self.base_url)}, era)
+            return self._json({"version": api_era.version, "era_number": api_era.era_number,
+                               "manifest_sha256": api_era.manifest_sha256(self.base_url)}, api_era)
         if path.rstrip("/") == "/data/manifest":
-            return self._bytes(BytesContent(era.manifest_bytes(self.base_url)), "application/json", era)
+            return self._bytes(BytesContent(api_era.manifest_bytes(self.base_url)), "application/json", api_era)
         if path.rstrip("/") == "/data/shuffle":
             manifest = era.manifest(None)
             return self._bytes(BytesContent(era.shuffle_seed()), "application/octet-stream", era, [
@@ -939,12 +953,12 @@ def main(argv: list[str] | None = None) -> int:
         tls=args.tls, era_shape=args.era_shape, public_files=args.public_files, host=args.host, port=args.port,
         features=args.features, feature_bytes=args.feature_bytes, large_file_bytes=args.large_file_bytes)
     service.start()
-    print(f"url: {service.url}")
-    print(f"token: {service.token or '(none)'}")
-    if service.ca_file:
-        print(f"ca_file: {service.ca_file}")
-    print(f"era: {service.current_era}  files: {len(service.era().files)}", flush=True)
-    try:
+    try:  # Ctrl-C may come as soon as the address is out
+        print(f"url: {service.url}")
+        print(f"token: {service.token or '(none)'}")
+        if service.ca_file:
+            print(f"ca_file: {service.ca_file}")
+        print(f"era: {service.current_era}  files: {len(service.era().files)}", flush=True)
         while True:
             time.sleep(3600)
     except KeyboardInterrupt:

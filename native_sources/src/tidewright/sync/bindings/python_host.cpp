@@ -9,6 +9,8 @@
 #include <nanobind/stl/string.h>
 
 #include <atomic>
+#include <string_view>
+#include <unistd.h>
 
 namespace tidewright::sync::bindings {
 
@@ -82,13 +84,22 @@ nb::object args_tuple(const json::array& args) {
 // not daemons); the host's own placeholder for a thread it did not start is
 // named instead. Set on every entry: a host may make a new placeholder each
 // time a thread enters, and a placeholder outlives its thread, so a later
-// thread with the same ident must rename it.
+// thread with the same ident must rename it. An engine thread without a name
+// (a token helper of a host thread) gets a placeholder name of its own
+// rather than the name a placeholder kept from an earlier engine thread.
 // REQUIRES: the GIL held.
 void show_engine_thread_name() {
   const std::string& name = current_thread_name();
-  if (name.empty()) return;
   try {
-    nb::object current = nb::module_::import_("threading").attr("current_thread")();
+    nb::module_ threading = nb::module_::import_("threading");
+    nb::object current = threading.attr("current_thread")();
+    if (name.empty()) {
+      if (!nb::isinstance(current, threading.attr("_DummyThread"))) return;  // a host thread
+      nb::str old_name = nb::str(current.attr("name"));
+      if (std::string_view(old_name.c_str()).rfind("Dummy-", 0) == 0) return;
+      current.attr("name") = nb::str(("Dummy-" + std::to_string(::gettid())).c_str());
+      return;
+    }
     nb::str wanted(name.c_str(), name.size());
     if (!current.attr("name").equal(wanted)) current.attr("name") = wanted;
   } catch (nb::python_error&) {
