@@ -359,7 +359,7 @@ std::optional<std::int64_t> SyncManager::run_transition_attempt(std::int64_t new
   run.allow_closing = run.old_manifest && new_era_number > run.old_manifest->era_number_int();
   run.staging = transition_staging_path(new_era_number);
   const std::string lock_path = transition_lock_path();
-  bool flock_held = false;
+  std::optional<DirectoryLock::Guard> directory;
 
   auto finish = [&](bool superseded, const std::optional<std::string>& closing_status) {
     if (closing_status) set_status_message(*closing_status);
@@ -375,7 +375,7 @@ std::optional<std::int64_t> SyncManager::run_transition_attempt(std::int64_t new
       }
     }
     set_in_transition(false);
-    if (flock_held) release_flock();
+    directory.reset();
     remove_own_transition_lock(lock_path);
   };
 
@@ -387,8 +387,7 @@ std::optional<std::int64_t> SyncManager::run_transition_attempt(std::int64_t new
     } catch (const std::exception& e) {
       log_warning("Failed to write transition lock file: %s", {json::value(e.what())});
     }
-    acquire_flock();
-    flock_held = true;
+    directory.emplace(directory_lock_);
     set_status_message("Era transition to era " + run.era_text + " started");
     if (kill_searches_fn) {
       searches_killed = true;
