@@ -464,6 +464,7 @@ class SyncManager : public std::enable_shared_from_this<SyncManager>, public Era
   std::optional<std::int64_t> stage_transition(TransitionRun& run);
   void switch_transition(TransitionRun& run);
   void complete_transition(TransitionRun& run, const SearchesFn& restart_searches_fn);
+  void remove_files_only_the_old_era_had(const TransitionRun& run);
   std::optional<json::object> rotation_refresh_payload(const TransitionRun& run) const;
   // A stop request for this manager or for the calling thread.
   bool transition_cancelled() const;

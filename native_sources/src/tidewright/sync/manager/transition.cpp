@@ -613,6 +613,23 @@ void SyncManager::switch_transition(TransitionRun& run) {
   manifest_ = run.manifest;
 }
 
+void SyncManager::remove_files_only_the_old_era_had(const TransitionRun& run) {
+  if (!run.old_manifest) return;
+  for (const auto& kv : run.old_manifest->files()) {
+    if (run.manifest->files().contains(kv.key())) continue;
+    std::string local;
+    try {
+      local = manifest_local_path(data_dir_, kv.key());
+    } catch (const ManifestError&) {
+      continue;
+    }
+    if (::unlink(local.c_str()) != 0 && errno != ENOENT) {
+      log_debug("Failed to remove file of the previous era %s: %s",
+                {json::value(local), json::value(std::strerror(errno))});
+    }
+  }
+}
+
 // After the switch: the remaining gates, removal of what the old era alone
 // had, notifications, the rotation refresh and the restart of searches. A
 // stop request met at a gate now skips only the gates and the restart: the
@@ -628,22 +645,10 @@ void SyncManager::complete_transition(TransitionRun& run, const SearchesFn& rest
       run.cancelled_after_switch = true;
     }
   };
+  // The new era is in place: what only the old era had goes before any gate
+  // can fail, so that the directory holds one era's files either way.
+  remove_files_only_the_old_era_had(run);
   gate();
-  if (run.old_manifest) {
-    for (const auto& kv : run.old_manifest->files()) {
-      if (run.manifest->files().contains(kv.key())) continue;
-      std::string local;
-      try {
-        local = manifest_local_path(data_dir_, kv.key());
-      } catch (const ManifestError&) {
-        continue;
-      }
-      if (::unlink(local.c_str()) != 0 && errno != ENOENT) {
-        log_debug("Failed to remove file of the previous era %s: %s",
-                  {json::value(local), json::value(std::strerror(errno))});
-      }
-    }
-  }
   complete_rotation_promotion(*run.manifest, run.rotation, run.result);
   hash_cache_.persist();
   if (!run.cancelled_after_switch) schedule_cleanup_old_eras(true);
