@@ -22,7 +22,7 @@ SUDO := $(shell [ "$$(id -u)" = 0 ] || echo sudo)
 
 BENCH_ARGS ?=
 
-.PHONY: install apt-deps venv package test cpp-test py-test py-test-twice demo bench fuzz tsan asan coverage clean wheel-deps wheel wheel-test
+.PHONY: install apt-deps venv package test cpp-test py-test py-test-twice demo bench fuzz tsan asan coverage clean wheel-deps wheel wheel-test lint
 
 install: apt-deps venv package
 
@@ -128,6 +128,16 @@ SOAK_ARGS ?=
 .PHONY: soak
 soak: install
 	$(VPY) tools/soak.py --seconds $(SOAK_SECONDS) $(SOAK_ARGS)
+# The native sources (core, extension module, C++ tests) built with clang,
+# its thread-safety analysis on and every warning an error: the lock rules
+# written as annotations (common/mutex.hpp) are checked here. Compiles only.
+lint: apt-deps venv
+	@dpkg-query -W -f='$${Status}' clang 2>/dev/null | grep -q "install ok installed" || \
+	  (DEBIAN_FRONTEND=noninteractive $(SUDO) apt-get install -y -qq clang)
+	PATH="$(CURDIR)/$(VENV)/bin:$$PATH" CC=clang CXX=clang++ cmake -S . -B build/lint -G Ninja \
+	  -DTW_LINT=ON -DTW_BUILD_PYTHON=ON -DTW_BUILD_TESTS=ON -DPython_EXECUTABLE="$(CURDIR)/$(VPY)" \
+	  -DCMAKE_BUILD_TYPE=Debug >/dev/null
+	PATH="$(CURDIR)/$(VENV)/bin:$$PATH" cmake --build build/lint -j $(JOBS) --target tw_sync_core sync tw_sync_tests
 
 # libFuzzer targets (clang, ASan + UBSan) over the corpus kept in the repo;
 # FUZZ_SECONDS per target. New inputs found are kept under build/fuzz.

@@ -120,7 +120,8 @@ def test_a_disk_that_is_full_when_the_sync_commits_keeps_the_previous_manifest(d
     svc.set_version(touch=[p for p in svc.manifest()["files"] if p.startswith("features/")][:1])
     # Every file is in place when the shuffle seed is fetched at the commit.
     svc.on_request("/data/shuffle", small_disk.fill)
-    with request_budget(svc), pytest.raises(OSError) as info:
+    with request_budget(svc), pytest.raises(sync.DiskSpaceError,
+                                            match="^Insufficient disk space while writing ") as info:
         m.sync()
     assert info.value.errno == errno.ENOSPC
     assert local_bytes(small_disk.data_dir, "manifest.json") == committed

@@ -605,6 +605,7 @@ def test_a_later_era_published_during_a_transition(svc, data_dir, published_at, 
         assert isinstance(raised, sync.EraError) and str(raised) == error
         assert calls == ["kill"]
     assert_era_files(svc, data_dir, m, ends_in)
+    assert (data_dir / "old/only.bin").exists() == (ends_in == 1)  # one era's files, also when a check failed
     assert sync.SyncManager(str(data_dir), svc.url, lambda: svc.token).verify().valid
     assert not m._in_transition and leftovers(data_dir) == []
 

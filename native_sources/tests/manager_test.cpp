@@ -29,11 +29,17 @@ namespace tidewright::sync {
 
 // Puts a manager on the owner-file lock, as if flock had been found not to
 // exclude other processes in its data directory.
+struct DirectoryLockTestAccess {
+  static void use_owner_file(DirectoryLock& lock) {
+    MutexLock held(lock.mu_);
+    lock.checked_ = true;
+    lock.unreliable_ = true;
+  }
+};
+
 struct SyncManagerTestAccess {
   static void use_owner_file_lock(SyncManager& manager) {
-    std::lock_guard<std::recursive_mutex> lock(manager.flock_mu_);
-    manager.flock_checked_ = true;
-    manager.flock_unreliable_ = true;
+    DirectoryLockTestAccess::use_owner_file(manager.directory_lock());
   }
   // Takes the file lock as a sync does, under the sync lock (which a stop
   // waits for, so the stop request is seen before it is withdrawn).

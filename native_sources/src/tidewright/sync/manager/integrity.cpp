@@ -304,11 +304,7 @@ VerifyResult SyncManager::verify() {
     // A sync of another process promotes each file as soon as it is verified
     // and writes manifest.json last: what looked wrong may be a newer file
     // of a sync under way. Look again while no sync can run.
-    acquire_flock();
-    struct Release {
-      SyncManager* self;
-      ~Release() { self->release_flock(); }
-    } release{this};
+    DirectoryLock::Guard directory(directory_lock_);
     for (auto& [path, state] : suspects) state = check(path, manifest->files().at(path));
   }
   for (const auto& [path, state] : suspects) {
@@ -320,11 +316,7 @@ VerifyResult SyncManager::verify() {
 }
 
 SyncResult SyncManager::repair(const std::vector<std::string>& files) {
-  acquire_flock();
-  struct Release {
-    SyncManager* self;
-    ~Release() { self->release_flock(); }
-  } release{this};
+  DirectoryLock::Guard directory(directory_lock_);
   SyncResult result;
   ManifestPtr manifest = get_manifest();
   if (!manifest) return result;

@@ -358,14 +358,8 @@ void SyncManager::poll_once() {
   if (!sync_lock.owns_lock()) return;  // a foreground sync is running
   try {
     if (!in_transition_.load() && needs_sync() && !in_transition_.load()) {
-      acquire_flock();
-      try {
-        sync_with_manifest_refresh();
-      } catch (...) {
-        release_flock();
-        throw;
-      }
-      release_flock();
+      DirectoryLock::Guard directory(directory_lock_);
+      sync_with_manifest_refresh();
     }
   } catch (const std::exception& e) {
     if (stop_requested()) {
@@ -414,14 +408,8 @@ std::vector<std::string> SyncManager::request_for_sync() {
   SyncResult result;
   try {
     std::lock_guard<std::mutex> sync_lock(sync_mu_);
-    acquire_flock();
-    try {
-      result = sync_with_manifest_refresh();
-    } catch (...) {
-      release_flock();
-      throw;
-    }
-    release_flock();
+    DirectoryLock::Guard directory(directory_lock_);
+    result = sync_with_manifest_refresh();
   } catch (...) {
     publish_done();
     throw;

@@ -176,15 +176,8 @@ std::vector<std::string> keys_of(const json::object& files) {
 
 SyncResult SyncManager::sync() {
   std::lock_guard<std::mutex> lock(sync_mu_);
-  acquire_flock();
-  try {
-    SyncResult result = sync_with_manifest_refresh();
-    release_flock();
-    return result;
-  } catch (...) {
-    release_flock();
-    throw;
-  }
+  DirectoryLock::Guard directory(directory_lock_);
+  return sync_with_manifest_refresh();
 }
 
 SyncResult SyncManager::sync_with_manifest_refresh() {

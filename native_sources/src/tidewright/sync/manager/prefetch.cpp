@@ -39,11 +39,7 @@ std::vector<SyncManager::PrefetchedFeatureFile> SyncManager::request_feature_fil
   }
 
   std::lock_guard<std::mutex> lock(sync_mu_);
-  acquire_flock();
-  struct ReleaseFlock {
-    SyncManager* self;
-    ~ReleaseFlock() { self->release_flock(); }
-  } release{this};
+  DirectoryLock::Guard directory(directory_lock_);
   std::int64_t restarts = 0;
   while (true) {
     try {

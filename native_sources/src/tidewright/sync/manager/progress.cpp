@@ -12,27 +12,27 @@ std::int64_t now_ns() {
 }  // namespace
 
 void ProgressFeed::set_callback(HostRef callback) {
-  std::lock_guard<std::mutex> lock(mu_);
+  MutexLock lock(mu_);
   std::swap(callback_, callback);
   // The previous callback is released after the lock (in `callback`'s
   // destructor, declared before the guard): that may wait for the host.
 }
 
 bool ProgressFeed::try_callback_object(const void*& out) const {
-  std::unique_lock<std::mutex> lock(mu_, std::try_to_lock);
-  if (!lock.owns_lock()) return false;
+  if (!mu_.try_lock()) return false;
   out = callback_.get();
+  mu_.unlock();
   return true;
 }
 
 HostRef ProgressFeed::callback() const {
-  std::lock_guard<std::mutex> lock(mu_);
+  MutexLock lock(mu_);
   return callback_;
 }
 
 void ProgressFeed::start(const std::string& phase, std::int64_t files, std::int64_t bytes) {
   {
-    std::lock_guard<std::mutex> lock(mu_);
+    MutexLock lock(mu_);
     phase_ = phase;
     started_at_ = std::chrono::steady_clock::now();
   }
@@ -55,7 +55,7 @@ void ProgressFeed::file_done() {
 
 void ProgressFeed::finish() {
   {
-    std::lock_guard<std::mutex> lock(mu_);
+    MutexLock lock(mu_);
     phase_ += ":done";
   }
   report(true);
@@ -73,7 +73,7 @@ void ProgressFeed::report(bool force) {
   HostRef cb;
   json::object event;
   {
-    std::lock_guard<std::mutex> lock(mu_);
+    MutexLock lock(mu_);
     cb = callback_;
     if (!cb) return;
     std::string phase = phase_;

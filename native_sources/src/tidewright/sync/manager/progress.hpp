@@ -6,12 +6,12 @@
 // download batch), never under a manager lock.
 #pragma once
 
+#include "tidewright/sync/common/mutex.hpp"
 #include "tidewright/sync/host/host.hpp"
 
 #include <atomic>
 #include <chrono>
 #include <cstdint>
-#include <mutex>
 #include <string>
 
 namespace tidewright::sync {
@@ -35,15 +35,15 @@ class ProgressFeed {
  private:
   void report(bool force);
 
-  mutable std::mutex mu_;
-  HostRef callback_;   // guarded by mu_
-  std::string phase_;  // guarded by mu_
+  mutable Mutex mu_;
+  HostRef callback_ GUARDED_BY(mu_);
+  std::string phase_ GUARDED_BY(mu_);
   std::atomic<std::int64_t> files_total_{0};
   std::atomic<std::int64_t> files_done_{0};
   std::atomic<std::int64_t> bytes_total_{0};
   std::atomic<std::int64_t> bytes_done_{0};
   std::atomic<std::int64_t> last_report_ns_{0};
-  std::chrono::steady_clock::time_point started_at_;  // guarded by mu_
+  std::chrono::steady_clock::time_point started_at_ GUARDED_BY(mu_);
 };
 
 }  // namespace tidewright::sync

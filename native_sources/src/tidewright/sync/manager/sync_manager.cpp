@@ -43,7 +43,8 @@ SyncManager::SyncManager(SyncManagerArgs args)
       runtime_freshness_guard_(std::move(args.runtime_freshness_guard)),
       hash_cache_(path_join(data_dir_, SYNC_HASH_CACHE_FILENAME)),
       consumer_count_path_(path_join(data_dir_, ".consumer_count")),
-      flock_path_(path_join(data_dir_, ".sync_flock")) {
+      flock_path_(path_join(data_dir_, ".sync_flock")),
+      directory_lock_(data_dir_, flock_path_, [this] { return stop_requested(); }) {
   set_sync_runtime_knobs(args.knobs);
   hash_cache_.load();
   load_consumer_count();

@@ -12,6 +12,7 @@
 #include "tidewright/sync/era/era_thread.hpp"
 #include "tidewright/sync/host/host.hpp"
 #include "tidewright/sync/manager/cleanup.hpp"
+#include "tidewright/sync/manager/directory_lock.hpp"
 #include "tidewright/sync/manager/hash_cache.hpp"
 #include "tidewright/sync/manager/progress.hpp"
 #include "tidewright/sync/manager/results.hpp"
@@ -281,8 +282,11 @@ class SyncManager : public std::enable_shared_from_this<SyncManager>, public Era
       const std::optional<std::string>& named_universe);
 
   // --- cross-process lock on ".sync_flock" (re-entrant per thread) ---
-  void acquire_flock();
-  void release_flock();
+  // The engine holds it with a DirectoryLock::Guard; these paired calls are
+  // for the host's tests of cross-process exclusion.
+  void acquire_flock() { directory_lock_.acquire(); }
+  void release_flock() { directory_lock_.release(); }
+  DirectoryLock& directory_lock() { return directory_lock_; }
   // A stop request for this manager (set by stop_internal).
   bool stop_requested() const { return stop_requested_.load() || shut_down_.load(); }
 
@@ -335,21 +339,10 @@ class SyncManager : public std::enable_shared_from_this<SyncManager>, public Era
   mutable std::mutex consumer_mu_;
   std::atomic<std::int64_t> consumer_count_{0};  // written under consumer_mu_, read anywhere
   const std::string flock_path_;
+  DirectoryLock directory_lock_;
 
   // In-process sync serialisation ("_sync_lock").
   std::mutex sync_mu_;
-
-  // Cross-process lock state ("_flock_lock" + the descriptor).
-  std::recursive_mutex flock_mu_;
-  int flock_fd_ = -1;     // guarded by flock_mu_
-  int flock_depth_ = 0;   // guarded by flock_mu_
-  bool flock_checked_ = false;     // guarded by flock_mu_
-  bool flock_unreliable_ = false;  // guarded by flock_mu_
-  // Tests take the owner-file path where flock() does exclude.
-  friend struct SyncManagerTestAccess;
-  // Exclusive-create fallback where flock() does not exclude.
-  // REQUIRES: flock_mu_ held.
-  void acquire_owner_file();
 
   std::atomic<bool> stop_requested_{false};
 
@@ -373,7 +366,7 @@ class SyncManager : public std::enable_shared_from_this<SyncManager>, public Era
   // transitions (lifecycle.cpp, transition.cpp).
   //
   // Lock order: the class registry lock, consumer_mu_, lifecycle_mu_,
-  // transition_mu_, sync_mu_, flock_mu_ (and the file lock). repair_mu_,
+  // transition_mu_, sync_mu_, the directory lock. repair_mu_,
   // coalescing_mu_, era_callbacks_mu_, stop_mu_, threads_mu_, cleanup_mu_ and
   // transition_state_mu_ are leaves. No thread this class starts ever waits for the registry lock,
   // consumer_mu_ or lifecycle_mu_, so stop_internal() may join them while
@@ -471,6 +464,7 @@ class SyncManager : public std::enable_shared_from_this<SyncManager>, public Era
   std::optional<std::int64_t> stage_transition(TransitionRun& run);
   void switch_transition(TransitionRun& run);
   void complete_transition(TransitionRun& run, const SearchesFn& restart_searches_fn);
+  void remove_files_only_the_old_era_had(const TransitionRun& run);
   std::optional<json::object> rotation_refresh_payload(const TransitionRun& run) const;
   // A stop request for this manager or for the calling thread.
   bool transition_cancelled() const;
@@ -540,6 +534,8 @@ class SyncManager : public std::enable_shared_from_this<SyncManager>, public Era
   std::set<std::string> prefetched_feature_relative_paths_;     // guarded by prefetched_feature_mu_
 
   friend class SyncPipeline;
+  // Tests take the file lock as a sync does, under the sync lock.
+  friend struct SyncManagerTestAccess;
 };
 
 }  // namespace tidewright::sync

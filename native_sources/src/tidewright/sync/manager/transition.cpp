@@ -359,7 +359,7 @@ std::optional<std::int64_t> SyncManager::run_transition_attempt(std::int64_t new
   run.allow_closing = run.old_manifest && new_era_number > run.old_manifest->era_number_int();
   run.staging = transition_staging_path(new_era_number);
   const std::string lock_path = transition_lock_path();
-  bool flock_held = false;
+  std::optional<DirectoryLock::Guard> directory;
 
   auto finish = [&](bool superseded, const std::optional<std::string>& closing_status) {
     if (closing_status) set_status_message(*closing_status);
@@ -375,7 +375,7 @@ std::optional<std::int64_t> SyncManager::run_transition_attempt(std::int64_t new
       }
     }
     set_in_transition(false);
-    if (flock_held) release_flock();
+    directory.reset();
     remove_own_transition_lock(lock_path);
   };
 
@@ -387,8 +387,7 @@ std::optional<std::int64_t> SyncManager::run_transition_attempt(std::int64_t new
     } catch (const std::exception& e) {
       log_warning("Failed to write transition lock file: %s", {json::value(e.what())});
     }
-    acquire_flock();
-    flock_held = true;
+    directory.emplace(directory_lock_);
     set_status_message("Era transition to era " + run.era_text + " started");
     if (kill_searches_fn) {
       searches_killed = true;
@@ -614,6 +613,23 @@ void SyncManager::switch_transition(TransitionRun& run) {
   manifest_ = run.manifest;
 }
 
+void SyncManager::remove_files_only_the_old_era_had(const TransitionRun& run) {
+  if (!run.old_manifest) return;
+  for (const auto& kv : run.old_manifest->files()) {
+    if (run.manifest->files().contains(kv.key())) continue;
+    std::string local;
+    try {
+      local = manifest_local_path(data_dir_, kv.key());
+    } catch (const ManifestError&) {
+      continue;
+    }
+    if (::unlink(local.c_str()) != 0 && errno != ENOENT) {
+      log_debug("Failed to remove file of the previous era %s: %s",
+                {json::value(local), json::value(std::strerror(errno))});
+    }
+  }
+}
+
 // After the switch: the remaining gates, removal of what the old era alone
 // had, notifications, the rotation refresh and the restart of searches. A
 // stop request met at a gate now skips only the gates and the restart: the
@@ -629,22 +645,10 @@ void SyncManager::complete_transition(TransitionRun& run, const SearchesFn& rest
       run.cancelled_after_switch = true;
     }
   };
+  // The new era is in place: what only the old era had goes before any gate
+  // can fail, so that the directory holds one era's files either way.
+  remove_files_only_the_old_era_had(run);
   gate();
-  if (run.old_manifest) {
-    for (const auto& kv : run.old_manifest->files()) {
-      if (run.manifest->files().contains(kv.key())) continue;
-      std::string local;
-      try {
-        local = manifest_local_path(data_dir_, kv.key());
-      } catch (const ManifestError&) {
-        continue;
-      }
-      if (::unlink(local.c_str()) != 0 && errno != ENOENT) {
-        log_debug("Failed to remove file of the previous era %s: %s",
-                  {json::value(local), json::value(std::strerror(errno))});
-      }
-    }
-  }
   complete_rotation_promotion(*run.manifest, run.rotation, run.result);
   hash_cache_.persist();
   if (!run.cancelled_after_switch) schedule_cleanup_old_eras(true);

@@ -75,12 +75,21 @@ class TemporaryFileGuard {
   bool dismissed_ = false;
 };
 
-void write_all(int fd, std::string_view data, const std::string& path) {
+// The error of a failed write of `path` (the file's final name): a full
+// disk or quota is a DiskSpaceError, like one met during a download.
+[[noreturn]] void throw_write_error(int error_number, const std::string& temporary, const std::string& path) {
+  if (error_number == ENOSPC || error_number == EDQUOT) {
+    throw DiskSpaceError("Insufficient disk space while writing " + path + ": " + std::strerror(error_number));
+  }
+  throw_os_error(error_number, temporary);
+}
+
+void write_all(int fd, std::string_view data, const std::string& temporary, const std::string& path) {
   while (!data.empty()) {
     ssize_t n = ::write(fd, data.data(), data.size());
     if (n < 0) {
       if (errno == EINTR) continue;
-      throw_os_error(errno, path);
+      throw_write_error(errno, temporary, path);
     }
     data.remove_prefix(static_cast<std::size_t>(n));
   }
@@ -167,10 +176,10 @@ void atomic_write(const std::string& path, std::string_view data) {
   // The name is new for every write: anything already there (a planted link
   // above all) is not ours to write through.
   UniqueFd fd(::open(temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0666));
-  if (!fd.valid()) throw_os_error(errno, temporary);
-  write_all(fd.get(), data, temporary);
+  if (!fd.valid()) throw_write_error(errno, temporary, path);
+  write_all(fd.get(), data, temporary, path);
   // A failing close can mean lost data (e.g. on network file systems).
-  if (fd.reset() != 0) throw_os_error(errno, temporary);
+  if (fd.reset() != 0) throw_write_error(errno, temporary, path);
   rename_file(temporary, path);
   guard.dismiss();
 }

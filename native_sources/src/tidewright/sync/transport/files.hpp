@@ -65,6 +65,8 @@ std::string sha256_file(const std::string& path, std::int64_t chunk_bytes = SYNC
 // target's parent directories are created when missing. The temporary file
 // never outlives the call, whether it succeeds or fails. No fsync: this is
 // atomic against readers, not durable against power loss.
+// A full disk (or quota) is a DiskSpaceError "Insufficient disk space while
+// writing <path>: <strerror>", as during a download.
 void atomic_write(const std::string& path, std::string_view data);
 
 // data_dir joined with SYNC_PROGRESS_FILENAME.
