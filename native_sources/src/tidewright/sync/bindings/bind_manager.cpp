@@ -403,7 +403,7 @@ void bind_manager(nb::module_& m) {
              }
              {
                nb::gil_scoped_release release;
-               s.download_file(file_path, v.is_object() ? v.get_object() : json::object(), r, options);
+               s.download_file(DownloadJob::from_entry(file_path, v.is_object() ? v.get_object() : json::object()), r, options);
              }
              update_python_result(result, r);
            },
@@ -414,10 +414,13 @@ void bind_manager(nb::module_& m) {
       .def("_download_files_parallel",
            [](SyncManager& s, nb::handle files, nb::handle result) {
              auto items = file_items(files);
+             std::vector<DownloadJob> jobs;
+             jobs.reserve(items.size());
+             for (const auto& [path, entry] : items) jobs.push_back(DownloadJob::from_entry(path, entry));
              SyncResult r = from_python_result(result);
              {
                nb::gil_scoped_release release;
-               s.download_files_parallel(items, r);
+               s.download_files_parallel(jobs, r);
              }
              update_python_result(result, r);
            },

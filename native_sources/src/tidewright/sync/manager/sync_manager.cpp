@@ -8,6 +8,7 @@
 #include "tidewright/sync/manifest/sanitize.hpp"
 #include "tidewright/sync/reporting/errors.hpp"
 #include "tidewright/sync/transport/bearer_token.hpp"
+#include "tidewright/sync/transport/http_request.hpp"
 #include "tidewright/sync/transport/settings.hpp"
 
 #include <exception>
@@ -42,6 +43,7 @@ SyncManager::SyncManager(SyncManagerArgs args)
       get_token_(std::move(args.get_token)),
       runtime_freshness_guard_(std::move(args.runtime_freshness_guard)),
       hash_cache_(path_join(data_dir_, SYNC_HASH_CACHE_FILENAME)),
+      transfer_(transfer_context()),
       consumer_count_path_(path_join(data_dir_, ".consumer_count")),
       flock_path_(path_join(data_dir_, ".sync_flock")) {
   set_sync_runtime_knobs(args.knobs);
@@ -261,6 +263,35 @@ void SyncManager::set_runtime_freshness_guard(HostRef guard) {
 }
 
 std::string SyncManager::fetch_token() const { return fetch_bearer_token(get_token_fn()); }
+
+TransferEngine::Context SyncManager::transfer_context() {
+  TransferEngine::Context context;
+  context.server_url = server_url_;
+  context.data_dir = data_dir_;
+  context.fetch_token = [this] { return fetch_token(); };
+  context.stop_requested = [this] { return stop_requested(); };
+  context.transport = [this] { return sync_http_transport(); };
+  context.chunk_bytes = [this] { return sync_http_chunk_bytes(); };
+  context.max_concurrency = [this] { return sync_max_concurrency(); };
+  context.held_base_url = [this]() -> std::optional<std::string> {
+    ManifestPtr held = get_manifest();
+    return held ? held->base_url_text() : std::nullopt;
+  };
+  context.freshness_guard = [this] { return runtime_freshness_guard(); };
+  context.progress = &progress_;
+  context.hash_cache = &hash_cache_;
+  return context;
+}
+
+HttpResponse SyncManager::http_get(const std::string& url, std::int64_t range_start, std::int64_t range_end) {
+  ScopedSyncStopPredicate stop([this] { return stop_requested(); });
+  return tidewright::sync::http_get(url, fetch_token(), range_start, range_end);
+}
+
+HttpResponse SyncManager::http_get_public(const std::string& url, std::int64_t range_start, std::int64_t range_end) {
+  ScopedSyncStopPredicate stop([this] { return stop_requested(); });
+  return tidewright::sync::http_get_public(url, range_start, range_end, sync_http_transport());
+}
 
 HostRef SyncManager::manifest_view(const ManifestPtr& manifest) const {
   std::lock_guard<std::mutex> lock(host_view_mu_);

@@ -16,6 +16,7 @@
 #include "tidewright/sync/manager/progress.hpp"
 #include "tidewright/sync/manager/results.hpp"
 #include "tidewright/sync/manager/rotation_plan.hpp"
+#include "tidewright/sync/manager/transfer_engine.hpp"
 #include "tidewright/sync/manifest/manifest.hpp"
 #include "tidewright/sync/transport/settings.hpp"
 
@@ -175,30 +176,23 @@ class SyncManager : public std::enable_shared_from_this<SyncManager>, public Era
   std::int64_t cleanup_old_eras(bool keep_current = true);
   void schedule_cleanup_old_eras(bool keep_current = true);
 
-  // --- downloads ---
-  struct DownloadOptions {
-    std::optional<std::string> target_data_dir;
-    std::string backoff_surface = "file_download";
-    bool retry_partial_transfer = true;
-    bool retry_checksum_mismatch = true;
-    std::function<void(double)> retry_status_callback;
-  };
-  void download_file(const std::string& file_path, const json::object& file_info, SyncResult& result,
-                     const DownloadOptions& options);
-  void download_file(const std::string& file_path, const json::object& file_info, SyncResult& result) {
-    download_file(file_path, file_info, result, DownloadOptions{});
+  // --- downloads (the transfer engine, transfer_engine.hpp) ---
+  using DownloadOptions = tidewright::sync::DownloadOptions;
+  using DownloadFailureFilter = tidewright::sync::DownloadFailureFilter;
+  TransferEngine& transfer() { return transfer_; }
+  void download_file(const DownloadJob& job, SyncResult& result, const DownloadOptions& options = {}) {
+    transfer_.download(job, result, options);
   }
-  // Whether a failed download may leave its file out while the others go
-  // on: `set_aside(path, error)` answers true for a failure the caller deals
-  // with after the batch. Called on worker threads. Without one (and for
-  // every failure it declines) the first failure ends the batch.
-  using DownloadFailureFilter = std::function<bool(const std::string& path, const std::exception_ptr& error)>;
-  void download_files_parallel(const std::vector<std::pair<std::string, json::object>>& files, SyncResult& result,
-                               const DownloadFailureFilter& set_aside = {});
-  bool download_manifest_superseded(const json::object& file_info);
+  void download_files_parallel(const std::vector<DownloadJob>& files, SyncResult& result,
+                               const DownloadFailureFilter& set_aside = {}) {
+    transfer_.download_batch(files, result, set_aside);
+  }
+  bool download_manifest_superseded(const DownloadJob& job) { return transfer_.manifest_superseded(job); }
   // The immutable public manifest under the manifest's base URL, with its
   // body, when it is newer than `manifest_data`.
-  std::optional<std::pair<json::object, std::string>> newer_public_manifest(const json::object& manifest_data);
+  std::optional<std::pair<json::object, std::string>> newer_public_manifest(const json::object& manifest_data) {
+    return transfer_.newer_public_manifest(manifest_data);
+  }
 
   // --- era artifacts ---
   bool download_vocabulary(Manifest& server_manifest, const std::optional<std::string>& target_data_dir = {});
@@ -287,6 +281,8 @@ class SyncManager : public std::enable_shared_from_this<SyncManager>, public Era
   bool stop_requested() const { return stop_requested_.load() || shut_down_.load(); }
 
  private:
+  // What the transfer engine needs of this manager.
+  TransferEngine::Context transfer_context();
   void load_consumer_count();
   void load_local_manifest();
   void load_local_vocabulary();
@@ -331,6 +327,7 @@ class SyncManager : public std::enable_shared_from_this<SyncManager>, public Era
 
   HashCache hash_cache_;
   ProgressFeed progress_;
+  TransferEngine transfer_;  // after what its context points at
   const std::string consumer_count_path_;
   mutable std::mutex consumer_mu_;
   std::atomic<std::int64_t> consumer_count_{0};  // written under consumer_mu_, read anywhere
