@@ -41,6 +41,7 @@ SyncManager::SyncManager(SyncManagerArgs args)
       market_id_(coerce_agent_market_id(args.market_id, args.market_id_repr)),
       poll_interval_(args.poll_interval_s),
       get_token_(std::move(args.get_token)),
+      token_text_(std::move(args.token_text)),
       runtime_freshness_guard_(std::move(args.runtime_freshness_guard)),
       hash_cache_(path_join(data_dir_, SYNC_HASH_CACHE_FILENAME)),
       transfer_(transfer_context()),
@@ -162,7 +163,7 @@ std::shared_ptr<SyncManager> SyncManager::get_or_create(SyncManagerArgs args) {
                        std::to_string(existing->market_id_) + ", cannot reuse with market_id=" +
                        std::to_string(market));
     }
-    existing->set_get_token(std::move(args.get_token));
+    existing->set_get_token(std::move(args.get_token), std::move(args.token_text));
     existing->set_sync_runtime_knobs(args.knobs);
     return existing;
   }
@@ -247,9 +248,10 @@ HostRef SyncManager::get_token_fn() const {
   return get_token_;
 }
 
-void SyncManager::set_get_token(HostRef fn) {
+void SyncManager::set_get_token(HostRef fn, std::optional<std::string> token_text) {
   std::lock_guard<std::mutex> lock(state_mu_);
   get_token_ = std::move(fn);
+  token_text_ = std::move(token_text);
 }
 
 HostRef SyncManager::runtime_freshness_guard() const {
@@ -262,7 +264,22 @@ void SyncManager::set_runtime_freshness_guard(HostRef guard) {
   runtime_freshness_guard_ = std::move(guard);
 }
 
-std::string SyncManager::fetch_token() const { return fetch_bearer_token(get_token_fn()); }
+std::string SyncManager::fetch_token() const {
+  HostRef provider;
+  std::optional<std::string> token;
+  {
+    std::lock_guard<std::mutex> lock(state_mu_);
+    if (token_text_) {
+      token = token_text_;
+    } else {
+      provider = get_token_;
+    }
+  }
+  if (!token) return fetch_bearer_token(provider);
+  // A token given as text: checked like any answer, without the host.
+  check_bearer_token(*token);
+  return std::move(*token);
+}
 
 TransferEngine::Context SyncManager::transfer_context() {
   TransferEngine::Context context;

@@ -53,6 +53,9 @@ struct SyncManagerArgs {
   std::string data_dir;
   std::string server_url;
   HostRef get_token;  // a callable returning the bearer token
+  // The token itself when the caller gave one instead of a callable
+  // (get_token then answers it): used without calling the host.
+  std::optional<std::string> token_text;
   double poll_interval_s = SYNC_MANIFEST_POLL_INTERVAL_SECONDS;
   HostRef runtime_freshness_guard;
   json::value market_id = std::int64_t{1};
@@ -97,7 +100,7 @@ class SyncManager : public std::enable_shared_from_this<SyncManager>, public Era
   std::int64_t market_id() const { return market_id_; }
   double poll_interval() const { return poll_interval_; }
   HostRef get_token_fn() const;
-  void set_get_token(HostRef fn);
+  void set_get_token(HostRef fn, std::optional<std::string> token_text = std::nullopt);
   HostRef runtime_freshness_guard() const;
   void set_runtime_freshness_guard(HostRef guard);
 
@@ -311,6 +314,7 @@ class SyncManager : public std::enable_shared_from_this<SyncManager>, public Era
 
   mutable std::mutex state_mu_;
   HostRef get_token_;                          // guarded by state_mu_
+  std::optional<std::string> token_text_;      // guarded by state_mu_; what get_token_ answers, when known
   HostRef runtime_freshness_guard_;            // guarded by state_mu_
   std::string sync_http_transport_;            // guarded by state_mu_
   std::int64_t sync_http_chunk_bytes_ = 0;     // guarded by state_mu_

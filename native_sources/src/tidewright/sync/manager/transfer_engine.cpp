@@ -31,6 +31,7 @@
 #include <limits>
 #include <memory>
 #include <mutex>
+#include <span>
 #include <sys/stat.h>
 #include <sys/xattr.h>
 #include <thread>
@@ -46,6 +47,9 @@ constexpr std::size_t kResumeHashBlockBytes = 1048576;
 constexpr auto kRangeProgressPoll = std::chrono::milliseconds(20);
 // How often an idle worker looks for range work of files still in flight.
 constexpr auto kIdleWorkerPoll = std::chrono::milliseconds(50);
+// How often the workers of a batch ask the caller's backoff context (a host
+// call) whether to stop.
+constexpr std::chrono::nanoseconds kParentStopInterval = std::chrono::milliseconds(50);
 
 std::optional<std::string> text_field(const json::object& entry, const char* key) {
   const json::value* v = entry.if_contains(key);
@@ -205,6 +209,14 @@ class StagingSink : public BodySink {
 constexpr const char* kStagingDigestAttribute = "user.tidewright.sha256";
 
 // Whether the staging file is marked as a prefix of another file.
+// The staging file's mark, if it has one.
+std::optional<std::string> staging_mark(int fd) {
+  char value[128];
+  ssize_t n = ::fgetxattr(fd, kStagingDigestAttribute, value, sizeof value);
+  if (n < 0) return std::nullopt;
+  return std::string(value, static_cast<std::size_t>(n));
+}
+
 bool staging_marked_for_other_bytes(int fd, const std::string& expected_sha) {
   char value[128];
   ssize_t n = ::fgetxattr(fd, kStagingDigestAttribute, value, sizeof value);
@@ -266,7 +278,11 @@ bool hash_file_bytes(int fd, Sha256& hasher, std::int64_t from, std::int64_t to,
 
 // Reads an existing staging file into the hasher; returns its length.
 std::int64_t hash_existing(int fd, Sha256& hasher, const std::string& staging) {
-  std::vector<char> buffer(kResumeHashBlockBytes);
+  struct stat st;
+  if (::fstat(fd, &st) != 0) throw_os_error(errno, staging);
+  if (st.st_size == 0) return 0;  // the usual case: nothing staged, no buffer
+  auto buffer_space = std::make_unique_for_overwrite<char[]>(kResumeHashBlockBytes);
+  std::span<char> buffer(buffer_space.get(), kResumeHashBlockBytes);
   std::int64_t total = 0;
   if (::lseek(fd, 0, SEEK_SET) < 0) throw_os_error(errno, staging);
   while (true) {
@@ -705,7 +721,11 @@ void TransferEngine::download_one(const DownloadJob& job, SyncResult& result, co
     try {
       Sha256 hasher;
       UniqueFd fd = staging_file.open();
-      if (staging_marked_for_other_bytes(fd.get(), expected_sha)) {
+      // A file fetched in one request has nothing worth marking: a prefix
+      // of other bytes costs at most that one request again.
+      const std::optional<std::string> mark = staging_mark(fd.get());
+      bool marked = mark.has_value();
+      if (mark && !expected_sha.empty() && *mark != expected_sha) {
         json::object fields;
         fields["expected_size"] = expected_size;
         fields["actual_size"] = file_size(staging);
@@ -713,7 +733,10 @@ void TransferEngine::download_one(const DownloadJob& job, SyncResult& result, co
         log_sync_event("range_resume_reset", file_path, 1, "stale_tmp", fields);
         if (::ftruncate(fd.get(), 0) != 0) throw_os_error(errno, staging);
       }
-      mark_staging(fd.get(), expected_sha);
+      if (expected_size < 0 || expected_size > chunk) {
+        mark_staging(fd.get(), expected_sha);
+        marked = true;
+      }
 
       // What the staging file holds: ranges recorded in its range table, or
       // a prefix of the file.
@@ -860,7 +883,7 @@ void TransferEngine::download_one(const DownloadJob& job, SyncResult& result, co
         backoff("sha256_mismatch");
         continue;
       }
-      ::fremovexattr(fd.get(), kStagingDigestAttribute);  // the mark belongs to the staging file only
+      if (marked) ::fremovexattr(fd.get(), kStagingDigestAttribute);  // the mark belongs to the staging file only
       if (fd.reset() != 0) throw_os_error(errno, staging);
       break;
     } catch (const RangesUnusable& e) {
@@ -957,8 +980,28 @@ void TransferEngine::download_batch(const std::vector<DownloadJob>& jobs, SyncRe
   // a stop test of its own: the caller's, or the batch being abandoned.
   HostRef parent_context = host().current_backoff_context();
   auto cancel = std::make_shared<std::atomic<bool>>(false);  // may outlive the call inside a context
-  auto worker_stop = [cancel, parent_context] {
-    return cancel->load() || (parent_context && host().backoff_context_stop_requested(parent_context));
+  // The caller's stop test is the host's: asked at most every
+  // kParentStopInterval, not at every check of every transfer.
+  struct ParentStop {
+    std::atomic<bool> said_stop{false};
+    std::atomic<std::int64_t> next_ask_ns{0};
+  };
+  auto parent_stop = std::make_shared<ParentStop>();
+  const bool native_parent = native_backoff_stop_of_this_thread() != nullptr;
+  std::function<bool()> native_parent_stop = native_parent ? *native_backoff_stop_of_this_thread() : nullptr;
+  auto worker_stop = [cancel, parent_context, parent_stop, native_parent_stop] {
+    if (cancel->load() || parent_stop->said_stop.load()) return true;
+    if (native_parent_stop) return native_parent_stop();
+    if (!parent_context) return false;
+    const std::int64_t now = std::chrono::duration_cast<std::chrono::nanoseconds>(
+                                 std::chrono::steady_clock::now().time_since_epoch())
+                                 .count();
+    std::int64_t due = parent_stop->next_ask_ns.load();
+    if (now < due || !parent_stop->next_ask_ns.compare_exchange_strong(due, now + kParentStopInterval.count())) {
+      return false;
+    }
+    if (host().backoff_context_stop_requested(parent_context)) parent_stop->said_stop.store(true);
+    return parent_stop->said_stop.load();
   };
   Batch batch;
   batch.workers = workers;
@@ -980,10 +1023,13 @@ void TransferEngine::download_batch(const std::vector<DownloadJob>& jobs, SyncRe
       cancel->store(true);  // queued work is abandoned; running transfers stop
     }
   };
+  const bool native_url_check =
+      host().module_function_is_native_default("tidewright._transport_security", "validate_bearer_transport_url");
   auto worker = [&](std::size_t index) {
     set_current_thread_name({"tw-sync_" + std::to_string(index), ""});
     ScopedBackoffContext context(parent_context, {}, worker_stop);
     ScopedSyncStopPredicate stop(worker_stop);
+    ScopedNativeUrlCheck url_check(native_url_check);
     while (!cancel->load()) {
       std::shared_ptr<RangeFetch> offer;
       {
