@@ -27,6 +27,13 @@ with apt-get, hf-transfer with pip into the running interpreter's
 environment (skipped, with a note, when the package index does not have it).
 
     .venv/bin/python bench/bench_peers.py [--size-gib 2] [--repeat 1] [--keep]
+    .venv/bin/python bench/bench_peers.py --tiny-files 100000 [--tiny-bytes 256]
+
+With ``--tiny-files`` the era is that many tiny files instead (hf_transfer is
+left out: it is a large-file tool); the report then gives files per second,
+CPU per file, the CPU nginx spent serving the sync, and the peak RSS of the
+sync and of a no-op process over that era. Every run ends with the engine's
+targets checked against the limits measured in the same run.
 
 Never part of the test suite.
 """
