@@ -15,6 +15,7 @@ import threading
 import _thread
 
 import pytest
+from raw_http_server import RawHttpServer
 from sync_helpers import wait_for
 
 from tidewright import cli
@@ -453,3 +454,22 @@ def test_a_token_file_with_more_than_the_token_is_refused_before_any_request(ser
     assert code == cli.EXIT_AUTH and out["error"]["kind"] == "auth"
     assert str(token_file) in err and "one line" in err
     assert service.requests == []
+
+
+def test_the_diagnosis_probe_is_bounded_by_its_timeout_however_slowly_the_head_trickles():
+    lines = []
+
+    def trickle(exchange):
+        exchange.send(b"HTTP/1.1 302 Found\r\nLocation: /elsewhere\r\n")
+        while True:  # each line well within a read timeout, the head never complete
+            exchange.wait(0.3)
+            exchange.send(b"X-Trickle: .\r\n")
+            lines.append(exchange.path)
+
+    with RawHttpServer() as srv:
+        srv.route("/slow", trickle)
+        srv.route("/redirect", lambda ex: ex.head(302, [("Location", "/elsewhere"), ("Connection", "close")]))
+        assert cli.probe_http(srv.url("/redirect"), timeout=5) == {"status": 302, "location": "/elsewhere"}
+        assert cli.probe_http(srv.url("/slow"), timeout=1) is None
+    # The probe left long before a limit on the number of header lines could end it.
+    assert len(lines) < 50

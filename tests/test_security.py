@@ -20,8 +20,9 @@ import pytest
 import tidewright.auth
 import tidewright.sync as sync
 from tidewright import cli
-from tidewright.sync_backoff import SyncBackoffCancelled, backoff_context
+from tidewright.sync_backoff import SyncBackoffCancelled, SyncBackoffPolicy, backoff_context
 
+from tests.raw_http_server import RawHttpServer
 from tests.sync_helpers import BIG, BIG_BYTES, FEATURE, FOUND_PNL, assert_in_step, manager, request_budget, stop_when
 
 SECRET = "tok-Kp7WqR3nZx"  # distinctive, so that a leak anywhere is found
@@ -276,6 +277,28 @@ def test_forced_curl_mode_runs_curl_only_for_public_requests(dataservice_factory
     assert not any(p.startswith("/data/files/") for p in authorized)
 
 
+@pytest.mark.skipif(shutil.which("curl") is None, reason="needs the curl program")
+def test_a_users_curlrc_does_not_change_the_curl_downloads(dataservice_factory, tmp_path, monkeypatch):
+    svc = dataservice_factory(tls=True, public_files=True)
+    home, data = tmp_path / "home", tmp_path / "data"
+    home.mkdir()
+    data.mkdir()
+    # Every download of a curl that read this would go to a closed port.
+    (home / ".curlrc").write_text('proxy = "http://127.0.0.1:1"\n')
+    monkeypatch.setenv("HOME", str(home))
+    monkeypatch.delenv("CURL_HOME", raising=False)
+    monkeypatch.delenv("XDG_CONFIG_HOME", raising=False)
+    monkeypatch.setenv("SSL_CERT_FILE", svc.ca_file)
+    monkeypatch.setenv("CURL_CA_BUNDLE", svc.ca_file)
+    # Failing curl runs never reach the service: a correct run has no retry waits.
+    waits = []
+    monkeypatch.setattr(SyncBackoffPolicy, "delay_seconds", classmethod(lambda cls, i: waits.append(i) or 0.0))
+    with backoff_context(stop_requested=lambda: len(svc.requests) > 400 or len(waits) > 20):
+        manager(svc, data, sync_http_transport="curl").sync()
+    assert_in_step(svc, data)
+    assert any(r.path.startswith("/data/files/") and not r.has_authorization for r in svc.requests)
+
+
 # -- never in clear text off the machine, never to an unverified peer -------------
 
 
@@ -367,48 +390,83 @@ def test_plain_http_off_the_machine_is_refused_before_connecting(dataservice_fac
     assert trap.connections == 0
 
 
-def test_a_redirect_off_the_machine_never_carries_the_token(dataservice_factory, trap, instant_backoff):
+@pytest.mark.parametrize("scheme, transport", [
+    ("http", "urllib"), ("https", "urllib"),
+    pytest.param("https", "curl", marks=pytest.mark.skipif(shutil.which("curl") is None, reason="needs curl")),
+])
+def test_a_redirect_to_clear_text_off_the_machine_is_not_followed(dataservice_factory, trap, monkeypatch, scheme,
+                                                                   transport):
+    svc = dataservice_factory(token=SECRET, tls=scheme == "https", public_files=True)
+    if scheme == "https":
+        monkeypatch.setenv("SSL_CERT_FILE", svc.ca_file)
+        monkeypatch.setenv("CURL_CA_BUNDLE", svc.ca_file)
+    path = "/data/files/" + FEATURE
+    svc.add_fault(path, "status", status=302, count=None, set_headers={"Location": OFF_MACHINE + path})
+    with backoff_context(stop_requested=stop_when(lambda: trap.connections > 0)):
+        if transport == "urllib":  # with the token
+            status, headers, _ = sync._http_get(svc.url + path, SECRET)
+        else:
+            status, headers, _ = sync._http_get_public(svc.url + path, transport="curl")
+    # The redirect is the answer, and the token stayed on the machine.
+    assert (status, headers.get("Location")) == (302, OFF_MACHINE + path)
+    assert trap.connections == 0
+
+
+def test_a_redirect_disguised_by_a_status_line_inside_its_head_is_not_followed(trap):
+    # libcurl reads a 302 whose Location it follows; the bogus line must
+    # not make the client take the head for a 200 and skip the check.
+    head = b"HTTP/1.1 302 Found\r\nHTTP/1.1 200 OK: x\r\nLocation: " + OFF_MACHINE.encode() + b"/x\r\n"
+    with RawHttpServer() as srv:
+        url = srv.route("/data/manifest", lambda ex: ex.send(head + b"Content-Length: 0\r\nConnection: close\r\n\r\n"))
+        with backoff_context(stop_requested=stop_when(lambda: trap.connections > 0)):
+            assert sync._http_get(url, SECRET)[0] == 302
+    assert trap.connections == 0
+
+
+def test_a_proxy_from_the_environment_never_carries_a_request_to_this_machine(dataservice_factory, trap,
+                                                                              monkeypatch):
     svc = dataservice_factory(token=SECRET)
-    svc.add_fault("/data/manifest", "status", status=302, count=None,
-                  set_headers={"Location": OFF_MACHINE + "/data/manifest"})
-    with backoff_context(stop_requested=stop_when(lambda: trap.connections > 0)), pytest.raises(SyncBackoffCancelled):
-        sync._http_get(svc.url + "/data/manifest", SECRET)
-    assert trap.heads and trap.heads[0].startswith("GET http://example.invalid/data/manifest ")
-    for head in trap.heads:
-        assert SECRET not in head and "authorization:" not in head.lower(), head
+    for name in ("no_proxy", "NO_PROXY"):
+        monkeypatch.delenv(name)  # the proxy variables name the trap, for every host
+    with backoff_context(stop_requested=stop_when(lambda: trap.connections > 0)):
+        assert sync._http_get(svc.url + "/data/manifest", SECRET)[0] == 200
+    assert trap.connections == 0 and [r.path for r in svc.requests] == ["/data/manifest"]
 
 
-def test_an_untrusted_certificate_fails_before_any_request_is_sent(dataservice_factory, tmp_path, monkeypatch,
-                                                                   instant_backoff):
-    svc = dataservice_factory(token=SECRET, tls=True)
+def test_an_untrusted_certificate_fails_at_once_sends_nothing_and_says_what_to_trust(dataservice_factory, tmp_path,
+                                                                                     monkeypatch):
+    svc = dataservice_factory(token=SECRET, tls=True, public_files=True)
     for name in ("SSL_CERT_FILE", "SSL_CERT_DIR", "CURL_CA_BUNDLE"):
         monkeypatch.delenv(name, raising=False)
-    retries = []
+    monkeypatch.setenv(cli.TOKEN_ENV, SECRET)
+    # A retry waits first, and the first wait ends the call: a failure taken
+    # for an outage ends with SyncBackoffCancelled instead.
+    waits = []
+    monkeypatch.setattr(SyncBackoffPolicy, "delay_seconds", classmethod(lambda cls, i: waits.append(i) or 0.0))
+    data = tmp_path / "data"
+    data.mkdir()
+    calls = {"in-process client": lambda: manager(svc, data).sync()}
+    if shutil.which("curl"):
+        calls["curl program"] = lambda: sync._http_get_public(svc.url + "/data/files/" + FEATURE, transport="curl")
+    for name, call in calls.items():
+        with backoff_context(stop_requested=lambda: bool(waits)), pytest.raises(sync.SyncUnavailableError) as info:
+            call()
+        error = info.value
+        assert (error.dependency, error.retryable, error.attempts) == ("tls", False, 1), name
+        assert "127.0.0.1" in str(error) and "certificate" in error.reason, name
+    assert waits == []
+    assert svc.requests == []  # the handshake failed before a request (and its token) was sent
+    assert os.listdir(data) == []
 
-    class Count(logging.Handler):
-        def emit(self, record):
-            event = getattr(record, "tidewright_sync_event", None)
-            if event and event["event_type"] == "http_retry":
-                retries.append(event)
-
-    logger = logging.getLogger("tidewright.sync")
-    handler, level = Count(), logger.level
-    logger.addHandler(handler)
-    logger.setLevel(logging.DEBUG)
-    try:
-        m = manager(svc, tmp_path)
-        with backoff_context(stop_requested=stop_when(lambda: len(retries) >= 2)), pytest.raises(SyncBackoffCancelled):
-            m.sync()
-    finally:
-        logger.removeHandler(handler)
-        logger.setLevel(level)
-    assert retries and {e["reason"] for e in retries} == {"URLError"}
-    assert svc.requests == []  # no request, so no token, reached the service
-    assert not (tmp_path / "manifest.json").exists()
+    out, err = io.StringIO(), io.StringIO()
+    argv = ["sync", "--server", svc.url, "--data-dir", str(data), "--transport", "curl", "--no-progress"]
+    assert cli.main(argv, stdout=out, stderr=err) == cli.EXIT_UNAVAILABLE
+    assert waits == [] and "127.0.0.1" in err.getvalue() and "SSL_CERT_FILE" in err.getvalue()
 
     monkeypatch.setenv("SSL_CERT_FILE", svc.ca_file)
-    m.sync()
-    assert_in_step(svc, tmp_path)
+    monkeypatch.setenv("CURL_CA_BUNDLE", svc.ca_file)
+    assert cli.main(argv, stdout=out, stderr=err) == cli.EXIT_OK, err.getvalue()
+    assert_in_step(svc, data)
 
 
 # -- nothing written outside the data directory -----------------------------------

@@ -191,3 +191,28 @@ def test_an_era_transition_downloads_in_a_backoff_context_of_its_own(dataservice
     assert wait["surface"] == "era_transition"
     assert {"surface": "era_transition"} in contexts  # the downloads' requests
     assert (tmp_path / label).read_bytes() == b"y" * 1000
+
+
+def test_outages_of_two_services_are_two_outages(dataservice_factory, records):
+    from tidewright.sync_backoff import SyncBackoffCancelled
+
+    services = [dataservice_factory(), dataservice_factory()]
+    for svc in services:
+        svc.add_fault("/data/manifest/version", "status", count=None)
+
+    def fail(svc):
+        before = len(svc.requests)  # one attempt, then the retry wait is cancelled
+        with backoff_context(stop_requested=lambda: len(svc.requests) > before), pytest.raises(SyncBackoffCancelled):
+            sync._http_get(svc.url + "/data/manifest/version", svc.token)
+
+    # The first service's outage reports reach the coalescing limit; the
+    # second service going down meanwhile is still reported.
+    for _ in range(sync._SYNC_EVENT_COALESCE_LIMIT + 1):
+        fail(services[0])
+    fail(services[1])
+    ports = [svc.url.rsplit(":", 1)[1] for svc in services]
+    for event_type in ("sync_unavailable_status", "http_retry"):
+        seen = [r.tidewright_sync_event for r in records if r.tidewright_sync_event["event_type"] == event_type]
+        assert {e["host"] for e in seen} == {"127.0.0.1"}
+        counts = [sum(str(e["port"]) == port for e in seen) for port in ports]
+        assert counts == [sync._SYNC_EVENT_COALESCE_LIMIT, 1], event_type

@@ -474,8 +474,8 @@ def test_a_head_trickled_forever_is_an_outage_the_command_line_gives_up_on(tmp_p
     outcome = {}
     try:
         with RawHttpServer() as srv:
-            # Quick lines: the command's diagnosis probe reads a head until
-            # http.client's limit of 100 header lines.
+            # Quick lines: the command's diagnosis probe gives up on a head
+            # after 100 header lines.
             for path in ("/data/manifest/version", "/data/manifest"):
                 srv.route(path, trickled_headers(every=0.02))
             out, err = io.StringIO(), io.StringIO()

@@ -1,6 +1,5 @@
 """Sync while the data service is away: restarted under a running download,
-not listening at all, or behind a certificate the client does not trust.
-Each ends with correct files, or with a typed error and the previous state
+or not listening at all. Each ends with correct files, or with a typed error and the previous state
 kept, and the next sync after the service is back completes."""
 
 import concurrent.futures
@@ -120,22 +119,3 @@ def test_stop_cancels_a_running_download_at_once_and_the_next_sync_resumes_it(sv
     assert_in_step(svc, tmp_path)
     assert range_starts(svc, BIG)[:3] == [0, CHUNK, CHUNK + 1000]
     assert body_bytes_served(svc, BIG) == BIG_BYTES
-
-
-def test_an_untrusted_certificate_sends_nothing_and_the_configured_ca_is_trusted(dataservice_factory, tmp_path,
-                                                                                 monkeypatch, backoff_waits):
-    svc = dataservice_factory(tls=True)
-    for name in ("SSL_CERT_FILE", "CURL_CA_BUNDLE", "SSL_CERT_DIR"):
-        monkeypatch.delenv(name, raising=False)
-    m = manager(svc, tmp_path)
-    with backoff_context(stop_requested=stop_when(lambda: len(backoff_waits) >= 3)), pytest.raises(SyncBackoffCancelled):
-        m.sync()
-    # Retried as a network failure; the handshake fails before a request (and
-    # its token) is sent.
-    assert [attempt for _, attempt in backoff_waits] == [0, 1, 2]
-    assert svc.requests == []
-    assert os.listdir(tmp_path) == [] and m.get_manifest() is None
-
-    monkeypatch.setenv("SSL_CERT_FILE", svc.ca_file)
-    budgeted_sync(svc, m)
-    assert_in_step(svc, tmp_path)

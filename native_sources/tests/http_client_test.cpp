@@ -1,4 +1,5 @@
 #include "tidewright/sync/common/fs.hpp"
+#include "tidewright/sync/common/url.hpp"
 #include "tidewright/sync/host/fake_host.hpp"
 #include "tidewright/sync/transport/curl_program.hpp"
 #include "tidewright/sync/transport/http_client.hpp"
@@ -390,6 +391,18 @@ TEST(CaBundleFallback, TakesTheFirstBundleFileThatExists) {
   EXPECT_EQ(ca_bundle_fallback({bundle, missing}), bundle);
   EXPECT_EQ(ca_bundle_fallback({missing, directory}), std::nullopt);
   EXPECT_EQ(ca_bundle_fallback({}), std::nullopt);
+}
+
+// Where plain http may go (the first request and every redirect).
+TEST(Url, LoopbackHostsAreThisMachineOnly) {
+  for (const char* host : {"localhost", "LocalHost.", "127.0.0.1", "127.255.0.9", "::1", "[::1]", "::1%lo",
+                           "::ffff:127.0.0.1"}) {
+    EXPECT_TRUE(is_loopback_host(host)) << host;
+  }
+  for (const char* host : {"", "example.com", "localhost.example.com", "128.0.0.1", "127.0.0.1.example.com", "::2",
+                           "::ffff:10.0.0.1", "0.0.0.0", "127.1"}) {
+    EXPECT_FALSE(is_loopback_host(host)) << host;
+  }
 }
 
 // The whole command line is checked where the engine runs a program in its

@@ -727,6 +727,12 @@ def classify(exc: BaseException, run: Run) -> CliError:
     if isinstance(exc, sync.PermanentDownloadError) and exc.status in (401, 403):
         return CliError(EXIT_AUTH, f"the data service refused access (HTTP {exc.status}): {text}",
                         "check the token and its permissions, or get a new one")
+    if isinstance(exc, sync.SyncUnavailableError) and exc.dependency == "tls":
+        # Not an outage: it fails at once, and again until the trust is configured.
+        return CliError(EXIT_UNAVAILABLE, f"cannot connect securely to the data service: {exc.reason}",
+                        "set SSL_CERT_FILE to a CA bundle that trusts the service's certificate (for a private CA, "
+                        "its CA certificate in PEM), or check --server; nothing was sent",
+                        details={"endpoint": exc.endpoint, "failures": exc.failures})
     if isinstance(exc, sync.SyncUnavailableError):
         parts = [f"server_error={exc.server_error_code}" if exc.server_error_code else "",
                  f"reason={exc.reason}" if exc.reason else ""]
@@ -877,43 +883,74 @@ def _probe_url(server: str, name: str) -> str:
     return base + "/data/files/" + quote(name)
 
 
+_PROBE_HEAD_LIMIT = 64 * 1024  # bytes
+_PROBE_HEAD_LINES = 100  # header lines, as the standard library's client allows
+
+
 def probe_http(url: str, *, range_header: str | None = None, timeout: float = 5.0) -> dict | None:
     """One GET of ``url`` without credentials and without following redirects.
 
     The status of the answer with its Location and Content-Range headers,
     or None when there is none. Only the service given by --server is asked, and nothing
-    of the answer is read beyond its headers.
+    of the answer is read beyond its headers. ``timeout`` bounds the whole
+    exchange, so a server trickling header lines cannot stretch it.
     """
-    import http.client
+    import socket
     import ssl
     from urllib.parse import urlsplit
 
+    deadline = time.monotonic() + timeout
+
+    def left() -> float:
+        remaining = deadline - time.monotonic()
+        if remaining <= 0:
+            raise TimeoutError("diagnosis probe timed out")
+        return remaining
+
     try:
         parts = urlsplit(url)
-        if parts.scheme == "https":
-            conn = http.client.HTTPSConnection(parts.hostname, parts.port, timeout=timeout,
-                                               context=ssl.create_default_context())
-        elif parts.scheme == "http":
-            conn = http.client.HTTPConnection(parts.hostname, parts.port, timeout=timeout)
-        else:
+        host, port = parts.hostname, parts.port or (443 if parts.scheme == "https" else 80)
+        if parts.scheme not in ("http", "https") or not host:
             return None
-    except (ValueError, OSError):
-        return None
-    try:
-        headers = {"User-Agent": f"{PROG}/{_package_version()} (diagnosis)"}
-        if range_header:
-            headers["Range"] = range_header
-        conn.request("GET", (parts.path or "/") + (f"?{parts.query}" if parts.query else ""), headers=headers)
-        response = conn.getresponse()
-        answer: dict[str, Any] = {"status": response.status}
-        for name in ("location", "content-range"):
-            if response.getheader(name) is not None:
-                answer[name] = response.getheader(name)
+        authority = parts.netloc.rpartition("@")[2]
+        target = (parts.path or "/") + (f"?{parts.query}" if parts.query else "")
+        if any(c.isspace() or not c.isprintable() for c in target + authority):
+            return None  # would split the request line or inject a header
+        lines = [f"GET {target} HTTP/1.1", f"Host: {authority}",
+                 f"User-Agent: {PROG}/{_package_version()} (diagnosis)", "Accept-Encoding: identity",
+                 "Connection: close"] + ([f"Range: {range_header}"] if range_header else [])
+        request = ("\r\n".join(lines) + "\r\n\r\n").encode("ascii")
+        with socket.create_connection((host, port), timeout=left()) as raw:
+            sock = raw
+            if parts.scheme == "https":
+                raw.settimeout(left())  # bounds the handshake as a whole
+                sock = ssl.create_default_context().wrap_socket(raw, server_hostname=host)
+            with sock:
+                sock.settimeout(left())
+                sock.sendall(request)
+                head = b""
+                while (b"\r\n\r\n" not in head and len(head) < _PROBE_HEAD_LIMIT
+                       and head.count(b"\n") <= _PROBE_HEAD_LINES):
+                    sock.settimeout(left())
+                    piece = sock.recv(4096)
+                    if not piece:
+                        break
+                    head += piece
+        if b"\r\n\r\n" not in head:
+            return None
+        status_line, *header_lines = head.split(b"\r\n\r\n", 1)[0].decode("latin-1").split("\r\n")
+        version, _, rest = status_line.partition(" ")
+        code = rest.split(" ", 1)[0]
+        if not version.startswith("HTTP/") or not (len(code) == 3 and code.isdigit()):
+            return None
+        answer: dict[str, Any] = {"status": int(code)}
+        for line in header_lines:
+            name, sep, value = line.partition(":")
+            if sep and name.strip().lower() in ("location", "content-range"):
+                answer[name.strip().lower()] = value.strip()
         return answer
-    except (OSError, http.client.HTTPException, ValueError):
+    except (OSError, ValueError, UnicodeError):
         return None
-    finally:
-        conn.close()
 
 
 def diagnose_connection(url: str) -> str:

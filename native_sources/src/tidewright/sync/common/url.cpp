@@ -1,6 +1,9 @@
 #include "tidewright/sync/common/url.hpp"
 
+#include <arpa/inet.h>
+
 #include <cctype>
+#include <cstring>
 
 namespace tidewright::sync {
 
@@ -67,6 +70,20 @@ UrlParts split_url(std::string_view url) {
   }
   parts.path = std::string(rest);
   return parts;
+}
+
+bool is_loopback_host(std::string_view host) {
+  std::string name = lower(host);
+  if (name.size() >= 2 && name.front() == '[' && name.back() == ']') name = name.substr(1, name.size() - 2);
+  name = name.substr(0, name.find('%'));
+  if (name == "localhost" || name == "localhost.") return true;
+  unsigned char address[16];
+  if (::inet_pton(AF_INET, name.c_str(), address) == 1) return address[0] == 127;
+  if (::inet_pton(AF_INET6, name.c_str(), address) != 1) return false;
+  static constexpr unsigned char kLoopback[16] = {0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1};
+  static constexpr unsigned char kMappedPrefix[12] = {0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0xff, 0xff};
+  if (std::memcmp(address, kLoopback, sizeof kLoopback) == 0) return true;
+  return std::memcmp(address, kMappedPrefix, sizeof kMappedPrefix) == 0 && address[12] == 127;
 }
 
 std::string UrlParts::hostname() const {

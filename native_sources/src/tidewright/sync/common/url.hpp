@@ -22,6 +22,11 @@ struct UrlParts {
 
 UrlParts split_url(std::string_view url);
 
+// The host names this machine itself: "localhost" (also with a trailing
+// dot), 127.0.0.0/8, ::1 and IPv4-mapped loopback addresses; compared
+// without case, IPv6 brackets and zone. Plain http is allowed only there.
+bool is_loopback_host(std::string_view host);
+
 // Surrounding white space removed, as the host's str.strip() does for ASCII.
 std::string strip_ws(std::string_view text);
 // Trailing characters `c` removed.

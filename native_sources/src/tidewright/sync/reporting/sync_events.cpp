@@ -211,6 +211,19 @@ std::string sync_event_file_from_url(std::string_view url) {
   return path;
 }
 
+json::object sync_event_service_fields(std::string_view url) {
+  const UrlParts parts = split_url(url);
+  json::value port = nullptr;
+  if (std::optional<int> written = parts.port()) {
+    port = *written;
+  } else if (parts.scheme == "https") {
+    port = 443;
+  } else if (parts.scheme == "http") {
+    port = 80;
+  }
+  return json::object{{"host", parts.hostname()}, {"port", port}};
+}
+
 void emit_sync_unavailable_status(std::string_view event_type, const std::string& url,
                                   const std::vector<std::int64_t>& statuses,
                                   const std::vector<std::string>& failures, const json::object& details,
@@ -242,6 +255,7 @@ void emit_sync_unavailable_status(std::string_view event_type, const std::string
   fields["retryable"] = optional_field(details, "retryable");
   fields["recovery"] = optional_field(details, "recovery");
   fields["elapsed_seconds"] = rounded_seconds(elapsed);
+  for (const auto& kv : sync_event_service_fields(url)) fields[kv.key()] = kv.value();
   const auto observed = static_cast<std::int64_t>(statuses.size() + failures.size());
   log_sync_event(event_type, sync_event_file_from_url(url), observed, reason, fields);
 }

@@ -84,10 +84,17 @@ void reset_sync_event_coalescing();
 // URL's path, else "".
 std::string sync_event_file_from_url(std::string_view url);
 
+// The service a URL addresses, as event fields: "host" (lower-cased, "" when
+// none) and "port" (the scheme's default when none is written; null when
+// unknown). Outage events carry them so that the outages of two services
+// are coalesced apart, however alike their paths and statuses.
+json::object sync_event_service_fields(std::string_view url);
+
 // Reports that an endpoint became unavailable ("sync_unavailable_status")
 // or came back ("sync_recovered_status") during one request: the endpoint,
 // the statuses and failures seen so far, what the server said about the
-// outage, and how long it has lasted since `started_at`.
+// outage, the service (sync_event_service_fields), and how long it has
+// lasted since `started_at`.
 void emit_sync_unavailable_status(std::string_view event_type, const std::string& url,
                                   const std::vector<std::int64_t>& statuses,
                                   const std::vector<std::string>& failures, const json::object& details,

@@ -191,11 +191,33 @@ std::string curl_failure_text(const CurlRun& run) {
   return "curl exited with status " + std::to_string(run.exit_status);
 }
 
+// A failed run as the in-process client would report it: a certificate
+// that does not verify is a TlsVerificationError (with the first line of
+// curl's text, the rest is advice for curl's users), anything else a
+// NetworkError("URLError").
+[[noreturn]] void throw_curl_failure(const HttpRequest& request, const CurlRun& run) {
+  std::string text = curl_failure_text(run);
+  if (is_tls_verification_failure(run.exit_status)) {
+    std::string cause = text.substr(0, text.find('\n'));
+    constexpr std::string_view kPrefix = "curl: ";
+    if (cause.rfind(kPrefix, 0) == 0) cause.erase(0, kPrefix.size());
+    // "(60) SSL certificate problem: ...": the code says no more than the text.
+    if (std::size_t code_end = cause.find(") "); !cause.empty() && cause.front() == '(' && code_end != std::string::npos) {
+      cause.erase(0, code_end + 2);
+    }
+    throw TlsVerificationError(request.url, request_host(request), strip_ws(cause));
+  }
+  throw NetworkError("URLError", text);
+}
+
 // The target of "-o": the pipe that run_curl_process puts at this
 // descriptor in the child, so the body streams to us as it arrives and is
 // never stored on the way.
 constexpr int kBodyFd = 3;
 constexpr const char* kBodyTarget = "/dev/fd/3";
+
+// Curl's exit status for a protocol it may not use (CURLE_UNSUPPORTED_PROTOCOL).
+constexpr int kCurlUnsupportedProtocol = 1;
 
 // Ends a run once enough of an error body is kept.
 struct ErrorBodyFull {};
@@ -253,7 +275,12 @@ class CurlExchange {
   }
 
   bool http_error() const { return status_ >= 400 && status_ <= 599; }
-  bool failed() const { return run_.exit_status != 0 && !http_error(); }
+  bool failed() const { return run_.exit_status != 0 && !http_error() && !refused_redirect(); }
+  // Curl stopped at a redirect that --proto-redir does not allow: as the
+  // in-process client does, the redirect is the answer.
+  bool refused_redirect() const {
+    return run_.exit_status == kCurlUnsupportedProtocol && status_ >= 300 && status_ < 400;
+  }
   const CurlRun& process() const { return run_; }
   std::int64_t status() const { return status_; }
   HttpHeaders& headers() { return headers_; }
@@ -412,9 +439,12 @@ std::vector<std::string> curl_command(const std::string& curl_path, const HttpRe
                                       const std::string& headers_path, const std::string& body_path) {
   std::vector<std::string> argv = {
       curl_path,
+      "-q",  // first, or it is ignored: a user's ~/.curlrc must not change what this run does
       "-4",
       "-sS",
       "-L",
+      "--proto-redir",  // redirects to https only: never to clear text, nor to another protocol
+      "=https",
       "--connect-timeout",
       shortest_number(std::min(timeout, SYNC_CURL_CONNECT_TIMEOUT_SECONDS)),
       "--speed-limit",
@@ -594,7 +624,7 @@ std::int64_t curl_status_from_stdout(std::string_view stdout_bytes) {
 HttpResponse curl_request(const HttpRequest& request, const TransferOptions& options) {
   CurlExchange exchange(request, options, nullptr);
   exchange.run();
-  if (exchange.failed()) throw NetworkError("URLError", curl_failure_text(exchange.process()));
+  if (exchange.failed()) throw_curl_failure(request, exchange.process());
   HttpResponse response;
   response.status = exchange.status();
   response.headers = std::move(exchange.headers());
@@ -607,7 +637,7 @@ DownloadResult curl_download(const HttpRequest& request, BodySink& sink, const T
   exchange.run();
   // On a failed run, what reached the sink is the prefix that arrived
   // before the failure.
-  if (exchange.failed()) throw NetworkError("URLError", curl_failure_text(exchange.process()));
+  if (exchange.failed()) throw_curl_failure(request, exchange.process());
   DownloadResult result;
   result.status = exchange.status();
   result.headers = std::move(exchange.headers());

@@ -54,7 +54,7 @@ bool curl_auto_host(const HttpRequest& request);
 // is found.
 bool should_use_curl_transport(const HttpRequest& request, const json::value* transport = nullptr);
 
-// The command line: curl -4 -sS -L --connect-timeout <min(timeout, 5)>
+// The command line: curl -q -4 -sS -L --proto-redir =https --connect-timeout <min(timeout, 5)>
 // --speed-limit 1024 --speed-time <timeout> --retry 4 --retry-delay 0
 // -D <headers_path> -o <body_path> -w %{http_code}, then -H "Name: value" for
 // every request header but User-Agent, -A <user agent>, and the URL.

@@ -1,6 +1,7 @@
 #include "tidewright/sync/transport/http_client.hpp"
 
 #include "tidewright/sync/common/fs.hpp"
+#include "tidewright/sync/common/url.hpp"
 #include "tidewright/sync/transport/settings.hpp"
 
 #include <curl/curl.h>
@@ -105,6 +106,19 @@ const char* env_or_null(const char* name) {
   return (value && *value) ? value : nullptr;
 }
 
+// The hosts reached without a proxy: the user's no_proxy (or NO_PROXY) list
+// and always this machine. A proxy named in the environment (http_proxy,
+// ALL_PROXY) would otherwise carry a request to loopback, plain http and
+// token included, to another host, which then reaches its own loopback.
+std::string no_proxy_hosts() {
+  std::string hosts = "localhost,127.0.0.0/8,::1";
+  const char* user = env_or_null("no_proxy");
+  if (!user) user = env_or_null("NO_PROXY");
+  if (!user) return hosts;
+  if (strip_ws(user) == "*") return "*";
+  return std::string(user) + "," + hosts;
+}
+
 // The bundle to use without SSL_CERT_FILE / CURL_CA_BUNDLE, found once per
 // process (empty when there is none: libcurl then keeps its default).
 const std::string& default_ca_bundle() {
@@ -118,6 +132,27 @@ const std::string& default_ca_bundle() {
   return bundle;
 }
 
+struct UrlDeleter {
+  void operator()(CURLU* url) const { curl_url_cleanup(url); }
+};
+
+// Whether a redirect from `base` to `location` (absolute or relative) may be
+// followed: to https, or to plain http on this machine, as for the first
+// request. A token must not leave the machine in clear text because a
+// server said so, and nothing else may be fetched from where it points.
+bool redirect_allowed(const char* base, const std::string& location) {
+  std::unique_ptr<CURLU, UrlDeleter> url{curl_url()};
+  if (!url || !base || curl_url_set(url.get(), CURLUPART_URL, base, 0) != CURLUE_OK) return false;
+  // Set on a handle that holds a URL, a relative reference is resolved against it.
+  if (curl_url_set(url.get(), CURLUPART_URL, location.c_str(), 0) != CURLUE_OK) return false;
+  char* text = nullptr;
+  if (curl_url_get(url.get(), CURLUPART_URL, &text, 0) != CURLUE_OK || !text) return false;
+  const UrlParts target = split_url(text);
+  curl_free(text);
+  if (target.scheme == "https") return true;
+  return target.scheme == "http" && is_loopback_host(target.hostname());
+}
+
 }  // namespace
 
 std::optional<std::string> ca_bundle_fallback(const std::vector<std::string>& candidates) {
@@ -126,6 +161,25 @@ std::optional<std::string> ca_bundle_fallback(const std::vector<std::string>& ca
     if (::stat(path.c_str(), &st) == 0 && S_ISREG(st.st_mode) && ::access(path.c_str(), R_OK) == 0) return path;
   }
   return std::nullopt;
+}
+
+TlsVerificationError::TlsVerificationError(const std::string& url, std::string host_name, std::string cause_text,
+                                           std::int64_t attempts, std::vector<std::int64_t> statuses,
+                                           std::vector<std::string> failures)
+    : SyncUnavailableError([&] {
+        failures.emplace_back("SSLCertVerificationError");
+        if (failures.size() > 20) failures.erase(failures.begin(), failures.end() - 20);
+        return make_unavailable_details(
+            url, attempts, std::move(statuses), std::move(failures), std::nullopt, json::value("tls"),
+            json::value(false), json::value("trust_service_certificate"),
+            json::value("the TLS certificate of " + host_name + " could not be verified: " + cause_text), true);
+      }()),
+      host(std::move(host_name)),
+      cause(std::move(cause_text)) {}
+
+bool is_tls_verification_failure(int curl_code) {
+  return curl_code == CURLE_PEER_FAILED_VERIFICATION || curl_code == CURLE_SSL_CACERT_BADFILE ||
+         curl_code == CURLE_SSL_ISSUER_ERROR;
 }
 
 std::optional<std::string> HttpHeaders::get(std::string_view name) const {
@@ -225,6 +279,7 @@ struct HttpClient::Transfer {
     kBodyTooLarge,
     kErrorBodyFull,  // not a failure: enough of a non-2xx body is kept
     kCallbackFailed,
+    kRedirectRefused,  // not a failure: the redirect is the answer
   };
 
   Transfer(const TransferOptions& options, BodySink* sink) : options(options), sink(sink) {}
@@ -247,6 +302,10 @@ struct HttpClient::Transfer {
   bool connected = false;
   Clock::time_point started = Clock::now();
   bool head_complete = false;  // the final response's head has arrived
+  // The next header line opens a response: at the start and after the blank
+  // line that ends a head. Only there is "HTTP/..." a status line; inside a
+  // head it is a (bogus) header line, which must not pass for a new block.
+  bool status_line_next = true;
   Clock::time_point last_progress = Clock::now();
   std::optional<Clock::time_point> body_started;
   Clock::time_point next_stop_check = Clock::now();
@@ -287,6 +346,18 @@ struct HttpClient::Transfer {
     return block_status >= 300 && block_status < 400 && headers.get("Location").has_value();
   }
 
+  // Whether every Location of the redirect that just ended may be
+  // followed (libcurl follows the first; all are checked, so no ordering
+  // or blank value can slip one past).
+  bool redirect_targets_allowed() const {
+    char* current = nullptr;
+    curl_easy_getinfo(easy, CURLINFO_EFFECTIVE_URL, &current);
+    for (const auto& [name, value] : headers.items) {
+      if (iequals(name, "Location") && !redirect_allowed(current, value)) return false;
+    }
+    return true;
+  }
+
   // false ends the transfer.
   bool header_line(std::string_view line) {
     Clock::time_point now = Clock::now();
@@ -302,7 +373,9 @@ struct HttpClient::Transfer {
     }
     std::string_view content = line;
     while (!content.empty() && (content.back() == '\n' || content.back() == '\r')) content.remove_suffix(1);
-    if (content.size() >= 5 && content.substr(0, 5) == "HTTP/") {
+    const bool status_line = status_line_next && content.size() >= 5 && content.substr(0, 5) == "HTTP/";
+    status_line_next = false;
+    if (status_line) {
       // A new response (after a redirect or an interim 1xx) replaces the last.
       headers.items.clear();
       body.clear();
@@ -321,7 +394,14 @@ struct HttpClient::Transfer {
     }
     if (content.empty()) {
       body_started = now;
-      if (!another_block_follows()) head_complete = true;
+      status_line_next = true;
+      if (!another_block_follows()) {
+        head_complete = true;
+      } else if (block_status >= 300 && block_status < 400 && !redirect_targets_allowed()) {
+        head_complete = true;
+        abort = Abort::kRedirectRefused;
+        return false;
+      }
       return true;
     }
     if ((content.front() == ' ' || content.front() == '\t') && !headers.items.empty()) {
@@ -488,6 +568,7 @@ void HttpClient::perform(const HttpRequest& request, Transfer& transfer) {
   curl_easy_setopt(easy, CURLOPT_REDIR_PROTOCOLS_STR, "http,https");
   curl_easy_setopt(easy, CURLOPT_FOLLOWLOCATION, 1L);
   curl_easy_setopt(easy, CURLOPT_MAXREDIRS, 10L);
+  curl_easy_setopt(easy, CURLOPT_NOPROXY, no_proxy_hosts().c_str());  // copied by libcurl
   curl_easy_setopt(easy, CURLOPT_HTTPHEADER, header_list.get());
   curl_easy_setopt(easy, CURLOPT_CONNECTTIMEOUT_MS, timeout_ms);
   curl_easy_setopt(easy, CURLOPT_BUFFERSIZE, static_cast<long>(sync_http_response_read_bytes()));
@@ -521,6 +602,11 @@ void HttpClient::perform(const HttpRequest& request, Transfer& transfer) {
   switch (transfer.abort) {
     case Transfer::Abort::kNone: break;
     case Transfer::Abort::kErrorBodyFull: rc = CURLE_OK; break;
+    case Transfer::Abort::kRedirectRefused:
+      // The redirect is returned as it came; the caller sees a status that is not the data.
+      transfer.final_status = static_cast<long>(transfer.block_status);
+      transfer.body.clear();
+      return;
     case Transfer::Abort::kCallbackFailed: std::rethrow_exception(transfer.callback_error);
     case Transfer::Abort::kStopped: throw SyncBackoffCancelled("HTTP transfer cancelled: stop requested");
     case Transfer::Abort::kStalled: throw TimeoutError("timed out");
@@ -534,6 +620,13 @@ void HttpClient::perform(const HttpRequest& request, Transfer& transfer) {
   }
   if (rc != CURLE_OK) {
     std::string text = transfer.error_text[0] ? std::string(transfer.error_text.data()) : curl_easy_strerror(rc);
+    if (is_tls_verification_failure(rc)) {
+      // The host that failed, which after a redirect is not the request's.
+      char* effective = nullptr;
+      curl_easy_getinfo(easy, CURLINFO_EFFECTIVE_URL, &effective);
+      std::string host = split_url(effective ? effective : request.url).hostname();
+      throw TlsVerificationError(request.url, host.empty() ? "<unknown>" : host, text);
+    }
     switch (rc) {
       case CURLE_GOT_NOTHING:
         throw NetworkError("RemoteDisconnected", "Remote end closed connection without response");

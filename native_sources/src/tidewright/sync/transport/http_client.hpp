@@ -6,7 +6,11 @@
 // Signals are never used (CURLOPT_NOSIGNAL), TLS peers are verified (the CA
 // bundle named by SSL_CERT_FILE or CURL_CA_BUNDLE is used when set, else the
 // system's own bundle, see ca_bundle_fallback), and redirects are followed
-// within http and https.
+// only to https, or to plain http on this machine (the rule for the first
+// request too); a redirect elsewhere is not followed but returned as the
+// answer (its 3xx status and headers). Proxies named in the environment
+// are used, except for this machine's own addresses (and the hosts in
+// no_proxy).
 //
 // Timeouts mean "no progress for that long": connecting, and then every gap
 // between received bytes, may take at most `timeout_seconds`. In addition the
@@ -23,8 +27,8 @@
 // Every status is a result here, not an error: 404 and 503 come back as
 // responses and the caller decides. Failures of the exchange itself throw
 // errors named after the host's classes so that retry loops can label them:
-//   NetworkError  host_class() "URLError" (no connection: refused, DNS, TLS,
-//                 connect timeout), "RemoteDisconnected" (closed without a
+//   NetworkError  host_class() "URLError" (no connection: refused, DNS, a
+//                 failed TLS handshake, connect timeout), "RemoteDisconnected" (closed without a
 //                 response), "ConnectionResetError" (broken while reading),
 //                 "IncompleteRead" (body shorter than announced),
 //                 "BadStatusLine" (not an HTTP response)
@@ -32,6 +36,8 @@
 //                 connected), "response headers not complete within N s"
 //                 (header deadline), "response body read exceeded
 //                 configured deadline" (body deadline)
+//   TlsVerificationError  the peer's certificate did not verify; never
+//                 retried
 //   ResponseTooLargeError  a head or a 2xx body past its bound; never
 //                 retried (the same server would send it again)
 //   SyncBackoffCancelled  the stop predicate answered true mid-transfer
@@ -152,6 +158,27 @@ class NetworkError : public ConnectionError {
  private:
   std::string host_class_;
 };
+
+// The server's TLS certificate could not be verified (an issuer the CA
+// bundle does not trust, another host's name, an expired certificate), or
+// the CA bundle itself could not be read. Not an outage: every attempt
+// fails alike until the configuration changes, so no retry loop retries it
+// and nothing was sent. To the host it is a SyncUnavailableError with
+// dependency "tls", "retryable" false, and a reason naming the host and the
+// cause; `attempts`, `statuses` and `failures` are those of the retry loop
+// that met it ("SSLCertVerificationError" added to the failures).
+class TlsVerificationError : public SyncUnavailableError {
+ public:
+  TlsVerificationError(const std::string& url, std::string host, std::string cause, std::int64_t attempts = 1,
+                       std::vector<std::int64_t> statuses = {}, std::vector<std::string> failures = {});
+  std::string host;
+  std::string cause;
+};
+
+// Whether a libcurl result code (also the curl program's exit status) says
+// that TLS verification failed: CURLE_PEER_FAILED_VERIFICATION,
+// CURLE_SSL_CACERT_BADFILE or CURLE_SSL_ISSUER_ERROR.
+bool is_tls_verification_failure(int curl_code);
 
 // A response larger than its bound (see the top of this file). To the host
 // it is a PermanentDownloadError without a file path and with the HTTP

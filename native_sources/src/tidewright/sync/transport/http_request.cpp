@@ -157,6 +157,7 @@ auto retry_sync_request(const HttpRequest& request, const StopPredicate& stop_re
                         RetryNetworkFailure retry_network_failure) -> decltype(attempt()) {
   const std::string url = request.url.empty() ? "<unknown>" : request.url;
   const std::string file_label = sync_event_file_from_url(request.url);
+  const json::object service_fields = sync_event_service_fields(request.url);
   const auto started_at = std::chrono::steady_clock::now();
   std::vector<std::int64_t> statuses;
   std::vector<std::string> failures;
@@ -184,6 +185,9 @@ auto retry_sync_request(const HttpRequest& request, const StopPredicate& stop_re
       if (!transient) return result;
       failure = "http_" + std::to_string(result.status);
       status_field = result.status;
+    } catch (const TlsVerificationError& e) {
+      // Not retried; the error tells what this loop saw before it.
+      throw TlsVerificationError(url, e.host, e.cause, attempt_index + 1, statuses, failures);
     } catch (const NetworkError& e) {
       if (!retry_network_failure()) throw;
       failure = e.host_class();
@@ -205,11 +209,12 @@ auto retry_sync_request(const HttpRequest& request, const StopPredicate& stop_re
       emit_sync_unavailable_status("sync_unavailable_status", url, statuses, failures, details, started_at);
       reported = true;
     }
-    log_sync_event("http_retry", file_label, attempt_index + 1, failure,
-                   json::object{{"status", status_field},
-                                {"error_code", detail(details, "error_code")},
-                                {"dependency", detail(details, "dependency")},
-                                {"retryable", detail(details, "retryable")}});
+    json::object retry_fields{{"status", status_field},
+                              {"error_code", detail(details, "error_code")},
+                              {"dependency", detail(details, "dependency")},
+                              {"retryable", detail(details, "retryable")}};
+    for (const auto& kv : service_fields) retry_fields[kv.key()] = kv.value();
+    log_sync_event("http_retry", file_label, attempt_index + 1, failure, retry_fields);
     emit_sync_backoff_wait("http_request", attempt_index, failure, file_label, wait);
     sleep_for_backoff(wait, stop_requested);
   }

@@ -6,8 +6,9 @@
 // 429, 500, 502, 503, 504) and network failures are retried without an
 // attempt limit; every other status is returned, not raised. A call ends
 // only with a result, with SyncUnavailableError when the server answered a
-// transient status with "retryable": false, with SyncBackoffCancelled when a
-// stop is requested, with ResponseTooLargeError when the answer is larger
+// transient status with "retryable": false or when its TLS certificate did
+// not verify (TlsVerificationError: retrying cannot help), with
+// SyncBackoffCancelled when a stop is requested, with ResponseTooLargeError when the answer is larger
 // than any valid one (an endless body is never retried), or with an error
 // from the host (URL check, backoff module) that passes through unchanged.
 // A head that does not arrive within the header deadline is a timeout like
