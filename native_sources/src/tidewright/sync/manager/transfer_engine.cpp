@@ -629,7 +629,10 @@ void fetch_ranges(TransferEngine::Batch& batch, const std::shared_ptr<RangeFetch
         if (fetch->error) {
           fetch->closed = true;
           while (fetch->in_flight > 0) fetch->cv.wait_for(lock, kRangeProgressPoll);
-          std::rethrow_exception(fetch->error);
+          // Taken out: the failure then ends on this thread, whichever
+          // thread lets go of the shared state last.
+          std::exception_ptr failure = std::exchange(fetch->error, nullptr);
+          std::rethrow_exception(failure);
         }
       }
       if (hashed == size) break;
