@@ -27,6 +27,13 @@ with apt-get, hf-transfer with pip into the running interpreter's
 environment (skipped, with a note, when the package index does not have it).
 
     .venv/bin/python bench/bench_peers.py [--size-gib 2] [--repeat 1] [--keep]
+    .venv/bin/python bench/bench_peers.py --tiny-files 100000 [--tiny-bytes 256]
+
+With ``--tiny-files`` the era is that many tiny files instead (hf_transfer is
+left out: it is a large-file tool); the report then gives files per second,
+CPU per file, the CPU nginx spent serving the sync, and the peak RSS of the
+sync and of a no-op process over that era. Every run ends with the engine's
+targets checked against the limits measured in the same run.
 
 Never part of the test suite.
 """
@@ -113,6 +120,15 @@ http {{
 }}
 """
 
+NOOP_CALL = textwrap.dedent("""\
+    import sys, time
+    import tidewright.sync as sync
+    manager = sync.SyncManager(sys.argv[1], sys.argv[2], token=sys.argv[3])
+    started = time.perf_counter()
+    manager.sync()
+    print(time.perf_counter() - started)
+    """)
+
 HF_DRIVER = textwrap.dedent("""\
     import concurrent.futures, hashlib, json, os, sys
     import hf_transfer
@@ -179,14 +195,21 @@ def ensure_hf_transfer() -> tuple[bool, str]:
     return True, ""
 
 
-def generate_era(root: str, size_bytes: int) -> dict:
-    """Materialise the era under ``root`` with the data service's generator; returns paths and manifest."""
+def generate_era(root: str, size_bytes: int, tiny_files: int = 0, tiny_bytes: int = 0) -> dict:
+    """Materialise the era under ``root`` with the data service's generator; returns paths and manifest.
+
+    The era is ``size_bytes`` in one large file and 64 features, or, with
+    ``tiny_files``, that many features of ``tiny_bytes`` each and no large file."""
     sys.path.insert(0, REPO)
     from tools.dataservice import DataService
 
-    large = size_bytes // 2
-    feature_bytes = max(1, (size_bytes - large) // 64)
-    svc = DataService(root, seed=7, features=64, feature_bytes=feature_bytes, large_file_bytes=large, token=TOKEN)
+    if tiny_files:
+        large, features, feature_bytes = 0, tiny_files, tiny_bytes
+    else:
+        large = size_bytes // 2
+        features, feature_bytes = 64, max(1, (size_bytes - large) // 64)
+    svc = DataService(root, seed=7, features=features, feature_bytes=feature_bytes, large_file_bytes=large,
+                      token=TOKEN)
     era = svc.era()
     era_dir = os.path.join(root, f"market_{svc.market_id}", f"era_{era.era_number}")
     api = os.path.join(root, "api")
@@ -203,7 +226,7 @@ def generate_era(root: str, size_bytes: int) -> dict:
     with open(os.path.join(api, "era_current.json"), "w") as handle:
         json.dump(svc.era_current_body(), handle)
     return {"era_dir": era_dir, "api": api, "manifest": manifest, "era": era.era_number, "market": svc.market_id,
-            "large": large, "feature_bytes": feature_bytes}
+            "large": large, "feature_bytes": feature_bytes, "features": features}
 
 
 def free_port() -> int:
@@ -284,6 +307,27 @@ def measure(cmd: list[str], *, env: dict | None = None) -> Measured:
     return result
 
 
+def process_tree_cpu_seconds(pid: int) -> float:
+    """User + system CPU seconds of a process and its live children (nginx and its workers)."""
+    ticks = os.sysconf("SC_CLK_TCK")
+    pids = [pid]
+    try:
+        for task in os.listdir(f"/proc/{pid}/task"):
+            with open(f"/proc/{pid}/task/{task}/children") as handle:
+                pids += [int(p) for p in handle.read().split()]
+    except OSError:
+        pass
+    total = 0
+    for p in pids:
+        try:
+            with open(f"/proc/{p}/stat") as handle:
+                fields = handle.read().rsplit(")", 1)[1].split()
+            total += int(fields[11]) + int(fields[12])
+        except (OSError, IndexError, ValueError):
+            pass
+    return total / ticks
+
+
 def fresh_dir(path: str) -> str:
     shutil.rmtree(path, ignore_errors=True)
     os.makedirs(path)
@@ -323,7 +367,12 @@ def main() -> int:
     parser.add_argument("--skip", action="append", default=[], choices=("aria2c", "hf_transfer"),
                         help="leave a peer out")
     parser.add_argument("--keep", action="store_true", help="keep the downloaded trees")
+    parser.add_argument("--tiny-files", type=int, default=0,
+                        help="instead of the large era: this many tiny files (e.g. 100000)")
+    parser.add_argument("--tiny-bytes", type=int, default=256, help="size of each tiny file (default 256)")
     args = parser.parse_args()
+    if args.tiny_files:
+        args.skip = sorted(set(args.skip) | {"hf_transfer"})  # one process per file set; not a small-file tool
 
     nginx = ensure_apt("nginx", "nginx-light")
     if nginx is None:
@@ -343,8 +392,10 @@ def main() -> int:
 
     work = os.path.abspath(args.work_dir)
     size = int(args.size_gib * GiB)
-    say(f"generating the era ({args.size_gib:g} GiB) under {os.path.relpath(work, REPO)}/era ...")
-    era = generate_era(os.path.join(work, "era"), size)
+    shape = f"{args.tiny_files} files of {args.tiny_bytes} bytes" if args.tiny_files else f"{args.size_gib:g} GiB"
+    say(f"generating the era ({shape}) under {os.path.relpath(work, REPO)}/era ...")
+    era_root = os.path.join(work, f"era-tiny-{args.tiny_files}-{args.tiny_bytes}" if args.tiny_files else "era")
+    era = generate_era(era_root, size, args.tiny_files, args.tiny_bytes)
     manifest = era["manifest"]
     files = manifest["files"]
     total = sum(e["size_bytes"] for e in files.values())
@@ -360,9 +411,11 @@ def main() -> int:
 
         # limits
         sha_mb_s = sha256_core_speed()
-        curl = measure(["curl", "-sS", "-o", "/dev/null",
-                        url + "/public/files/" + next(p for p in files if "large__blob" in p)])
-        curl_mb_s = era["large"] / curl.seconds / 1e6
+        curl_mb_s = 0.0
+        if era["large"]:
+            curl = measure(["curl", "-sS", "-o", "/dev/null",
+                            url + "/public/files/" + next(p for p in files if "large__blob" in p)])
+            curl_mb_s = era["large"] / curl.seconds / 1e6
 
         # tidewright.sync
         tw_cmd = [cli, "sync", "--server", url, "--data-dir", dest, "--token-file", token_file, "--json",
@@ -374,14 +427,20 @@ def main() -> int:
         runs = []
         for _ in range(args.repeat):
             fresh_dir(dest)
+            served_before = process_tree_cpu_seconds(server.pid)
             m = measure(tw_cmd)
+            m.server_cpu_seconds = process_tree_cpu_seconds(server.pid) - served_before
             if not json.loads(m.out).get("ok"):
                 raise RuntimeError(f"tidewright-sync failed: {m.out}")
             runs.append(m)
         tw = best(runs)
         check_tree(dest, manifest)
-        results["tidewright"] = {"seconds": tw.seconds, "cpu_seconds": tw.cpu_seconds, "rss_kib": tw.rss_kib}
+        results["tidewright"] = {"seconds": tw.seconds, "cpu_seconds": tw.cpu_seconds, "rss_kib": tw.rss_kib,
+                                 "server_cpu_seconds": tw.server_cpu_seconds}
         noop = best([measure(tw_cmd) for _ in range(max(args.repeat, 3))])
+        # The sync() call alone (the process above includes start-up and the manifest load).
+        noop_call = measure([sys.executable, "-c", NOOP_CALL, dest, url, TOKEN])
+        results["noop_sync_call_seconds"] = float(noop_call.out.strip() or "nan")
         results["noop"] = {"seconds": noop.seconds, "cpu_seconds": noop.cpu_seconds, "rss_kib": noop.rss_kib}
         say(f"  tidewright.sync cold sync: {tw.seconds:.2f} s")
 
@@ -438,9 +497,13 @@ def report(results: dict, total: int, nfiles: int, era: dict, sha_mb_s: float, c
            notes: list[str]) -> None:
     tw = results["tidewright"]["seconds"]
     say("")
-    say(f"cold sync of {total / GiB:.2f} GiB in {nfiles} files (1 x {era['large'] / MiB:.0f} MiB, "
-        f"64 x {era['feature_bytes'] / MiB:.1f} MiB, small files), nginx on 127.0.0.1, {os.cpu_count()} cores")
-    say(f"{'':34}{'seconds':>9}{'MB/s':>9}{'CPU s':>8}{'peak RSS':>11}{'ratio':>8}  target")
+    if era["large"]:
+        say(f"cold sync of {total / GiB:.2f} GiB in {nfiles} files (1 x {era['large'] / MiB:.0f} MiB, "
+            f"64 x {era['feature_bytes'] / MiB:.1f} MiB, small files), nginx on 127.0.0.1, {os.cpu_count()} cores")
+    else:
+        say(f"cold sync of {nfiles} files ({era['features']} x {era['feature_bytes']} bytes, small files), "
+            f"nginx on 127.0.0.1, {os.cpu_count()} cores")
+    say(f"{'':34}{'seconds':>9}{'MB/s':>9}{'files/s':>9}{'CPU s':>8}{'peak RSS':>11}{'ratio':>8}  target")
     rows = [("tidewright.sync cold sync", "tidewright", None),
             ("aria2c -j8 + sha-256 per file", "aria2c", TARGETS["aria2c"]),
             ("hf_transfer + hashlib verify", "hf_transfer", TARGETS["hf_transfer"])]
@@ -450,16 +513,36 @@ def report(results: dict, total: int, nfiles: int, era: dict, sha_mb_s: float, c
         r = results[key]
         ratio = r["seconds"] / tw
         verdict = "" if target is None else f">= {target:.1f}  {'met' if ratio >= target else 'MISSED'}"
-        say(f"{label:34}{r['seconds']:9.2f}{total / r['seconds'] / 1e6:9.0f}{r['cpu_seconds']:8.2f}"
-            f"{r['rss_kib'] / 1024:7.0f} MiB{ratio:8.2f}  {verdict}")
+        say(f"{label:34}{r['seconds']:9.2f}{total / r['seconds'] / 1e6:9.0f}{nfiles / r['seconds']:9.0f}"
+            f"{r['cpu_seconds']:8.2f}{r['rss_kib'] / 1024:7.0f} MiB{ratio:8.2f}  {verdict}")
     r = results["noop"]
-    say(f"{'no-op resync (tidewright-sync)':34}{r['seconds']:9.3f}{'':9}{r['cpu_seconds']:8.2f}"
-        f"{r['rss_kib'] / 1024:7.0f} MiB")
-    say(f"limits: SHA-256 on one core (hashlib) {sha_mb_s:.0f} MB/s; curl -o /dev/null over loopback "
-        f"{curl_mb_s:.0f} MB/s")
+    say(f"{'no-op resync (tidewright-sync)':34}{r['seconds']:9.3f}{'':18}{r['cpu_seconds']:8.2f}"
+        f"{r['rss_kib'] / 1024:7.0f} MiB   sync() call {results['noop_sync_call_seconds']:.3f} s (<= 0.3 s)")
+    t = results["tidewright"]
+    say(f"limits: SHA-256 on one core (hashlib) {sha_mb_s:.0f} MB/s"
+        + (f"; curl -o /dev/null over loopback {curl_mb_s:.0f} MB/s" if curl_mb_s else "")
+        + f"; nginx spent {t['server_cpu_seconds']:.2f} CPU s serving the tidewright sync")
     say("ratio = peer seconds / tidewright seconds (higher: tidewright faster); CPU s = user + system time")
+
+    # The engine's own targets, against the limits of this run.
+    checks = []
+    if era["large"]:
+        throughput = total / tw / 1e6
+        checks += [(f"throughput {throughput:.0f} MB/s = {throughput / curl_mb_s:.2f} x one curl stream",
+                    throughput >= 0.5 * curl_mb_s, ">= 0.5 x"),
+                   (f"CPU {t['cpu_seconds']:.2f} s", t["cpu_seconds"] <= 2.4 * total / (2 * GiB), "<= 2.4 s per 2 GiB"),
+                   (f"peak RSS {t['rss_kib'] / 1024:.0f} MiB", t["rss_kib"] <= 64 * 1024, "<= 64 MiB")]
+    else:
+        per_file_us = t["cpu_seconds"] / nfiles * 1e6
+        checks += [(f"{nfiles / tw:.0f} files/s", nfiles / tw >= 10_000, ">= 10000 files/s"),
+                   (f"CPU {per_file_us:.0f} us per file", per_file_us <= 100, "<= 100 us"),
+                   (f"peak RSS {t['rss_kib'] / 1024:.0f} MiB", t["rss_kib"] <= 160 * 1024, "<= 160 MiB"),
+                   (f"no-op process peak RSS {r['rss_kib'] / 1024:.0f} MiB", r["rss_kib"] <= 100 * 1024,
+                    "<= 100 MiB")]
+    for text, ok, target in checks:
+        say(f"target: {text:58} {target:20} {'met' if ok else 'MISSED'}")
     load = os.getloadavg()[0]
-    if load > (os.cpu_count() or 1):
+    if load > (os.cpu_count() or 1) / 2:
         say(f"note: load average {load:.1f} on {os.cpu_count()} cores during the run: other work shared the CPUs")
     for note in notes:
         say(f"note: {note}")

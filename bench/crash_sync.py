@@ -45,6 +45,7 @@ import pathlib
 import random
 import shutil
 import signal
+import struct
 import subprocess
 import sys
 import tempfile
@@ -120,6 +121,26 @@ def file_sha(path: str) -> str:
     return digest.hexdigest()
 
 
+def usable_staged_bytes(staged: bytes, data: bytes) -> int:
+    """Bytes of a staging file that a sync keeps: a prefix of the file, or,
+    for a file fetched in ranges at once, the bytes its range table (after
+    the file's last byte) records as written."""
+    size = len(data)
+    if len(staged) > size and staged[size:size + 8] == b"TWRANGE1":
+        range_bytes, count = struct.unpack_from("<qq", staged, size + 16)
+        slots = (size + 96 + 7) // 8 * 8
+        kept = 0
+        for i in range(count):
+            start = i * range_bytes
+            (written,) = struct.unpack_from("<Q", staged, slots + 8 * i)
+            if start <= written <= size and staged[start:written] == data[start:written]:
+                kept += written - start
+        return kept
+    if len(staged) <= size and data[:len(staged)] == staged:
+        return len(staged)
+    return 0
+
+
 def lacking_bytes(svc: DataService, data_dir: str) -> dict[str, int]:
     """What the directory lacks for the served manifest, per file: missing or
     stale files, less the part of a staging file that is a prefix of the file."""
@@ -133,9 +154,7 @@ def lacking_bytes(svc: DataService, data_dir: str) -> dict[str, int]:
         if os.path.isfile(path + ".tmp"):
             with open(path + ".tmp", "rb") as handle:
                 staged = handle.read()
-        if staged and len(staged) <= size and svc.file_bytes(None, rel)[:len(staged)] == staged:
-            size -= len(staged)
-        lacking[rel] = size
+        lacking[rel] = size - usable_staged_bytes(staged, svc.file_bytes(None, rel))
     return lacking
 
 

@@ -16,7 +16,15 @@ import tidewright.sync as sync
 from peak_rss import UNDER_SANITIZER, describe, measure
 from raw_http_server import RawHttpServer, endless_body, respond, trickled_headers
 from sync_helpers import (BIG, BIG_BYTES, CHUNK, FEATURE, assert_in_step, body_bytes_served, file_requests,
-                          local_bytes, manager, range_starts, request_budget, tmp_files, tree)
+                          local_bytes, manager as any_manager, range_starts, request_budget, tmp_files, tree)
+
+
+def manager(svc, data_dir, **knobs):
+    """A manager that fetches a file in one stream, its ranges one after
+    another, as these tests follow request by request (ranges fetched at once
+    are covered by test_parallel_ranges.py)."""
+    knobs.setdefault("sync_max_concurrency", 1)
+    return any_manager(svc, data_dir, **knobs)
 
 pytestmark = pytest.mark.usefixtures("instant_backoff")
 

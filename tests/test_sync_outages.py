@@ -9,8 +9,17 @@ import threading
 import pytest
 
 import tidewright.sync as sync
-from sync_helpers import (BIG, BIG_BYTES, CHUNK, FEATURE, assert_in_step, body_bytes_served, manager, range_starts,
+from sync_helpers import (BIG, BIG_BYTES, CHUNK, FEATURE, assert_in_step, body_bytes_served,
+                          manager as any_manager, range_starts,
                           request_budget, stop_when, tree, wait_for)
+
+
+def manager(svc, data_dir, **knobs):
+    """A manager that fetches a file in one stream, its ranges one after
+    another, as these tests follow request by request (ranges fetched at once
+    are covered by test_parallel_ranges.py)."""
+    knobs.setdefault("sync_max_concurrency", 1)
+    return any_manager(svc, data_dir, **knobs)
 from tidewright.sync_backoff import SyncBackoffCancelled, SyncBackoffPolicy, backoff_context
 
 BIG_URL_PATH = "/data/files/" + BIG

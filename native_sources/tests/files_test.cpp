@@ -157,23 +157,24 @@ TEST(SyncProgress, TotalsOfHugeSizesSaturateInsteadOfWrappingAround) {
   json::object progress = parse_json(sync_progress_text(1, 1, files, siblings, 0.0)).as_object();
   EXPECT_EQ(progress["total_bytes"], INT64_MAX);
   DownloadSet set;
-  for (const auto& kv : files) set.emplace_back(std::string(kv.key()), kv.value().as_object());
+  for (const auto& kv : files) set.push_back(DownloadJob::from_entry(std::string(kv.key()), kv.value().as_object()));
   TempDir dir;
-  EXPECT_THROW(require_disk_space(dir.path(), set, 1LL << 40, siblings), DiskSpaceError);
+  EXPECT_THROW(require_disk_space(dir.path(), set, files, 1LL << 40, siblings), DiskSpaceError);
 }
 
 TEST(DiskSpace, StagedBytesThatWillBeResumedAreNotNeededAgain) {
   TempDir dir;
+  json::object entries =
+      parse_json(R"({"a.arrow": {"size_bytes": 100}, "b.arrow": {"size_bytes": 10}, "c.arrow": {"size_bytes": 10}})")
+          .as_object();
   DownloadSet set;
-  set.emplace_back("a.arrow", parse_json(R"({"size_bytes": 100})").as_object());
-  set.emplace_back("b.arrow", parse_json(R"({"size_bytes": 10})").as_object());
-  set.emplace_back("c.arrow", parse_json(R"({"size_bytes": 10})").as_object());
+  for (const auto& kv : entries) set.push_back(DownloadJob::from_entry(std::string(kv.key()), kv.value().as_object()));
   ManifestSiblings siblings = default_manifest_siblings();
   write_plain(dir / "a.arrow.tmp", std::string(70, 'a'));  // resumes: 30 left
   write_plain(dir / "b.arrow.tmp", std::string(50, 'b'));  // longer than the file: starts over
   fs::create_directory(dir / "c.arrow.tmp");               // not a staging file: starts over
-  EXPECT_EQ(require_disk_space(dir.path(), set, 50, siblings), 30 + 10 + 10);
-  EXPECT_THROW(require_disk_space(dir.path(), set, 49, siblings), DiskSpaceError);
+  EXPECT_EQ(require_disk_space(dir.path(), set, entries, 50, siblings), 30 + 10 + 10);
+  EXPECT_THROW(require_disk_space(dir.path(), set, entries, 49, siblings), DiskSpaceError);
 }
 
 TEST(ManifestFiles, HintMatchesOnlyTheManifestTheSideFileWasWrittenFor) {

@@ -597,7 +597,9 @@ class Run:
         server = self.server(required=needs_server)
         if needs_server:
             token = self.token()
-            get_token: Callable[[], str] = lambda: token  # noqa: E731 - closes over the token only
+            # Given as text (where the constructor takes it), the token is
+            # answered natively: no interpreter call per request.
+            provider: dict = dict(get_token=lambda: token) if registered else dict(token=token)
         else:
             # Local operations (verify) never reach the service; a URL is
             # still needed to build a manager.
@@ -605,14 +607,15 @@ class Run:
 
             def get_token() -> str:
                 raise CliError(EXIT_AUTH, "this command needs a token", f"pass --token-file FILE or set {TOKEN_ENV}")
+            provider = dict(get_token=get_token)
         args = self.args
         knobs = dict(market_id=args.market, sync_http_transport=args.transport,
                      sync_http_chunk_bytes=args.chunk_bytes, sync_max_concurrency=args.concurrency)
         try:
             if registered:
-                manager = sync.SyncManager.get_or_create(data_dir, server, get_token, **knobs)
+                manager = sync.SyncManager.get_or_create(data_dir, server, **provider, **knobs)
             else:
-                manager = sync.SyncManager(data_dir, server, get_token, **knobs)
+                manager = sync.SyncManager(data_dir, server, **provider, **knobs)
         except FileNotFoundError:
             raise CliError(EXIT_USAGE, f"the data directory {data_dir} does not exist",
                            "create it or pass another --data-dir") from None

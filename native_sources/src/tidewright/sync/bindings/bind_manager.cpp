@@ -45,7 +45,16 @@ SyncManagerArgs make_args(nb::handle data_dir, nb::handle server_url, nb::handle
   // None is an empty URL, which the URL validator refuses with its own message.
   args.server_url = server_url.is_none() ? std::string() : to_text(server_url);
   nb::object token_fn = nb::borrow(get_token);
-  if (token_fn.is_none() && !token.is_none()) token_fn = constant_token_provider(token);
+  if (token_fn.is_none() && !token.is_none()) {
+    nb::str text = nb::str(token);  // once: str() of the caller's object may count or change
+    token_fn = constant_token_provider(text);
+    Py_ssize_t n = 0;
+    if (const char* data = PyUnicode_AsUTF8AndSize(text.ptr(), &n)) {
+      args.token_text = std::string(data, static_cast<std::size_t>(n));
+    } else {
+      PyErr_Clear();  // not valid Unicode: the provider refuses it, with its message
+    }
+  }
   args.get_token = make_ref(token_fn);
   if (!args.get_token) {
     // Keep None as a host object so that the callable check can name its type.
@@ -403,7 +412,7 @@ void bind_manager(nb::module_& m) {
              }
              {
                nb::gil_scoped_release release;
-               s.download_file(file_path, v.is_object() ? v.get_object() : json::object(), r, options);
+               s.download_file(DownloadJob::from_entry(file_path, v.is_object() ? v.get_object() : json::object()), r, options);
              }
              update_python_result(result, r);
            },
@@ -414,10 +423,13 @@ void bind_manager(nb::module_& m) {
       .def("_download_files_parallel",
            [](SyncManager& s, nb::handle files, nb::handle result) {
              auto items = file_items(files);
+             std::vector<DownloadJob> jobs;
+             jobs.reserve(items.size());
+             for (const auto& [path, entry] : items) jobs.push_back(DownloadJob::from_entry(path, entry));
              SyncResult r = from_python_result(result);
              {
                nb::gil_scoped_release release;
-               s.download_files_parallel(items, r);
+               s.download_files_parallel(jobs, r);
              }
              update_python_result(result, r);
            },

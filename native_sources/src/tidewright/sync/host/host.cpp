@@ -61,12 +61,110 @@ void set_host(std::shared_ptr<Host> new_host) {
   g_host = std::move(new_host);
 }
 
+namespace {
+// The stop test of the innermost ScopedBackoffContext of this thread that
+// was given one natively (its context answers stop_requested with it).
+thread_local const std::function<bool()>* t_native_backoff_stop = nullptr;
+}  // namespace
+
 ScopedBackoffContext::ScopedBackoffContext(const HostRef& base, const json::object& fields,
                                            std::function<bool()> stop_requested)
-    : token_(host().push_backoff_context(base, fields, std::move(stop_requested))) {}
+    : native_stop_(std::move(stop_requested)), outer_native_stop_(t_native_backoff_stop) {
+  token_ = host().push_backoff_context(base, fields, native_stop_);
+  if (native_stop_) t_native_backoff_stop = &native_stop_;
+}
 
 ScopedBackoffContext::~ScopedBackoffContext() {
+  t_native_backoff_stop = outer_native_stop_;
   if (token_) host().pop_backoff_context(token_);
+}
+
+const std::function<bool()>* native_backoff_stop_of_this_thread() { return t_native_backoff_stop; }
+
+namespace {
+
+thread_local bool t_native_url_check = false;
+
+bool plain_octet(std::string_view s, int& value) {
+  if (s.empty() || s.size() > 3 || (s.size() > 1 && s[0] == '0')) return false;
+  value = 0;
+  for (char c : s) {
+    if (c < '0' || c > '9') return false;
+    value = value * 10 + (c - '0');
+  }
+  return value <= 255;
+}
+
+bool plain_loopback_ipv4(std::string_view host) {
+  int octets = 0;
+  while (true) {
+    std::size_t dot = host.find('.');
+    int value = 0;
+    if (!plain_octet(host.substr(0, dot), value)) return false;
+    if (octets == 0 && value != 127) return false;
+    ++octets;
+    if (dot == std::string_view::npos) break;
+    host.remove_prefix(dot + 1);
+  }
+  return octets == 4;
+}
+
+// The stripped URL when the validator's default surely accepts it; nothing
+// when the host is to decide (and word any refusal).
+std::optional<std::string> natively_accepted_url(const std::string& url) {
+  std::string_view text = url;
+  while (!text.empty() && std::isspace(static_cast<unsigned char>(text.front()))) text.remove_prefix(1);
+  while (!text.empty() && std::isspace(static_cast<unsigned char>(text.back()))) text.remove_suffix(1);
+  std::size_t scheme_end = text.find("://");
+  if (scheme_end == std::string_view::npos) return std::nullopt;
+  std::string scheme(text.substr(0, scheme_end));
+  for (auto& c : scheme) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+  if (scheme != "https" && scheme != "http") return std::nullopt;
+  std::string_view rest = text.substr(scheme_end + 3);
+  std::string_view netloc = rest.substr(0, rest.find_first_of("/?#"));
+  for (char c : text) {
+    // Plain printable ASCII without blanks, quotes or backslashes only.
+    if (c <= ' ' || c >= 0x7F || c == '"' || c == '\\' || c == '<' || c == '>' || c == '`' || c == '{' ||
+        c == '}' || c == '|' || c == '^') {
+      return std::nullopt;
+    }
+  }
+  std::size_t colon = netloc.find(':');
+  std::string host(netloc.substr(0, colon));
+  if (host.empty()) return std::nullopt;
+  for (auto& c : host) {
+    c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+    if (!std::isalnum(static_cast<unsigned char>(c)) && c != '.' && c != '-') return std::nullopt;
+  }
+  if (colon != std::string_view::npos) {
+    std::string_view port = netloc.substr(colon + 1);
+    if (port.empty() || port.size() > 5) return std::nullopt;
+    int value = 0;
+    for (char c : port) {
+      if (c < '0' || c > '9') return std::nullopt;
+      value = value * 10 + (c - '0');
+    }
+    if (value > 65535) return std::nullopt;
+  }
+  if (scheme == "http" && host != "localhost" && host != "localhost." && !plain_loopback_ipv4(host)) {
+    return std::nullopt;
+  }
+  return std::string(text);
+}
+
+}  // namespace
+
+ScopedNativeUrlCheck::ScopedNativeUrlCheck(bool enabled) : outer_(t_native_url_check) {
+  if (enabled) t_native_url_check = true;
+}
+
+ScopedNativeUrlCheck::~ScopedNativeUrlCheck() { t_native_url_check = outer_; }
+
+std::string checked_bearer_transport_url(const std::string& url) {
+  if (t_native_url_check) {
+    if (std::optional<std::string> accepted = natively_accepted_url(url)) return std::move(*accepted);
+  }
+  return host().validate_bearer_transport_url(url);
 }
 
 void log_debug(std::string_view format, const json::array& args) {

@@ -149,7 +149,35 @@ class ScopedBackoffContext {
 
  private:
   HostRef token_;
+  std::function<bool()> native_stop_;
+  const std::function<bool()>* outer_native_stop_;
 };
+
+// The stop test of the calling thread's backoff context when the innermost
+// one was layered by a ScopedBackoffContext with a native stop test (its
+// stop_requested is that test): the test, answered without the host. Null
+// otherwise.
+const std::function<bool()>* native_backoff_stop_of_this_thread();
+
+// While alive on a thread, bearer URL checks that the native rules surely
+// accept (https, or http to a loopback address, in plain form) are answered
+// without the host. Installed by code that has just asked the host whether
+// its validator is the native default (the download workers of a batch);
+// every other URL still goes to the host's validator, for its own message.
+class ScopedNativeUrlCheck {
+ public:
+  explicit ScopedNativeUrlCheck(bool enabled);
+  ~ScopedNativeUrlCheck();
+  ScopedNativeUrlCheck(const ScopedNativeUrlCheck&) = delete;
+  ScopedNativeUrlCheck& operator=(const ScopedNativeUrlCheck&) = delete;
+
+ private:
+  bool outer_;
+};
+
+// validate_bearer_transport_url through the host, or natively under a
+// ScopedNativeUrlCheck for a URL the native rules accept.
+std::string checked_bearer_transport_url(const std::string& url);
 
 // The process-wide host. set_host() is called once at load (and by tests).
 Host& host();

@@ -143,7 +143,7 @@ bool SyncManager::download_vocabulary(Manifest& server_manifest, const std::opti
     options.retry_partial_transfer = false;
     options.retry_checksum_mismatch = false;
     try {
-      download_file(path, entry, scratch, options);
+      download_file(DownloadJob::from_entry(path, entry), scratch, options);
     } catch (const IntegrityError&) {
       std::string tmp = local + ".tmp";
       if (!path_exists(tmp)) throw;

@@ -8,25 +8,17 @@
 
 namespace tidewright::sync {
 
-json::object download_entry(const Manifest& manifest, const json::value& info) {
-  json::object entry = info.is_object() ? info.get_object() : json::object();
-  if (auto base = manifest.base_url_text()) {
-    entry["_manifest_base_url"] = *base;
-  } else {
-    entry["_manifest_base_url"] = nullptr;
-  }
-  entry["_manifest_version"] = manifest.version_int();
-  entry["_manifest_era_number"] = manifest.era_number_int();
-  return entry;
-}
-
-std::int64_t require_disk_space(const std::string& data_dir, const DownloadSet& files, std::int64_t free_bytes,
-                                const ManifestSiblings& siblings) {
+std::int64_t require_disk_space(const std::string& data_dir, const DownloadSet& files, const json::object& entries,
+                                std::int64_t free_bytes, const ManifestSiblings& siblings) {
   std::int64_t needed = 0;
-  for (const auto& [path, entry] : files) {
-    std::optional<std::int64_t> size = siblings.manifest_file_size(entry);
+  static const json::value kNoEntry = json::object();
+  for (const auto& job : files) {
+    const json::value* entry = entries.if_contains(job.path);
+    std::optional<std::int64_t> size = siblings.manifest_file_size(entry ? *entry : kNoEntry);
     if (!size) continue;
-    const std::int64_t remaining = *size - resumable_staged_bytes(data_dir, path, entry, size);
+    DownloadJob sized = job;
+    sized.size = size;
+    const std::int64_t remaining = *size - resumable_staged_bytes(data_dir, sized);
     // Saturates: sizes from a hostile manifest may add up past 64 bits.
     needed = remaining > INT64_MAX - needed ? INT64_MAX : needed + remaining;
   }
@@ -54,9 +46,24 @@ void log_rejected_manifest_entries(const Manifest& manifest) {
 void write_download_progress(const std::string& data_dir, const Manifest& manifest, const DownloadSet& files,
                              const ManifestSiblings& siblings) {
   json::object progress_files;
-  for (const auto& [path, entry] : files) progress_files[path] = entry;
+  progress_files.reserve(files.size());
+  for (const auto& job : files) {
+    const json::value* entry = manifest.files().if_contains(job.path);
+    progress_files[job.path] = entry ? *entry : json::value(json::object());
+  }
   write_sync_progress_json(data_dir, manifest.era_number_int() < 0 ? 0 : manifest.era_number_int(),
                            manifest.version_int() < 0 ? 0 : manifest.version_int(), progress_files, siblings);
+}
+
+}  // namespace tidewright::sync
+
+namespace tidewright::sync {
+
+DownloadSet download_jobs(const Manifest& manifest, const ManifestEntries& entries) {
+  DownloadSet jobs;
+  jobs.reserve(entries.size());
+  for (const auto& [path, entry] : entries) jobs.push_back(DownloadJob::for_manifest(manifest, path, &entry));
+  return jobs;
 }
 
 }  // namespace tidewright::sync

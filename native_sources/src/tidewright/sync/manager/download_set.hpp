@@ -5,6 +5,7 @@
 
 #include "tidewright/sync/common/json.hpp"
 #include "tidewright/sync/host/host.hpp"
+#include "tidewright/sync/manager/transfer_engine.hpp"
 #include "tidewright/sync/manifest/manifest.hpp"
 
 #include <cstdint>
@@ -15,27 +16,20 @@
 
 namespace tidewright::sync {
 
-using DownloadSet = std::vector<std::pair<std::string, json::object>>;
-
-// A copy of the manifest entry `info` extended with the manifest's base URL,
-// version and era number, which the downloader uses for the file URL and its
-// supersede probes.
-json::object download_entry(const Manifest& manifest, const json::value& info);
-
-// The bytes a download of `file_path` (manifest entry `info`) into
-// `data_dir` would resume from: the length of its staging file, or 0 when
-// there is none or the download would start over (not a regular file,
-// marked as a prefix of other bytes, longer than the file).
-std::int64_t resumable_staged_bytes(const std::string& data_dir, const std::string& file_path,
-                                    const json::object& info, std::optional<std::int64_t> size);
+// The files of one manifest to download, typed for the transfer engine.
+using DownloadSet = std::vector<DownloadJob>;
+// Manifest entries by path (copies), for callers that keep entries.
+using ManifestEntries = std::vector<std::pair<std::string, json::object>>;
 
 // The bytes the set still needs on disk in `data_dir`: the size of every
 // file less what its staging file already holds when the download will
 // resume from it (the staged bytes are on disk already). Throws
 // DiskSpaceError "Insufficient disk space: need N bytes, have F bytes
 // available" when they exceed `free_bytes`.
-std::int64_t require_disk_space(const std::string& data_dir, const DownloadSet& files, std::int64_t free_bytes,
-                                const ManifestSiblings& siblings);
+// The sizes come from the manifest entries in `entries` (by path), through
+// the host's manifest_file_size.
+std::int64_t require_disk_space(const std::string& data_dir, const DownloadSet& files, const json::object& entries,
+                                std::int64_t free_bytes, const ManifestSiblings& siblings);
 
 // The paths of the entries the manifest's sanitising refused (a SyncResult's
 // rejected_files).
@@ -50,5 +44,8 @@ void log_rejected_manifest_entries(const Manifest& manifest);
 // Writes "sync-progress.json" for the set.
 void write_download_progress(const std::string& data_dir, const Manifest& manifest, const DownloadSet& files,
                              const ManifestSiblings& siblings);
+
+// The download set of manifest entries given by path.
+DownloadSet download_jobs(const Manifest& manifest, const ManifestEntries& entries);
 
 }  // namespace tidewright::sync

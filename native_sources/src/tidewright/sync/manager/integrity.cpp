@@ -332,7 +332,7 @@ SyncResult SyncManager::repair(const std::vector<std::string>& files) {
       if (vocabulary_named_universe_from_path(path) && download_validated_vocabulary_repair(path, entry, result)) {
         continue;
       }
-      download_file(path, entry, result);
+      download_file(DownloadJob::from_entry(path, entry), result);
     }
     hash_cache_.persist();
     return result;
@@ -347,8 +347,8 @@ SyncResult SyncManager::ensure_manifest_file_available(const std::string& file_p
   SyncResult result;
   ManifestSiblings siblings = host().manifest_siblings();
   if (manifest_file_is_sync_excluded(file_path, file_info, siblings)) return result;
-  json::object entry = file_info.is_object() ? file_info.get_object() : json::object();
-  download_file(file_path, entry, result);
+  download_file(DownloadJob::from_entry(file_path, file_info.is_object() ? file_info.get_object() : json::object()),
+                result);
   return result;
 }
 

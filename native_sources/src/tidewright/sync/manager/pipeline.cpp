@@ -425,7 +425,7 @@ std::optional<SyncResult> SyncManager::sync_pass(SyncResult& earlier) {
   result.era_number = server->era_number_int();
   result.pnl_column_count = to_int(server->pnl_column_count()).value_or(0);
   result.rejected_files = rejected_manifest_paths(*server);
-  std::vector<std::pair<std::string, json::object>> to_download;
+  DownloadSet to_download;
   std::vector<std::string> to_download_paths;
   bool same_era_local = local && local_era == server->era_number_int();
   ManifestLocalPaths locals(data_dir_);
@@ -463,7 +463,7 @@ std::optional<SyncResult> SyncManager::sync_pass(SyncResult& earlier) {
       }
     }
     to_download_paths.push_back(path);
-    to_download.emplace_back(path, download_entry(*server, kv.value()));
+    to_download.push_back(DownloadJob::for_manifest(*server, path, kv.value()));
   }
 
   // Space. The vocabularies are downloaded at the commit, through the same
@@ -473,7 +473,7 @@ std::optional<SyncResult> SyncManager::sync_pass(SyncResult& earlier) {
   resumable.insert(resumable.end(), vocabulary_paths.begin(), vocabulary_paths.end());
   cleanup_sync_tmp_files(data_dir_, resumable, &tmp_scan_memo_,
                          {&server->files(), local ? &local->files() : nullptr});
-  const std::int64_t needed = require_disk_space(data_dir_, to_download, free_bytes, siblings);
+  const std::int64_t needed = require_disk_space(data_dir_, to_download, server->files(), free_bytes, siblings);
 
   // Download.
   if (!to_download.empty()) {
@@ -520,11 +520,12 @@ std::optional<SyncResult> SyncManager::sync_pass(SyncResult& earlier) {
 
   // Commit.
   if (HostRef guard = runtime_freshness_guard()) {
-    for (const auto& [path, entry] : to_download) {
+    for (const auto& job : to_download) {
       json::object kwargs;
-      kwargs["relative_path"] = path;
-      kwargs["kind"] = kind_of(entry);
-      const json::value* sha = entry.if_contains("sha256");
+      kwargs["relative_path"] = job.path;
+      const json::value* entry = server->files().if_contains(job.path);
+      kwargs["kind"] = entry ? kind_of(*entry) : std::string();
+      const json::value* sha = entry && entry->is_object() ? entry->get_object().if_contains("sha256") : nullptr;
       kwargs["sha256"] = sha && sha->is_string() ? *sha : json::value("");
       host().call_method(guard, "record_sync_update", {}, kwargs);
     }

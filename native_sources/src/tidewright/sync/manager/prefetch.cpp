@@ -83,10 +83,10 @@ std::vector<SyncManager::PrefetchedFeatureFile> SyncManager::request_feature_fil
   for (const auto& [name, path] : wanted) {
     const json::value& info = files.at(path);
     if (local_file_matches_manifest(path, manifest_local_path(data_dir_, path), info, true)) continue;
-    to_download.emplace_back(path, download_entry(*manifest, info));
+    to_download.push_back(DownloadJob::for_manifest(*manifest, path, info));
   }
 
-  const std::int64_t needed = require_disk_space(data_dir_, to_download, free_disk_bytes(data_dir_), siblings);
+  const std::int64_t needed = require_disk_space(data_dir_, to_download, manifest->files(), free_disk_bytes(data_dir_), siblings);
 
   if (!to_download.empty()) {
     write_download_progress(data_dir_, *manifest, to_download, siblings);

@@ -8,6 +8,7 @@
 #include "tidewright/sync/manifest/sanitize.hpp"
 #include "tidewright/sync/reporting/errors.hpp"
 #include "tidewright/sync/transport/bearer_token.hpp"
+#include "tidewright/sync/transport/http_request.hpp"
 #include "tidewright/sync/transport/settings.hpp"
 
 #include <exception>
@@ -40,8 +41,10 @@ SyncManager::SyncManager(SyncManagerArgs args)
       market_id_(coerce_agent_market_id(args.market_id, args.market_id_repr)),
       poll_interval_(args.poll_interval_s),
       get_token_(std::move(args.get_token)),
+      token_text_(std::move(args.token_text)),
       runtime_freshness_guard_(std::move(args.runtime_freshness_guard)),
       hash_cache_(path_join(data_dir_, SYNC_HASH_CACHE_FILENAME)),
+      transfer_(transfer_context()),
       consumer_count_path_(path_join(data_dir_, ".consumer_count")),
       flock_path_(path_join(data_dir_, ".sync_flock")),
       directory_lock_(data_dir_, flock_path_, [this] { return stop_requested(); }) {
@@ -161,7 +164,7 @@ std::shared_ptr<SyncManager> SyncManager::get_or_create(SyncManagerArgs args) {
                        std::to_string(existing->market_id_) + ", cannot reuse with market_id=" +
                        std::to_string(market));
     }
-    existing->set_get_token(std::move(args.get_token));
+    existing->set_get_token(std::move(args.get_token), std::move(args.token_text));
     existing->set_sync_runtime_knobs(args.knobs);
     return existing;
   }
@@ -246,9 +249,10 @@ HostRef SyncManager::get_token_fn() const {
   return get_token_;
 }
 
-void SyncManager::set_get_token(HostRef fn) {
+void SyncManager::set_get_token(HostRef fn, std::optional<std::string> token_text) {
   std::lock_guard<std::mutex> lock(state_mu_);
   get_token_ = std::move(fn);
+  token_text_ = std::move(token_text);
 }
 
 HostRef SyncManager::runtime_freshness_guard() const {
@@ -261,7 +265,51 @@ void SyncManager::set_runtime_freshness_guard(HostRef guard) {
   runtime_freshness_guard_ = std::move(guard);
 }
 
-std::string SyncManager::fetch_token() const { return fetch_bearer_token(get_token_fn()); }
+std::string SyncManager::fetch_token() const {
+  HostRef provider;
+  std::optional<std::string> token;
+  {
+    std::lock_guard<std::mutex> lock(state_mu_);
+    if (token_text_) {
+      token = token_text_;
+    } else {
+      provider = get_token_;
+    }
+  }
+  if (!token) return fetch_bearer_token(provider);
+  // A token given as text: checked like any answer, without the host.
+  check_bearer_token(*token);
+  return std::move(*token);
+}
+
+TransferEngine::Context SyncManager::transfer_context() {
+  TransferEngine::Context context;
+  context.server_url = server_url_;
+  context.data_dir = data_dir_;
+  context.fetch_token = [this] { return fetch_token(); };
+  context.stop_requested = [this] { return stop_requested(); };
+  context.transport = [this] { return sync_http_transport(); };
+  context.chunk_bytes = [this] { return sync_http_chunk_bytes(); };
+  context.max_concurrency = [this] { return sync_max_concurrency(); };
+  context.held_base_url = [this]() -> std::optional<std::string> {
+    ManifestPtr held = get_manifest();
+    return held ? held->base_url_text() : std::nullopt;
+  };
+  context.freshness_guard = [this] { return runtime_freshness_guard(); };
+  context.progress = &progress_;
+  context.hash_cache = &hash_cache_;
+  return context;
+}
+
+HttpResponse SyncManager::http_get(const std::string& url, std::int64_t range_start, std::int64_t range_end) {
+  ScopedSyncStopPredicate stop([this] { return stop_requested(); });
+  return tidewright::sync::http_get(url, fetch_token(), range_start, range_end);
+}
+
+HttpResponse SyncManager::http_get_public(const std::string& url, std::int64_t range_start, std::int64_t range_end) {
+  ScopedSyncStopPredicate stop([this] { return stop_requested(); });
+  return tidewright::sync::http_get_public(url, range_start, range_end, sync_http_transport());
+}
 
 HostRef SyncManager::manifest_view(const ManifestPtr& manifest) const {
   std::lock_guard<std::mutex> lock(host_view_mu_);

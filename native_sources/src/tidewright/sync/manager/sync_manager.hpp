@@ -17,6 +17,7 @@
 #include "tidewright/sync/manager/progress.hpp"
 #include "tidewright/sync/manager/results.hpp"
 #include "tidewright/sync/manager/rotation_plan.hpp"
+#include "tidewright/sync/manager/transfer_engine.hpp"
 #include "tidewright/sync/manifest/manifest.hpp"
 #include "tidewright/sync/transport/settings.hpp"
 
@@ -53,6 +54,9 @@ struct SyncManagerArgs {
   std::string data_dir;
   std::string server_url;
   HostRef get_token;  // a callable returning the bearer token
+  // The token itself when the caller gave one instead of a callable
+  // (get_token then answers it): used without calling the host.
+  std::optional<std::string> token_text;
   double poll_interval_s = SYNC_MANIFEST_POLL_INTERVAL_SECONDS;
   HostRef runtime_freshness_guard;
   json::value market_id = std::int64_t{1};
@@ -97,7 +101,7 @@ class SyncManager : public std::enable_shared_from_this<SyncManager>, public Era
   std::int64_t market_id() const { return market_id_; }
   double poll_interval() const { return poll_interval_; }
   HostRef get_token_fn() const;
-  void set_get_token(HostRef fn);
+  void set_get_token(HostRef fn, std::optional<std::string> token_text = std::nullopt);
   HostRef runtime_freshness_guard() const;
   void set_runtime_freshness_guard(HostRef guard);
 
@@ -176,30 +180,23 @@ class SyncManager : public std::enable_shared_from_this<SyncManager>, public Era
   std::int64_t cleanup_old_eras(bool keep_current = true);
   void schedule_cleanup_old_eras(bool keep_current = true);
 
-  // --- downloads ---
-  struct DownloadOptions {
-    std::optional<std::string> target_data_dir;
-    std::string backoff_surface = "file_download";
-    bool retry_partial_transfer = true;
-    bool retry_checksum_mismatch = true;
-    std::function<void(double)> retry_status_callback;
-  };
-  void download_file(const std::string& file_path, const json::object& file_info, SyncResult& result,
-                     const DownloadOptions& options);
-  void download_file(const std::string& file_path, const json::object& file_info, SyncResult& result) {
-    download_file(file_path, file_info, result, DownloadOptions{});
+  // --- downloads (the transfer engine, transfer_engine.hpp) ---
+  using DownloadOptions = tidewright::sync::DownloadOptions;
+  using DownloadFailureFilter = tidewright::sync::DownloadFailureFilter;
+  TransferEngine& transfer() { return transfer_; }
+  void download_file(const DownloadJob& job, SyncResult& result, const DownloadOptions& options = {}) {
+    transfer_.download(job, result, options);
   }
-  // Whether a failed download may leave its file out while the others go
-  // on: `set_aside(path, error)` answers true for a failure the caller deals
-  // with after the batch. Called on worker threads. Without one (and for
-  // every failure it declines) the first failure ends the batch.
-  using DownloadFailureFilter = std::function<bool(const std::string& path, const std::exception_ptr& error)>;
-  void download_files_parallel(const std::vector<std::pair<std::string, json::object>>& files, SyncResult& result,
-                               const DownloadFailureFilter& set_aside = {});
-  bool download_manifest_superseded(const json::object& file_info);
+  void download_files_parallel(const std::vector<DownloadJob>& files, SyncResult& result,
+                               const DownloadFailureFilter& set_aside = {}) {
+    transfer_.download_batch(files, result, set_aside);
+  }
+  bool download_manifest_superseded(const DownloadJob& job) { return transfer_.manifest_superseded(job); }
   // The immutable public manifest under the manifest's base URL, with its
   // body, when it is newer than `manifest_data`.
-  std::optional<std::pair<json::object, std::string>> newer_public_manifest(const json::object& manifest_data);
+  std::optional<std::pair<json::object, std::string>> newer_public_manifest(const json::object& manifest_data) {
+    return transfer_.newer_public_manifest(manifest_data);
+  }
 
   // --- era artifacts ---
   bool download_vocabulary(Manifest& server_manifest, const std::optional<std::string>& target_data_dir = {});
@@ -291,6 +288,8 @@ class SyncManager : public std::enable_shared_from_this<SyncManager>, public Era
   bool stop_requested() const { return stop_requested_.load() || shut_down_.load(); }
 
  private:
+  // What the transfer engine needs of this manager.
+  TransferEngine::Context transfer_context();
   void load_consumer_count();
   void load_local_manifest();
   void load_local_vocabulary();
@@ -319,6 +318,7 @@ class SyncManager : public std::enable_shared_from_this<SyncManager>, public Era
 
   mutable std::mutex state_mu_;
   HostRef get_token_;                          // guarded by state_mu_
+  std::optional<std::string> token_text_;      // guarded by state_mu_; what get_token_ answers, when known
   HostRef runtime_freshness_guard_;            // guarded by state_mu_
   std::string sync_http_transport_;            // guarded by state_mu_
   std::int64_t sync_http_chunk_bytes_ = 0;     // guarded by state_mu_
@@ -335,6 +335,7 @@ class SyncManager : public std::enable_shared_from_this<SyncManager>, public Era
 
   HashCache hash_cache_;
   ProgressFeed progress_;
+  TransferEngine transfer_;  // after what its context points at
   const std::string consumer_count_path_;
   mutable std::mutex consumer_mu_;
   std::atomic<std::int64_t> consumer_count_{0};  // written under consumer_mu_, read anywhere

@@ -289,7 +289,7 @@ struct SyncManager::TransitionRun {
   std::string manifest_body;  // as fetched: its digest goes into the manifest metadata
   ManifestPtr manifest;
   RotationPlan rotation;
-  DownloadSet to_fetch;  // every file of the new era this host keeps
+  ManifestEntries to_fetch;  // every file of the new era this host keeps
   SyncResult result;
   // The paths the searches had before (set when rotation was active for the
   // old era), and the refresh to send them once the new era is in place.
@@ -477,7 +477,8 @@ void SyncManager::prepare_transition(TransitionRun& run) {
   run.result.era_number = run.era;
   // Every file of the new era goes into staging, copied or downloaded, while
   // the old era stays in place: room for all of them is needed.
-  require_disk_space(run.staging, run.to_fetch, free_bytes, run.siblings);  // nothing staged yet
+  require_disk_space(run.staging, download_jobs(*run.manifest, run.to_fetch), run.manifest->files(), free_bytes,
+                     run.siblings);  // nothing staged yet
 }
 
 // The staging directory filled with the new era: unchanged files copied,
@@ -504,7 +505,7 @@ std::optional<std::int64_t> SyncManager::stage_transition(TransitionRun& run) {
   // it answers only for a file whose identity (size, times, inode) is the
   // one hashed and whose times are older than that hashing, so a file
   // rewritten since, even within the same clock tick, is hashed again.
-  DownloadSet queued;
+  ManifestEntries queued;
   std::size_t completed = 0;
   for (const auto& [path, entry] : run.to_fetch) {
     const std::string local = manifest_local_path(data_dir_, path);
@@ -554,9 +555,8 @@ std::optional<std::int64_t> SyncManager::stage_transition(TransitionRun& run) {
     } finish_progress{progress_};
     for (auto& [path, entry] : queued) {
       end_transition_if_cancelled();
-      json::object info = download_entry(*run.manifest, entry);
       try {
-        download_file(path, info, run.result, options);
+        download_file(DownloadJob::for_manifest(*run.manifest, path, &entry), run.result, options);
       } catch (const SyncError& e) {
         // The service serving other bytes than the manifest promises means
         // it may have moved to a later era; anything else is a failure.

@@ -364,7 +364,7 @@ std::string manifest_file_url(std::string_view server_url, std::string_view file
   }
   // The base will carry the bearer credential; a refusal is a manifest fault.
   try {
-    host().validate_bearer_transport_url(base);
+    checked_bearer_transport_url(base);
   } catch (const ValueError& e) {
     throw ManifestError(e.what());
   } catch (const HostError& e) {

@@ -33,6 +33,11 @@ bool installed_predicates_say_stop() {
 // The calling thread's stop test, with its backoff context looked up once
 // (the context is per thread and stays put for the duration of a call).
 StopPredicate thread_stop_predicate() {
+  // A context layered natively (the download workers') is answered
+  // natively: no trip through the host per request and per check.
+  if (const std::function<bool()>* native = native_backoff_stop_of_this_thread()) {
+    return [stop = *native]() { return installed_predicates_say_stop() || stop(); };
+  }
   HostRef context = host().current_backoff_context();
   return [context]() {
     if (installed_predicates_say_stop()) return true;
@@ -98,7 +103,7 @@ std::optional<std::string> range_header_value(std::int64_t range_start, std::int
 
 HttpRequest make_sync_request(const std::string& url, const std::optional<std::string>& bearer_token,
                               std::int64_t range_start, std::int64_t range_end) {
-  host().validate_bearer_transport_url(url);
+  checked_bearer_transport_url(url);
   HttpRequest request;
   request.url = url;
   if (bearer_token) {
