@@ -226,16 +226,20 @@ TEST_F(ManagerTest, SecondHolderWaitsForTheFirstAndLocksTheCurrentFile) {
   SyncManager& first = manager();
   SyncManager& second = manager();
   first.acquire_flock();
+  // The lock is held by a thread: the second holder takes and lets go of it
+  // on its own thread.
   std::atomic<bool> second_holds{false};
+  std::atomic<bool> let_go{false};
   std::thread waiter([&] {
     second.acquire_flock();
     second_holds = true;
+    while (!let_go) std::this_thread::sleep_for(1ms);
+    second.release_flock();
   });
   std::this_thread::sleep_for(100ms);
   EXPECT_FALSE(second_holds.load());
   first.release_flock();
-  waiter.join();
-  EXPECT_TRUE(second_holds.load());
+  while (!second_holds) std::this_thread::sleep_for(1ms);
   ASSERT_TRUE(fs::exists(second.flock_path()));
 
   // While the second holds it, the first cannot take it.
@@ -247,7 +251,8 @@ TEST_F(ManagerTest, SecondHolderWaitsForTheFirstAndLocksTheCurrentFile) {
   });
   std::this_thread::sleep_for(100ms);
   EXPECT_FALSE(first_holds.load());
-  second.release_flock();
+  let_go = true;
+  waiter.join();
   other.join();
   EXPECT_TRUE(first_holds.load());
 }
