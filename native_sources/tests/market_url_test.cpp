@@ -52,14 +52,14 @@ TEST(MarketIdTest, ConvertsToAPositiveInteger) {
   EXPECT_EQ(coerce_agent_market_id(json::value(std::uint64_t{7}), "7"), 7);
   EXPECT_EQ(coerce_agent_market_id(json::value("3"), "'3'"), 3);
   EXPECT_EQ(coerce_agent_market_id(json::value(2.5), "2.5"), 2);
-  for (const auto& [value, repr] : std::vector<std::pair<json::value, std::string>>{
+  for (const auto& bad : std::vector<std::pair<json::value, std::string>>{
            {json::value(std::int64_t{0}), "0"},
            {json::value(std::int64_t{-3}), "-3"},
            {json::value(nullptr), "None"},
            {json::value("abc"), "'abc'"},
            {json::value(0.5), "0.5"}}) {
-    EXPECT_EQ(message_of<ValueError>([&] { coerce_agent_market_id(value, repr); }),
-              "market_id must be a positive integer, got " + repr);
+    EXPECT_EQ(message_of<ValueError>([&] { coerce_agent_market_id(bad.first, bad.second); }),
+              "market_id must be a positive integer, got " + bad.second);
   }
 }
 
