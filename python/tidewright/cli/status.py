@@ -1,6 +1,11 @@
 """``status``: what a data directory holds and how a sync on it is going, as lines for people or as JSON.
 
-Read from the directory's files only: no service asked, no lock taken for long.
+The manifest and the consumer count come from the engine, through a manager
+built on the directory that never reaches the service (it starts no thread
+and takes no lock). What the engine keeps to itself is read here from the
+directory's side files: the download still to do, whether another process
+holds the sync lock, whether an era transition runs, and when the manifest
+was written.
 """
 
 from __future__ import annotations
@@ -12,7 +17,7 @@ import time
 from typing import Any
 
 from .console import human_bytes
-from .run import Run
+from .run import LOCAL_ONLY_SERVER, Run, new_manager, refuse_token
 
 
 def manifest_totals(manifest) -> tuple[int, int]:
@@ -29,46 +34,51 @@ def manifest_totals(manifest) -> tuple[int, int]:
 
 
 def read_status(data_dir: str) -> dict:
-    """What a data directory holds, read from its files only (no service, no lock taken for long)."""
-    def load(name: str):
-        try:
-            with open(os.path.join(data_dir, name), encoding="utf-8") as handle:
-                return json.load(handle)
-        except (OSError, ValueError):
-            return None
+    """What a data directory holds (no service asked, no lock taken)."""
+    from tidewright import sync
 
+    manager = new_manager(data_dir, LOCAL_ONLY_SERVER, get_token=refuse_token)
     status: dict[str, Any] = {"data_dir": data_dir}
-    manifest = load("manifest.json")
-    if isinstance(manifest, dict):
-        files = manifest.get("files") if isinstance(manifest.get("files"), dict) else {}
-        sizes = [i.get("size_bytes") for i in files.values() if isinstance(i, dict)]
-        status.update(era_number=manifest.get("era_number"), version=manifest.get("version"),
-                      files=len(files), bytes=sum(s for s in sizes if isinstance(s, int) and s >= 0))
-        try:
-            status["synced_at"] = os.path.getmtime(os.path.join(data_dir, "manifest.json"))
-        except OSError:
-            status["synced_at"] = None
+    manifest = manager.get_manifest()
+    if manifest is not None:
+        nfiles, nbytes = manifest_totals(manifest)
+        status.update(era_number=manifest.era_number, version=manifest.version, files=nfiles, bytes=nbytes,
+                      synced_at=_modified_at(os.path.join(data_dir, "manifest.json")))
     else:
         status.update(era_number=None, version=None, files=0, bytes=0, synced_at=None)
-
-    progress = load("sync-progress.json")
-    status["sync"] = None
-    if isinstance(progress, dict):
-        status["sync"] = _progress_status(data_dir, progress)
+    status["sync"] = _download_to_do(data_dir, sync._sync_progress_path(data_dir))
+    # The engine's directory lock answers for its own process only; whether
+    # another process holds ".sync_flock" is asked of the kernel here.
     status["sync_running"] = _lock_held(os.path.join(data_dir, ".sync_flock"))
-
-    count = 0
-    try:
-        with open(os.path.join(data_dir, ".consumer_count"), encoding="utf-8") as handle:
-            count = int(handle.read().strip() or 0)
-    except (OSError, ValueError):
-        count = 0
-    status["consumer_count"] = count
+    status["consumer_count"] = manager.consumer_count()
+    # A manager knows of a transition only when it runs one itself; the
+    # marker file tells of one run by any process.
     status["in_transition"] = os.path.exists(os.path.join(data_dir, ".transition_lock"))
     return status
 
 
-def _progress_status(data_dir: str, progress: dict) -> dict:
+def _modified_at(path: str) -> float | None:
+    """When the manifest was written: the engine keeps no time of its last sync, the file system does."""
+    try:
+        return os.path.getmtime(path)
+    except OSError:
+        return None
+
+
+def _download_to_do(data_dir: str, progress_path: str) -> dict | None:
+    """How far the download of an unfinished sync got, or None when there is none.
+
+    The engine writes its progress file for outside observers and has no
+    reader for it: what it lists is compared here with the files and the
+    staging files ("<path>.tmp") in the directory.
+    """
+    try:
+        with open(progress_path, encoding="utf-8") as handle:
+            progress = json.load(handle)
+    except (OSError, ValueError):
+        return None
+    if not isinstance(progress, dict):
+        return None
     files = progress.get("files") if isinstance(progress.get("files"), dict) else {}
     updated = progress.get("updated_at") if isinstance(progress.get("updated_at"), (int, float)) else 0
     done_files = 0
