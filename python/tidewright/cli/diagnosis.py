@@ -34,8 +34,6 @@ def probe_http(url: str, *, range_header: str | None = None, timeout: float = 5.
     of the answer is read beyond its headers. ``timeout`` bounds the whole
     exchange, so a server trickling header lines cannot stretch it.
     """
-    import socket
-    import ssl
     from urllib.parse import urlsplit
 
     deadline = time.monotonic() + timeout
@@ -48,48 +46,68 @@ def probe_http(url: str, *, range_header: str | None = None, timeout: float = 5.
 
     try:
         parts = urlsplit(url)
-        host, port = parts.hostname, parts.port or (443 if parts.scheme == "https" else 80)
-        if parts.scheme not in ("http", "https") or not host:
+        request = _probe_request(parts, range_header)
+        if request is None:
             return None
-        authority = parts.netloc.rpartition("@")[2]
-        target = (parts.path or "/") + (f"?{parts.query}" if parts.query else "")
-        if any(c.isspace() or not c.isprintable() for c in target + authority):
-            return None  # would split the request line or inject a header
-        lines = [f"GET {target} HTTP/1.1", f"Host: {authority}",
-                 f"User-Agent: {PROG}/{package_version()} (diagnosis)", "Accept-Encoding: identity",
-                 "Connection: close"] + ([f"Range: {range_header}"] if range_header else [])
-        request = ("\r\n".join(lines) + "\r\n\r\n").encode("ascii")
-        with socket.create_connection((host, port), timeout=left()) as raw:
-            sock = raw
-            if parts.scheme == "https":
-                raw.settimeout(left())  # bounds the handshake as a whole
-                sock = ssl.create_default_context().wrap_socket(raw, server_hostname=host)
-            with sock:
-                sock.settimeout(left())
-                sock.sendall(request)
-                head = b""
-                while (b"\r\n\r\n" not in head and len(head) < _PROBE_HEAD_LIMIT
-                       and head.count(b"\n") <= _PROBE_HEAD_LINES):
-                    sock.settimeout(left())
-                    piece = sock.recv(4096)
-                    if not piece:
-                        break
-                    head += piece
-        if b"\r\n\r\n" not in head:
-            return None
-        status_line, *header_lines = head.split(b"\r\n\r\n", 1)[0].decode("latin-1").split("\r\n")
-        version, _, rest = status_line.partition(" ")
-        code = rest.split(" ", 1)[0]
-        if not version.startswith("HTTP/") or not (len(code) == 3 and code.isdigit()):
-            return None
-        answer: dict[str, Any] = {"status": int(code)}
-        for line in header_lines:
-            name, sep, value = line.partition(":")
-            if sep and name.strip().lower() in ("location", "content-range"):
-                answer[name.strip().lower()] = value.strip()
-        return answer
+        return _parse_head(_exchange(parts, request, left))
     except (OSError, ValueError, UnicodeError):
         return None
+
+
+def _probe_request(parts, range_header: str | None) -> bytes | None:
+    """The request's bytes, or None for a URL that is not plain http(s) or would not make a clean request."""
+    if parts.scheme not in ("http", "https") or not parts.hostname:
+        return None
+    authority = parts.netloc.rpartition("@")[2]
+    target = (parts.path or "/") + (f"?{parts.query}" if parts.query else "")
+    if any(c.isspace() or not c.isprintable() for c in target + authority):
+        return None  # would split the request line or inject a header
+    lines = [f"GET {target} HTTP/1.1", f"Host: {authority}",
+             f"User-Agent: {PROG}/{package_version()} (diagnosis)", "Accept-Encoding: identity",
+             "Connection: close"] + ([f"Range: {range_header}"] if range_header else [])
+    return ("\r\n".join(lines) + "\r\n\r\n").encode("ascii")
+
+
+def _exchange(parts, request: bytes, left) -> bytes:
+    """Send ``request`` and read the answer's head, each step bounded by what ``left()`` allows."""
+    import socket
+    import ssl
+
+    host, port = parts.hostname, parts.port or (443 if parts.scheme == "https" else 80)
+    with socket.create_connection((host, port), timeout=left()) as raw:
+        sock = raw
+        if parts.scheme == "https":
+            raw.settimeout(left())  # bounds the handshake as a whole
+            sock = ssl.create_default_context().wrap_socket(raw, server_hostname=host)
+        with sock:
+            sock.settimeout(left())
+            sock.sendall(request)
+            head = b""
+            while (b"\r\n\r\n" not in head and len(head) < _PROBE_HEAD_LIMIT
+                   and head.count(b"\n") <= _PROBE_HEAD_LINES):
+                sock.settimeout(left())
+                piece = sock.recv(4096)
+                if not piece:
+                    break
+                head += piece
+    return head
+
+
+def _parse_head(head: bytes) -> dict | None:
+    """The status with the Location and Content-Range headers, or None for a head that is not HTTP."""
+    if b"\r\n\r\n" not in head:
+        return None
+    status_line, *header_lines = head.split(b"\r\n\r\n", 1)[0].decode("latin-1").split("\r\n")
+    version, _, rest = status_line.partition(" ")
+    code = rest.split(" ", 1)[0]
+    if not version.startswith("HTTP/") or not (len(code) == 3 and code.isdigit()):
+        return None
+    answer: dict[str, Any] = {"status": int(code)}
+    for line in header_lines:
+        name, sep, value = line.partition(":")
+        if sep and name.strip().lower() in ("location", "content-range"):
+            answer[name.strip().lower()] = value.strip()
+    return answer
 
 
 def diagnose_connection(url: str) -> str:

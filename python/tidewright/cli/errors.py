@@ -259,34 +259,7 @@ def gave_up_error(run: Run, server: str, kept: str = _KEPT) -> CliError:
     hint_network = f"check --server and the network, then retry{kept}"
     operator = f"retry later; if it persists, tell the data service operator{kept}"
     if watch.gave_up == "fault":
-        seen = dict(watch.last_fault)
-        name = seen.get("file") or "a file"
-        if seen.get("reason") == "partial_transfer":
-            return CliError(EXIT_INTEGRITY, f"downloads of {name} kept ending before the size the manifest lists; "
-                            f"{after}", operator, details=seen)
-        if seen.get("status") == 416:
-            size = seen.get("expected_size")
-            listed = f" (listed at {size} bytes)" if isinstance(size, int) and size >= 0 else ""
-            return CliError(EXIT_ERA, f"the data service at {server} kept refusing byte ranges of {name}{listed} "
-                            f"with HTTP 416; {after}", operator, details=seen)
-        seen["probe"] = probe = probe_http(probe_url(server, name), range_header="bytes=0-0")
-        status = probe.get("status") if probe else None
-        if status in (401, 403):
-            status = None  # the probe carries no token: this says nothing about the engine's requests
-        if status in _TRANSIENT_STATUSES:
-            return CliError(EXIT_UNAVAILABLE, f"the data service at {server} kept answering HTTP {status} for {name}; "
-                            f"{after}", hint_network, details=seen)
-        redirect = _redirect_error(probe, server, name, after, operator, seen)
-        if redirect is not None:
-            return redirect
-        if status == 206 and not str(probe.get("content-range", "")).startswith("bytes 0-"):
-            return CliError(EXIT_ERA, f"the data service at {server} answers range requests for {name} with bytes "
-                            f"other than asked for (Content-Range: {probe.get('content-range') or 'none'}); {after}",
-                            operator, details=seen)
-        return CliError(EXIT_ERA, f"downloading {name} from {server} kept failing: the service answers, but not "
-                        f"with the file's bytes" + (f" (HTTP {status})" if status else "") + f"; {after}",
-                        operator, details=seen)
-
+        return _fault_error(dict(watch.last_fault), server, after, hint_network, operator)
     seen = dict(watch.last_outage)
     if seen.get("status"):
         what = f"HTTP {seen['status']}" + (f" {seen['error_code']}" if seen.get("error_code") else "")
@@ -302,6 +275,36 @@ def gave_up_error(run: Run, server: str, kept: str = _KEPT) -> CliError:
             return redirect
     return CliError(EXIT_UNAVAILABLE, f"cannot reach the data service at {server} ({seen['diagnosis']}); {after}",
                     hint_network, details=seen)
+
+
+def _fault_error(seen: dict, server: str, after: str, hint_network: str, operator: str) -> CliError:
+    """A download the service kept answering unusably: what the events tell, else what one probe of ours sees."""
+    name = seen.get("file") or "a file"
+    if seen.get("reason") == "partial_transfer":
+        return CliError(EXIT_INTEGRITY, f"downloads of {name} kept ending before the size the manifest lists; "
+                        f"{after}", operator, details=seen)
+    if seen.get("status") == 416:
+        size = seen.get("expected_size")
+        listed = f" (listed at {size} bytes)" if isinstance(size, int) and size >= 0 else ""
+        return CliError(EXIT_ERA, f"the data service at {server} kept refusing byte ranges of {name}{listed} "
+                        f"with HTTP 416; {after}", operator, details=seen)
+    seen["probe"] = probe = probe_http(probe_url(server, name), range_header="bytes=0-0")
+    status = probe.get("status") if probe else None
+    if status in (401, 403):
+        status = None  # the probe carries no token: this says nothing about the engine's requests
+    if status in _TRANSIENT_STATUSES:
+        return CliError(EXIT_UNAVAILABLE, f"the data service at {server} kept answering HTTP {status} for {name}; "
+                        f"{after}", hint_network, details=seen)
+    redirect = _redirect_error(probe, server, name, after, operator, seen)
+    if redirect is not None:
+        return redirect
+    if status == 206 and not str(probe.get("content-range", "")).startswith("bytes 0-"):
+        return CliError(EXIT_ERA, f"the data service at {server} answers range requests for {name} with bytes "
+                        f"other than asked for (Content-Range: {probe.get('content-range') or 'none'}); {after}",
+                        operator, details=seen)
+    return CliError(EXIT_ERA, f"downloading {name} from {server} kept failing: the service answers, but not "
+                    f"with the file's bytes" + (f" (HTTP {status})" if status else "") + f"; {after}",
+                    operator, details=seen)
 
 
 def _redirect_error(probe: dict | None, server: str, name: str, after: str, hint: str, seen: dict) -> CliError | None:
