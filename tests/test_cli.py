@@ -4,6 +4,8 @@ Most cases call ``main(argv)`` in-process; Ctrl-C and the unreachable
 service run the CLI as a subprocess, as a user would.
 """
 
+import contextlib
+import fcntl
 import importlib.metadata
 import io
 import json
@@ -517,6 +519,45 @@ def test_human_status_tells_what_the_directory_holds(service, data_dir, state, e
     for label, value in expected.items():
         assert status_line(out, label).startswith(value.format(files=len(service.manifest()["files"]))), out
     assert ("era transition" in out) == ("era transition" in expected)
+
+
+@pytest.mark.parametrize("state", ["never synced", "sync starting elsewhere", "synced", "in use during a transition"])
+def test_json_status_tells_what_the_directory_holds(service, data_dir, state):
+    manifest = service.manifest()
+    if state in ("synced", "in use during a transition"):
+        assert run_cli("sync", "--server", service.url, "--data-dir", data_dir, "--token", SECRET)[0] == 0
+    if state == "in use during a transition":
+        (data_dir / ".consumer_count").write_text("2")
+        (data_dir / ".transition_lock").write_text(str(os.getpid()))
+    with contextlib.ExitStack() as held:
+        if state == "sync starting elsewhere":
+            # A sync that holds the directory's lock and has not started downloading yet.
+            fd = os.open(data_dir / ".sync_flock", os.O_RDWR | os.O_CREAT)
+            held.callback(os.close, fd)
+            fcntl.flock(fd, fcntl.LOCK_EX)
+        # status asks neither the service nor for a token: a --server it cannot use is no matter.
+        code, status, err = run_json("status", "--data-dir", data_dir, "--server", "not a url")
+        human = run_cli("status", "--data-dir", data_dir)[1]
+    assert code == 0 and err == ""
+    synced = state != "never synced" and state != "sync starting elsewhere"
+    assert (status["era_number"], status["version"]) == ((1, 1) if synced else (None, None))
+    assert status["files"] == (len(manifest["files"]) if synced else 0)
+    assert status["bytes"] == (sum(e["size_bytes"] for e in manifest["files"].values()) if synced else 0)
+    assert (status["synced_at"] is not None) == synced
+    assert status["sync"] is None
+    assert status["sync_running"] == (state == "sync starting elsewhere")
+    assert status["consumer_count"] == (2 if state == "in use during a transition" else 0)
+    assert status["in_transition"] == (state == "in use during a transition")
+    assert status_line(human, "sync") == ("running (no download yet)" if status["sync_running"] else "idle")
+
+
+def test_status_and_verify_agree_on_a_manifest_the_engine_cannot_use(data_dir):
+    (data_dir / "manifest.json").write_text('{"era_number": -3, "version": 1, "files": {}}')
+    code, out, err = run_cli("status", "--data-dir", data_dir)
+    assert code == 0 and status_line(out, "manifest") == "none (never synced)"
+    assert "manifest" in err  # the engine's warning says why
+    code, out, err = run_json("verify", "--data-dir", data_dir)
+    assert code == cli.EXIT_ERA and "holds no manifest" in out["error"]["message"]
 
 
 @pytest.mark.parametrize("transport", ["urllib", "curl"])
