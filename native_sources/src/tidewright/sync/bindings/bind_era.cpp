@@ -17,30 +17,6 @@ namespace tidewright::sync::bindings {
 
 namespace {
 
-// The worker and the stop request of an EraThread are native; these views
-// give the host the thread-like and event-like reading of them.
-constexpr const char* kEraViewsSource = R"PY(
-class _EraWorkerView:
-    """The native worker thread of an EraThread (read-only view)."""
-
-    daemon = True
-
-    def __init__(self, owner):
-        self._owner = owner
-
-    def is_alive(self):
-        return self._owner.is_alive()
-
-
-class _EraStopView:
-    """The stop request of an EraThread (read-only view)."""
-
-    def __init__(self, owner):
-        self._owner = owner
-
-    def is_set(self):
-        return self._owner._stop_requested
-)PY";
 
 nb::handle g_module;
 
@@ -129,9 +105,7 @@ class HostTransitionTarget : public EraTransitionTarget {
 
 void bind_era(nb::module_& m) {
   g_module = m;
-  nb::object builtins = nb::module_::import_("builtins");
-  nb::dict globals = nb::borrow<nb::dict>(m.attr("__dict__"));
-  builtins.attr("exec")(builtins.attr("compile")(kEraViewsSource, "<tidewright.sync era>", "exec"), globals);
+  adopt_names(m, nb::module_::import_("tidewright._sync_era_views"));
 
   m.def(
       "_market_era_current_url",

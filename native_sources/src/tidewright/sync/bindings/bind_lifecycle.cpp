@@ -15,37 +15,6 @@ namespace tidewright::sync::bindings {
 
 namespace {
 
-// Host-side halves of the transition's calls into sibling modules whose
-// protocol is Python's own (a context manager, objects passed along).
-constexpr const char* kTransitionHelpersSource = R"PY(
-def _record_runtime_freshness_updates(updates):
-    import importlib
-
-    deployment = importlib.import_module("tidewright.deployment")
-    with deployment.runtime_freshness_guard() as guard:
-        for update in updates:
-            guard.record_sync_update(**update)
-
-
-def _load_era_transition_modules():
-    import importlib
-
-    deployment = importlib.import_module("tidewright.deployment")
-    for name in ("_CURRENT_VERSION", "check_update", "_compare_versions", "auto_update"):
-        getattr(deployment, name)
-    importlib.import_module("tidewright.search_tracking").SearchTracker
-
-
-def _track_era_transition(data_dir, new_era_number, previous_era_number):
-    import importlib
-
-    identity = importlib.import_module("tidewright.identity").resolve_identity_for_data_dir(data_dir)
-    tracker = importlib.import_module("tidewright.search_tracking").SearchTracker(data_dir, identity=identity)
-    try:
-        tracker.handle_era_transition(new_era_number=new_era_number, previous_era_number=previous_era_number)
-    finally:
-        tracker.close()
-)PY";
 
 template <typename F, typename... Extra>
 void def_method(nb::handle cls, const char* name, F&& f, const Extra&... extra) {
@@ -67,10 +36,7 @@ nb::object dict_of(const json::object& value) { return from_json(json::value(val
 }  // namespace
 
 void bind_lifecycle(nb::module_& m) {
-  nb::object builtins = nb::module_::import_("builtins");
-  nb::dict globals = nb::borrow<nb::dict>(m.attr("__dict__"));
-  builtins.attr("exec")(builtins.attr("compile")(kTransitionHelpersSource, "<tidewright.sync transition>", "exec"),
-                        globals);
+  adopt_names(m, nb::module_::import_("tidewright._sync_transition"));
 
   nb::handle cls = nb::type<SyncManager>();
   using release_gil = nb::call_guard<nb::gil_scoped_release>;

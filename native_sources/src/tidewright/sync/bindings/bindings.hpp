@@ -22,6 +22,12 @@ void bind_rotation(nb::module_& m);             // bind_rotation.cpp: rotation c
 void bind_era(nb::module_& m);                  // bind_era.cpp: era-current helpers, EraThread
 void bind_lifecycle(nb::module_& m);            // bind_lifecycle.cpp: SyncManager lifecycle, era transitions
 
+// Takes every name the package module `part` defines into `m`: the classes
+// and helpers of this module that are written in Python (_sync_errors.py and
+// its siblings). Its classes and functions get `m`'s name, so that they print,
+// pickle and are looked up as this module's own.
+void adopt_names(nb::module_& m, nb::handle part);
+
 // Stops every live manager; called at interpreter exit (bind_manager.cpp).
 void shutdown_all_managers();
 
