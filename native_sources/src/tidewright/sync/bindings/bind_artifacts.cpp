@@ -114,7 +114,7 @@ void bind_artifacts(nb::module_& m) {
   m.def(
       "_validate_vocabulary_file",
       [](nb::handle path, nb::handle era, nb::handle universe) {
-        std::string p = to_text(nb::module_::import_("os").attr("fspath")(path));
+        std::string p = path_text(path);
         json::object out = validate_vocabulary_file(p, era_of(era), opt_text(universe), host().manifest_siblings());
         return from_json(json::value(std::move(out)));
       },

@@ -30,14 +30,6 @@ its _manifest attribute) when started.
 is_alive() stays true for a worker that outlived stop()'s wait of 10
 seconds, until it ends.)DOC";
 
-json::value market_id_value(nb::handle market_id) {
-  try {
-    return to_json(market_id);
-  } catch (nb::python_error&) {
-    return nullptr;
-  }
-}
-
 // A native kill/restart function as a host callable (the GIL is released
 // while it runs).
 nb::object searches_fn_object(const SearchesFn& fn) {
@@ -48,11 +40,6 @@ nb::object searches_fn_object(const SearchesFn& fn) {
     nb::gil_scoped_release release;
     native();
   });
-}
-
-SearchesFn searches_fn_from(nb::handle fn) {
-  if (fn.is_none()) return SearchesFn();
-  return SearchesFn::host_callable(make_ref(fn));
 }
 
 // A sync manager of the host's own making: any object with the manager's
@@ -110,7 +97,7 @@ void bind_era(nb::module_& m) {
   m.def(
       "_market_era_current_url",
       [](nb::handle server_url, nb::handle market_id) {
-        std::int64_t market = coerce_agent_market_id(market_id_value(market_id), to_text(nb::repr(market_id)));
+        std::int64_t market = coerce_agent_market_id(json_or_null(market_id), to_text(nb::repr(market_id)));
         return market_era_current_url(to_text(server_url), market);
       },
       nb::arg("server_url"), nb::arg("market_id").none());
@@ -144,7 +131,7 @@ void bind_era(nb::module_& m) {
              options.era_poll_interval_s = era_poll_interval_s;
              options.kill_searches_fn = searches_fn_from(kill_searches_fn);
              options.restart_searches_fn = searches_fn_from(restart_searches_fn);
-             options.market_id = market_id_value(market_id);
+             options.market_id = json_or_null(market_id);
              options.market_id_repr = to_text(nb::repr(market_id));
              std::shared_ptr<EraThread> thread;
              {

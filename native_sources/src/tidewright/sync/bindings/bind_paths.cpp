@@ -40,16 +40,6 @@ json::object manifest_files(nb::handle manifest) {
   return std::move(value.get_object());
 }
 
-nb::tuple to_tuple(const std::vector<std::string>& items) {
-  nb::object tuple = nb::steal(PyTuple_New(static_cast<Py_ssize_t>(items.size())));
-  if (!tuple.is_valid()) throw nb::python_error();
-  for (std::size_t i = 0; i < items.size(); ++i) {
-    nb::str item(items[i].data(), items[i].size());
-    PyTuple_SET_ITEM(tuple.ptr(), static_cast<Py_ssize_t>(i), item.release().ptr());
-  }
-  return nb::borrow<nb::tuple>(tuple);
-}
-
 struct FeatureQuery {
   json::object files;
   std::string feature_name;
@@ -89,7 +79,7 @@ void bind_paths(nb::module_& m) {
   m.def(
       "_manifest_local_path",
       [](nb::handle data_dir, nb::handle file_path) {
-        std::string dir = to_text(nb::module_::import_("os").attr("fspath")(data_dir));
+        std::string dir = path_text(data_dir);
         std::string path = to_text(file_path);
         nb::gil_scoped_release release;
         return manifest_local_path(dir, path);
@@ -130,7 +120,7 @@ void bind_paths(nb::module_& m) {
           nb::gil_scoped_release release;
           paths = manifest_feature_companion_relative_paths(files, path);
         }
-        return to_tuple(paths);
+        return text_tuple(paths);
       },
       "manifest"_a, "relative_path"_a,
       "Return the other manifest files of a feature's runtime family, sorted.");
@@ -145,7 +135,7 @@ void bind_paths(nb::module_& m) {
           paths = manifest_feature_prefetch_relative_paths(q.files, q.feature_name, q.expression_type,
                                                            view_of(q.named_universe), q.epochs);
         }
-        return to_tuple(paths);
+        return text_tuple(paths);
       },
       "manifest"_a, nb::kw_only(), "feature_name"_a, "expression_type"_a.none() = "SIGNAL",
       "named_universe"_a.none() = nb::none(), "Return a feature's manifest path followed by its companions.");

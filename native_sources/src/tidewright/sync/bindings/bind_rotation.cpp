@@ -19,26 +19,12 @@
 
 namespace tidewright::sync::bindings {
 
-// Defined with the SyncResult class in bind_manager.cpp.
-SyncResult from_python_result(nb::handle r);
-void update_python_result(nb::handle target, const SyncResult& r);
-
 namespace {
 
 using namespace nanobind::literals;
 
-std::string path_text(nb::handle value) {
-  return to_text(nb::module_::import_("os").attr("fspath")(value));
-}
-
 nb::object rotation_module() {
   return nb::module_::import_("importlib").attr("import_module")(std::string(ARTIFACT_ROTATION_MODULE));
-}
-
-nb::tuple to_tuple(const std::vector<std::string>& items) {
-  nb::list list;
-  for (const auto& s : items) list.append(nb::str(s.data(), s.size()));
-  return nb::tuple(list);
 }
 
 nb::tuple tuple_of_json(const json::array& items) {
@@ -251,7 +237,7 @@ void bind_module_functions(nb::module_& m) {
           nb::gil_scoped_release release;
           out = existing_rotation_paths(dir, paths);
         }
-        return to_tuple(out);
+        return text_tuple(out);
       },
       "data_dir"_a, "relative_paths"_a);
 
@@ -309,7 +295,7 @@ void bind_module_functions(nb::module_& m) {
           nb::gil_scoped_release release;
           out = manifest_prefetched_feature_paths(*m, given, host().manifest_siblings());
         }
-        return to_tuple(out);
+        return text_tuple(out);
       },
       "manifest"_a.none(), "paths"_a);
 }
@@ -375,7 +361,7 @@ void bind_manager_methods() {
           nb::gil_scoped_release release;
           paths = self.prefetched_feature_keep_paths(*m);
         }
-        return to_tuple(paths);
+        return text_tuple(paths);
       },
       nb::scope(cls), nb::name("_prefetched_feature_keep_paths"), nb::is_method(), "manifest"_a.none());
 

@@ -11,11 +11,6 @@ namespace tidewright::sync::bindings {
 
 namespace {
 
-std::optional<json::value> optional_to_json_or_text(nb::handle object) {
-  if (object.is_none()) return std::nullopt;
-  return to_json_or_text(object);
-}
-
 const json::value* pointer(const std::optional<json::value>& value) { return value ? &*value : nullptr; }
 
 
@@ -40,13 +35,13 @@ void bind_tuning_functions(nb::module_& m) {
               nb::cpp_function(&native::sync_manifest_version_http_timeout_seconds));
   nb::setattr(defaults, "sync_http_response_read_bytes", nb::cpp_function(&native::sync_http_response_read_bytes));
   nb::setattr(defaults, "sync_http_transport", nb::cpp_function([](nb::handle raw) {
-                return native::sync_http_transport(pointer(optional_to_json_or_text(raw)));
+                return native::sync_http_transport(pointer(optional_json_or_text(raw)));
               }, nb::arg("raw").none()));
   nb::setattr(defaults, "sync_http_chunk_bytes", nb::cpp_function([](nb::handle raw) {
-                return native::sync_http_chunk_bytes(pointer(optional_to_json_or_text(raw)));
+                return native::sync_http_chunk_bytes(pointer(optional_json_or_text(raw)));
               }, nb::arg("raw").none()));
   nb::setattr(defaults, "sync_max_concurrency", nb::cpp_function([](nb::handle raw) {
-                return native::sync_max_concurrency(pointer(optional_to_json_or_text(raw)));
+                return native::sync_max_concurrency(pointer(optional_json_or_text(raw)));
               }, nb::arg("raw").none()));
   nb::setattr(defaults, "note_tuning_function", nb::cpp_function(&note_tuning_function, nb::arg("name"),
                                                                nb::arg("value").none()));

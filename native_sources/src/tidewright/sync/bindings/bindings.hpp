@@ -8,6 +8,16 @@ namespace tidewright::sync::bindings {
 
 namespace nb = nanobind;
 
+// The one way a binding enters the core without the GIL. nanobind converts
+// the arguments before the call and the result after it with the GIL held,
+// and releases it for the call alone; so a core method whose arguments and
+// result have converters (convert.hpp) is bound directly:
+//   .def("sync", &SyncManager::sync, kReleaseGil)
+// and a shim that needs another shape converts only through those argument
+// types. Nothing Python may be touched inside such a call; callables the core
+// calls back take the GIL themselves (PythonHost, make_ref).
+inline constexpr nb::call_guard<nb::gil_scoped_release> kReleaseGil{};
+
 void bind_errors(nb::module_& m);               // errors.cpp
 void bind_paths(nb::module_& m);                // bind_paths.cpp: paths, URLs, platform
 void bind_sanitize(nb::module_& m);             // bind_sanitize.cpp: sanitisation predicates/filters
