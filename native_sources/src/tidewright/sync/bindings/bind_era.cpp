@@ -1,4 +1,5 @@
 // The era-current endpoint helpers and EraThread, as seen from Python.
+#include "tidewright/sync/bindings/annotations.hpp"
 #include "tidewright/sync/bindings/bindings.hpp"
 #include "tidewright/sync/bindings/convert.hpp"
 #include "tidewright/sync/bindings/lifetime.hpp"
@@ -96,7 +97,7 @@ void bind_era(nb::module_& m) {
 
   m.def(
       "_market_era_current_url",
-      [](nb::handle server_url, nb::handle market_id) {
+      [](Shown<shown::Str> server_url, nb::handle market_id) {
         std::int64_t market = coerce_agent_market_id(json_or_null(market_id), to_text(nb::repr(market_id)));
         return market_era_current_url(to_text(server_url), market);
       },
@@ -104,7 +105,7 @@ void bind_era(nb::module_& m) {
 
   m.def(
       "_normalize_era_current_response",
-      [](nb::handle data) -> nb::object {
+      [](Shown<shown::JsonObject> data) -> nb::object {
         if (!nb::isinstance<nb::dict>(data)) return nb::dict();
         if (!nb::borrow<nb::dict>(data).contains("era")) return nb::borrow(data);  // the flat shape, as it came
         return from_json(normalize_era_current_response(to_json(data)));

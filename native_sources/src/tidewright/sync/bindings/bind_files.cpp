@@ -1,6 +1,7 @@
 // Python face of the file utilities (hashing, atomic writes, the progress
 // file) and of the manifest files. Arguments are converted with the GIL held;
 // hashing and file I/O then run without it.
+#include "tidewright/sync/bindings/annotations.hpp"
 #include "tidewright/sync/bindings/bindings.hpp"
 #include "tidewright/sync/bindings/convert.hpp"
 #include "tidewright/sync/bindings/python_host.hpp"
@@ -188,8 +189,7 @@ void bind_files(nb::module_& m) {
 
   m.def(
       "_write_manifest_json",
-      [](nb::handle data_dir, nb::handle manifest_data, nb::handle server_manifest_sha256,
-         nb::handle server_manifest_body_sha256) {
+      [](Shown<shown::PathLike> data_dir, Shown<shown::JsonObject> manifest_data, nb::handle server_manifest_sha256, nb::handle server_manifest_body_sha256) {
         std::string dir = fs_path(data_dir);
         json::object data = mapping_arg(manifest_data, "manifest_data");
         std::optional<std::string> sha = truthy_text(server_manifest_sha256);
@@ -202,11 +202,11 @@ void bind_files(nb::module_& m) {
       nb::arg("server_manifest_body_sha256").none() = nb::none());
   m.def(
       "_manifest_sync_metadata_path",
-      [](nb::handle data_dir) { return path_result(manifest_sync_metadata_path(fs_path(data_dir))); },
+      [](Shown<shown::PathLike> data_dir) { return path_result(manifest_sync_metadata_path(fs_path(data_dir))); },
       nb::arg("data_dir"));
   m.def(
       "_load_manifest_sync_metadata",
-      [](nb::handle data_dir) {
+      [](Shown<shown::PathLike> data_dir) {
         std::string dir = fs_path(data_dir);
         json::object metadata;
         {
@@ -218,8 +218,7 @@ void bind_files(nb::module_& m) {
       nb::arg("data_dir"));
   m.def(
       "_write_manifest_sync_metadata",
-      [](nb::handle data_dir, nb::handle manifest_data, nb::handle server_manifest_sha256,
-         nb::handle server_manifest_body_sha256) {
+      [](Shown<shown::PathLike> data_dir, Shown<shown::JsonObject> manifest_data, nb::handle server_manifest_sha256, nb::handle server_manifest_body_sha256) {
         std::string dir = fs_path(data_dir);
         json::object data = mapping_arg(manifest_data, "manifest_data");
         std::optional<std::string> sha = truthy_text(server_manifest_sha256);
@@ -232,8 +231,7 @@ void bind_files(nb::module_& m) {
       nb::arg("server_manifest_body_sha256").none() = nb::none());
   m.def(
       "_manifest_hash_hint_matches_local_state",
-      [](nb::handle data_dir, nb::handle local_version, nb::handle local_era_number,
-         nb::handle server_manifest_sha_hint) {
+      [](Shown<shown::PathLike> data_dir, Shown<shown::Int> local_version, Shown<shown::Int> local_era_number, nb::handle server_manifest_sha_hint) {
         std::optional<std::string> hint = truthy_text(server_manifest_sha_hint);
         // Without a hint there is nothing to compare, whatever the local values are.
         if (!hint) return false;

@@ -2,6 +2,7 @@
 // transport's helpers, the download-to-path entry and the error-body
 // helpers. Requests run with the GIL released; response headers are decoded
 // as ISO-8859-1, as the host's own HTTP client does.
+#include "tidewright/sync/bindings/annotations.hpp"
 #include "tidewright/sync/bindings/bindings.hpp"
 #include "tidewright/sync/bindings/convert.hpp"
 #include "tidewright/sync/bindings/errors.hpp"
@@ -204,7 +205,7 @@ void bind_http(nb::module_& m) {
 
   m.def(
       "_parse_sync_error_body",
-      [](nb::handle body) -> nb::object {
+      [](Shown<shown::Bytes> body) -> nb::object {
         std::optional<std::string> data;
         if (!nb::isinstance<nb::str>(body)) data = raw_bytes(body);
         if (!data) return nb::dict();
@@ -218,7 +219,7 @@ void bind_http(nb::module_& m) {
       nb::arg("body").none());
   m.def(
       "_sync_unavailable_from",
-      [](nb::handle url, nb::handle attempts, nb::handle statuses, nb::handle failures, nb::handle details) {
+      [](Shown<shown::Str> url, Shown<shown::Int> attempts, nb::handle statuses, nb::handle failures, Shown<shown::JsonObject> details) {
         json::value plain = details.is_none() ? json::value(json::object()) : to_json_or_text(details);
         const json::object empty;
         const json::object& fields = plain.is_object() ? plain.get_object() : empty;

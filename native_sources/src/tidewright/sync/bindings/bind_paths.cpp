@@ -4,6 +4,7 @@
 // nanoseconds of work; they keep the GIL, since handing it to another thread
 // and waiting for it back would cost far more. Functions that scan a whole
 // manifest or touch the disk release it.
+#include "tidewright/sync/bindings/annotations.hpp"
 #include "tidewright/sync/bindings/bindings.hpp"
 #include "tidewright/sync/bindings/convert.hpp"
 #include "tidewright/sync/manifest/paths.hpp"
@@ -73,12 +74,12 @@ void bind_paths(nb::module_& m) {
 
   m.def(
       "_safe_manifest_relative_path",
-      [](nb::handle file_path) { return safe_manifest_relative_path(to_text(file_path)); }, "file_path"_a,
+      [](Shown<shown::Str> file_path) { return safe_manifest_relative_path(to_text(file_path)); }, "file_path"_a,
       "Normalize and validate a manifest path before URL/local path use.");
 
   m.def(
       "_manifest_local_path",
-      [](nb::handle data_dir, nb::handle file_path) {
+      [](Shown<shown::PathLike> data_dir, Shown<shown::Str> file_path) {
         std::string dir = path_text(data_dir);
         std::string path = to_text(file_path);
         nb::gil_scoped_release release;
@@ -96,7 +97,7 @@ void bind_paths(nb::module_& m) {
 
   m.def(
       "_manifest_feature_relative_path",
-      [](nb::handle manifest, nb::handle feature_name, nb::handle expression_type, nb::handle named_universe) {
+      [](nb::handle manifest, Shown<shown::Str> feature_name, nb::handle expression_type, nb::handle named_universe) {
         FeatureQuery q = feature_query(manifest, feature_name, expression_type, named_universe);
         nb::gil_scoped_release release;
         return manifest_feature_relative_path(q.files, q.feature_name, q.expression_type,
@@ -107,12 +108,12 @@ void bind_paths(nb::module_& m) {
 
   m.def(
       "_feature_artifact_family_prefix",
-      [](nb::handle feature_name) { return feature_artifact_family_prefix(to_text(feature_name)); },
+      [](Shown<shown::Str> feature_name) { return feature_artifact_family_prefix(to_text(feature_name)); },
       "feature_name"_a, "Return the manifest stem prefix shared by runtime companion features.");
 
   m.def(
       "_manifest_feature_companion_relative_paths",
-      [](nb::handle manifest, nb::handle relative_path) {
+      [](nb::handle manifest, Shown<shown::Str> relative_path) {
         json::object files = manifest_files(manifest);
         std::string path = to_text(relative_path);
         std::vector<std::string> paths;
@@ -127,7 +128,7 @@ void bind_paths(nb::module_& m) {
 
   m.def(
       "_manifest_feature_prefetch_relative_paths",
-      [](nb::handle manifest, nb::handle feature_name, nb::handle expression_type, nb::handle named_universe) {
+      [](nb::handle manifest, Shown<shown::Str> feature_name, nb::handle expression_type, nb::handle named_universe) {
         FeatureQuery q = feature_query(manifest, feature_name, expression_type, named_universe);
         std::vector<std::string> paths;
         {
@@ -143,7 +144,7 @@ void bind_paths(nb::module_& m) {
   // The bearer-transport check calls the host with the GIL held either way.
   m.def(
       "_manifest_file_url",
-      [](nb::handle server_url, nb::handle file_path, nb::handle base_url) {
+      [](Shown<shown::Str> server_url, Shown<shown::Str> file_path, nb::handle base_url) {
         std::optional<std::string> base = optional_text(base_url);
         return manifest_file_url(to_text(server_url), to_text(file_path), view_of(base));
       },
@@ -151,7 +152,7 @@ void bind_paths(nb::module_& m) {
 
   m.def(
       "_manifest_base_url_uses_public_download",
-      [](nb::handle server_url, nb::handle base_url) {
+      [](Shown<shown::Str> server_url, nb::handle base_url) {
         std::optional<std::string> base = optional_text(base_url);
         return manifest_base_url_uses_public_download(to_text(server_url), view_of(base));
       },
@@ -159,7 +160,7 @@ void bind_paths(nb::module_& m) {
 
   m.def(
       "_agent_signal_group_key",
-      [](nb::handle file_path, nb::handle prefix) {
+      [](Shown<shown::Str> file_path, Shown<shown::Str> prefix) {
         return agent_signal_group_key(to_text(file_path), to_text(prefix), host().manifest_siblings().epochs);
       },
       "file_path"_a, "prefix"_a, "Return the pool-scoped signal group key for current manifest paths.");

@@ -124,7 +124,7 @@ void bind_module_functions(nb::module_& m) {
 
   m.def(
       "_feature_named_universe_from_path",
-      [](nb::handle file_path) { return feature_named_universe_from_path(to_text(file_path)); }, "file_path"_a);
+      [](Shown<shown::Str> file_path) { return feature_named_universe_from_path(to_text(file_path)); }, "file_path"_a);
   m.def(
       "_rotation_manifest_default_named_universe",
       [](nb::handle manifest_data) { return rotation_manifest_default_named_universe(manifest_data_of(manifest_data)); },
@@ -135,7 +135,7 @@ void bind_module_functions(nb::module_& m) {
       "manifest_data"_a.none());
   m.def(
       "_rotation_file_info_with_legacy_scope",
-      [](nb::handle file_path, nb::handle file_info, nb::handle manifest_data) {
+      [](Shown<shown::Str> file_path, Shown<shown::JsonObject> file_info, nb::handle manifest_data) {
         std::string path = to_text(file_path);
         json::value info = to_json(file_info);
         json::object data = manifest_data_of(manifest_data);
@@ -229,7 +229,7 @@ void bind_module_functions(nb::module_& m) {
       "result"_a, "selection"_a);
   m.def(
       "_existing_rotation_paths",
-      [](nb::handle data_dir, nb::handle relative_paths) {
+      [](Shown<shown::PathLike> data_dir, nb::handle relative_paths) {
         std::string dir = path_text(data_dir);
         std::vector<std::string> paths = texts(relative_paths);
         std::vector<std::string> out;
@@ -247,7 +247,7 @@ void bind_module_functions(nb::module_& m) {
       "data_dir"_a, "Path of the persisted feature-rotation state in data_dir.");
   m.def(
       "_prefetched_features_state_path",
-      [](nb::handle data_dir) { return prefetched_features_state_path(path_text(data_dir)); }, "data_dir"_a);
+      [](Shown<shown::PathLike> data_dir) { return prefetched_features_state_path(path_text(data_dir)); }, "data_dir"_a);
   m.def(
       "load_feature_rotation_state",
       [](Shown<shown::PathLike> data_dir) -> ShownObject<shown::OptionalRotationState> {
