@@ -132,7 +132,7 @@ void bind_files(nb::module_& m) {
 
   m.def(
       "_sha256",
-      [](nb::handle data) {
+      [](Shown<shown::Bytes> data) {
         BytesView bytes(data);
         nb::gil_scoped_release release;
         return sha256(bytes.data());
@@ -140,7 +140,7 @@ void bind_files(nb::module_& m) {
       nb::arg("data"));
   m.def(
       "_sha256_file",
-      [](nb::handle filepath, std::int64_t chunk_bytes) {
+      [](Shown<shown::PathLike> filepath, std::int64_t chunk_bytes) {
         std::string path = fs_path(filepath);
         nb::gil_scoped_release release;
         return sha256_file(path, chunk_bytes);
@@ -148,7 +148,7 @@ void bind_files(nb::module_& m) {
       nb::arg("filepath"), nb::arg("chunk_bytes") = SYNC_HASH_FILE_CHUNK_BYTES, kSha256FileDoc);
   m.def(
       "_atomic_write",
-      [](nb::handle filepath, nb::handle data) {
+      [](Shown<shown::PathLike> filepath, Shown<shown::Bytes> data) {
         std::string path = fs_path(filepath);
         BytesView bytes(data);
         nb::gil_scoped_release release;
@@ -164,11 +164,11 @@ void bind_files(nb::module_& m) {
   });
 
   m.def(
-      "_sync_progress_path", [](nb::handle data_dir) { return path_result(sync_progress_path(fs_path(data_dir))); },
+      "_sync_progress_path", [](Shown<shown::PathLike> data_dir) { return path_result(sync_progress_path(fs_path(data_dir))); },
       nb::arg("data_dir"));
   m.def(
       "_write_sync_progress_json",
-      [](nb::handle data_dir, nb::handle manifest, nb::handle files_to_download) {
+      [](Shown<shown::PathLike> data_dir, nb::handle manifest, Shown<shown::JsonObject> files_to_download) {
         std::string dir = fs_path(data_dir);
         std::int64_t era_number = manifest_number(manifest, "era_number");
         std::int64_t version = manifest_number(manifest, "version");
@@ -180,7 +180,7 @@ void bind_files(nb::module_& m) {
       nb::arg("data_dir"), nb::arg("manifest").none(), nb::arg("files_to_download"));
   m.def(
       "_remove_sync_progress_json",
-      [](nb::handle data_dir) {
+      [](Shown<shown::PathLike> data_dir) {
         std::string dir = fs_path(data_dir);
         nb::gil_scoped_release release;
         remove_sync_progress_json(dir);

@@ -131,7 +131,7 @@ void bind_http(nb::module_& m) {
       nb::arg("req"), nb::arg("timeout"), nb::arg("transport") = nb::none());
   m.def(
       "_download_request_to_path",
-      [](nb::handle req, nb::handle output, double timeout, nb::handle transport) {
+      [](nb::handle req, Shown<shown::PathLike> output, double timeout, nb::handle transport) {
         HttpRequest request = request_from(req);
         std::string output_path = fs_path(output);
         std::optional<std::string> knob = optional_text(transport);

@@ -236,7 +236,7 @@ void bind_manager(nb::module_& m) {
            kReleaseGil,
            nb::arg("file_path"), nb::arg("local_path"), nb::arg("file_info"), nb::arg("cache_allowed") = true)
       .def("_download_file",
-           [](SyncManager& s, const std::string& file_path, nb::handle info, nb::handle result,
+           [](SyncManager& s, const std::string& file_path, Shown<shown::JsonObject> info, Shown<shown::SyncResult> result,
               nb::handle retry_status_callback, std::optional<std::string> target_data_dir,
               const std::string& backoff_surface, bool retry_partial_transfer, bool retry_checksum_mismatch) {
              json::value v = to_json(info);
@@ -261,7 +261,7 @@ void bind_manager(nb::module_& m) {
            nb::arg("retry_partial_transfer") = true, nb::arg("retry_checksum_mismatch") = true,
            "Download a single file with checksum verification and atomic write.")
       .def("_download_files_parallel",
-           [](SyncManager& s, nb::handle files, nb::handle result) {
+           [](SyncManager& s, Shown<shown::ManifestFiles> files, Shown<shown::SyncResult> result) {
              auto items = file_items(files);
              std::vector<DownloadJob> jobs;
              jobs.reserve(items.size());

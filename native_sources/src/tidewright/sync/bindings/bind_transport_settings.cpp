@@ -1,5 +1,6 @@
 // Python face of the transport settings: constants, the tuning functions a
 // host may replace, the parallel timeout and the download status policy.
+#include "tidewright/sync/bindings/annotations.hpp"
 #include "tidewright/sync/bindings/bindings.hpp"
 #include "tidewright/sync/bindings/convert.hpp"
 #include "tidewright/sync/transport/settings.hpp"
@@ -94,7 +95,7 @@ void bind_transport_settings(nb::module_& m) {
   // The batch is unbounded whatever its shape, so the counts are accepted as given.
   m.def(
       "_sync_parallel_timeout_seconds",
-      [](nb::handle, nb::handle) { return sync_parallel_timeout_seconds(0, 0); }, nb::arg("file_count").none(),
+      [](Shown<shown::Int>, Shown<shown::Int>) { return sync_parallel_timeout_seconds(0, 0); }, nb::arg("file_count").none(),
       nb::arg("max_workers").none(),
       "No timeout (None): a parallel download batch is never cut off by a wall-clock limit. The engine does not "
       "consult this function, so replacing it changes nothing.");
@@ -102,11 +103,11 @@ void bind_transport_settings(nb::module_& m) {
         nb::arg("timeout_seconds").none());
 
   m.def(
-      "_should_retry_http_status", [](nb::handle status) { return should_retry_http_status(to_json_or_text(status)); },
+      "_should_retry_http_status", [](Shown<shown::Int> status) { return should_retry_http_status(to_json_or_text(status)); },
       nb::arg("status").none());
   m.def(
       "_raise_download_http_status",
-      [](nb::handle file_path, nb::handle status) {
+      [](Shown<shown::Str> file_path, nb::handle status) {
         raise_download_http_status(to_text(file_path), to_json_or_text(status));
       },
       nb::arg("file_path"), nb::arg("status").none());
