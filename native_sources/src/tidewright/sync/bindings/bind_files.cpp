@@ -22,47 +22,6 @@ namespace {
 
 [[noreturn]] void raise_from_python() { throw nb::python_error(); }
 
-// A file-system path argument (str, bytes or path-like) in the file system's
-// encoding.
-std::string fs_path(nb::handle object) {
-  PyObject* raw = PyOS_FSPath(object.ptr());
-  if (!raw) raise_from_python();
-  nb::object path = nb::steal(raw);
-  if (PyUnicode_Check(raw)) {
-    path = nb::steal(PyUnicode_EncodeFSDefault(raw));
-    if (!path.is_valid()) raise_from_python();
-  }
-  char* data = nullptr;
-  Py_ssize_t size = 0;
-  if (PyBytes_AsStringAndSize(path.ptr(), &data, &size) != 0) raise_from_python();
-  return std::string(data, static_cast<std::size_t>(size));
-}
-
-nb::str path_result(const std::string& path) {
-  PyObject* text = PyUnicode_DecodeFSDefaultAndSize(path.data(), static_cast<Py_ssize_t>(path.size()));
-  if (!text) raise_from_python();
-  return nb::steal<nb::str>(text);
-}
-
-// A read-only view of a bytes-like argument. The buffer stays exported (and
-// so unchanged in size) until the view is destroyed, which must happen with
-// the GIL held: declare it before any gil_scoped_release.
-class BytesView {
- public:
-  explicit BytesView(nb::handle object) {
-    if (PyObject_GetBuffer(object.ptr(), &view_, PyBUF_SIMPLE) != 0) raise_from_python();
-  }
-  BytesView(const BytesView&) = delete;
-  BytesView& operator=(const BytesView&) = delete;
-  ~BytesView() { PyBuffer_Release(&view_); }
-  std::string_view data() const {
-    return std::string_view(static_cast<const char*>(view_.buf), static_cast<std::size_t>(view_.len));
-  }
-
- private:
-  Py_buffer view_{};
-};
-
 bool is_true(nb::handle object) {
   int truth = PyObject_IsTrue(object.ptr());
   if (truth < 0) raise_from_python();
@@ -130,31 +89,14 @@ void bind_files(nb::module_& m) {
   m.attr("_MANIFEST_SYNC_METADATA_FILENAME") =
       nb::str(MANIFEST_SYNC_METADATA_FILENAME.data(), MANIFEST_SYNC_METADATA_FILENAME.size());
 
-  m.def(
-      "_sha256",
-      [](Shown<shown::Bytes> data) {
-        BytesView bytes(data);
-        nb::gil_scoped_release release;
-        return sha256(bytes.data());
-      },
-      nb::arg("data"));
+  m.def("_sha256", [](const BytesArg& data) { return sha256(data.data()); }, kReleaseGil, nb::arg("data"));
   m.def(
       "_sha256_file",
-      [](Shown<shown::PathLike> filepath, std::int64_t chunk_bytes) {
-        std::string path = fs_path(filepath);
-        nb::gil_scoped_release release;
-        return sha256_file(path, chunk_bytes);
-      },
-      nb::arg("filepath"), nb::arg("chunk_bytes") = SYNC_HASH_FILE_CHUNK_BYTES, kSha256FileDoc);
+      [](const FsPathArg& filepath, std::int64_t chunk_bytes) { return sha256_file(filepath.path, chunk_bytes); },
+      kReleaseGil, nb::arg("filepath"), nb::arg("chunk_bytes") = SYNC_HASH_FILE_CHUNK_BYTES, kSha256FileDoc);
   m.def(
-      "_atomic_write",
-      [](Shown<shown::PathLike> filepath, Shown<shown::Bytes> data) {
-        std::string path = fs_path(filepath);
-        BytesView bytes(data);
-        nb::gil_scoped_release release;
-        atomic_write(path, bytes.data());
-      },
-      nb::arg("filepath"), nb::arg("data"), kAtomicWriteDoc);
+      "_atomic_write", [](const FsPathArg& filepath, const BytesArg& data) { atomic_write(filepath.path, data.data()); },
+      kReleaseGil, nb::arg("filepath"), nb::arg("data"), kAtomicWriteDoc);
 
   // Not part of the interface: (calls, seconds) of the file-system flushes
   // made in this process so far, for the durability benchmark.
@@ -164,7 +106,8 @@ void bind_files(nb::module_& m) {
   });
 
   m.def(
-      "_sync_progress_path", [](Shown<shown::PathLike> data_dir) { return path_result(sync_progress_path(fs_path(data_dir))); },
+      "_sync_progress_path",
+      [](const FsPathArg& data_dir) { return fs_path_result(sync_progress_path(data_dir.path)); },
       nb::arg("data_dir"));
   m.def(
       "_write_sync_progress_json",
@@ -179,13 +122,8 @@ void bind_files(nb::module_& m) {
       },
       nb::arg("data_dir"), nb::arg("manifest").none(), nb::arg("files_to_download"));
   m.def(
-      "_remove_sync_progress_json",
-      [](Shown<shown::PathLike> data_dir) {
-        std::string dir = fs_path(data_dir);
-        nb::gil_scoped_release release;
-        remove_sync_progress_json(dir);
-      },
-      nb::arg("data_dir"));
+      "_remove_sync_progress_json", [](const FsPathArg& data_dir) { remove_sync_progress_json(data_dir.path); },
+      kReleaseGil, nb::arg("data_dir"));
 
   m.def(
       "_write_manifest_json",
@@ -202,19 +140,11 @@ void bind_files(nb::module_& m) {
       nb::arg("server_manifest_body_sha256").none() = nb::none());
   m.def(
       "_manifest_sync_metadata_path",
-      [](Shown<shown::PathLike> data_dir) { return path_result(manifest_sync_metadata_path(fs_path(data_dir))); },
+      [](const FsPathArg& data_dir) { return fs_path_result(manifest_sync_metadata_path(data_dir.path)); },
       nb::arg("data_dir"));
   m.def(
       "_load_manifest_sync_metadata",
-      [](Shown<shown::PathLike> data_dir) {
-        std::string dir = fs_path(data_dir);
-        json::object metadata;
-        {
-          nb::gil_scoped_release release;
-          metadata = load_manifest_sync_metadata(dir);
-        }
-        return from_json(json::value(std::move(metadata)));
-      },
+      [](const FsPathArg& data_dir) { return load_manifest_sync_metadata(data_dir.path); }, kReleaseGil,
       nb::arg("data_dir"));
   m.def(
       "_write_manifest_sync_metadata",

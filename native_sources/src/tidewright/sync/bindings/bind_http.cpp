@@ -27,20 +27,6 @@ nb::str latin1(const std::string& bytes) {
   return nb::steal<nb::str>(text);
 }
 
-// A file-system path argument (str, bytes or path-like) in the file system's encoding.
-std::string fs_path(nb::handle object) {
-  nb::object path = nb::steal(PyOS_FSPath(object.ptr()));
-  if (!path.is_valid()) raise_from_python();
-  if (PyUnicode_Check(path.ptr())) {
-    path = nb::steal(PyUnicode_EncodeFSDefault(path.ptr()));
-    if (!path.is_valid()) raise_from_python();
-  }
-  char* data = nullptr;
-  Py_ssize_t size = 0;
-  if (PyBytes_AsStringAndSize(path.ptr(), &data, &size) != 0) raise_from_python();
-  return std::string(data, static_cast<std::size_t>(size));
-}
-
 nb::bytes to_bytes(const std::string& data) { return nb::bytes(data.data(), data.size()); }
 
 // Headers as a mapping; a repeated name keeps its last value.

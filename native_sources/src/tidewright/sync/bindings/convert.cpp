@@ -161,6 +161,20 @@ nb::handle ref_object(const HostRef& ref) {
   return nb::handle(static_cast<PyObject*>(ref.get()));
 }
 
+std::string fs_path(nb::handle object) {
+  nb::object path = steal_or_throw(PyOS_FSPath(object.ptr()));
+  if (PyUnicode_Check(path.ptr())) path = steal_or_throw(PyUnicode_EncodeFSDefault(path.ptr()));
+  char* data = nullptr;
+  Py_ssize_t size = 0;
+  if (PyBytes_AsStringAndSize(path.ptr(), &data, &size) != 0) raise_from_python();
+  return std::string(data, static_cast<std::size_t>(size));
+}
+
+nb::str fs_path_result(const std::string& path) {
+  return nb::steal<nb::str>(
+      steal_or_throw(PyUnicode_DecodeFSDefaultAndSize(path.data(), static_cast<Py_ssize_t>(path.size()))).release());
+}
+
 std::string path_text(nb::handle object) { return to_text(nb::module_::import_("os").attr("fspath")(object)); }
 
 json::value json_or_null(nb::handle object) {

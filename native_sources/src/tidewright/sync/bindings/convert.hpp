@@ -37,6 +37,10 @@ std::string to_text(nb::handle object);
 
 // The text of a path argument (os.fspath(), then str()).
 std::string path_text(nb::handle object);
+// A file-system path argument (str, bytes or path-like) in the file system's
+// encoding, and such a path as str.
+std::string fs_path(nb::handle object);
+nb::str fs_path_result(const std::string& path);
 
 // A JSON value of an argument, or null when it has none (a market id of the
 // wrong type, left to the core to refuse with its own message).
@@ -70,6 +74,23 @@ struct PathArg {  // os.fspath(), then str()
 };
 struct KnobArg {  // a knob value as the knob parsers read it; None is unset
   std::optional<json::value> value;
+};
+struct FsPathArg {  // str, bytes or path-like, in the file system's encoding
+  std::string path;
+};
+// The contents of a bytes-like object, exported (so unchanged) until the
+// caster lets go of it after the call, with the GIL held again.
+struct BytesArg {
+  BytesArg() = default;
+  BytesArg(const BytesArg&) = delete;
+  BytesArg& operator=(const BytesArg&) = delete;
+  ~BytesArg() {
+    if (view.obj != nullptr) PyBuffer_Release(&view);
+  }
+  std::string_view data() const {
+    return std::string_view(static_cast<const char*>(view.buf), static_cast<std::size_t>(view.len));
+  }
+  Py_buffer view{};
 };
 struct TextListArg {  // any iterable; each item's str()
   std::vector<std::string> items;
@@ -156,6 +177,22 @@ struct type_caster<tidewright::sync::bindings::PathArg>
   static constexpr auto Name = const_name("str | os.PathLike[str]");
   static void convert(handle src, tidewright::sync::bindings::PathArg& out) {
     out.text = tidewright::sync::bindings::path_text(src);
+  }
+};
+template <>
+struct type_caster<tidewright::sync::bindings::FsPathArg>
+    : FromPythonCaster<tidewright::sync::bindings::FsPathArg, type_caster<tidewright::sync::bindings::FsPathArg>> {
+  static constexpr auto Name = const_name("str | os.PathLike[str]");
+  static void convert(handle src, tidewright::sync::bindings::FsPathArg& out) {
+    out.path = tidewright::sync::bindings::fs_path(src);
+  }
+};
+template <>
+struct type_caster<tidewright::sync::bindings::BytesArg>
+    : FromPythonCaster<tidewright::sync::bindings::BytesArg, type_caster<tidewright::sync::bindings::BytesArg>> {
+  static constexpr auto Name = const_name("bytes");
+  static void convert(handle src, tidewright::sync::bindings::BytesArg& out) {
+    if (PyObject_GetBuffer(src.ptr(), &out.view, PyBUF_SIMPLE) != 0) throw python_error();
   }
 };
 template <>
