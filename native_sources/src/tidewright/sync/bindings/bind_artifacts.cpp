@@ -122,7 +122,8 @@ void bind_artifacts(nb::module_& m) {
       nb::arg("path"), nb::arg("expected_era_number"), nb::arg("named_universe") = nb::none());
   m.def("_vocabulary_named_universe_from_path",
         [](const std::string& path) { return vocabulary_named_universe_from_path(path); }, nb::arg("file_path"));
-  m.def("_vocabulary_manifest_paths", [](Shown<shown::ManifestType> manifest) { return vocabulary_manifest_paths(files_of(manifest)); },
+  m.def("_vocabulary_manifest_paths",
+        [](Shown<shown::ManifestType> manifest) { return vocabulary_manifest_paths(files_of(manifest)); },
         nb::arg("manifest"));
   m.def(
       "_validate_manifest_vocabulary_files",
@@ -305,7 +306,8 @@ void bind_artifacts(nb::module_& m) {
         [](ManifestArg face) { return shuffle_seed_source_for_manifest(*engine_manifest(face)); });
   m.def(
       "_write_shuffle_seed_metadata",
-      [](const std::string& path, std::int64_t era, std::optional<std::int64_t> market_id, std::optional<std::int64_t> manifest_version, nb::handle generation, nb::handle source) {
+      [](const std::string& path, std::int64_t era, std::optional<std::int64_t> market_id,
+         std::optional<std::int64_t> manifest_version, nb::handle generation, nb::handle source) {
         std::optional<json::value> g, s;
         if (!generation.is_none()) g = to_json(generation);
         if (!source.is_none()) s = to_json(source);
@@ -317,7 +319,8 @@ void bind_artifacts(nb::module_& m) {
   m.def("_validate_shuffle_seed_bytes", [](nb::handle data) { validate_shuffle_seed_bytes(bytes_of(data)); });
   m.def(
       "_validate_shuffle_seed_file",
-      [](const std::string& path, std::optional<std::int64_t> era, std::optional<std::int64_t> market_id, std::optional<std::int64_t> version, std::optional<std::string> generation) {
+      [](const std::string& path, std::optional<std::int64_t> era, std::optional<std::int64_t> market_id,
+         std::optional<std::int64_t> version, std::optional<std::string> generation) {
         nb::gil_scoped_release release;
         validate_shuffle_seed_file(path, ShuffleSeedExpectations{era, market_id, version, generation});
       },

@@ -95,7 +95,8 @@ void bind_files(nb::module_& m) {
       [](const FsPathArg& filepath, std::int64_t chunk_bytes) { return sha256_file(filepath.path, chunk_bytes); },
       kReleaseGil, nb::arg("filepath"), nb::arg("chunk_bytes") = SYNC_HASH_FILE_CHUNK_BYTES, kSha256FileDoc);
   m.def(
-      "_atomic_write", [](const FsPathArg& filepath, const BytesArg& data) { atomic_write(filepath.path, data.data()); },
+      "_atomic_write",
+      [](const FsPathArg& filepath, const BytesArg& data) { atomic_write(filepath.path, data.data()); },
       kReleaseGil, nb::arg("filepath"), nb::arg("data"), kAtomicWriteDoc);
 
   // Not part of the interface: (calls, seconds) of the file-system flushes
@@ -127,7 +128,8 @@ void bind_files(nb::module_& m) {
 
   m.def(
       "_write_manifest_json",
-      [](Shown<shown::PathLike> data_dir, Shown<shown::JsonObject> manifest_data, nb::handle server_manifest_sha256, nb::handle server_manifest_body_sha256) {
+      [](Shown<shown::PathLike> data_dir, Shown<shown::JsonObject> manifest_data, nb::handle server_manifest_sha256,
+         nb::handle server_manifest_body_sha256) {
         std::string dir = fs_path(data_dir);
         json::object data = mapping_arg(manifest_data, "manifest_data");
         std::optional<std::string> sha = truthy_text(server_manifest_sha256);
@@ -148,7 +150,8 @@ void bind_files(nb::module_& m) {
       nb::arg("data_dir"));
   m.def(
       "_write_manifest_sync_metadata",
-      [](Shown<shown::PathLike> data_dir, Shown<shown::JsonObject> manifest_data, nb::handle server_manifest_sha256, nb::handle server_manifest_body_sha256) {
+      [](Shown<shown::PathLike> data_dir, Shown<shown::JsonObject> manifest_data, nb::handle server_manifest_sha256,
+         nb::handle server_manifest_body_sha256) {
         std::string dir = fs_path(data_dir);
         json::object data = mapping_arg(manifest_data, "manifest_data");
         std::optional<std::string> sha = truthy_text(server_manifest_sha256);
@@ -161,7 +164,8 @@ void bind_files(nb::module_& m) {
       nb::arg("server_manifest_body_sha256").none() = nb::none());
   m.def(
       "_manifest_hash_hint_matches_local_state",
-      [](Shown<shown::PathLike> data_dir, Shown<shown::Int> local_version, Shown<shown::Int> local_era_number, nb::handle server_manifest_sha_hint) {
+      [](Shown<shown::PathLike> data_dir, Shown<shown::Int> local_version, Shown<shown::Int> local_era_number,
+         nb::handle server_manifest_sha_hint) {
         std::optional<std::string> hint = truthy_text(server_manifest_sha_hint);
         // Without a hint there is nothing to compare, whatever the local values are.
         if (!hint) return false;

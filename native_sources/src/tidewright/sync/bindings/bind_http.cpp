@@ -205,7 +205,8 @@ void bind_http(nb::module_& m) {
       nb::arg("body").none());
   m.def(
       "_sync_unavailable_from",
-      [](Shown<shown::Str> url, Shown<shown::Int> attempts, nb::handle statuses, nb::handle failures, Shown<shown::JsonObject> details) {
+      [](Shown<shown::Str> url, Shown<shown::Int> attempts, nb::handle statuses, nb::handle failures,
+         Shown<shown::JsonObject> details) {
         json::value plain = details.is_none() ? json::value(json::object()) : to_json_or_text(details);
         const json::object empty;
         const json::object& fields = plain.is_object() ? plain.get_object() : empty;

@@ -105,7 +105,9 @@ void bind_manager(nb::module_& m) {
 
   m.def(
       "_coerce_agent_market_id",
-      [](nb::handle market_id) { return coerce_agent_market_id(json_or_null(market_id), to_text(nb::repr(market_id))); },
+      [](nb::handle market_id) {
+        return coerce_agent_market_id(json_or_null(market_id), to_text(nb::repr(market_id)));
+      },
       nb::arg("market_id").none());
   m.def("_remove_manifest_tmp_file", &remove_manifest_tmp_file, kReleaseGil,
         nb::arg("data_dir"), nb::arg("file_path"));
@@ -198,7 +200,8 @@ void bind_manager(nb::module_& m) {
               "without an answer, a response without a valid status line). A file whose bytes\n"
               "keep failing their SHA-256 is fetched again at most 3 times; the sync then raises\n"
               "IntegrityError after a \"checksum_repair_exhausted\" sync event (warning level).")
-      .def("_sync_with_manifest_refresh", &SyncManager::sync_with_manifest_refresh, kReleaseGil, "Run sync, restarting if an in-flight manifest generation is stale.")
+      .def("_sync_with_manifest_refresh", &SyncManager::sync_with_manifest_refresh, kReleaseGil,
+           "Run sync, restarting if an in-flight manifest generation is stale.")
       .def("verify", &SyncManager::verify, kReleaseGil,
            "Verify local files against manifest existence, size, and checksum.\n\n"
            "Every file is hashed (the hash cache is not used). Files that look missing or corrupted "
@@ -232,12 +235,15 @@ void bind_manager(nb::module_& m) {
            "Ensure one manifest file exists locally through the sync boundary.")
       .def("_local_file_matches_manifest",
            [](SyncManager& s, const std::string& file_path, const std::string& local_path, const JsonArg& info,
-              bool cache_allowed) { return s.local_file_matches_manifest(file_path, local_path, info.value, cache_allowed); },
+              bool cache_allowed) {
+             return s.local_file_matches_manifest(file_path, local_path, info.value, cache_allowed);
+           },
            kReleaseGil,
            nb::arg("file_path"), nb::arg("local_path"), nb::arg("file_info"), nb::arg("cache_allowed") = true)
       .def("_download_file",
-           [](SyncManager& s, const std::string& file_path, Shown<shown::JsonObject> info, Shown<shown::SyncResult> result,
-              nb::handle retry_status_callback, std::optional<std::string> target_data_dir,
+           [](SyncManager& s, const std::string& file_path, Shown<shown::JsonObject> info,
+              Shown<shown::SyncResult> result, nb::handle retry_status_callback,
+              std::optional<std::string> target_data_dir,
               const std::string& backoff_surface, bool retry_partial_transfer, bool retry_checksum_mismatch) {
              json::value v = to_json(info);
              SyncResult r = from_python_result(result);

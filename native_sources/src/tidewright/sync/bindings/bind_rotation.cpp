@@ -247,7 +247,8 @@ void bind_module_functions(nb::module_& m) {
       "data_dir"_a, "Path of the persisted feature-rotation state in data_dir.");
   m.def(
       "_prefetched_features_state_path",
-      [](Shown<shown::PathLike> data_dir) { return prefetched_features_state_path(path_text(data_dir)); }, "data_dir"_a);
+      [](Shown<shown::PathLike> data_dir) { return prefetched_features_state_path(path_text(data_dir)); },
+      "data_dir"_a);
   m.def(
       "load_feature_rotation_state",
       [](Shown<shown::PathLike> data_dir) -> ShownObject<shown::OptionalRotationState> {

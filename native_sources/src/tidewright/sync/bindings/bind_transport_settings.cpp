@@ -95,7 +95,8 @@ void bind_transport_settings(nb::module_& m) {
   // The batch is unbounded whatever its shape, so the counts are accepted as given.
   m.def(
       "_sync_parallel_timeout_seconds",
-      [](Shown<shown::Int>, Shown<shown::Int>) { return sync_parallel_timeout_seconds(0, 0); }, nb::arg("file_count").none(),
+      [](Shown<shown::Int>, Shown<shown::Int>) { return sync_parallel_timeout_seconds(0, 0); },
+      nb::arg("file_count").none(),
       nb::arg("max_workers").none(),
       "No timeout (None): a parallel download batch is never cut off by a wall-clock limit. The engine does not "
       "consult this function, so replacing it changes nothing.");
@@ -103,7 +104,8 @@ void bind_transport_settings(nb::module_& m) {
         nb::arg("timeout_seconds").none());
 
   m.def(
-      "_should_retry_http_status", [](Shown<shown::Int> status) { return should_retry_http_status(to_json_or_text(status)); },
+      "_should_retry_http_status",
+      [](Shown<shown::Int> status) { return should_retry_http_status(to_json_or_text(status)); },
       nb::arg("status").none());
   m.def(
       "_raise_download_http_status",

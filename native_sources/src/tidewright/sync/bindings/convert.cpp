@@ -199,7 +199,8 @@ namespace {
 
 // Fills a new list or tuple (`set` is PyList_SET_ITEM or PyTuple_SET_ITEM).
 template <typename Sequence>
-Sequence texts_into(PyObject* created, const std::vector<std::string>& items, void (*set)(PyObject*, Py_ssize_t, PyObject*)) {
+Sequence texts_into(PyObject* created, const std::vector<std::string>& items,
+                    void (*set)(PyObject*, Py_ssize_t, PyObject*)) {
   nb::object out = steal_or_throw(created);
   for (std::size_t i = 0; i < items.size(); ++i) {
     set(out.ptr(), static_cast<Py_ssize_t>(i), nb::str(items[i].data(), items[i].size()).release().ptr());
