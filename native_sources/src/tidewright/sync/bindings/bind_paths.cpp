@@ -74,18 +74,16 @@ void bind_paths(nb::module_& m) {
 
   m.def(
       "_safe_manifest_relative_path",
-      [](Shown<shown::Str> file_path) { return safe_manifest_relative_path(to_text(file_path)); }, "file_path"_a,
+      [](const TextArg& file_path) { return safe_manifest_relative_path(file_path.text); }, "file_path"_a,
       "Normalize and validate a manifest path before URL/local path use.");
 
   m.def(
       "_manifest_local_path",
-      [](Shown<shown::PathLike> data_dir, Shown<shown::Str> file_path) {
-        std::string dir = path_text(data_dir);
-        std::string path = to_text(file_path);
-        nb::gil_scoped_release release;
-        return manifest_local_path(dir, path);
+      [](const PathArg& data_dir, const TextArg& file_path) {
+        return manifest_local_path(data_dir.text, file_path.text);
       },
-      "data_dir"_a, "file_path"_a, "Resolve a manifest path inside data_dir, rejecting traversal/symlinks.");
+      kReleaseGil, "data_dir"_a, "file_path"_a,
+      "Resolve a manifest path inside data_dir, rejecting traversal/symlinks.");
 
   m.def(
       "_feature_epoch_for_expression_type",
@@ -108,7 +106,7 @@ void bind_paths(nb::module_& m) {
 
   m.def(
       "_feature_artifact_family_prefix",
-      [](Shown<shown::Str> feature_name) { return feature_artifact_family_prefix(to_text(feature_name)); },
+      [](const TextArg& feature_name) { return feature_artifact_family_prefix(feature_name.text); },
       "feature_name"_a, "Return the manifest stem prefix shared by runtime companion features.");
 
   m.def(
@@ -144,24 +142,24 @@ void bind_paths(nb::module_& m) {
   // The bearer-transport check calls the host with the GIL held either way.
   m.def(
       "_manifest_file_url",
-      [](Shown<shown::Str> server_url, Shown<shown::Str> file_path, nb::handle base_url) {
+      [](const TextArg& server_url, const TextArg& file_path, nb::handle base_url) {
         std::optional<std::string> base = optional_text(base_url);
-        return manifest_file_url(to_text(server_url), to_text(file_path), view_of(base));
+        return manifest_file_url(server_url.text, file_path.text, view_of(base));
       },
       "server_url"_a, "file_path"_a, "base_url"_a.none() = nb::none(), "Build a data-file URL for a manifest path.");
 
   m.def(
       "_manifest_base_url_uses_public_download",
-      [](Shown<shown::Str> server_url, nb::handle base_url) {
+      [](const TextArg& server_url, nb::handle base_url) {
         std::optional<std::string> base = optional_text(base_url);
-        return manifest_base_url_uses_public_download(to_text(server_url), view_of(base));
+        return manifest_base_url_uses_public_download(server_url.text, view_of(base));
       },
       "server_url"_a, "base_url"_a.none(), "Return whether base_url is the server's own data-file endpoint.");
 
   m.def(
       "_agent_signal_group_key",
-      [](Shown<shown::Str> file_path, Shown<shown::Str> prefix) {
-        return agent_signal_group_key(to_text(file_path), to_text(prefix), host().manifest_siblings().epochs);
+      [](const TextArg& file_path, const TextArg& prefix) {
+        return agent_signal_group_key(file_path.text, prefix.text, host().manifest_siblings().epochs);
       },
       "file_path"_a, "prefix"_a, "Return the pool-scoped signal group key for current manifest paths.");
 }

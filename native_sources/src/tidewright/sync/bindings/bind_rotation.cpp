@@ -124,7 +124,7 @@ void bind_module_functions(nb::module_& m) {
 
   m.def(
       "_feature_named_universe_from_path",
-      [](Shown<shown::Str> file_path) { return feature_named_universe_from_path(to_text(file_path)); }, "file_path"_a);
+      [](const TextArg& file_path) { return feature_named_universe_from_path(file_path.text); }, "file_path"_a);
   m.def(
       "_rotation_manifest_default_named_universe",
       [](nb::handle manifest_data) { return rotation_manifest_default_named_universe(manifest_data_of(manifest_data)); },
@@ -243,12 +243,11 @@ void bind_module_functions(nb::module_& m) {
 
   m.def(
       "feature_rotation_state_path",
-      [](Shown<shown::PathLike> data_dir) { return feature_rotation_state_path(path_text(data_dir)); },
+      [](const PathArg& data_dir) { return feature_rotation_state_path(data_dir.text); },
       "data_dir"_a, "Path of the persisted feature-rotation state in data_dir.");
   m.def(
       "_prefetched_features_state_path",
-      [](Shown<shown::PathLike> data_dir) { return prefetched_features_state_path(path_text(data_dir)); },
-      "data_dir"_a);
+      [](const PathArg& data_dir) { return prefetched_features_state_path(data_dir.text); }, "data_dir"_a);
   m.def(
       "load_feature_rotation_state",
       [](Shown<shown::PathLike> data_dir) -> ShownObject<shown::OptionalRotationState> {

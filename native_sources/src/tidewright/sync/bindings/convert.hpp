@@ -69,6 +69,9 @@ void update_python_result(nb::handle target, const SyncResult& result);
 // so that the call itself can run without it (kReleaseGil, bindings.hpp).
 // Each takes any object the way the core has always read it, and names in
 // signatures the type callers are meant to pass.
+struct TextArg {  // str()
+  std::string text;
+};
 struct PathArg {  // os.fspath(), then str()
   std::string text;
 };
@@ -171,6 +174,14 @@ struct FromPythonCaster : ValueCaster<T> {
   }
 };
 
+template <>
+struct type_caster<tidewright::sync::bindings::TextArg>
+    : FromPythonCaster<tidewright::sync::bindings::TextArg, type_caster<tidewright::sync::bindings::TextArg>> {
+  static constexpr auto Name = const_name("str");
+  static void convert(handle src, tidewright::sync::bindings::TextArg& out) {
+    out.text = tidewright::sync::bindings::to_text(src);
+  }
+};
 template <>
 struct type_caster<tidewright::sync::bindings::PathArg>
     : FromPythonCaster<tidewright::sync::bindings::PathArg, type_caster<tidewright::sync::bindings::PathArg>> {
