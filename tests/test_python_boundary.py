@@ -1,12 +1,18 @@
 """Values crossing the Python boundary: every binding's results convert to
 Python types, and arguments that may be any object are accepted as such."""
 
+import importlib
+import inspect
+import pickle
 import re
+import threading
 import urllib.request
 
 import pytest
 
 import tidewright.sync as sync
+
+from sync_helpers import wait_for
 
 
 def _bindings():
@@ -171,3 +177,51 @@ def test_optional_attributes_take_none(world):
     m.runtime_freshness_guard = object()
     m.runtime_freshness_guard = None
     assert m.runtime_freshness_guard is None
+
+
+# -- the Python parts of the module --------------------------------------------------
+
+PARTS = ["tidewright._sync_errors", "tidewright._sync_era_views", "tidewright._sync_transition",
+         "tidewright._sync_tuning"]
+
+
+@pytest.mark.parametrize("part", PARTS)
+def test_python_parts_are_the_module_own(part):
+    # Classes and helpers written in Python are tidewright.sync's: found there,
+    # named after it (stubs, reprs, tracebacks) and pickled as its own.
+    defined = {name: value for name, value in vars(importlib.import_module(part)).items()
+               if inspect.isclass(value) or inspect.isfunction(value)}
+    assert defined
+    for name, value in defined.items():
+        assert getattr(sync, name) is value and value.__module__ == sync.__name__, name
+        assert pickle.loads(pickle.dumps(value)) is value, name
+        methods = [m for m in vars(value).values() if inspect.isfunction(m)] if inspect.isclass(value) else []
+        assert all(m.__module__ == sync.__name__ for m in methods), name
+
+
+# -- the GIL -------------------------------------------------------------------------
+
+
+def test_a_running_sync_lets_python_threads_and_callbacks_run(dataservice, tmp_path):
+    # The token callable blocks the engine's request until Python code on
+    # another thread lets it go: that needs sync() to run without the GIL and
+    # the engine to take it for the call.
+    asked, released, results = [], threading.Event(), []
+
+    def get_token():
+        asked.append(threading.get_ident())
+        released.wait()
+        return dataservice.token
+
+    manager = sync.SyncManager(str(tmp_path), dataservice.url, get_token=get_token)
+    progress = []
+    manager.set_progress_callback(lambda report: progress.append(report["phase"]))
+    worker = threading.Thread(target=lambda: results.append(manager.sync()))
+    worker.start()
+    try:
+        assert wait_for(lambda: asked)
+    finally:
+        released.set()
+        worker.join()
+    assert type(results[0]) is sync.SyncResult and results[0].bytes_downloaded > 0
+    assert progress  # the progress callback too gets the GIL from the engine

@@ -24,6 +24,10 @@ using ShownObject = nb::typed<nb::object, T>;
 // Names with no C++ type behind them. Each is only ever used inside Shown<>
 // or ShownObject<>, which read nothing but its name.
 namespace shown {
+struct Str {};                   // a text the core reads with str()
+struct Int {};                   // an integer the core reads with int()
+struct Bytes {};                 // a bytes-like object
+struct ManifestType {};          // a Manifest of this module
 struct PathLike {};              // what os.fspath() accepts
 struct JsonObject {};            // a JSON object as the host decodes it
 struct JsonValue {};             // any JSON value
@@ -50,6 +54,10 @@ namespace nanobind::detail {
     static constexpr auto Name = const_name(text);      \
   };
 
+TW_SHOWN_NAME(shown::Str, "str")
+TW_SHOWN_NAME(shown::Int, "int")
+TW_SHOWN_NAME(shown::Bytes, "bytes")
+TW_SHOWN_NAME(shown::ManifestType, "Manifest")
 TW_SHOWN_NAME(shown::PathLike, "str | os.PathLike[str]")
 TW_SHOWN_NAME(shown::JsonObject, "dict[str, typing.Any]")
 TW_SHOWN_NAME(shown::JsonValue, "typing.Any")

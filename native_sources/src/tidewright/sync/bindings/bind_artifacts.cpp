@@ -5,6 +5,7 @@
 #include "tidewright/sync/artifacts/shuffle_seed.hpp"
 #include "tidewright/sync/artifacts/signals_index.hpp"
 #include "tidewright/sync/artifacts/vocabulary.hpp"
+#include "tidewright/sync/bindings/annotations.hpp"
 #include "tidewright/sync/bindings/bindings.hpp"
 #include "tidewright/sync/bindings/convert.hpp"
 #include "tidewright/sync/bindings/manifest_face.hpp"
@@ -97,7 +98,7 @@ void bind_artifacts(nb::module_& m) {
   });
   m.def(
       "_validate_vocabulary_data",
-      [](nb::handle vocabulary, nb::handle era, nb::handle universe) {
+      [](Shown<shown::JsonObject> vocabulary, Shown<shown::Int> era, nb::handle universe) {
         json::value value = to_json(vocabulary);
         json::object out = validate_vocabulary_data(value, era_of(era), opt_text(universe), host().manifest_siblings());
         return from_json(json::value(std::move(out)));
@@ -105,7 +106,7 @@ void bind_artifacts(nb::module_& m) {
       nb::arg("vocabulary"), nb::arg("expected_era_number"), nb::arg("named_universe") = nb::none());
   m.def(
       "_validate_vocabulary_bytes",
-      [](nb::handle data, nb::handle era, nb::handle universe) {
+      [](Shown<shown::Bytes> data, Shown<shown::Int> era, nb::handle universe) {
         std::string bytes = bytes_of(data);
         json::object out = validate_vocabulary_bytes(bytes, era_of(era), opt_text(universe), host().manifest_siblings());
         return from_json(json::value(std::move(out)));
@@ -113,15 +114,16 @@ void bind_artifacts(nb::module_& m) {
       nb::arg("data"), nb::arg("expected_era_number"), nb::arg("named_universe") = nb::none());
   m.def(
       "_validate_vocabulary_file",
-      [](nb::handle path, nb::handle era, nb::handle universe) {
-        std::string p = to_text(nb::module_::import_("os").attr("fspath")(path));
+      [](Shown<shown::PathLike> path, Shown<shown::Int> era, nb::handle universe) {
+        std::string p = path_text(path);
         json::object out = validate_vocabulary_file(p, era_of(era), opt_text(universe), host().manifest_siblings());
         return from_json(json::value(std::move(out)));
       },
       nb::arg("path"), nb::arg("expected_era_number"), nb::arg("named_universe") = nb::none());
   m.def("_vocabulary_named_universe_from_path",
         [](const std::string& path) { return vocabulary_named_universe_from_path(path); }, nb::arg("file_path"));
-  m.def("_vocabulary_manifest_paths", [](nb::handle manifest) { return vocabulary_manifest_paths(files_of(manifest)); },
+  m.def("_vocabulary_manifest_paths",
+        [](Shown<shown::ManifestType> manifest) { return vocabulary_manifest_paths(files_of(manifest)); },
         nb::arg("manifest"));
   m.def(
       "_validate_manifest_vocabulary_files",
@@ -160,7 +162,7 @@ void bind_artifacts(nb::module_& m) {
         [](ManifestArg face) { return manifest_signals_index_path(*engine_manifest(face)); }, nb::arg("manifest"));
   m.def(
       "_manifest_data_signals_index_path",
-      [](nb::handle data) {
+      [](Shown<shown::JsonObject> data) {
         json::value v = to_json(data);
         static const json::object kNoFiles;
         const json::object* obj = as_object(&v);
@@ -171,7 +173,7 @@ void bind_artifacts(nb::module_& m) {
       nb::arg("manifest_data"));
   m.def(
       "_validate_signals_index_bytes",
-      [](nb::handle body, ManifestArg face) {
+      [](Shown<shown::Bytes> body, ManifestArg face) {
         std::string bytes = bytes_of(body);
         json::object index = change_manifest(face, ManifestChange::kMembership, [&](Manifest& manifest) {
           return validate_signals_index_bytes(bytes, manifest);
@@ -181,7 +183,7 @@ void bind_artifacts(nb::module_& m) {
       nb::arg("body"), nb::arg("manifest"));
   m.def(
       "_apply_manifest_signals_index",
-      [](ManifestArg face, nb::handle index) {
+      [](ManifestArg face, Shown<shown::JsonObject> index) {
         json::value v = to_json(index);
         change_manifest(face, ManifestChange::kMembership,
                         [&](Manifest& manifest) { apply_manifest_signals_index(v, manifest); });
@@ -233,7 +235,7 @@ void bind_artifacts(nb::module_& m) {
   });
   m.def(
       "_scrub_missing_found_pnl_paths_from_signals_index",
-      [](const std::string& data_dir, nb::handle data, nb::handle missing) -> nb::object {
+      [](const std::string& data_dir, Shown<shown::JsonObject> data, nb::handle missing) -> nb::object {
         json::value v = to_json(data);
         if (!v.is_object()) return nb::none();
         json::object obj = std::move(v.get_object());
@@ -282,7 +284,7 @@ void bind_artifacts(nb::module_& m) {
   });
   m.def(
       "_validate_response_era_header",
-      [](nb::handle headers, std::int64_t expected, const std::string& artifact) {
+      [](Shown<shown::JsonObject> headers, std::int64_t expected, const std::string& artifact) {
         HeaderList list;
         nb::object items = nb::hasattr(headers, "items") ? headers.attr("items")() : nb::borrow(headers);
         for (nb::handle pair : items) list.emplace_back(to_text(pair[nb::int_(0)]), to_text(pair[nb::int_(1)]));

@@ -1,4 +1,5 @@
 // The era-current endpoint helpers and EraThread, as seen from Python.
+#include "tidewright/sync/bindings/annotations.hpp"
 #include "tidewright/sync/bindings/bindings.hpp"
 #include "tidewright/sync/bindings/convert.hpp"
 #include "tidewright/sync/bindings/lifetime.hpp"
@@ -17,30 +18,6 @@ namespace tidewright::sync::bindings {
 
 namespace {
 
-// The worker and the stop request of an EraThread are native; these views
-// give the host the thread-like and event-like reading of them.
-constexpr const char* kEraViewsSource = R"PY(
-class _EraWorkerView:
-    """The native worker thread of an EraThread (read-only view)."""
-
-    daemon = True
-
-    def __init__(self, owner):
-        self._owner = owner
-
-    def is_alive(self):
-        return self._owner.is_alive()
-
-
-class _EraStopView:
-    """The stop request of an EraThread (read-only view)."""
-
-    def __init__(self, owner):
-        self._owner = owner
-
-    def is_set(self):
-        return self._owner._stop_requested
-)PY";
 
 nb::handle g_module;
 
@@ -54,14 +31,6 @@ its _manifest attribute) when started.
 is_alive() stays true for a worker that outlived stop()'s wait of 10
 seconds, until it ends.)DOC";
 
-json::value market_id_value(nb::handle market_id) {
-  try {
-    return to_json(market_id);
-  } catch (nb::python_error&) {
-    return nullptr;
-  }
-}
-
 // A native kill/restart function as a host callable (the GIL is released
 // while it runs).
 nb::object searches_fn_object(const SearchesFn& fn) {
@@ -72,11 +41,6 @@ nb::object searches_fn_object(const SearchesFn& fn) {
     nb::gil_scoped_release release;
     native();
   });
-}
-
-SearchesFn searches_fn_from(nb::handle fn) {
-  if (fn.is_none()) return SearchesFn();
-  return SearchesFn::host_callable(make_ref(fn));
 }
 
 // A sync manager of the host's own making: any object with the manager's
@@ -129,21 +93,19 @@ class HostTransitionTarget : public EraTransitionTarget {
 
 void bind_era(nb::module_& m) {
   g_module = m;
-  nb::object builtins = nb::module_::import_("builtins");
-  nb::dict globals = nb::borrow<nb::dict>(m.attr("__dict__"));
-  builtins.attr("exec")(builtins.attr("compile")(kEraViewsSource, "<tidewright.sync era>", "exec"), globals);
+  adopt_names(m, nb::module_::import_("tidewright._sync_era_views"));
 
   m.def(
       "_market_era_current_url",
-      [](nb::handle server_url, nb::handle market_id) {
-        std::int64_t market = coerce_agent_market_id(market_id_value(market_id), to_text(nb::repr(market_id)));
+      [](Shown<shown::Str> server_url, nb::handle market_id) {
+        std::int64_t market = coerce_agent_market_id(json_or_null(market_id), to_text(nb::repr(market_id)));
         return market_era_current_url(to_text(server_url), market);
       },
       nb::arg("server_url"), nb::arg("market_id").none());
 
   m.def(
       "_normalize_era_current_response",
-      [](nb::handle data) -> nb::object {
+      [](Shown<shown::JsonObject> data) -> nb::object {
         if (!nb::isinstance<nb::dict>(data)) return nb::dict();
         if (!nb::borrow<nb::dict>(data).contains("era")) return nb::borrow(data);  // the flat shape, as it came
         return from_json(normalize_era_current_response(to_json(data)));
@@ -170,7 +132,7 @@ void bind_era(nb::module_& m) {
              options.era_poll_interval_s = era_poll_interval_s;
              options.kill_searches_fn = searches_fn_from(kill_searches_fn);
              options.restart_searches_fn = searches_fn_from(restart_searches_fn);
-             options.market_id = market_id_value(market_id);
+             options.market_id = json_or_null(market_id);
              options.market_id_repr = to_text(nb::repr(market_id));
              std::shared_ptr<EraThread> thread;
              {

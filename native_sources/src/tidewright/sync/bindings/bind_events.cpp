@@ -1,6 +1,7 @@
 // Python face of the sync events. Events arrive as mappings and are turned
 // into plain data first (a value with no JSON form keeps its text form); the
 // GIL is released before anything that takes the coalescing lock or logs.
+#include "tidewright/sync/bindings/annotations.hpp"
 #include "tidewright/sync/bindings/bindings.hpp"
 #include "tidewright/sync/bindings/convert.hpp"
 #include "tidewright/sync/reporting/sync_events.hpp"
@@ -55,7 +56,8 @@ void bind_events(nb::module_& m) {
 
   m.def(
       "_log_sync_event",
-      [](nb::handle event_type, nb::handle file_path, nb::handle count, nb::handle reason, nb::kwargs fields) {
+      [](Shown<shown::Str> event_type, Shown<shown::Str> file_path, Shown<shown::Int> count, Shown<shown::Str> reason,
+         nb::kwargs fields) {
         json::object event;
         event["event_type"] = to_json_or_text(event_type);
         event["file"] = text_or_empty(file_path);
@@ -66,7 +68,8 @@ void bind_events(nb::module_& m) {
       },
       nb::arg("event_type"), nb::arg("file_path").none(), nb::arg("count").none(), nb::arg("reason").none(),
       nb::arg("fields"));
-  m.def("_emit_tidewright_sync_event", [](nb::handle event) { emit(event_from(event)); }, nb::arg("event"));
+  m.def(
+      "_emit_tidewright_sync_event", [](Shown<shown::JsonObject> event) { emit(event_from(event)); }, nb::arg("event"));
   m.def(
       "_should_emit_sync_event",
       [](nb::handle event) {

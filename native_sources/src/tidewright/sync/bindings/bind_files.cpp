@@ -1,6 +1,7 @@
 // Python face of the file utilities (hashing, atomic writes, the progress
 // file) and of the manifest files. Arguments are converted with the GIL held;
 // hashing and file I/O then run without it.
+#include "tidewright/sync/bindings/annotations.hpp"
 #include "tidewright/sync/bindings/bindings.hpp"
 #include "tidewright/sync/bindings/convert.hpp"
 #include "tidewright/sync/bindings/python_host.hpp"
@@ -20,47 +21,6 @@ namespace tidewright::sync::bindings {
 namespace {
 
 [[noreturn]] void raise_from_python() { throw nb::python_error(); }
-
-// A file-system path argument (str, bytes or path-like) in the file system's
-// encoding.
-std::string fs_path(nb::handle object) {
-  PyObject* raw = PyOS_FSPath(object.ptr());
-  if (!raw) raise_from_python();
-  nb::object path = nb::steal(raw);
-  if (PyUnicode_Check(raw)) {
-    path = nb::steal(PyUnicode_EncodeFSDefault(raw));
-    if (!path.is_valid()) raise_from_python();
-  }
-  char* data = nullptr;
-  Py_ssize_t size = 0;
-  if (PyBytes_AsStringAndSize(path.ptr(), &data, &size) != 0) raise_from_python();
-  return std::string(data, static_cast<std::size_t>(size));
-}
-
-nb::str path_result(const std::string& path) {
-  PyObject* text = PyUnicode_DecodeFSDefaultAndSize(path.data(), static_cast<Py_ssize_t>(path.size()));
-  if (!text) raise_from_python();
-  return nb::steal<nb::str>(text);
-}
-
-// A read-only view of a bytes-like argument. The buffer stays exported (and
-// so unchanged in size) until the view is destroyed, which must happen with
-// the GIL held: declare it before any gil_scoped_release.
-class BytesView {
- public:
-  explicit BytesView(nb::handle object) {
-    if (PyObject_GetBuffer(object.ptr(), &view_, PyBUF_SIMPLE) != 0) raise_from_python();
-  }
-  BytesView(const BytesView&) = delete;
-  BytesView& operator=(const BytesView&) = delete;
-  ~BytesView() { PyBuffer_Release(&view_); }
-  std::string_view data() const {
-    return std::string_view(static_cast<const char*>(view_.buf), static_cast<std::size_t>(view_.len));
-  }
-
- private:
-  Py_buffer view_{};
-};
 
 bool is_true(nb::handle object) {
   int truth = PyObject_IsTrue(object.ptr());
@@ -129,31 +89,15 @@ void bind_files(nb::module_& m) {
   m.attr("_MANIFEST_SYNC_METADATA_FILENAME") =
       nb::str(MANIFEST_SYNC_METADATA_FILENAME.data(), MANIFEST_SYNC_METADATA_FILENAME.size());
 
-  m.def(
-      "_sha256",
-      [](nb::handle data) {
-        BytesView bytes(data);
-        nb::gil_scoped_release release;
-        return sha256(bytes.data());
-      },
-      nb::arg("data"));
+  m.def("_sha256", [](const BytesArg& data) { return sha256(data.data()); }, kReleaseGil, nb::arg("data"));
   m.def(
       "_sha256_file",
-      [](nb::handle filepath, std::int64_t chunk_bytes) {
-        std::string path = fs_path(filepath);
-        nb::gil_scoped_release release;
-        return sha256_file(path, chunk_bytes);
-      },
-      nb::arg("filepath"), nb::arg("chunk_bytes") = SYNC_HASH_FILE_CHUNK_BYTES, kSha256FileDoc);
+      [](const FsPathArg& filepath, std::int64_t chunk_bytes) { return sha256_file(filepath.path, chunk_bytes); },
+      kReleaseGil, nb::arg("filepath"), nb::arg("chunk_bytes") = SYNC_HASH_FILE_CHUNK_BYTES, kSha256FileDoc);
   m.def(
       "_atomic_write",
-      [](nb::handle filepath, nb::handle data) {
-        std::string path = fs_path(filepath);
-        BytesView bytes(data);
-        nb::gil_scoped_release release;
-        atomic_write(path, bytes.data());
-      },
-      nb::arg("filepath"), nb::arg("data"), kAtomicWriteDoc);
+      [](const FsPathArg& filepath, const BytesArg& data) { atomic_write(filepath.path, data.data()); },
+      kReleaseGil, nb::arg("filepath"), nb::arg("data"), kAtomicWriteDoc);
 
   // Not part of the interface: (calls, seconds) of the file-system flushes
   // made in this process so far, for the durability benchmark.
@@ -163,11 +107,12 @@ void bind_files(nb::module_& m) {
   });
 
   m.def(
-      "_sync_progress_path", [](nb::handle data_dir) { return path_result(sync_progress_path(fs_path(data_dir))); },
+      "_sync_progress_path",
+      [](const FsPathArg& data_dir) { return fs_path_result(sync_progress_path(data_dir.path)); },
       nb::arg("data_dir"));
   m.def(
       "_write_sync_progress_json",
-      [](nb::handle data_dir, nb::handle manifest, nb::handle files_to_download) {
+      [](Shown<shown::PathLike> data_dir, nb::handle manifest, Shown<shown::JsonObject> files_to_download) {
         std::string dir = fs_path(data_dir);
         std::int64_t era_number = manifest_number(manifest, "era_number");
         std::int64_t version = manifest_number(manifest, "version");
@@ -178,17 +123,12 @@ void bind_files(nb::module_& m) {
       },
       nb::arg("data_dir"), nb::arg("manifest").none(), nb::arg("files_to_download"));
   m.def(
-      "_remove_sync_progress_json",
-      [](nb::handle data_dir) {
-        std::string dir = fs_path(data_dir);
-        nb::gil_scoped_release release;
-        remove_sync_progress_json(dir);
-      },
-      nb::arg("data_dir"));
+      "_remove_sync_progress_json", [](const FsPathArg& data_dir) { remove_sync_progress_json(data_dir.path); },
+      kReleaseGil, nb::arg("data_dir"));
 
   m.def(
       "_write_manifest_json",
-      [](nb::handle data_dir, nb::handle manifest_data, nb::handle server_manifest_sha256,
+      [](Shown<shown::PathLike> data_dir, Shown<shown::JsonObject> manifest_data, nb::handle server_manifest_sha256,
          nb::handle server_manifest_body_sha256) {
         std::string dir = fs_path(data_dir);
         json::object data = mapping_arg(manifest_data, "manifest_data");
@@ -202,23 +142,15 @@ void bind_files(nb::module_& m) {
       nb::arg("server_manifest_body_sha256").none() = nb::none());
   m.def(
       "_manifest_sync_metadata_path",
-      [](nb::handle data_dir) { return path_result(manifest_sync_metadata_path(fs_path(data_dir))); },
+      [](const FsPathArg& data_dir) { return fs_path_result(manifest_sync_metadata_path(data_dir.path)); },
       nb::arg("data_dir"));
   m.def(
       "_load_manifest_sync_metadata",
-      [](nb::handle data_dir) {
-        std::string dir = fs_path(data_dir);
-        json::object metadata;
-        {
-          nb::gil_scoped_release release;
-          metadata = load_manifest_sync_metadata(dir);
-        }
-        return from_json(json::value(std::move(metadata)));
-      },
+      [](const FsPathArg& data_dir) { return load_manifest_sync_metadata(data_dir.path); }, kReleaseGil,
       nb::arg("data_dir"));
   m.def(
       "_write_manifest_sync_metadata",
-      [](nb::handle data_dir, nb::handle manifest_data, nb::handle server_manifest_sha256,
+      [](Shown<shown::PathLike> data_dir, Shown<shown::JsonObject> manifest_data, nb::handle server_manifest_sha256,
          nb::handle server_manifest_body_sha256) {
         std::string dir = fs_path(data_dir);
         json::object data = mapping_arg(manifest_data, "manifest_data");
@@ -232,7 +164,7 @@ void bind_files(nb::module_& m) {
       nb::arg("server_manifest_body_sha256").none() = nb::none());
   m.def(
       "_manifest_hash_hint_matches_local_state",
-      [](nb::handle data_dir, nb::handle local_version, nb::handle local_era_number,
+      [](Shown<shown::PathLike> data_dir, Shown<shown::Int> local_version, Shown<shown::Int> local_era_number,
          nb::handle server_manifest_sha_hint) {
         std::optional<std::string> hint = truthy_text(server_manifest_sha_hint);
         // Without a hint there is nothing to compare, whatever the local values are.

@@ -2,6 +2,7 @@
 // transport's helpers, the download-to-path entry and the error-body
 // helpers. Requests run with the GIL released; response headers are decoded
 // as ISO-8859-1, as the host's own HTTP client does.
+#include "tidewright/sync/bindings/annotations.hpp"
 #include "tidewright/sync/bindings/bindings.hpp"
 #include "tidewright/sync/bindings/convert.hpp"
 #include "tidewright/sync/bindings/errors.hpp"
@@ -24,20 +25,6 @@ nb::str latin1(const std::string& bytes) {
   PyObject* text = PyUnicode_DecodeLatin1(bytes.data(), static_cast<Py_ssize_t>(bytes.size()), nullptr);
   if (!text) raise_from_python();
   return nb::steal<nb::str>(text);
-}
-
-// A file-system path argument (str, bytes or path-like) in the file system's encoding.
-std::string fs_path(nb::handle object) {
-  nb::object path = nb::steal(PyOS_FSPath(object.ptr()));
-  if (!path.is_valid()) raise_from_python();
-  if (PyUnicode_Check(path.ptr())) {
-    path = nb::steal(PyUnicode_EncodeFSDefault(path.ptr()));
-    if (!path.is_valid()) raise_from_python();
-  }
-  char* data = nullptr;
-  Py_ssize_t size = 0;
-  if (PyBytes_AsStringAndSize(path.ptr(), &data, &size) != 0) raise_from_python();
-  return std::string(data, static_cast<std::size_t>(size));
 }
 
 nb::bytes to_bytes(const std::string& data) { return nb::bytes(data.data(), data.size()); }
@@ -130,7 +117,7 @@ void bind_http(nb::module_& m) {
       nb::arg("req"), nb::arg("timeout"), nb::arg("transport") = nb::none());
   m.def(
       "_download_request_to_path",
-      [](nb::handle req, nb::handle output, double timeout, nb::handle transport) {
+      [](nb::handle req, Shown<shown::PathLike> output, double timeout, nb::handle transport) {
         HttpRequest request = request_from(req);
         std::string output_path = fs_path(output);
         std::optional<std::string> knob = optional_text(transport);
@@ -204,7 +191,7 @@ void bind_http(nb::module_& m) {
 
   m.def(
       "_parse_sync_error_body",
-      [](nb::handle body) -> nb::object {
+      [](Shown<shown::Bytes> body) -> nb::object {
         std::optional<std::string> data;
         if (!nb::isinstance<nb::str>(body)) data = raw_bytes(body);
         if (!data) return nb::dict();
@@ -218,7 +205,8 @@ void bind_http(nb::module_& m) {
       nb::arg("body").none());
   m.def(
       "_sync_unavailable_from",
-      [](nb::handle url, nb::handle attempts, nb::handle statuses, nb::handle failures, nb::handle details) {
+      [](Shown<shown::Str> url, Shown<shown::Int> attempts, nb::handle statuses, nb::handle failures,
+         Shown<shown::JsonObject> details) {
         json::value plain = details.is_none() ? json::value(json::object()) : to_json_or_text(details);
         const json::object empty;
         const json::object& fields = plain.is_object() ? plain.get_object() : empty;

@@ -7,6 +7,7 @@
 #include "tidewright/sync/manager/sync_manager.hpp"
 
 #include <nanobind/stl/optional.h>
+#include <nanobind/stl/pair.h>
 #include <nanobind/stl/shared_ptr.h>
 #include <nanobind/stl/string.h>
 #include <nanobind/stl/vector.h>
@@ -15,37 +16,6 @@ namespace tidewright::sync::bindings {
 
 namespace {
 
-// Host-side halves of the transition's calls into sibling modules whose
-// protocol is Python's own (a context manager, objects passed along).
-constexpr const char* kTransitionHelpersSource = R"PY(
-def _record_runtime_freshness_updates(updates):
-    import importlib
-
-    deployment = importlib.import_module("tidewright.deployment")
-    with deployment.runtime_freshness_guard() as guard:
-        for update in updates:
-            guard.record_sync_update(**update)
-
-
-def _load_era_transition_modules():
-    import importlib
-
-    deployment = importlib.import_module("tidewright.deployment")
-    for name in ("_CURRENT_VERSION", "check_update", "_compare_versions", "auto_update"):
-        getattr(deployment, name)
-    importlib.import_module("tidewright.search_tracking").SearchTracker
-
-
-def _track_era_transition(data_dir, new_era_number, previous_era_number):
-    import importlib
-
-    identity = importlib.import_module("tidewright.identity").resolve_identity_for_data_dir(data_dir)
-    tracker = importlib.import_module("tidewright.search_tracking").SearchTracker(data_dir, identity=identity)
-    try:
-        tracker.handle_era_transition(new_era_number=new_era_number, previous_era_number=previous_era_number)
-    finally:
-        tracker.close()
-)PY";
 
 template <typename F, typename... Extra>
 void def_method(nb::handle cls, const char* name, F&& f, const Extra&... extra) {
@@ -57,34 +27,23 @@ void def_property(nb::handle cls, const char* name, F&& getter) {
   cls.attr(name) = nb::module_::import_("builtins").attr("property")(nb::cpp_function(std::forward<F>(getter)));
 }
 
-SearchesFn searches_fn_from(nb::handle fn) {
-  if (fn.is_none()) return SearchesFn();
-  return SearchesFn::host_callable(make_ref(fn));
-}
-
-nb::object dict_of(const json::object& value) { return from_json(json::value(value)); }
-
 }  // namespace
 
 void bind_lifecycle(nb::module_& m) {
-  nb::object builtins = nb::module_::import_("builtins");
-  nb::dict globals = nb::borrow<nb::dict>(m.attr("__dict__"));
-  builtins.attr("exec")(builtins.attr("compile")(kTransitionHelpersSource, "<tidewright.sync transition>", "exec"),
-                        globals);
+  adopt_names(m, nb::module_::import_("tidewright._sync_transition"));
 
   nb::handle cls = nb::type<SyncManager>();
-  using release_gil = nb::call_guard<nb::gil_scoped_release>;
 
-  def_method(cls, "acquire", &SyncManager::acquire, release_gil(), "Register as consumer, start threads if first.");
-  def_method(cls, "release", &SyncManager::release, release_gil(),
+  def_method(cls, "acquire", &SyncManager::acquire, kReleaseGil, "Register as consumer, start threads if first.");
+  def_method(cls, "release", &SyncManager::release, kReleaseGil,
              "Deregister as consumer, stop threads if last.\n\n"
              "The last release stops the manager as stop() does, cancelling a running sync or era "
              "transition. A transition that is still running afterwards (release() called from an era "
              "callback on the transition's own thread, say) keeps the instance registered, so that "
              "get_or_create() hands out no second manager for the directory; it leaves the registry when "
              "that transition returns.");
-  def_method(cls, "start", &SyncManager::start, release_gil(), "Start background sync polling loop.");
-  def_method(cls, "stop", &SyncManager::stop, release_gil(),
+  def_method(cls, "start", &SyncManager::start, kReleaseGil, "Start background sync polling loop.");
+  def_method(cls, "stop", &SyncManager::stop, kReleaseGil,
              "Stop background sync polling loop.\n\n"
              "Does nothing unless the manager is running (start() or acquire()). Otherwise it does not "
              "wait for a running sync or era transition to finish: it cancels them and returns once they "
@@ -95,15 +54,15 @@ void bind_lifecycle(nb::module_& m) {
              "cancelled before the switch, the new one after it, and its error names that era; searches it "
              "stopped are not restarted, and its staging directory is removed (the next transition downloads "
              "again what it had not finished).");
-  def_method(cls, "_stop_internal", &SyncManager::stop_internal, release_gil(),
+  def_method(cls, "_stop_internal", &SyncManager::stop_internal, kReleaseGil,
              "Internal stop implementation. Blocks until in-progress sync/transition completes.\n\n"
              "The in-progress sync or transition is cancelled first (see stop()), so the wait is short.");
-  def_method(cls, "is_alive", &SyncManager::is_alive, release_gil(), "Health check returning thread responsiveness.");
-  def_method(cls, "_poll_once", &SyncManager::poll_once, release_gil(),
+  def_method(cls, "is_alive", &SyncManager::is_alive, kReleaseGil, "Health check returning thread responsiveness.");
+  def_method(cls, "_poll_once", &SyncManager::poll_once, kReleaseGil,
              "Single poll cycle: check version, sync if needed, process repairs.");
-  def_method(cls, "request_for_sync", &SyncManager::request_for_sync, release_gil(),
+  def_method(cls, "request_for_sync", &SyncManager::request_for_sync, kReleaseGil,
              "Cross-process sync trigger, returns file paths.");
-  def_method(cls, "_get_found_file_paths", &SyncManager::get_found_file_paths, release_gil(),
+  def_method(cls, "_get_found_file_paths", &SyncManager::get_found_file_paths, kReleaseGil,
              "Get all found signal and strategy PnL file paths, ordered newest first.");
   def_method(
       cls, "report_corruption",
@@ -119,11 +78,7 @@ void bind_lifecycle(nb::module_& m) {
   // name what callers are meant to pass.
   def_method(
       cls, "register_era_callback",
-      [](SyncManager& s, nb::handle callback) {
-        HostRef ref = make_ref(callback);
-        nb::gil_scoped_release release;
-        s.register_era_callback(std::move(ref));
-      },
+      [](SyncManager& s, const HostCallableArg& callback) { s.register_era_callback(callback.ref); }, kReleaseGil,
       nb::arg("callback").none(),
       "Register callback(event_type, era_number) for era transitions (duplicates are kept).\n\n"
       "Event types: \"kill\" (stop work before a transition, with the era held so far), "
@@ -160,13 +115,10 @@ void bind_lifecycle(nb::module_& m) {
       },
       nb::arg("callback").none(),
       nb::sig("def unregister_era_callback(self, callback: collections.abc.Callable[[str, int], object]) -> None"));
-  def_method(
-      cls, "_notify_era_callbacks",
-      [](SyncManager& s, const std::string& event_type, std::int64_t era_number) {
-        nb::gil_scoped_release release;
-        s.notify_era_callbacks(event_type, era_number);
-      },
-      nb::arg("event_type"), nb::arg("era_number"));
+  def_method(cls, "_notify_era_callbacks",
+             nb::overload_cast<const std::string&, std::int64_t>(&SyncManager::notify_era_callbacks), kReleaseGil,
+             nb::arg("event_type"),
+             nb::arg("era_number"));
   def_property(cls, "_era_callbacks", [](SyncManager& s) {
     std::vector<HostRef> registered;
     {
@@ -180,13 +132,7 @@ void bind_lifecycle(nb::module_& m) {
 
   def_method(
       cls, "trigger_era_transition",
-      [](SyncManager& s, std::int64_t new_era_number, Shown<shown::SearchesCallback> kill_searches_fn,
-         Shown<shown::SearchesCallback> restart_searches_fn) {
-        SearchesFn kill = searches_fn_from(kill_searches_fn);
-        SearchesFn restart = searches_fn_from(restart_searches_fn);
-        nb::gil_scoped_release release;
-        s.trigger_era_transition(new_era_number, kill, restart);
-      },
+      &SyncManager::trigger_era_transition, kReleaseGil,
       nb::arg("new_era_number"), nb::arg("kill_searches_fn").none() = nb::none(),
       nb::arg("restart_searches_fn").none() = nb::none(),
       "Handle era transition: kill, update, re-auth, sync, restart.\n\n"
@@ -197,28 +143,14 @@ void bind_lifecycle(nb::module_& m) {
       "restarted.");
   def_method(
       cls, "_fetch_active_era_for_transition",
-      [](SyncManager& s, bool allow_closing) {
-        std::pair<std::int64_t, json::object> fetched;
-        {
-          nb::gil_scoped_release release;
-          fetched = s.fetch_active_era_for_transition(allow_closing);
-        }
-        return nb::make_tuple(fetched.first, dict_of(fetched.second));
-      },
+      &SyncManager::fetch_active_era_for_transition, kReleaseGil,
       nb::arg("allow_closing") = false, "Fetch market-scoped era-current for transition gates.");
   def_method(
       cls, "_confirm_active_era",
-      [](SyncManager& s, std::int64_t expected_era_number, bool allow_closing) {
-        json::object config;
-        {
-          nb::gil_scoped_release release;
-          config = s.confirm_active_era(expected_era_number, allow_closing);
-        }
-        return dict_of(config);
-      },
+      &SyncManager::confirm_active_era, kReleaseGil,
       nb::arg("expected_era_number"), nb::arg("allow_closing") = false,
       "Require market-scoped era-current to match the requested active era.");
-  def_method(cls, "_check_transition_superseded", &SyncManager::check_transition_superseded, release_gil(),
+  def_method(cls, "_check_transition_superseded", &SyncManager::check_transition_superseded, kReleaseGil,
              nb::arg("expected_era_number"), nb::arg("allow_closing") = false,
              "Return superseding active era_number, or raise on an invalid active state.");
 

@@ -4,6 +4,7 @@
 // nanoseconds of work; they keep the GIL, since handing it to another thread
 // and waiting for it back would cost far more. Functions that scan a whole
 // manifest or touch the disk release it.
+#include "tidewright/sync/bindings/annotations.hpp"
 #include "tidewright/sync/bindings/bindings.hpp"
 #include "tidewright/sync/bindings/convert.hpp"
 #include "tidewright/sync/manifest/paths.hpp"
@@ -40,16 +41,6 @@ json::object manifest_files(nb::handle manifest) {
   return std::move(value.get_object());
 }
 
-nb::tuple to_tuple(const std::vector<std::string>& items) {
-  nb::object tuple = nb::steal(PyTuple_New(static_cast<Py_ssize_t>(items.size())));
-  if (!tuple.is_valid()) throw nb::python_error();
-  for (std::size_t i = 0; i < items.size(); ++i) {
-    nb::str item(items[i].data(), items[i].size());
-    PyTuple_SET_ITEM(tuple.ptr(), static_cast<Py_ssize_t>(i), item.release().ptr());
-  }
-  return nb::borrow<nb::tuple>(tuple);
-}
-
 struct FeatureQuery {
   json::object files;
   std::string feature_name;
@@ -83,18 +74,16 @@ void bind_paths(nb::module_& m) {
 
   m.def(
       "_safe_manifest_relative_path",
-      [](nb::handle file_path) { return safe_manifest_relative_path(to_text(file_path)); }, "file_path"_a,
+      [](const TextArg& file_path) { return safe_manifest_relative_path(file_path.text); }, "file_path"_a,
       "Normalize and validate a manifest path before URL/local path use.");
 
   m.def(
       "_manifest_local_path",
-      [](nb::handle data_dir, nb::handle file_path) {
-        std::string dir = to_text(nb::module_::import_("os").attr("fspath")(data_dir));
-        std::string path = to_text(file_path);
-        nb::gil_scoped_release release;
-        return manifest_local_path(dir, path);
+      [](const PathArg& data_dir, const TextArg& file_path) {
+        return manifest_local_path(data_dir.text, file_path.text);
       },
-      "data_dir"_a, "file_path"_a, "Resolve a manifest path inside data_dir, rejecting traversal/symlinks.");
+      kReleaseGil, "data_dir"_a, "file_path"_a,
+      "Resolve a manifest path inside data_dir, rejecting traversal/symlinks.");
 
   m.def(
       "_feature_epoch_for_expression_type",
@@ -106,7 +95,7 @@ void bind_paths(nb::module_& m) {
 
   m.def(
       "_manifest_feature_relative_path",
-      [](nb::handle manifest, nb::handle feature_name, nb::handle expression_type, nb::handle named_universe) {
+      [](nb::handle manifest, Shown<shown::Str> feature_name, nb::handle expression_type, nb::handle named_universe) {
         FeatureQuery q = feature_query(manifest, feature_name, expression_type, named_universe);
         nb::gil_scoped_release release;
         return manifest_feature_relative_path(q.files, q.feature_name, q.expression_type,
@@ -117,12 +106,12 @@ void bind_paths(nb::module_& m) {
 
   m.def(
       "_feature_artifact_family_prefix",
-      [](nb::handle feature_name) { return feature_artifact_family_prefix(to_text(feature_name)); },
+      [](const TextArg& feature_name) { return feature_artifact_family_prefix(feature_name.text); },
       "feature_name"_a, "Return the manifest stem prefix shared by runtime companion features.");
 
   m.def(
       "_manifest_feature_companion_relative_paths",
-      [](nb::handle manifest, nb::handle relative_path) {
+      [](nb::handle manifest, Shown<shown::Str> relative_path) {
         json::object files = manifest_files(manifest);
         std::string path = to_text(relative_path);
         std::vector<std::string> paths;
@@ -130,14 +119,14 @@ void bind_paths(nb::module_& m) {
           nb::gil_scoped_release release;
           paths = manifest_feature_companion_relative_paths(files, path);
         }
-        return to_tuple(paths);
+        return text_tuple(paths);
       },
       "manifest"_a, "relative_path"_a,
       "Return the other manifest files of a feature's runtime family, sorted.");
 
   m.def(
       "_manifest_feature_prefetch_relative_paths",
-      [](nb::handle manifest, nb::handle feature_name, nb::handle expression_type, nb::handle named_universe) {
+      [](nb::handle manifest, Shown<shown::Str> feature_name, nb::handle expression_type, nb::handle named_universe) {
         FeatureQuery q = feature_query(manifest, feature_name, expression_type, named_universe);
         std::vector<std::string> paths;
         {
@@ -145,7 +134,7 @@ void bind_paths(nb::module_& m) {
           paths = manifest_feature_prefetch_relative_paths(q.files, q.feature_name, q.expression_type,
                                                            view_of(q.named_universe), q.epochs);
         }
-        return to_tuple(paths);
+        return text_tuple(paths);
       },
       "manifest"_a, nb::kw_only(), "feature_name"_a, "expression_type"_a.none() = "SIGNAL",
       "named_universe"_a.none() = nb::none(), "Return a feature's manifest path followed by its companions.");
@@ -153,24 +142,24 @@ void bind_paths(nb::module_& m) {
   // The bearer-transport check calls the host with the GIL held either way.
   m.def(
       "_manifest_file_url",
-      [](nb::handle server_url, nb::handle file_path, nb::handle base_url) {
+      [](const TextArg& server_url, const TextArg& file_path, nb::handle base_url) {
         std::optional<std::string> base = optional_text(base_url);
-        return manifest_file_url(to_text(server_url), to_text(file_path), view_of(base));
+        return manifest_file_url(server_url.text, file_path.text, view_of(base));
       },
       "server_url"_a, "file_path"_a, "base_url"_a.none() = nb::none(), "Build a data-file URL for a manifest path.");
 
   m.def(
       "_manifest_base_url_uses_public_download",
-      [](nb::handle server_url, nb::handle base_url) {
+      [](const TextArg& server_url, nb::handle base_url) {
         std::optional<std::string> base = optional_text(base_url);
-        return manifest_base_url_uses_public_download(to_text(server_url), view_of(base));
+        return manifest_base_url_uses_public_download(server_url.text, view_of(base));
       },
       "server_url"_a, "base_url"_a.none(), "Return whether base_url is the server's own data-file endpoint.");
 
   m.def(
       "_agent_signal_group_key",
-      [](nb::handle file_path, nb::handle prefix) {
-        return agent_signal_group_key(to_text(file_path), to_text(prefix), host().manifest_siblings().epochs);
+      [](const TextArg& file_path, const TextArg& prefix) {
+        return agent_signal_group_key(file_path.text, prefix.text, host().manifest_siblings().epochs);
       },
       "file_path"_a, "prefix"_a, "Return the pool-scoped signal group key for current manifest paths.");
 }

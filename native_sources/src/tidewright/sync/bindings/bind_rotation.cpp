@@ -19,26 +19,12 @@
 
 namespace tidewright::sync::bindings {
 
-// Defined with the SyncResult class in bind_manager.cpp.
-SyncResult from_python_result(nb::handle r);
-void update_python_result(nb::handle target, const SyncResult& r);
-
 namespace {
 
 using namespace nanobind::literals;
 
-std::string path_text(nb::handle value) {
-  return to_text(nb::module_::import_("os").attr("fspath")(value));
-}
-
 nb::object rotation_module() {
   return nb::module_::import_("importlib").attr("import_module")(std::string(ARTIFACT_ROTATION_MODULE));
-}
-
-nb::tuple to_tuple(const std::vector<std::string>& items) {
-  nb::list list;
-  for (const auto& s : items) list.append(nb::str(s.data(), s.size()));
-  return nb::tuple(list);
 }
 
 nb::tuple tuple_of_json(const json::array& items) {
@@ -138,7 +124,7 @@ void bind_module_functions(nb::module_& m) {
 
   m.def(
       "_feature_named_universe_from_path",
-      [](nb::handle file_path) { return feature_named_universe_from_path(to_text(file_path)); }, "file_path"_a);
+      [](const TextArg& file_path) { return feature_named_universe_from_path(file_path.text); }, "file_path"_a);
   m.def(
       "_rotation_manifest_default_named_universe",
       [](nb::handle manifest_data) { return rotation_manifest_default_named_universe(manifest_data_of(manifest_data)); },
@@ -149,7 +135,7 @@ void bind_module_functions(nb::module_& m) {
       "manifest_data"_a.none());
   m.def(
       "_rotation_file_info_with_legacy_scope",
-      [](nb::handle file_path, nb::handle file_info, nb::handle manifest_data) {
+      [](Shown<shown::Str> file_path, Shown<shown::JsonObject> file_info, nb::handle manifest_data) {
         std::string path = to_text(file_path);
         json::value info = to_json(file_info);
         json::object data = manifest_data_of(manifest_data);
@@ -243,7 +229,7 @@ void bind_module_functions(nb::module_& m) {
       "result"_a, "selection"_a);
   m.def(
       "_existing_rotation_paths",
-      [](nb::handle data_dir, nb::handle relative_paths) {
+      [](Shown<shown::PathLike> data_dir, nb::handle relative_paths) {
         std::string dir = path_text(data_dir);
         std::vector<std::string> paths = texts(relative_paths);
         std::vector<std::string> out;
@@ -251,17 +237,17 @@ void bind_module_functions(nb::module_& m) {
           nb::gil_scoped_release release;
           out = existing_rotation_paths(dir, paths);
         }
-        return to_tuple(out);
+        return text_tuple(out);
       },
       "data_dir"_a, "relative_paths"_a);
 
   m.def(
       "feature_rotation_state_path",
-      [](Shown<shown::PathLike> data_dir) { return feature_rotation_state_path(path_text(data_dir)); },
+      [](const PathArg& data_dir) { return feature_rotation_state_path(data_dir.text); },
       "data_dir"_a, "Path of the persisted feature-rotation state in data_dir.");
   m.def(
       "_prefetched_features_state_path",
-      [](nb::handle data_dir) { return prefetched_features_state_path(path_text(data_dir)); }, "data_dir"_a);
+      [](const PathArg& data_dir) { return prefetched_features_state_path(data_dir.text); }, "data_dir"_a);
   m.def(
       "load_feature_rotation_state",
       [](Shown<shown::PathLike> data_dir) -> ShownObject<shown::OptionalRotationState> {
@@ -309,7 +295,7 @@ void bind_module_functions(nb::module_& m) {
           nb::gil_scoped_release release;
           out = manifest_prefetched_feature_paths(*m, given, host().manifest_siblings());
         }
-        return to_tuple(out);
+        return text_tuple(out);
       },
       "manifest"_a.none(), "paths"_a);
 }
@@ -375,7 +361,7 @@ void bind_manager_methods() {
           nb::gil_scoped_release release;
           paths = self.prefetched_feature_keep_paths(*m);
         }
-        return to_tuple(paths);
+        return text_tuple(paths);
       },
       nb::scope(cls), nb::name("_prefetched_feature_keep_paths"), nb::is_method(), "manifest"_a.none());
 

@@ -1,5 +1,6 @@
 // Python face of the transport settings: constants, the tuning functions a
 // host may replace, the parallel timeout and the download status policy.
+#include "tidewright/sync/bindings/annotations.hpp"
 #include "tidewright/sync/bindings/bindings.hpp"
 #include "tidewright/sync/bindings/convert.hpp"
 #include "tidewright/sync/transport/settings.hpp"
@@ -11,77 +12,8 @@ namespace tidewright::sync::bindings {
 
 namespace {
 
-std::optional<json::value> optional_to_json_or_text(nb::handle object) {
-  if (object.is_none()) return std::nullopt;
-  return to_json_or_text(object);
-}
-
 const json::value* pointer(const std::optional<json::value>& value) { return value ? &*value : nullptr; }
 
-// The module's tuning functions are Python functions marked as the native
-// defaults (as the sibling modules' defaults are), calling the native
-// values; the module's own class notices a host replacing one and tells the
-// engine, which from then on asks the replacement and otherwise never calls
-// into Python for these values.
-constexpr const char* kTuningSource = R"PY(
-import types as _types
-
-
-def _sync_http_timeout_seconds():
-    """Per-request timeout of ordinary GETs, in seconds."""
-    return _native_tuning.sync_http_timeout_seconds()
-
-
-def _sync_manifest_version_http_timeout_seconds():
-    """Timeout of the lightweight manifest-version poll, in seconds."""
-    return _native_tuning.sync_manifest_version_http_timeout_seconds()
-
-
-def _sync_http_response_read_bytes():
-    """Size of one read from a response body, in bytes."""
-    return _native_tuning.sync_http_response_read_bytes()
-
-
-def _sync_http_transport(raw=None):
-    """The transport knob: "auto", "urllib" or "curl"; absent or blank gives the default."""
-    return _native_tuning.sync_http_transport(raw)
-
-
-def _sync_http_chunk_bytes(raw=None):
-    """The ranged-request size knob: a positive integer; absent or blank gives the default."""
-    return _native_tuning.sync_http_chunk_bytes(raw)
-
-
-def _sync_max_concurrency(raw=None):
-    """The download worker count knob: a positive integer; absent or blank gives the default."""
-    return _native_tuning.sync_max_concurrency(raw)
-
-
-_TUNING_FUNCTIONS = frozenset({
-    "_sync_http_timeout_seconds", "_sync_manifest_version_http_timeout_seconds", "_sync_http_response_read_bytes",
-    "_sync_http_transport", "_sync_http_chunk_bytes", "_sync_max_concurrency",
-})
-for _name in _TUNING_FUNCTIONS:
-    globals()[_name].__tidewright_native__ = _name
-del _name
-
-
-class _SyncModule(_types.ModuleType):
-    """The sync module. The engine reads its tuning from the module's tuning
-    functions; one replaced by assigning the module attribute (monkeypatching
-    does) is what the engine calls from then on, until the module's own is
-    put back."""
-
-    def __setattr__(self, name, value):
-        super().__setattr__(name, value)
-        if name in _TUNING_FUNCTIONS:
-            _native_tuning.note_tuning_function(name, value)
-
-    def __delattr__(self, name):
-        super().__delattr__(name)
-        if name in _TUNING_FUNCTIONS:
-            _native_tuning.note_tuning_function(name, None)
-)PY";
 
 // Records whether `value`, now the module's `name`, is the module's own.
 void note_tuning_function(const std::string& name, nb::handle value) {
@@ -104,23 +36,21 @@ void bind_tuning_functions(nb::module_& m) {
               nb::cpp_function(&native::sync_manifest_version_http_timeout_seconds));
   nb::setattr(defaults, "sync_http_response_read_bytes", nb::cpp_function(&native::sync_http_response_read_bytes));
   nb::setattr(defaults, "sync_http_transport", nb::cpp_function([](nb::handle raw) {
-                return native::sync_http_transport(pointer(optional_to_json_or_text(raw)));
+                return native::sync_http_transport(pointer(optional_json_or_text(raw)));
               }, nb::arg("raw").none()));
   nb::setattr(defaults, "sync_http_chunk_bytes", nb::cpp_function([](nb::handle raw) {
-                return native::sync_http_chunk_bytes(pointer(optional_to_json_or_text(raw)));
+                return native::sync_http_chunk_bytes(pointer(optional_json_or_text(raw)));
               }, nb::arg("raw").none()));
   nb::setattr(defaults, "sync_max_concurrency", nb::cpp_function([](nb::handle raw) {
-                return native::sync_max_concurrency(pointer(optional_to_json_or_text(raw)));
+                return native::sync_max_concurrency(pointer(optional_json_or_text(raw)));
               }, nb::arg("raw").none()));
   nb::setattr(defaults, "note_tuning_function", nb::cpp_function(&note_tuning_function, nb::arg("name"),
                                                                nb::arg("value").none()));
-  m.attr("_native_tuning") = defaults;
-
-  nb::object builtins = nb::module_::import_("builtins");
-  nb::dict globals = nb::borrow<nb::dict>(m.attr("__dict__"));
-  builtins.attr("exec")(builtins.attr("compile")(kTuningSource, "<tidewright.sync tuning>", "exec"), globals);
+  nb::module_ tuning = nb::module_::import_("tidewright._sync_tuning");
+  tuning.attr("_native_tuning") = defaults;
+  adopt_names(m, tuning);
   for (TuningFunction function : TUNING_FUNCTIONS) set_tuning_function_replaced(function, false);
-  m.attr("__class__") = globals["_SyncModule"];
+  m.attr("__class__") = tuning.attr("_SyncModule");
 }
 
 }  // namespace
@@ -165,7 +95,8 @@ void bind_transport_settings(nb::module_& m) {
   // The batch is unbounded whatever its shape, so the counts are accepted as given.
   m.def(
       "_sync_parallel_timeout_seconds",
-      [](nb::handle, nb::handle) { return sync_parallel_timeout_seconds(0, 0); }, nb::arg("file_count").none(),
+      [](Shown<shown::Int>, Shown<shown::Int>) { return sync_parallel_timeout_seconds(0, 0); },
+      nb::arg("file_count").none(),
       nb::arg("max_workers").none(),
       "No timeout (None): a parallel download batch is never cut off by a wall-clock limit. The engine does not "
       "consult this function, so replacing it changes nothing.");
@@ -173,11 +104,12 @@ void bind_transport_settings(nb::module_& m) {
         nb::arg("timeout_seconds").none());
 
   m.def(
-      "_should_retry_http_status", [](nb::handle status) { return should_retry_http_status(to_json_or_text(status)); },
+      "_should_retry_http_status",
+      [](Shown<shown::Int> status) { return should_retry_http_status(to_json_or_text(status)); },
       nb::arg("status").none());
   m.def(
       "_raise_download_http_status",
-      [](nb::handle file_path, nb::handle status) {
+      [](Shown<shown::Str> file_path, nb::handle status) {
         raise_download_http_status(to_text(file_path), to_json_or_text(status));
       },
       nb::arg("file_path"), nb::arg("status").none());

@@ -161,4 +161,154 @@ nb::handle ref_object(const HostRef& ref) {
   return nb::handle(static_cast<PyObject*>(ref.get()));
 }
 
+std::string fs_path(nb::handle object) {
+  nb::object path = steal_or_throw(PyOS_FSPath(object.ptr()));
+  if (PyUnicode_Check(path.ptr())) path = steal_or_throw(PyUnicode_EncodeFSDefault(path.ptr()));
+  char* data = nullptr;
+  Py_ssize_t size = 0;
+  if (PyBytes_AsStringAndSize(path.ptr(), &data, &size) != 0) raise_from_python();
+  return std::string(data, static_cast<std::size_t>(size));
+}
+
+nb::str fs_path_result(const std::string& path) {
+  return nb::steal<nb::str>(
+      steal_or_throw(PyUnicode_DecodeFSDefaultAndSize(path.data(), static_cast<Py_ssize_t>(path.size()))).release());
+}
+
+std::string path_text(nb::handle object) { return to_text(nb::module_::import_("os").attr("fspath")(object)); }
+
+json::value json_or_null(nb::handle object) {
+  try {
+    return to_json(object);
+  } catch (nb::python_error&) {
+    return nullptr;
+  }
+}
+
+std::optional<json::value> optional_json_or_text(nb::handle object) {
+  if (object.is_none()) return std::nullopt;
+  return to_json_or_text(object);
+}
+
+SearchesFn searches_fn_from(nb::handle fn) {
+  if (fn.is_none()) return SearchesFn();
+  return SearchesFn::host_callable(make_ref(fn));
+}
+
+namespace {
+
+// Fills a new list or tuple (`set` is PyList_SET_ITEM or PyTuple_SET_ITEM).
+template <typename Sequence>
+Sequence texts_into(PyObject* created, const std::vector<std::string>& items,
+                    void (*set)(PyObject*, Py_ssize_t, PyObject*)) {
+  nb::object out = steal_or_throw(created);
+  for (std::size_t i = 0; i < items.size(); ++i) {
+    set(out.ptr(), static_cast<Py_ssize_t>(i), nb::str(items[i].data(), items[i].size()).release().ptr());
+  }
+  return nb::borrow<Sequence>(out);
+}
+
+}  // namespace
+
+nb::list text_list(const std::vector<std::string>& items) {
+  return texts_into<nb::list>(PyList_New(static_cast<Py_ssize_t>(items.size())), items,
+                              [](PyObject* l, Py_ssize_t i, PyObject* v) { PyList_SET_ITEM(l, i, v); });
+}
+
+nb::tuple text_tuple(const std::vector<std::string>& items) {
+  return texts_into<nb::tuple>(PyTuple_New(static_cast<Py_ssize_t>(items.size())), items,
+                               [](PyObject* t, Py_ssize_t i, PyObject* v) { PyTuple_SET_ITEM(t, i, v); });
+}
+
+namespace {
+
+nb::object sync_type(const char* name) { return nb::module_::import_("tidewright._sync_types").attr(name); }
+
+nb::object optional_int(const std::optional<std::int64_t>& value) {
+  return value ? nb::object(nb::int_(*value)) : nb::none();
+}
+
+}  // namespace
+
+nb::object to_python(const SyncResult& r) {
+  nb::dict kw;
+  kw["features_downloaded"] = r.features_downloaded;
+  kw["useful_signals_downloaded"] = r.useful_signals_downloaded;
+  kw["bytes_downloaded"] = r.bytes_downloaded;
+  kw["era_number"] = r.era_number;
+  kw["t_signal_is"] = r.t_signal_is;
+  kw["t_strategy_is"] = r.t_strategy_is;
+  kw["n_instruments"] = r.n_instruments;
+  kw["n_features"] = r.n_features;
+  kw["n_useful_signals"] = r.n_useful_signals;
+  kw["n_found_strategies"] = r.n_found_strategies;
+  kw["pnl_column_count"] = r.pnl_column_count;
+  kw["vocabulary_downloaded"] = r.vocabulary_downloaded;
+  kw["shuffle_seed_downloaded"] = r.shuffle_seed_downloaded;
+  kw["active_relative_paths"] = text_tuple(r.active_relative_paths);
+  kw["skipped_relative_paths"] = text_tuple(r.skipped_relative_paths);
+  kw["mandatory_relative_paths"] = text_tuple(r.mandatory_relative_paths);
+  kw["found_pnl_paths_downloaded"] = text_tuple(r.found_pnl_paths_downloaded);
+  kw["rejected_files"] = text_tuple(r.rejected_files);
+  kw["rotation_seed"] = optional_int(r.rotation_seed);
+  kw["feature_budget_bytes"] = optional_int(r.feature_budget_bytes);
+  return sync_type("SyncResult")(**kw);
+}
+
+nb::object to_python(const VerifyResult& r) {
+  return sync_type("VerifyResult")(r.valid, text_list(r.corrupted_files), text_list(r.missing_files),
+                                   nb::arg("has_manifest") = r.has_manifest);
+}
+
+SyncResult from_python_result(nb::handle r) {
+  SyncResult out;
+  if (r.is_none()) return out;
+  auto i64 = [&](const char* name) { return nb::cast<std::int64_t>(r.attr(name)); };
+  auto strings = [&](const char* name) {
+    std::vector<std::string> v;
+    for (nb::handle item : r.attr(name)) v.push_back(to_text(item));
+    return v;
+  };
+  out.features_downloaded = i64("features_downloaded");
+  out.useful_signals_downloaded = i64("useful_signals_downloaded");
+  out.bytes_downloaded = i64("bytes_downloaded");
+  out.era_number = i64("era_number");
+  out.t_signal_is = i64("t_signal_is");
+  out.t_strategy_is = i64("t_strategy_is");
+  out.n_instruments = i64("n_instruments");
+  out.n_features = i64("n_features");
+  out.n_useful_signals = i64("n_useful_signals");
+  out.n_found_strategies = i64("n_found_strategies");
+  out.pnl_column_count = i64("pnl_column_count");
+  out.vocabulary_downloaded = nb::cast<bool>(r.attr("vocabulary_downloaded"));
+  out.shuffle_seed_downloaded = nb::cast<bool>(r.attr("shuffle_seed_downloaded"));
+  out.active_relative_paths = strings("active_relative_paths");
+  out.skipped_relative_paths = strings("skipped_relative_paths");
+  out.mandatory_relative_paths = strings("mandatory_relative_paths");
+  out.found_pnl_paths_downloaded = strings("found_pnl_paths_downloaded");
+  out.rejected_files = strings("rejected_files");
+  if (!r.attr("rotation_seed").is_none()) out.rotation_seed = i64("rotation_seed");
+  if (!r.attr("feature_budget_bytes").is_none()) out.feature_budget_bytes = i64("feature_budget_bytes");
+  return out;
+}
+
+void update_python_result(nb::handle target, const SyncResult& r) {
+  if (target.is_none()) return;
+  nb::object fresh = to_python(r);
+  for (nb::handle field : nb::module_::import_("dataclasses").attr("fields")(fresh)) {
+    nb::object name = field.attr("name");
+    nb::setattr(target, name, nb::getattr(fresh, name));
+  }
+}
+
 }  // namespace tidewright::sync::bindings
+
+namespace nanobind::detail {
+
+object type_caster<tidewright::sync::HttpResponse>::convert(const tidewright::sync::HttpResponse& r) {
+  dict headers;
+  for (const auto& [k, v] : r.headers.items) headers[str(k.c_str(), k.size())] = str(v.c_str(), v.size());
+  return make_tuple(r.status, headers, bytes(r.body.data(), r.body.size()));
+}
+
+}  // namespace nanobind::detail

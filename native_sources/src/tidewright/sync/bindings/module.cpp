@@ -8,6 +8,7 @@
 
 #include <csignal>
 #include <memory>
+#include <string_view>
 
 namespace nb = nanobind;
 using namespace tidewright::sync;
@@ -29,6 +30,29 @@ void at_exit() {
 }
 
 }  // namespace
+
+namespace tidewright::sync::bindings {
+
+void adopt_names(nb::module_& m, nb::handle part) {
+  nb::object part_name = part.attr("__name__");
+  nb::object own_name = m.attr("__name__");
+  nb::object is_function = nb::module_::import_("inspect").attr("isfunction");
+  auto take = [&](nb::handle value) {
+    bool defined_there = (PyType_Check(value.ptr()) || nb::cast<bool>(is_function(value))) &&
+                         nb::getattr(value, "__module__", nb::none()).equal(part_name);
+    if (defined_there) nb::setattr(value, "__module__", own_name);
+    return defined_there;
+  };
+  for (auto item : nb::borrow<nb::dict>(part.attr("__dict__"))) {
+    if (std::string_view(nb::str(item.first).c_str()).starts_with("__")) continue;  // the part's own module attributes
+    if (take(item.second) && PyType_Check(item.second.ptr())) {
+      for (nb::handle member : item.second.attr("__dict__").attr("values")()) take(member);
+    }
+    nb::setattr(m, item.first, item.second);
+  }
+}
+
+}  // namespace tidewright::sync::bindings
 
 NB_MODULE(sync, m) {
   m.doc() = "Sync subcomponent \u2014 data synchronization, era management, file integrity.";
