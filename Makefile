@@ -251,7 +251,8 @@ coverage: apt-deps venv
 	PATH="$(CURDIR)/$(VENV)/bin:$$PATH" cmake --build $(COV_DIR)/cpp -j $(JOBS)
 	@status=0; \
 	PATH="$(CURDIR)/$(VENV)/bin:$$PATH" ctest --test-dir $(COV_DIR)/cpp -j $(JOBS) --output-on-failure -Q || status=$$?; \
-	PYTHONPATH="$(CURDIR)/$(COV_DIR)/site" $(VPY) -m pytest -q -p no:cacheprovider tests || status=$$?; \
+	PYTHONPATH="$(CURDIR)/$(COV_DIR)/site" TW_INSTRUMENTED_BUILD=coverage $(VPY) -m pytest -q -p no:cacheprovider tests \
+	  || status=$$?; \
 	$(VENV)/bin/gcovr -r . --filter 'native_sources/src/' -j $(JOBS) --gcov-ignore-parse-errors=negative_hits.warn_once_per_file \
 	  --json-summary $(COV_DIR)/summary.json --txt $(COV_DIR)/coverage.txt $(COV_DIR)/py $(COV_DIR)/cpp || exit $$?; \
 	$(VPY) tools/coverage_summary.py $(COV_DIR)/summary.json --under 80; \
