@@ -90,6 +90,21 @@ def test_universe_names_and_retired_entry_names():
     sync._validate_no_retired_function_tokens({"functions": [{"name": "fx1"}]})
 
 
+def test_the_retired_token_rule_is_the_sibling_modules_at_call_time(monkeypatch):
+    import tidewright._function_token_safety as tokens
+
+    monkeypatch.setattr(tokens, "is_retired_public_function_token_name", lambda name: name.startswith("old_"))
+    assert sync._retired_function_names_in_vocabulary({"functions": [{"name": "old_add"}, {"name": "f1"}]}) == [
+        "old_add"]
+
+    def broken(name):
+        raise KeyError(name)
+
+    monkeypatch.setattr(tokens, "is_retired_public_function_token_name", broken)
+    with pytest.raises(KeyError, match="add"):  # the rule's own error reaches the caller unchanged
+        sync._validate_vocabulary_data(vocabulary(), ERA)
+
+
 def era_files(data_dir, functions_era=ERA, universes=("top50", "top100")):
     """Writes functions.json and one vocabulary per universe; returns the manifest data."""
     functions = json.dumps({"era_number": functions_era, "functions": [{"name": "mul"}]}).encode()
@@ -370,20 +385,23 @@ def test_the_manager_fetches_artifacts_once_and_again_only_when_the_local_copy_i
     assert not m._download_signals_index(sync.Manifest({"era_number": 1}))
 
 
-def test_a_missing_manifest_file_is_fetched_on_demand(dataservice, tmp_path):
+def test_single_and_parallel_downloads_check_each_file_against_its_entry(dataservice, tmp_path):
     svc = dataservice
-    data = tmp_path
-    m = sync.SyncManager(str(data), svc.url, token=svc.token)
+    m = sync.SyncManager(str(tmp_path), svc.url, token=svc.token)
     path = "features/top50/signal_is/px000__ret__lag0__v1.arrow"
     info = svc.manifest()["files"][path]
-    local = str(data / path)
-    assert not m._local_file_matches_manifest(path, local, info)
-    assert m.ensure_manifest_file_available(path, info).bytes_downloaded == info["size_bytes"]
+    local = str(tmp_path / path)
+    with pytest.raises(sync.IntegrityError):
+        m._download_file(path, {**info, "sha256": "0" * 64}, sync.SyncResult(), retry_checksum_mismatch=False)
+    assert not os.path.exists(local) and not m._local_file_matches_manifest(path, local, info)
+    result = sync.SyncResult()
+    m._download_file(path, info, result)  # completes from the staging file the refused attempt kept
+    assert (tmp_path / path).read_bytes() == svc.file_bytes(None, path) and result.features_downloaded == 1
     assert m._local_file_matches_manifest(path, local, info, cache_allowed=False)
     status, headers, body = m._http_get(f"{svc.url}/data/files/{path}", 0, 9)
     assert (status, body) == (206, svc.file_bytes(None, path)[:10])
     others = {p: i for p, i in svc.manifest()["files"].items() if p.startswith("features/top200/")}
-    result = sync.SyncResult()
     m._download_files_parallel(others, result)
     assert result.bytes_downloaded == sum(i["size_bytes"] for i in others.values())
-    assert all((data / p).read_bytes() == svc.file_bytes(None, p) for p in others)
+    assert result.features_downloaded == 1 + len(others)
+    assert all((tmp_path / p).read_bytes() == svc.file_bytes(None, p) for p in others)
