@@ -105,7 +105,7 @@ def test_era_directory_names(name):
     assert sync._parse_era_directory_id(name) == era_directory_id(name)
 
 
-@settings(max_examples=300, deadline=None)
+@settings(max_examples=100, deadline=None)
 @given(st.sampled_from(["era_", "era", "er", ""]),
        st.text(st.characters(whitelist_categories=("Nd",)) | st.sampled_from("_ x\u00b2-"), max_size=21))
 def test_era_directory_numbers_are_read_like_int(prefix, rest):

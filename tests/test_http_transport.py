@@ -297,7 +297,7 @@ def test_silent_server_is_abandoned_promptly_on_stop(server, events, fast_backof
 
     def stop_requested():
         if len(server.requests_for(url)) >= 2 and not stop_at:
-            stop_at.append(time.monotonic() + 0.5)  # let the second attempt hang for a while
+            stop_at.append(time.monotonic() + 0.2)  # let the second attempt hang for a while
         return bool(stop_at) and time.monotonic() >= stop_at[0]
 
     outcome = []

@@ -106,7 +106,7 @@ def test_signals_index_bytes_are_decoded_before_they_are_parsed(body):
     assert str(info.value) == f"Invalid signals_index.json UTF-8: {decoding.value}"
 
 
-@settings(max_examples=300, deadline=None)
+@settings(max_examples=100, deadline=None)
 @given(st.binary(max_size=12).map(lambda tail: b'{"x": "' + tail + b'"}'))
 def test_signals_index_text_is_refused_exactly_where_the_host_cannot_decode_it(body):
     try:
