@@ -475,11 +475,6 @@ def test_curl_statuses_and_failures_look_like_the_in_process_client(fake_curl, e
     assert outage["failures"] == ["URLError"]
     assert of_type(events, "http_retry")[0]["reason"] == "URLError"
 
-    assert sync._parse_curl_headers("HTTP/1.1 200 OK\r\nA: 1\r\n\r\nHTTP/2 404\r\nB : two words \r\n") == {
-        "B": "two words"}
-    assert [sync._curl_status_from_stdout(out) for out in (b"200", b"\n 503 \n", b"HTTP/1.1 404 No\nxx", b"")] == [
-        200, 503, 404, 0]
-
 
 def test_curl_download_streams_a_successful_body_into_the_file(fake_curl, tmp_path):
     target = tmp_path / "out.bin"
