@@ -244,6 +244,10 @@ coverage: apt-deps venv
 	@$(PIP) install -q --disable-pip-version-check gcovr
 	rm -rf $(COV_DIR)/site
 	mkdir -p $(COV_DIR) && find $(COV_DIR) -name '*.gcda' -delete
+	@# Notes of a source file that is gone (removed or renamed) would make gcovr fail.
+	@find $(COV_DIR) -name '*.gcno' | while read -r notes; do \
+	  source=$${notes#*.dir/}; [ -e "$${source%.gcno}" ] || rm -f "$$notes" "$${notes%.gcno}.o"; \
+	done
 	$(PIP) install -q --disable-pip-version-check --no-build-isolation --no-deps --target $(COV_DIR)/site \
 	  -C cmake.define.TW_COVERAGE=ON -C cmake.build-type=Debug -C build-dir=$(COV_DIR)/py .
 	PATH="$(CURDIR)/$(VENV)/bin:$$PATH" cmake -S . -B $(COV_DIR)/cpp -G Ninja -DTW_BUILD_TESTS=ON -DTW_COVERAGE=ON \

@@ -400,6 +400,7 @@ def test_single_and_parallel_downloads_check_each_file_against_its_entry(dataser
     assert m._local_file_matches_manifest(path, local, info, cache_allowed=False)
     status, headers, body = m._http_get(f"{svc.url}/data/files/{path}", 0, 9)
     assert (status, body) == (206, svc.file_bytes(None, path)[:10])
+    assert m._http_get_public(f"{svc.url}/data/files/{path}")[0] == 401  # sent without the token
     others = {p: i for p, i in svc.manifest()["files"].items() if p.startswith("features/top200/")}
     m._download_files_parallel(others, result)
     assert result.bytes_downloaded == sum(i["size_bytes"] for i in others.values())

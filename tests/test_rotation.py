@@ -465,6 +465,26 @@ def test_scoped_settings_for_the_artifacts_of_a_manifest():
     assert not sync._rotation_artifacts_require_scoped_settings(sync._rotation_manifest_artifacts(sync.Manifest(data)))
 
 
+@pytest.mark.parametrize(
+    "frequency, seconds",
+    [("weekly", 604800), (" PT6H ", 21600), ("PT0H", None), ("daily", None), ("PTxH", None), ("PT1.5H", None),
+     (None, None)],
+)
+def test_rotation_frequency(frequency, seconds):
+    assert sync._rotation_frequency_seconds({"rotation_frequency": frequency}) == seconds
+
+
+def test_budget_in_bytes():
+    budget = sync._rotation_feature_budget_bytes
+    assert budget({"feature_budget_gb": 2}) == 2 * GIB
+    assert budget({"feature_budget_gb": 1.5}) == GIB
+    assert budget({"feature_budget_gb": None}) is None
+    assert budget({"feature_budget_gb": rotation.FULL_DOWNLOAD}) == rotation.FULL_DOWNLOAD
+    assert budget({"feature_budget_gb": None, "feature_budget_bytes": 123}) == 123
+    with pytest.raises(ValueError, match="feature_budget_gb"):
+        budget({"feature_budget_gb": "lots"})
+
+
 def test_settings_for_a_manifest(svc, data):
     m = make_manager(svc, data)
     manifest = sync.Manifest(svc.manifest())
