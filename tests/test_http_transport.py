@@ -329,6 +329,17 @@ def test_stop_cuts_a_backoff_wait_short(server, monkeypatch):
     assert time.monotonic() - deadline < 15.0  # far below the 30 s wait, whatever the load
 
 
+def test_native_backoff_waits_follow_the_python_policy_and_end_on_a_stop(monkeypatch):
+    monkeypatch.setattr(SyncBackoffPolicy, "delay_seconds", classmethod(lambda cls, attempt_index: 0.01 * attempt_index))
+    assert [sync._backoff_delay_seconds(i) for i in range(3)] == [0.0, 0.01, 0.02]
+    sync._sleep_for_sync_backoff(0.01)
+    assert not sync._sync_backoff_stop_requested()
+    with backoff_context(stop_requested=lambda: True):
+        assert sync._sync_backoff_stop_requested()
+        with pytest.raises(SyncBackoffCancelled):
+            sync._sleep_for_sync_backoff(30.0)
+
+
 # -- the curl program ------------------------------------------------------------
 
 FAKE_CURL = r"""#!{python}
