@@ -399,33 +399,6 @@ TEST(Url, LoopbackHostsAreThisMachineOnly) {
   }
 }
 
-// The host a plain-http request may go to is the one after the last "@",
-// without brackets or port: user info never makes a remote host look local.
-TEST(Url, HostAndPortAreReadPastUserInfoAndBrackets) {
-  struct Case {
-    const char* url;
-    const char* host;
-    std::optional<int> port;
-  } cases[] = {
-      {"http://127.0.0.1@evil.example/x", "evil.example", std::nullopt},
-      {"HTTP://u:p@127.0.0.1:80@Evil.Example:8080/x?y#z", "evil.example", 8080},
-      {"https://[::1]:8443/data", "::1", 8443},
-      {"http://[::1/x", "::1", std::nullopt},
-      {"http://h:99999/", "h", std::nullopt},
-      {"http://h:8a/", "h", std::nullopt},
-      {"http://h:/", "h", std::nullopt},
-      {"1http://h/", "", std::nullopt},
-  };
-  for (const auto& c : cases) {
-    const UrlParts parts = split_url(c.url);
-    EXPECT_EQ(parts.hostname(), c.host) << c.url;
-    EXPECT_EQ(parts.port(), c.port) << c.url;
-  }
-  const UrlParts parts = split_url("Https://h/p/q?a=1#frag");
-  EXPECT_EQ((std::vector<std::string>{parts.scheme, parts.path, parts.query, parts.fragment}),
-            (std::vector<std::string>{"https", "/p/q", "a=1", "frag"}));
-}
-
 // The whole command line is checked where the engine runs a program in its
 // place (the Python transport tests); here only what the caller controls.
 TEST(CurlProgram, TheCallersTimeoutAndHeadersReachTheCommandLineButNotItsUserAgent) {
