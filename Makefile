@@ -244,6 +244,10 @@ coverage: apt-deps venv
 	@$(PIP) install -q --disable-pip-version-check gcovr
 	rm -rf $(COV_DIR)/site
 	mkdir -p $(COV_DIR) && find $(COV_DIR) -name '*.gcda' -delete
+	@# Notes of a source file that is gone (removed or renamed) would make gcovr fail.
+	@find $(COV_DIR) -name '*.gcno' | while read -r notes; do \
+	  source=$${notes#*.dir/}; [ -e "$${source%.gcno}" ] || rm -f "$$notes" "$${notes%.gcno}.o"; \
+	done
 	$(PIP) install -q --disable-pip-version-check --no-build-isolation --no-deps --target $(COV_DIR)/site \
 	  -C cmake.define.TW_COVERAGE=ON -C cmake.build-type=Debug -C build-dir=$(COV_DIR)/py .
 	PATH="$(CURDIR)/$(VENV)/bin:$$PATH" cmake -S . -B $(COV_DIR)/cpp -G Ninja -DTW_BUILD_TESTS=ON -DTW_COVERAGE=ON \
@@ -251,7 +255,8 @@ coverage: apt-deps venv
 	PATH="$(CURDIR)/$(VENV)/bin:$$PATH" cmake --build $(COV_DIR)/cpp -j $(JOBS)
 	@status=0; \
 	PATH="$(CURDIR)/$(VENV)/bin:$$PATH" ctest --test-dir $(COV_DIR)/cpp -j $(JOBS) --output-on-failure -Q || status=$$?; \
-	PYTHONPATH="$(CURDIR)/$(COV_DIR)/site" $(VPY) -m pytest -q -p no:cacheprovider tests || status=$$?; \
+	PYTHONPATH="$(CURDIR)/$(COV_DIR)/site" TW_INSTRUMENTED_BUILD=coverage $(VPY) -m pytest -q -p no:cacheprovider tests \
+	  || status=$$?; \
 	$(VENV)/bin/gcovr -r . --filter 'native_sources/src/' -j $(JOBS) --gcov-ignore-parse-errors=negative_hits.warn_once_per_file \
 	  --json-summary $(COV_DIR)/summary.json --txt $(COV_DIR)/coverage.txt $(COV_DIR)/py $(COV_DIR)/cpp || exit $$?; \
 	$(VPY) tools/coverage_summary.py $(COV_DIR)/summary.json --under 80; \

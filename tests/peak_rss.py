@@ -11,8 +11,9 @@ import subprocess
 import sys
 import textwrap
 
-# Under a sanitizer runtime (make asan, make tsan) memory figures say nothing.
-UNDER_SANITIZER = any(name in os.environ for name in ("ASAN_OPTIONS", "TSAN_OPTIONS"))
+# Under a sanitizer runtime (make asan, make tsan) or an instrumented Debug
+# build (make coverage sets TW_INSTRUMENTED_BUILD) memory figures say nothing.
+MEMORY_UNMEASURABLE = any(name in os.environ for name in ("ASAN_OPTIONS", "TSAN_OPTIONS", "TW_INSTRUMENTED_BUILD"))
 
 _CHILD = """
 import json, sys

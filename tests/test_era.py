@@ -4,6 +4,7 @@ import importlib
 import json
 import logging
 import os
+import re
 import signal
 import subprocess
 import sys
@@ -105,7 +106,7 @@ def test_era_directory_names(name):
     assert sync._parse_era_directory_id(name) == era_directory_id(name)
 
 
-@settings(max_examples=300, deadline=None)
+@settings(max_examples=100, deadline=None)
 @given(st.sampled_from(["era_", "era", "er", ""]),
        st.text(st.characters(whitelist_categories=("Nd",)) | st.sampled_from("_ x\u00b2-"), max_size=21))
 def test_era_directory_numbers_are_read_like_int(prefix, rest):
@@ -195,6 +196,9 @@ def test_closing_is_handled_once_and_a_cancelled_close_restarts_searches(svc, da
     assert "Trigger era transition (closing) failed: Active era confirmation for era_number=1 returned " \
            "state='closing'" in caplog.messages
     assert m.get_manifest().era_number == 1 and leftovers(data_dir) == [] and not m._in_transition
+    # The gate takes a closing era only when asked to.
+    assert m._fetch_active_era_for_transition(allow_closing=True)[0] == 1
+    assert m._confirm_active_era("1", allow_closing=True)["state"] == "closing"
 
     svc.set_era_state("active", next_closing_at=None)
     thread._poll_once()
@@ -435,6 +439,9 @@ def test_gates_refuse_and_leave_the_old_era(svc, data_dir, era_change, fault, er
         m.trigger_era_transition(2, kill_searches_fn=lambda: calls.append("kill"),
                                  restart_searches_fn=lambda: calls.append("restart"))
     assert str(info.value).startswith(message)
+    if message.startswith(("Active era", "Failed to confirm", "Failed to parse active")):
+        with pytest.raises(error, match="^" + re.escape(message)):  # the gate alone says the same
+            m._confirm_active_era(2)
     assert calls == ["kill"]
     assert m.get_manifest().era_number == 1
     assert json.loads((data_dir / "manifest.json").read_text())["era_number"] == 1

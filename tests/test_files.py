@@ -41,7 +41,7 @@ def test_sha256_file_matches_the_bytes_for_any_block_size(tmp_path):
     path.write_bytes(data)
     (tmp_path / "empty.bin").write_bytes(b"")
     expected = hashlib.sha256(data).hexdigest()
-    for chunk in (1, 4093, 65536, sync._SYNC_HASH_FILE_CHUNK_BYTES):
+    for chunk in (0, 1, 4093, 65536, 300_000, sync._SYNC_HASH_FILE_CHUNK_BYTES, 1 << 40):
         assert sync._sha256_file(str(path), chunk) == expected
     assert sync._sha256_file(path) == expected
     assert sync._sha256_file(tmp_path / "empty.bin") == sync._sha256(b"")
@@ -239,6 +239,8 @@ def test_bad_side_files_load_as_a_new_empty_dict(tmp_path, content):
 def test_hint_matches_only_the_manifest_the_side_file_was_written_for(tmp_path):
     data_dir = str(tmp_path)
     manifest_path = tmp_path / "manifest.json"
+    sync._write_manifest_sync_metadata(data_dir, MANIFEST, server_manifest_sha256="raw")
+    assert not os.path.exists(sync._manifest_sync_metadata_path(data_dir))  # no manifest.json to vouch for
     sync._write_manifest_json(data_dir, MANIFEST, server_manifest_sha256="raw", server_manifest_body_sha256="body")
     assert sync._manifest_hash_hint_matches_local_state(data_dir, 2, 4, "raw") is True
     assert sync._manifest_hash_hint_matches_local_state(data_dir, "2", 4.0, "body") is True
@@ -258,7 +260,8 @@ def test_hint_matches_only_the_manifest_the_side_file_was_written_for(tmp_path):
         side_file.write_text(json.dumps(broken))
         assert sync._manifest_hash_hint_matches_local_state(data_dir, 2, 4, "raw") is False, broken
 
-    side_file.write_text(json.dumps(recorded))
+    # Recorded numbers are read the way int() reads them.
+    side_file.write_text(json.dumps({**recorded, "version": " 2 ", "era_number": 4.0}))
     assert sync._manifest_hash_hint_matches_local_state(data_dir, 2, 4, "raw") is True
     manifest_path.unlink()
     assert sync._manifest_hash_hint_matches_local_state(data_dir, 2, 4, "raw") is False

@@ -297,7 +297,7 @@ def test_silent_server_is_abandoned_promptly_on_stop(server, events, fast_backof
 
     def stop_requested():
         if len(server.requests_for(url)) >= 2 and not stop_at:
-            stop_at.append(time.monotonic() + 0.5)  # let the second attempt hang for a while
+            stop_at.append(time.monotonic() + 0.2)  # let the second attempt hang for a while
         return bool(stop_at) and time.monotonic() >= stop_at[0]
 
     outcome = []
@@ -327,6 +327,17 @@ def test_stop_cuts_a_backoff_wait_short(server, monkeypatch):
         with pytest.raises(SyncBackoffCancelled):
             sync._http_get(server.script(reply(500)), TOKEN)
     assert time.monotonic() - deadline < 15.0  # far below the 30 s wait, whatever the load
+
+
+def test_native_backoff_waits_follow_the_python_policy_and_end_on_a_stop(monkeypatch):
+    monkeypatch.setattr(SyncBackoffPolicy, "delay_seconds", classmethod(lambda cls, attempt_index: 0.01 * attempt_index))
+    assert [sync._backoff_delay_seconds(i) for i in range(3)] == [0.0, 0.01, 0.02]
+    sync._sleep_for_sync_backoff(0.01)
+    assert not sync._sync_backoff_stop_requested()
+    with backoff_context(stop_requested=lambda: True):
+        assert sync._sync_backoff_stop_requested()
+        with pytest.raises(SyncBackoffCancelled):
+            sync._sleep_for_sync_backoff(30.0)
 
 
 # -- the curl program ------------------------------------------------------------
@@ -474,11 +485,6 @@ def test_curl_statuses_and_failures_look_like_the_in_process_client(fake_curl, e
     [outage] = of_type(events, "sync_unavailable_status")
     assert outage["failures"] == ["URLError"]
     assert of_type(events, "http_retry")[0]["reason"] == "URLError"
-
-    assert sync._parse_curl_headers("HTTP/1.1 200 OK\r\nA: 1\r\n\r\nHTTP/2 404\r\nB : two words \r\n") == {
-        "B": "two words"}
-    assert [sync._curl_status_from_stdout(out) for out in (b"200", b"\n 503 \n", b"HTTP/1.1 404 No\nxx", b"")] == [
-        200, 503, 404, 0]
 
 
 def test_curl_download_streams_a_successful_body_into_the_file(fake_curl, tmp_path):

@@ -3,6 +3,7 @@
 import json
 import logging
 import os
+import re
 import subprocess
 import sys
 import textwrap
@@ -73,6 +74,9 @@ def test_constructor_validation_order_and_messages(tmp_path):
         with pytest.raises(ValueError) as info:
             sync.SyncManager(str(tmp_path), URL, get_token=token, market_id=bad)
         assert str(info.value) == f"market_id must be a positive integer, got {bad!r}"
+        with pytest.raises(ValueError, match=f"^market_id must be a positive integer, got {re.escape(repr(bad))}$"):
+            sync._market_era_current_url(URL, bad)
+    assert sync._coerce_agent_market_id(" 7 ") == 7
 
 
 def test_knobs_parse_validate_and_persist_across_resets(tmp_path):

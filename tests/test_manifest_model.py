@@ -94,6 +94,15 @@ def test_sibling_modules_are_looked_up_at_call_time(monkeypatch):
     assert sorted(set(seen)) == ["a.bin", "b.bin"]
 
 
+def test_which_runtime_modules_are_supported_is_the_sibling_modules_answer(monkeypatch):
+    import tidewright.runtime_module_freshness as freshness
+
+    data = {"era_number": 1, "files": {"a.so": {"kind": "risk_module"}, "b.so": {"kind": "vault_module"}}}
+    assert list(sync.Manifest(data).files) == ["b.so"]
+    monkeypatch.setattr(freshness, "is_runtime_module_kind", lambda kind: kind == "risk_module")
+    assert list(sync.Manifest(data).files) == ["a.so"]
+
+
 @pytest.mark.parametrize("body", [
     b"\xff", b'{"found_signals": {"a": "\xff"}}', b'{"x": "\xe2\x82', b"{}\xe2", b'{"x": "\xed\xa0\x80"}',
     b'{"x": "\xc0\xaf"}', b'{"x": "\xf4\x90\x80\x80"}', b'{"x": "\xf0\x9f\x98', b"\x80{}",
@@ -106,7 +115,7 @@ def test_signals_index_bytes_are_decoded_before_they_are_parsed(body):
     assert str(info.value) == f"Invalid signals_index.json UTF-8: {decoding.value}"
 
 
-@settings(max_examples=300, deadline=None)
+@settings(max_examples=100, deadline=None)
 @given(st.binary(max_size=12).map(lambda tail: b'{"x": "' + tail + b'"}'))
 def test_signals_index_text_is_refused_exactly_where_the_host_cannot_decode_it(body):
     try:

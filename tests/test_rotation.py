@@ -401,20 +401,6 @@ def test_prefetched_set_is_kept_per_era(tmp_path):
 
 # -- catalogue and settings -----------------------------------------------------
 
-@pytest.mark.parametrize(
-    "manifest_data, universe, market",
-    [
-        ({"market_id": 1, "named_universes": ["top50"]}, "top50", "crypto"),
-        ({"market_id": 2, "named_universe": " u1 ", "named_universes": ["a"]}, "u1", None),
-        ({"market_id": "x", "market": " fx ", "named_universes": ["a", "b"]}, None, "fx"),
-        ({}, None, None),
-    ],
-)
-def test_manifest_defaults(manifest_data, universe, market):
-    assert sync._rotation_manifest_default_named_universe(manifest_data) == universe
-    assert sync._rotation_manifest_default_market(manifest_data) == market
-
-
 def test_legacy_scope_and_artifact_rows():
     data = {
         "era_number": 1, "market_id": 1, "named_universes": ["top50", "top200", "top10"],
@@ -513,17 +499,7 @@ def test_settings_for_a_manifest(svc, data):
     assert m._feature_rotation_settings_for_manifest(manifest, free_disk_bytes=10) is None
 
 
-def test_result_fields_and_existing_paths(tmp_path):
-    result = sync.SyncResult()
-    selection = {"active_relative_paths": ("a", "m"), "mandatory_artifacts": [{"relative_path": "m"}],
-                 "skipped_relative_paths": ["b"], "eligible_artifacts": [{"relative_path": "a"}], "seed": 7,
-                 "feature_budget_bytes": None}
-    sync._apply_rotation_result_fields(result, selection)
-    assert (result.active_relative_paths, result.mandatory_relative_paths, result.skipped_relative_paths) == (
-        ("a", "m"), ("m",), ("b",))
-    assert result.rotation_seed == 7 and result.feature_budget_bytes is None
-    assert result.eligible_artifacts == ({"relative_path": "a"},)
-
+def test_existing_paths_stay_inside_the_data_directory(tmp_path):
     (tmp_path / "features").mkdir()
     (tmp_path / "features" / "x.arrow").write_bytes(b"x")
     assert sync._existing_rotation_paths(tmp_path, ["nope", "features/x.arrow", "../escape"]) == ("features/x.arrow",)

@@ -29,6 +29,7 @@ def mixed_manifest():
         "artifacts": [
             {"relative_path": "vault/old.so", "kind": "backtester_module"},
             {"path": f"vault/m-{here}.so", "kind": "vault_module"},
+            "not an artifact",
         ],
         "found_signals": {
             "p/1": {"files": ["found_signals/p/1/signal_is/pnl.arrow", "found_signals/p/1/signal_is/pnl_long.arrow"]},
@@ -83,7 +84,9 @@ def test_filters_return_shallow_copies_and_leave_the_input_alone():
 
     out = sync._sanitize_manifest_data_for_sync(data)
     assert list(out) == list(data) and out["era_number"] == 4
-    assert len(out["files"]) == 3 and len(out["artifacts"]) == 1
+    assert list(out["files"]) == ["features/u/signal_is/f.arrow", f"vault/m-{sync.CURRENT_PLATFORM}.so",
+                                  "found_signals/p/1/signal_is/pnl.arrow"]
+    assert out["artifacts"] == data["artifacts"][1:]
     assert sync._sanitize_manifest_data_for_sync(out) is out
     assert not sync._manifest_has_agent_bundle_declarations(out)
     assert not sync._manifest_has_retired_found_pnl_long_files(out)

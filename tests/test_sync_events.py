@@ -39,10 +39,11 @@ def label():
 
 
 def test_record_carries_sorted_json_and_the_event(records, label):
-    sync._log_sync_event("range_resume", label, 1, "partial_tmp", bytes_existing=42, zeta=[1, {"b": 2, "a": 1}])
+    sync._log_sync_event("range_resume", label, 1, "partial_tmp", bytes_existing=42, zeta=[1, {"b": 2, "a": 1}],
+                         alpha="\u00e9")
     [record] = records
     event = {"event_type": "range_resume", "file": label, "count": 1, "reason": "partial_tmp",
-             "bytes_existing": 42, "zeta": [1, {"b": 2, "a": 1}]}
+             "bytes_existing": 42, "zeta": [1, {"b": 2, "a": 1}], "alpha": "\u00e9"}
     assert (record.name, record.levelno, record.msg) == ("tidewright.sync", logging.INFO, "tidewright_sync_event %s")
     assert record.getMessage() == "tidewright_sync_event " + json.dumps(event, sort_keys=True)
     assert record.tidewright_sync_event == event

@@ -427,6 +427,13 @@ def test_orphan_staging_files_are_removed_by_later_no_op_syncs(dataservice, tmp_
     os.replace(tmp_path / feature_dir / "z", tmp_path / (FEATURE + ".tmp"))
     m.sync()
     assert tmp_files(tmp_path) == [] and m.verify().valid
+    # A resumable download of the current manifest is kept when it is named.
+    for relative in (FEATURE + ".tmp", "features/x.tmp"):
+        (tmp_path / relative).write_bytes(b"partial")
+    sync._cleanup_sync_tmp_files(str(tmp_path), [FEATURE])
+    assert tmp_files(tmp_path) == [FEATURE + ".tmp"]
+    sync._remove_manifest_tmp_file(str(tmp_path), FEATURE)
+    assert tmp_files(tmp_path) == []
 
 
 def test_needs_sync_sees_local_changes_behind_unchanged_names(dataservice, tmp_path):

@@ -62,42 +62,6 @@ TEST(Sha256, OneShotAndIncrementalDigestsAgree) {
   EXPECT_EQ(moved.hexdigest(), kAbcSha256);
 }
 
-TEST(Sha256File, MatchesTheDigestOfTheBytesForAnyBlockSize) {
-  TempDir dir;
-  std::string content;
-  for (int i = 0; i < 200000; ++i) content.push_back(static_cast<char>(i * 31 % 251));
-  write_plain(dir / "data.bin", content);
-  write_plain(dir / "empty.bin", "");
-
-  std::string expected = sha256(content);
-  for (std::int64_t chunk : {std::int64_t{1} << 3, std::int64_t{4093}, std::int64_t{65536}, std::int64_t{200000},
-                             SYNC_HASH_FILE_CHUNK_BYTES, std::int64_t{0}, std::int64_t{1} << 40}) {
-    EXPECT_EQ(sha256_file(dir / "data.bin", chunk), expected) << chunk;
-  }
-  EXPECT_EQ(sha256_file(dir / "empty.bin"), kEmptySha256);
-}
-
-TEST(AtomicWrite, FailuresLeaveNoTemporaryAndNoChangedTarget) {
-  TempDir dir;
-  // Renaming a file over a non-empty directory fails after the temporary
-  // file has been written.
-  std::string target = dir / "occupied";
-  fs::create_directories(fs::path(target) / "child");
-  EXPECT_THROW(atomic_write(target, "data"), OSError);
-  EXPECT_TRUE(fs::is_directory(fs::path(target) / "child"));
-  EXPECT_TRUE(leftover_temporaries(dir.path()).empty());
-
-  // A parent that is a regular file cannot be created.
-  write_plain(dir / "plain", "keep");
-  try {
-    atomic_write(dir / "plain/inner.json", "data");
-    FAIL() << "no error";
-  } catch (const OSError& e) {
-    EXPECT_EQ(e.error_number, ENOTDIR);
-  }
-  EXPECT_EQ(read_file(dir / "plain"), "keep");
-}
-
 TEST(AtomicWrite, ConcurrentWritersAndReadersNeverSeeATornFile) {
   TempDir dir;
   std::string target = dir / "shared.bin";
@@ -175,37 +139,6 @@ TEST(DiskSpace, StagedBytesThatWillBeResumedAreNotNeededAgain) {
   fs::create_directory(dir / "c.arrow.tmp");               // not a staging file: starts over
   EXPECT_EQ(require_disk_space(dir.path(), set, entries, 50, siblings), 30 + 10 + 10);
   EXPECT_THROW(require_disk_space(dir.path(), set, entries, 49, siblings), DiskSpaceError);
-}
-
-TEST(ManifestFiles, HintMatchesOnlyTheManifestTheSideFileWasWrittenFor) {
-  TempDir dir;
-  json::object manifest = parse_json(R"({"era_number": 4, "version": 2, "files": {}})").as_object();
-  auto matches = [&](std::int64_t version, std::int64_t era, std::optional<std::string> hint) {
-    return manifest_hash_hint_matches_local_state(dir.path(), version, era, hint);
-  };
-  write_manifest_sync_metadata(dir.path(), manifest, std::string("raw"), std::nullopt);
-  EXPECT_FALSE(path_exists(manifest_sync_metadata_path(dir.path()))) << "no manifest.json to vouch for";
-
-  write_manifest_json(dir.path(), manifest, std::string("raw"), std::string("body"));
-  EXPECT_TRUE(matches(2, 4, "raw"));
-  EXPECT_TRUE(matches(2, 4, "body"));
-  EXPECT_FALSE(matches(2, 4, "other"));
-  EXPECT_FALSE(matches(2, 4, std::nullopt));
-  EXPECT_FALSE(matches(3, 4, "raw"));
-  EXPECT_FALSE(matches(2, 5, "raw"));
-
-  // Writing without server hashes keeps the old side file, which then no
-  // longer matches the new bytes.
-  manifest["files"] = json::object{{"x", 1}};
-  write_manifest_json(dir.path(), manifest);
-  EXPECT_FALSE(matches(2, 4, "raw"));
-
-  // Recorded numbers are converted the way int() converts them.
-  std::string local = sha256_file(path_join(dir.path(), "manifest.json"));
-  write_plain(manifest_sync_metadata_path(dir.path()),
-              R"({"version": " 2 ", "era_number": 4.0, "server_manifest_sha256": "raw", "local_manifest_sha256": ")" +
-                  local + "\"}");
-  EXPECT_TRUE(matches(2, 4, "raw"));
 }
 
 }  // namespace

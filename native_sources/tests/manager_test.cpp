@@ -262,8 +262,10 @@ TEST_F(ManagerTest, StopEndsTheWaitForTheLock) {
   SyncManager& waiter = manager();
   holder.acquire_flock();
   auto waited = std::async(std::launch::async, [&] { SyncManagerTestAccess::acquire_as_sync(waiter); });
-  std::this_thread::sleep_for(50ms);
-  waiter.stop_internal();
+  // Asked again until the wait ends: a stop ends only a wait already begun.
+  do {
+    waiter.stop_internal();
+  } while (waited.wait_for(50ms) != std::future_status::ready);
   EXPECT_THROW(waited.get(), SyncBackoffCancelled);
   holder.release_flock();
 }
@@ -339,8 +341,10 @@ TEST_P(LiveOwnerTest, IsWaitedFor) {
 
   write_text(owner, GetParam().text());
   auto stopped = std::async(std::launch::async, [&] { SyncManagerTestAccess::acquire_as_sync(m); });
-  std::this_thread::sleep_for(50ms);
-  m.stop_internal();
+  // Asked again until the attempt ends: a stop ends only a wait already begun.
+  do {
+    m.stop_internal();
+  } while (stopped.wait_for(50ms) != std::future_status::ready);
   EXPECT_THROW(stopped.get(), SyncBackoffCancelled);
   EXPECT_TRUE(fs::exists(owner));
   // The attempt that gave up holds nothing: the file lock is free.

@@ -79,35 +79,6 @@ TEST_F(SyncEventsTest, CoalescingKeysIgnoreVolatileFieldsAndCanonicaliseValues) 
   EXPECT_EQ(sync_event_stable_coalesce_value(&number), "2.5");
 }
 
-TEST_F(SyncEventsTest, RepeatedInfoEventsAreCoalescedPerKeyButWarningsNeverAre) {
-  for (int i = 1; i <= 11; ++i) {
-    log_sync_event("http_retry", "coalesce/a.bin", i, "http_503",
-                   {{"status", 503}, {"wait_seconds", 0.1 * i}, {"attempt", i - 1}});
-  }
-  log_sync_event("http_retry", "coalesce/b.bin", 1, "http_503", {{"status", 503}});  // another key
-  for (int i = 1; i <= 12; ++i) {
-    log_sync_event("sync_unavailable_status", "coalesce/c.bin", i, "", {{"retryable", false}});
-  }
-
-  auto lines = events();
-  int a = 0, b = 0, c = 0;
-  for (const auto& line : lines) {
-    const std::string file = python_str(line.event->at("file"));
-    if (file == "coalesce/a.bin") {
-      ++a;
-      EXPECT_EQ(line.level, LogLevel::kInfo);
-    } else if (file == "coalesce/b.bin") {
-      ++b;
-    } else if (file == "coalesce/c.bin") {
-      ++c;
-      EXPECT_EQ(line.level, LogLevel::kWarning);
-    }
-  }
-  EXPECT_EQ(a, SYNC_EVENT_COALESCE_LIMIT);
-  EXPECT_EQ(b, 1);
-  EXPECT_EQ(c, 12);
-}
-
 TEST_F(SyncEventsTest, CoalescingCountsHoldUnderConcurrentEmitters) {
   std::vector<std::thread> threads;
   for (int t = 0; t < 8; ++t) {
@@ -117,18 +88,6 @@ TEST_F(SyncEventsTest, CoalescingCountsHoldUnderConcurrentEmitters) {
   }
   for (auto& t : threads) t.join();
   EXPECT_EQ(events().size(), static_cast<std::size_t>(SYNC_EVENT_COALESCE_LIMIT));
-}
-
-TEST_F(SyncEventsTest, RecordCarriesSortedJsonAndTheEventItself) {
-  log_sync_event("checksum_repair_exhausted", "record/x.arrow", 3, "", {{"zeta", 1}, {"alpha", "é"}, {"file", "override"}});
-  auto lines = events();
-  ASSERT_EQ(lines.size(), 1u);
-  EXPECT_EQ(lines[0].level, LogLevel::kWarning);
-  EXPECT_EQ(lines[0].message,
-            "tidewright_sync_event {\"alpha\": \"\\u00e9\", \"count\": 3, \"event_type\": \"checksum_repair_exhausted\", "
-            "\"file\": \"override\", \"reason\": \"\", \"zeta\": 1}");
-  EXPECT_EQ(lines[0].event->at("count"), 3);
-  EXPECT_EQ(lines[0].event->at("file"), "override") << "extra fields are copied in last";
 }
 
 TEST_F(SyncEventsTest, OutageAndBackoffReportsDescribeTheRequest) {
