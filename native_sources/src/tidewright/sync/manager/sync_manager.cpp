@@ -47,13 +47,46 @@ SyncManager::SyncManager(SyncManagerArgs args)
       transfer_(transfer_context()),
       consumer_count_path_(path_join(data_dir_, ".consumer_count")),
       flock_path_(path_join(data_dir_, ".sync_flock")),
-      directory_lock_(data_dir_, flock_path_, [this] { return stop_requested(); }) {
+      directory_lock_(data_dir_, flock_path_, [this] { return stop_requested(); }),
+      transition_(*this, data_dir_) {
   set_sync_runtime_knobs(args.knobs);
   hash_cache_.load();
   load_consumer_count();
   load_local_manifest();
   load_active_rotation_state();
   load_local_vocabulary();
+}
+
+std::optional<json::value> SyncManager::held_manifest_era_number() const {
+  ManifestPtr manifest = get_manifest();
+  if (!manifest) return std::nullopt;
+  return manifest->era_number();
+}
+
+void SyncManager::trigger_era_transition(std::int64_t new_era_number, const SearchesFn& kill_searches_fn,
+                                         const SearchesFn& restart_searches_fn) {
+  // A release() that found this transition running left the instance in
+  // the registry; it leaves once the transition is over.
+  struct EvictWhenReleased {
+    SyncManager& self;
+    ~EvictWhenReleased() { self.evict_if_released(); }
+  } evict{*this};
+  transition_.run(new_era_number, kill_searches_fn, restart_searches_fn);
+}
+
+void SyncManager::set_status_message(std::string message) {
+  std::lock_guard<std::mutex> lock(state_mu_);
+  status_message_ = std::move(message);
+}
+
+void SyncManager::install_manifest(ManifestPtr manifest) {
+  std::lock_guard<std::mutex> lock(state_mu_);
+  manifest_ = std::move(manifest);
+}
+
+void SyncManager::install_vocabularies(std::shared_ptr<const json::object> vocabularies) {
+  std::lock_guard<std::mutex> lock(state_mu_);
+  vocabulary_ = std::move(vocabularies);
 }
 
 // The threads this manager starts hold a reference to it while they run, so
