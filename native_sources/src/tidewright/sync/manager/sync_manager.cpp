@@ -48,12 +48,13 @@ SyncManager::SyncManager(SyncManagerArgs args)
       consumer_count_path_(path_join(data_dir_, ".consumer_count")),
       flock_path_(path_join(data_dir_, ".sync_flock")),
       directory_lock_(data_dir_, flock_path_, [this] { return stop_requested(); }),
-      transition_(*this, data_dir_) {
+      transition_(*this, data_dir_),
+      rotation_(data_dir_) {
   set_sync_runtime_knobs(args.knobs);
   hash_cache_.load();
   load_consumer_count();
   load_local_manifest();
-  load_active_rotation_state();
+  rotation_.load_state();
   load_local_vocabulary();
 }
 

@@ -18,6 +18,7 @@
 #include "tidewright/sync/manager/progress.hpp"
 #include "tidewright/sync/manager/results.hpp"
 #include "tidewright/sync/manager/rotation_plan.hpp"
+#include "tidewright/sync/manager/rotation_sync.hpp"
 #include "tidewright/sync/manager/transfer_engine.hpp"
 #include "tidewright/sync/manifest/manifest.hpp"
 #include "tidewright/sync/transport/settings.hpp"
@@ -218,45 +219,39 @@ class SyncManager : public std::enable_shared_from_this<SyncManager>, public Era
                                         std::string_view body, const std::optional<std::string>& reason,
                                         bool allow_sha_mismatch);
 
-  // --- feature rotation (rotation_sync.cpp) ---
-  // The rotation settings for `manifest` as plain data (the fields of the
-  // rotation module's ArtifactRotationSettings), or nullopt when rotation is
-  // not configured (the settings loader answers FULL_DOWNLOAD, or the budget
-  // is that marker). Errors of the settings loader propagate unchanged.
+  // --- feature rotation and prefetched feature files ---
+  // The work is RotationSync's (rotation_sync.hpp); these are the manager's
+  // names for it.
+  RotationSync& rotation() { return rotation_; }
   std::optional<json::object> feature_rotation_settings_for_manifest(const Manifest& manifest,
-                                                                     std::int64_t free_disk_bytes);
-  // The selection for a sync to `manifest`: the persisted state of its era
-  // carried forward, or a new candidate when none fits or a rotation is due.
-  // Throws SyncError "Active rotation path is missing from manifest: <path>",
-  // FeatureRotationStateError for a corrupt state file, and the planner's and
-  // settings loader's errors unchanged.
-  RotationPlan plan_feature_rotation_for_sync(const Manifest& manifest, std::int64_t free_disk_bytes);
-  // After the active files are in place: fills the result's rotation fields,
-  // persists the candidate state and removes the feature files that are
-  // neither active nor prefetched. Without rotation, a state left from an
-  // earlier configuration is removed (every file is present now).
-  void complete_rotation_promotion(const Manifest& manifest, const RotationPlan& plan, SyncResult& result);
-  // True when rotation is configured and has no state for the manifest's era
-  // or its rotation is due (a broken settings file also answers true, so that
-  // the sync reports it).
-  bool feature_rotation_needs_sync(const Manifest& manifest);
-  // What the integrity checks cover under the active rotation state.
-  RotationCoverage rotation_coverage(const Manifest& manifest) const;
-  // The state loaded at construction or last persisted (its fields).
-  std::optional<json::object> active_rotation_state() const;
-
-  // --- prefetched feature files (rotation_sync.cpp) ---
-  std::set<std::string> read_prefetched_feature_relative_paths(const Manifest& manifest);
+                                                                     std::int64_t free_disk_bytes) {
+    return rotation_.settings_for_manifest(manifest, free_disk_bytes);
+  }
+  RotationPlan plan_feature_rotation_for_sync(const Manifest& manifest, std::int64_t free_disk_bytes) {
+    return rotation_.plan(manifest, free_disk_bytes);
+  }
+  void complete_rotation_promotion(const Manifest& manifest, const RotationPlan& plan, SyncResult& result) {
+    rotation_.complete_promotion(manifest, plan, result);
+  }
+  bool feature_rotation_needs_sync(const Manifest& manifest) { return rotation_.needs_sync(manifest); }
+  RotationCoverage rotation_coverage(const Manifest& manifest) const { return rotation_.coverage(manifest); }
+  std::optional<json::object> active_rotation_state() const { return rotation_.active_state(); }
+  std::set<std::string> read_prefetched_feature_relative_paths(const Manifest& manifest) {
+    return rotation_.read_prefetched(manifest);
+  }
   void write_prefetched_feature_relative_paths(std::optional<std::int64_t> era_number,
-                                               const std::set<std::string>& relative_paths);
-  // Adds the paths that are feature files of `manifest` to the set kept for
-  // its era (and to the file); does nothing when there are none.
+                                               const std::set<std::string>& relative_paths) {
+    rotation_.write_prefetched(era_number, relative_paths);
+  }
   void remember_prefetched_feature_relative_paths(const Manifest& manifest,
-                                                  const std::vector<std::string>& relative_paths);
-  // The prefetched paths of the manifest's era, sorted.
-  std::vector<std::string> prefetched_feature_keep_paths(const Manifest& manifest);
-  std::optional<std::int64_t> prefetched_feature_era_number() const;
-  std::set<std::string> prefetched_feature_relative_paths() const;
+                                                  const std::vector<std::string>& relative_paths) {
+    rotation_.remember_prefetched(manifest, relative_paths);
+  }
+  std::vector<std::string> prefetched_feature_keep_paths(const Manifest& manifest) {
+    return rotation_.prefetched_keep_paths(manifest);
+  }
+  std::optional<std::int64_t> prefetched_feature_era_number() const { return rotation_.prefetched_era_number(); }
+  std::set<std::string> prefetched_feature_relative_paths() const { return rotation_.prefetched_paths(); }
 
   // --- feature prefetch (prefetch.cpp) ---
   // One feature file (or companion) now present locally.
@@ -506,13 +501,7 @@ class SyncManager : public std::enable_shared_from_this<SyncManager>, public Era
   EraTransition transition_;
 
   // Feature rotation: the persisted state and the prefetched set per era.
-  void load_active_rotation_state();
-  // REQUIRES: prefetched_feature_mu_ held.
-  void refresh_prefetched_features_for(const Manifest& manifest);
-  std::optional<json::object> active_rotation_state_;  // guarded by state_mu_
-  mutable std::mutex prefetched_feature_mu_;            // a leaf lock
-  std::optional<std::int64_t> prefetched_feature_era_number_;  // guarded by prefetched_feature_mu_
-  std::set<std::string> prefetched_feature_relative_paths_;     // guarded by prefetched_feature_mu_
+  RotationSync rotation_;
 
   friend class SyncPipeline;
   friend class EraTransition;
