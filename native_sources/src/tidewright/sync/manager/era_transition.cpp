@@ -10,6 +10,7 @@
 #include "tidewright/sync/manager/cleanup.hpp"
 #include "tidewright/sync/manager/rotation_plan.hpp"
 #include "tidewright/sync/manager/download_set.hpp"
+#include "tidewright/sync/manager/placement.hpp"
 #include "tidewright/sync/manager/side_files.hpp"
 #include "tidewright/sync/manager/sync_manager.hpp"
 #include "tidewright/sync/manifest/manifest_files.hpp"
@@ -590,32 +591,27 @@ std::optional<std::int64_t> EraTransition::stage(Run& run) {
   return std::nullopt;
 }
 
-// The switch: one atomic rename per staged file, then the seed and the new
-// manifest. A stop request is not observed from here on until the manifest
+// The switch: one atomic rename per staged file (refusing links planted in
+// the data directory), then the seed and the new manifest. A stop request is not observed from here on until the manifest
 // is written, so the directory is never left between two eras by it.
 void EraTransition::switch_to_new_era(Run& run) {
   confirm_active_era(run.era, run.allow_closing);
-  // Every destination is checked first, so that a link in the data directory
-  // refuses the switch as a whole rather than half of it.
-  std::vector<std::string> final_paths;
-  final_paths.reserve(run.to_fetch.size());
-  for (const auto& item : run.to_fetch) final_paths.push_back(manifest_local_write_path(data_dir_, item.first));
+  std::vector<std::string> relative_paths;
+  relative_paths.reserve(run.to_fetch.size());
+  for (const auto& item : run.to_fetch) relative_paths.push_back(item.first);
+  const std::vector<std::string> final_paths = move_staged_files_into_place(run.staging, data_dir_, relative_paths);
   json::array updates;
   for (std::size_t i = 0; i < run.to_fetch.size(); ++i) {
     const auto& [path, entry] = run.to_fetch[i];
-    const std::string& final_path = final_paths[i];
-    make_dirs(path_dirname(final_path));
-    rename_file(manifest_local_path(run.staging, path), final_path);
     const std::string sha = sha_of(entry);
-    if (!sha.empty()) manager_.hash_cache().remember(path, final_path, sha);
+    if (!sha.empty()) manager_.hash_cache().remember(path, final_paths[i], sha);
     updates.push_back(json::object{{"relative_path", path}, {"kind", kind_of(entry)}, {"sha256", sha}});
   }
   host().call_module_function("tidewright.sync", "_record_runtime_freshness_updates", json::array{updates});
-  const std::string staged_seed = path_join(run.staging, SHUFFLE_SEED_FILENAME);
-  const std::string final_seed = path_join(data_dir_, SHUFFLE_SEED_FILENAME);
-  for (const auto& [from, to] : {std::pair(staged_seed, final_seed),
-                                 std::pair(shuffle_seed_meta_path(staged_seed), shuffle_seed_meta_path(final_seed))}) {
-    if (path_exists(from)) rename_file(from, to);
+  const std::string staging_root = real_path(run.staging);
+  const std::string data_root = real_path(data_dir_);
+  for (const std::string& name : {std::string(SHUFFLE_SEED_FILENAME), shuffle_seed_meta_path(SHUFFLE_SEED_FILENAME)}) {
+    if (path_exists(path_join(run.staging, name))) move_into_place(staging_root, data_root, name, name);
   }
   // The new era's files reach stable storage before its manifest names them.
   sync_file_system(data_dir_);

@@ -414,6 +414,7 @@ class SyncManager : public std::enable_shared_from_this<SyncManager>, public Era
 
   // Era transitions: the work is EraTransition's (era_transition.hpp);
   // these are the manager's names for it.
+  EraTransition& transition() { return transition_; }
   std::pair<std::int64_t, json::object> fetch_active_era_for_transition(bool allow_closing = false) {
     return transition_.fetch_active_era(allow_closing);
   }
