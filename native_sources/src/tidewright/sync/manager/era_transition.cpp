@@ -109,6 +109,13 @@ void remove_own_transition_lock(const std::string& path) {
   }
 }
 
+// A ConnectionError, native or raised by host code. Narrower than the
+// network code: a timeout is not one.
+bool is_connection_error(const std::exception& e) {
+  if (const auto* raised = dynamic_cast<const HostError*>(&e)) return raised->is(HostError::kIsConnectionError);
+  return dynamic_cast<const ConnectionError*>(&e) != nullptr;
+}
+
 std::optional<std::int64_t> compare_versions(const json::value& a, const json::value& b) {
   json::value r = host().call_module_function("tidewright.deployment", "_compare_versions", json::array{a, b});
   std::optional<std::int64_t> n = to_int(r);
@@ -142,12 +149,10 @@ void check_library_version(const json::object& era_config, std::int64_t new_era_
       const json::value* warning = fields ? fields->if_contains("warning") : nullptr;
       failure = warning ? text_of(*warning) : std::string("Could not auto-update to latest.");
     }
-  } catch (const LibraryUpdateRequired&) {
-    throw;
-  } catch (const HostError& e) {
-    if (e.is(HostError::kIsLibraryUpdateRequired)) throw;
-    failure = e.what();
   } catch (const std::exception& e) {
+    // LibraryUpdateRequired passes through; any other failure of the update
+    // is the reason the library stays too old.
+    if (error_code(e) == ErrorCode::kUpdateRequired) throw;
     failure = e.what();
   }
   if (failure) {
@@ -445,10 +450,9 @@ std::optional<std::int64_t> EraTransition::attempt(std::int64_t new_era_number, 
 void EraTransition::prepare(Run& run) {
   try {
     host().call_module_function("tidewright.deployment", "check_update", json::array{});
-  } catch (const ConnectionError& e) {
-    log_warning("Could not check local wheel cache for library update: %s", {json::value(e.what())});
-  } catch (const HostError& e) {
-    if (!e.is(HostError::kIsConnectionError)) throw;
+  } catch (const std::exception& e) {
+    // Only a lost connection is left behind: the version gate below decides.
+    if (!is_connection_error(e)) throw;
     log_warning("Could not check local wheel cache for library update: %s", {json::value(e.what())});
   }
   check_library_version(confirm_active_era(run.era, run.allow_closing), run.era);

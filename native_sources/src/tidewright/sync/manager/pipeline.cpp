@@ -243,19 +243,11 @@ std::optional<SyncResult> SyncManager::sync_pass(SyncResult& earlier) {
         log_debug("Manifest version response was not parseable: %s", {json::value(e.what())});
       }
     }
-  } catch (const AuthError&) {
-    throw;
-  } catch (const SyncUnavailableError&) {
-    throw;
-  } catch (const SyncBackoffCancelled&) {
-    throw;
-  } catch (const HostError& e) {
-    if (e.is(HostError::kIsAuthError) || e.is(HostError::kIsSyncBackoffCancelled) ||
-        e.is(HostError::kIsKeyboardInterrupt)) {
-      throw;
-    }
-    log_warning("Manifest version check failed: %s", {json::value(e.what())});
   } catch (const std::exception& e) {
+    // A stop, a refused token or a service the backoff gave up on ends the
+    // sync; any other failure of the probe leaves it to the full manifest.
+    const ErrorCode code = error_code(e);
+    if (code == ErrorCode::kCancelled || code == ErrorCode::kAuth || code == ErrorCode::kUnavailable) throw;
     log_warning("Manifest version check failed: %s", {json::value(e.what())});
   }
 

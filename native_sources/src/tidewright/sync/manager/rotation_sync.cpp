@@ -292,11 +292,11 @@ bool RotationSync::needs_sync(const Manifest& manifest) {
     std::optional<json::object> state = load_feature_rotation_state(data_dir_);
     if (!state || !same_era(*state, manifest_era_number_or_none(&manifest))) return true;
     return rotation_is_due(*state, loaded->rotation_frequency, wall_clock_seconds());
-  } catch (const HostError& e) {
-    if (e.is(HostError::kIsKeyboardInterrupt)) throw;
-    log_debug("Feature rotation check failed: %s", {json::value(e.what())});
-    return true;
   } catch (const Error& e) {
+    // The sync this asks for reports a broken settings file; only the
+    // host's interrupt ends the check.
+    const auto* raised = dynamic_cast<const HostError*>(&e);
+    if (raised && raised->is(HostError::kIsKeyboardInterrupt)) throw;
     log_debug("Feature rotation check failed: %s", {json::value(e.what())});
     return true;
   }
