@@ -1,11 +1,13 @@
-// The pieces an era transition is made of: putting staged files in place
-// without following links planted in the data directory, and the
-// transition's own book-keeping (lock file, wait for its end).
+// The manager's components on their own: putting staged files in place
+// without following links planted in the data directory, the era
+// transition's book-keeping (lock file, wait for its end), and the rotation
+// sync's per-era set of prefetched feature files.
 #include "tidewright/sync/common/fs.hpp"
 #include "tidewright/sync/host/fake_host.hpp"
 #include "tidewright/sync/manager/placement.hpp"
 #include "tidewright/sync/manager/sync_manager.hpp"
 #include "tidewright/sync/reporting/errors.hpp"
+#include "tidewright/sync/rotation/state.hpp"
 
 #include "test_support.hpp"
 
@@ -174,6 +176,56 @@ TEST_F(EraTransitionTest, NothingToWaitForWithoutATransition) {
   const EraTransition::EndWait wait = manager().transition().wait_for_end(std::chrono::milliseconds(0));
   EXPECT_TRUE(wait.ended);
   EXPECT_FALSE(wait.on_transition_thread);
+}
+
+// --- the prefetched feature files of rotation -------------------------------
+
+class PrefetchedSetTest : public ::testing::Test {
+ protected:
+  void SetUp() override { set_host(host_); }
+  void TearDown() override { set_host(nullptr); }
+
+  static ManifestPtr era(std::int64_t number) {
+    json::object files{{"features/f1.arrow", json::object{{"kind", "feature"}}},
+                       {"features/f2.arrow", json::object{{"kind", "feature"}}},
+                       {"signals/index.json", json::object{{"kind", "signals_index"}}}};
+    return Manifest::create(json::object{{"era_number", number}, {"files", std::move(files)}},
+                            default_manifest_siblings());
+  }
+
+  std::shared_ptr<FakeHost> host_ = std::make_shared<FakeHost>();
+  TempDir dir_;
+};
+
+TEST_F(PrefetchedSetTest, KeepsOnlyFeatureFilesOfTheEraAndSurvivesANewInstance) {
+  const ManifestPtr first = era(1);
+  {
+    RotationSync rotation(dir_.path());
+    rotation.remember_prefetched(*first, {"features/f2.arrow", "signals/index.json", "features/gone.arrow"});
+    rotation.remember_prefetched(*first, {"features/f1.arrow"});
+    EXPECT_EQ(rotation.prefetched_keep_paths(*first),
+              (std::vector<std::string>{"features/f1.arrow", "features/f2.arrow"}));
+  }
+  RotationSync reread(dir_.path());
+  EXPECT_EQ(reread.prefetched_keep_paths(*first),
+            (std::vector<std::string>{"features/f1.arrow", "features/f2.arrow"}));
+  EXPECT_EQ(reread.prefetched_era_number(), 1);
+  // The next era starts with nothing kept, though it lists the same files.
+  EXPECT_TRUE(reread.prefetched_keep_paths(*era(2)).empty());
+  EXPECT_EQ(reread.prefetched_era_number(), 2);
+}
+
+TEST_F(PrefetchedSetTest, NothingIsWrittenWithoutAFeatureFile) {
+  RotationSync rotation(dir_.path());
+  rotation.remember_prefetched(*era(1), {"signals/index.json", "features/gone.arrow"});
+  EXPECT_FALSE(fs::exists(prefetched_features_state_path(dir_.path())));
+  EXPECT_TRUE(rotation.prefetched_paths().empty());
+}
+
+TEST_F(PrefetchedSetTest, WithoutAStateEveryFileIsCovered) {
+  RotationSync rotation(dir_.path());
+  rotation.load_state();
+  EXPECT_FALSE(rotation.coverage(*era(1)).active.has_value());
 }
 
 }  // namespace
