@@ -481,46 +481,19 @@ void SyncManager::process_repair_queue() {
 
 // --- era callbacks -------------------------------------------------------------
 
-void SyncManager::register_era_callback(HostRef callback) {
-  std::lock_guard<std::mutex> lock(era_callbacks_mu_);
-  era_callbacks_.push_back(std::move(callback));
-}
+void SyncManager::register_era_callback(HostRef callback) { era_callbacks_.add(std::move(callback)); }
 
-void SyncManager::unregister_era_callback(const HostRef& callback) {
-  HostRef removed;  // released after the lock: dropping a host reference may wait for the host
-  std::lock_guard<std::mutex> lock(era_callbacks_mu_);
-  auto it = std::find_if(era_callbacks_.begin(), era_callbacks_.end(),
-                         [&](const HostRef& r) { return r.get() == callback.get(); });
-  if (it == era_callbacks_.end()) return;
-  removed = std::move(*it);
-  era_callbacks_.erase(it);
-}
+void SyncManager::unregister_era_callback(const HostRef& callback) { era_callbacks_.remove(callback); }
 
-std::vector<HostRef> SyncManager::era_callbacks() const {
-  std::lock_guard<std::mutex> lock(era_callbacks_mu_);
-  return era_callbacks_;
-}
+std::vector<HostRef> SyncManager::era_callbacks() const { return era_callbacks_.list(); }
 
 void SyncManager::notify_era_callbacks(const std::string& event_type, std::int64_t era_number) {
-  for (const HostRef& callback : era_callbacks()) {
-    try {
-      host().call(callback, json::array{json::value(event_type), json::value(era_number)});
-    } catch (const std::exception& e) {
-      log_warning("Era callback failed (%s): %s", {json::value(event_type), json::value(e.what())}, true);
-    }
-  }
+  era_callbacks_.notify(event_type, era_number);
 }
 
 void SyncManager::notify_era_callbacks(const std::string& event_type, std::int64_t era_number,
                                        const json::object& payload) {
-  for (const HostRef& callback : era_callbacks()) {
-    try {
-      if (!host().accepts_positional_arguments(callback, 3)) continue;
-      host().call(callback, json::array{json::value(event_type), json::value(era_number), json::value(payload)});
-    } catch (const std::exception& e) {
-      log_warning("Era callback failed (%s): %s", {json::value(event_type), json::value(e.what())}, true);
-    }
-  }
+  era_callbacks_.notify(event_type, era_number, payload);
 }
 
 // --- interpreter exit -------------------------------------------------------------

@@ -369,11 +369,7 @@ bool SyncManager::try_collect_host_refs(std::vector<const void*>& out) const {
     if (!lock.owns_lock()) return false;
     out.push_back(manifest_view_.get());
   }
-  {
-    std::unique_lock<std::mutex> lock(era_callbacks_mu_, std::try_to_lock);
-    if (!lock.owns_lock()) return false;
-    for (const HostRef& callback : era_callbacks_) out.push_back(callback.get());
-  }
+  if (!era_callbacks_.try_collect(out)) return false;
   const void* progress = nullptr;
   if (!progress_.try_callback_object(progress)) return false;
   out.push_back(progress);
@@ -393,11 +389,7 @@ void SyncManager::drop_host_refs() {
     dropped.push_back(std::exchange(manifest_view_, nullptr));
     manifest_view_of_.reset();
   }
-  {
-    std::lock_guard<std::mutex> lock(era_callbacks_mu_);
-    for (HostRef& callback : era_callbacks_) dropped.push_back(std::move(callback));
-    era_callbacks_.clear();
-  }
+  era_callbacks_.drop_into(dropped);
   progress_.set_callback(nullptr);
 }
 

@@ -13,6 +13,7 @@
 #include "tidewright/sync/host/host.hpp"
 #include "tidewright/sync/manager/cleanup.hpp"
 #include "tidewright/sync/manager/directory_lock.hpp"
+#include "tidewright/sync/manager/era_callbacks.hpp"
 #include "tidewright/sync/manager/era_transition.hpp"
 #include "tidewright/sync/manager/hash_cache.hpp"
 #include "tidewright/sync/manager/progress.hpp"
@@ -363,8 +364,9 @@ class SyncManager : public std::enable_shared_from_this<SyncManager>, public Era
   //
   // Lock order: the class registry lock, consumer_mu_, lifecycle_mu_,
   // an era transition's attempt (EraTransition), sync_mu_, the directory
-  // lock. repair_mu_, coalescing_mu_, era_callbacks_mu_, stop_mu_,
-  // threads_mu_, cleanup_mu_ and the lock inside EraTransition are leaves.
+  // lock. repair_mu_, coalescing_mu_, stop_mu_, threads_mu_, cleanup_mu_
+  // and the locks inside EraTransition, RotationSync and EraCallbacks are
+  // leaves.
   // No thread this class starts ever waits for the registry lock,
   // consumer_mu_ or lifecycle_mu_, so stop_internal() may join them while
   // holding those.
@@ -399,7 +401,8 @@ class SyncManager : public std::enable_shared_from_this<SyncManager>, public Era
   // not running; ValueError "File not in manifest: <path>".
   void report_corruption(const std::string& file_path);
 
-  // Era callbacks: host callables called as callback(event_type, era_number).
+  // Era callbacks: host callables called as callback(event_type, era_number)
+  // (the list is EraCallbacks', era_callbacks.hpp).
   void register_era_callback(HostRef callback);
   // Removes the first registration of the same host object; silent when
   // there is none.
@@ -494,8 +497,7 @@ class SyncManager : public std::enable_shared_from_this<SyncManager>, public Era
   std::mutex coalescing_mu_;
   std::shared_ptr<CoalescedSync> coalescing_event_;  // guarded by coalescing_mu_
 
-  mutable std::mutex era_callbacks_mu_;
-  std::vector<HostRef> era_callbacks_;  // guarded by era_callbacks_mu_
+  EraCallbacks era_callbacks_;
 
   // release() found a transition running and left the instance registered.
   std::atomic<bool> evict_after_transition_{false};  // written under class_mutex()
