@@ -21,6 +21,7 @@
 #include "tidewright/sync/manager/rotation_plan.hpp"
 #include "tidewright/sync/manager/rotation_sync.hpp"
 #include "tidewright/sync/manager/transfer_engine.hpp"
+#include "tidewright/sync/manager/vocabulary_memo.hpp"
 #include "tidewright/sync/manifest/manifest.hpp"
 #include "tidewright/sync/transport/settings.hpp"
 
@@ -351,9 +352,7 @@ class SyncManager : public std::enable_shared_from_this<SyncManager>, public Era
   std::shared_ptr<const json::object> vocabulary_;  // guarded by state_mu_
 
   TmpScanMemo tmp_scan_memo_;  // the pipeline's scans for orphan staging files
-  std::mutex vocabulary_validation_mu_;
-  std::string vocabulary_validation_key_;                           // guarded by vocabulary_validation_mu_
-  std::shared_ptr<const json::object> vocabulary_validation_result_;  // guarded by vocabulary_validation_mu_
+  VocabularyMemo vocabulary_memo_;  // what validated_vocabularies() found last
 
   std::mutex cleanup_mu_;
   std::shared_ptr<OwnedThread> cleanup_thread_;  // guarded by cleanup_mu_
