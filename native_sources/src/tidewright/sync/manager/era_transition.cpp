@@ -311,6 +311,8 @@ struct EraTransition::Run {
   ManifestPtr manifest;
   RotationPlan rotation;
   ManifestEntries to_fetch;  // every file of the new era this host keeps
+  ManifestEntries queued;    // those to download: not unchanged locally
+  std::size_t completed = 0;  // files staged so far
   SyncResult result;
   // The paths the searches had before (set when rotation was active for the
   // old era), and the refresh to send them once the new era is in place.
@@ -508,22 +510,32 @@ std::optional<std::int64_t> EraTransition::stage(Run& run) {
     if (ec) throw OSError(ec.message(), ec.value(), run.staging);
   }
   make_dirs(run.staging);
-
-  auto superseded_by = [&](std::int64_t higher) {
-    manager_.set_status_message("Era " + run.era_text + " superseded by era " + std::to_string(higher) +
-                       "; restarting transition.");
-    return std::optional<std::int64_t>(higher);
-  };
   if (std::optional<std::int64_t> higher = check_superseded(run.era, run.allow_closing)) {
-    return superseded_by(*higher);
+    return superseded_by(run, *higher);
   }
+  copy_unchanged(run);
+  if (std::optional<std::int64_t> higher = download_queued(run)) return higher;
 
-  // Unchanged files are recognised by their SHA-256, through the hash cache:
-  // it answers only for a file whose identity (size, times, inode) is the
-  // one hashed and whose times are older than that hashing, so a file
-  // rewritten since, even within the same clock tick, is hashed again.
-  ManifestEntries queued;
-  std::size_t completed = 0;
+  // Era artifacts, checked in staging.
+  manager_.download_vocabulary(*run.manifest, run.staging);
+  manager_.download_shuffle_seed(*run.manifest, run.staging);
+  load_manifest_signals_index(run.staging, *run.manifest, data_dir_);
+  validate_manifest_vocabulary_files(run.staging, *run.manifest);
+  run.rotation_refresh = rotation_refresh_payload(run);
+  return std::nullopt;
+}
+
+std::optional<std::int64_t> EraTransition::superseded_by(const Run& run, std::int64_t higher) {
+  manager_.set_status_message("Era " + run.era_text + " superseded by era " + std::to_string(higher) +
+                              "; restarting transition.");
+  return higher;
+}
+
+// Unchanged files are recognised by their SHA-256, through the hash cache:
+// it answers only for a file whose identity (size, times, inode) is the one
+// hashed and whose times are older than that hashing, so a file rewritten
+// since, even within the same clock tick, is hashed again.
+void EraTransition::copy_unchanged(Run& run) {
   for (const auto& [path, entry] : run.to_fetch) {
     const std::string local = manifest_local_path(data_dir_, path);
     const std::string expected = sha_of(entry);
@@ -544,60 +556,54 @@ std::optional<std::int64_t> EraTransition::stage(Run& run) {
       const std::string staged = manifest_local_path(run.staging, path);
       make_dirs(path_dirname(staged));
       copy_file_with_times(local, staged);
-      ++completed;
+      ++run.completed;
     } else {
-      queued.emplace_back(path, entry);
+      run.queued.emplace_back(path, entry);
     }
   }
+}
 
+std::optional<std::int64_t> EraTransition::download_queued(Run& run) {
   DownloadOptions options;
   options.target_data_dir = run.staging;
   options.backoff_surface = "era_transition";
   const std::size_t total = run.to_fetch.size();
-  options.retry_status_callback = [&](double wait_s) {
+  options.retry_status_callback = [this, &run, total](double wait_s) {
     manager_.set_status_message("Download interrupted, retrying in " + format_float(wait_s) + "s (" +
-                       std::to_string(completed) + "/" + std::to_string(total) + " files complete)");
+                                std::to_string(run.completed) + "/" + std::to_string(total) + " files complete)");
   };
   std::int64_t queued_bytes = 0;
-  for (const auto& [path, entry] : queued) {
+  for (const auto& [path, entry] : run.queued) {
     if (auto size = run.siblings.manifest_file_size(entry)) queued_bytes += *size;
   }
-  {
-    // The downloads wait, report and can be stopped as the era transition.
-    ScopedBackoffContext surface(nullptr, json::object{{"surface", "era_transition"}});
-    manager_.progress().start("era_transition", static_cast<std::int64_t>(queued.size()), queued_bytes);
-    struct FinishProgress {
-      ProgressFeed& feed;
-      ~FinishProgress() { feed.finish(); }
-    } finish_progress{manager_.progress()};
-    for (auto& [path, entry] : queued) {
-      end_if_cancelled();
-      try {
-        manager_.download_file(DownloadJob::for_manifest(*run.manifest, path, &entry), run.result, options);
-      } catch (const SyncError& e) {
-        // The service serving other bytes than the manifest promises means
-        // it may have moved to a later era; anything else is a failure.
-        if (e.kind() != ErrorKind::kIntegrityError && e.kind() != ErrorKind::kManifestSupersededError) throw;
-        std::optional<std::int64_t> higher = check_superseded(run.era, run.allow_closing);
-        if (!higher) throw;
-        return superseded_by(*higher);
-      }
-      ++completed;
+  // The downloads wait, report and can be stopped as the era transition.
+  ScopedBackoffContext surface(nullptr, json::object{{"surface", "era_transition"}});
+  manager_.progress().start("era_transition", static_cast<std::int64_t>(run.queued.size()), queued_bytes);
+  struct FinishProgress {
+    ProgressFeed& feed;
+    ~FinishProgress() { feed.finish(); }
+  } finish_progress{manager_.progress()};
+  for (auto& [path, entry] : run.queued) {
+    end_if_cancelled();
+    try {
+      manager_.download_file(DownloadJob::for_manifest(*run.manifest, path, &entry), run.result, options);
+    } catch (const SyncError& e) {
+      // The service serving other bytes than the manifest promises means
+      // it may have moved to a later era; anything else is a failure.
+      if (e.kind() != ErrorKind::kIntegrityError && e.kind() != ErrorKind::kManifestSupersededError) throw;
+      std::optional<std::int64_t> higher = check_superseded(run.era, run.allow_closing);
+      if (!higher) throw;
+      return superseded_by(run, *higher);
     }
+    ++run.completed;
   }
-
-  // Era artifacts, checked in staging.
-  manager_.download_vocabulary(*run.manifest, run.staging);
-  manager_.download_shuffle_seed(*run.manifest, run.staging);
-  load_manifest_signals_index(run.staging, *run.manifest, data_dir_);
-  validate_manifest_vocabulary_files(run.staging, *run.manifest);
-  run.rotation_refresh = rotation_refresh_payload(run);
   return std::nullopt;
 }
 
 // The switch: one atomic rename per staged file (refusing links planted in
-// the data directory), then the seed and the new manifest. A stop request is not observed from here on until the manifest
-// is written, so the directory is never left between two eras by it.
+// the data directory), then the seed and the new manifest. A stop request is
+// not observed from here on until the manifest is written, so the directory
+// is never left between two eras by it.
 void EraTransition::switch_to_new_era(Run& run) {
   confirm_active_era(run.era, run.allow_closing);
   std::vector<std::string> relative_paths;

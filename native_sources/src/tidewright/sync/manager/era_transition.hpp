@@ -92,6 +92,14 @@ class EraTransition {
                                       const SearchesFn& restart_searches_fn, bool& searches_killed);
   void prepare(Run& run);
   std::optional<std::int64_t> stage(Run& run);
+  // Copies the files the data directory already holds unchanged into
+  // staging and queues the others.
+  void copy_unchanged(Run& run);
+  // Downloads the queued files into staging; the superseding era when a
+  // download failed because a higher era appeared.
+  std::optional<std::int64_t> download_queued(Run& run);
+  // Reports the restart for `higher` and returns it.
+  std::optional<std::int64_t> superseded_by(const Run& run, std::int64_t higher);
   void switch_to_new_era(Run& run);
   void complete(Run& run, const SearchesFn& restart_searches_fn);
   void remove_files_only_the_old_era_had(const Run& run);
