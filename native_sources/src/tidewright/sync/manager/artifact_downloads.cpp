@@ -67,15 +67,10 @@ std::shared_ptr<const json::object> SyncManager::validated_vocabularies(const Ma
            std::to_string(identity->ctime_ns) + " " + std::to_string(identity->inode);
   }
   if (cacheable) {
-    std::lock_guard<std::mutex> lock(vocabulary_validation_mu_);
-    if (vocabulary_validation_key_ == key) return vocabulary_validation_result_;
+    if (std::shared_ptr<const json::object> remembered = vocabulary_memo_.find(key)) return remembered;
   }
   auto vocabularies = std::make_shared<const json::object>(validate_manifest_vocabulary_files(data_dir_, manifest));
-  if (cacheable) {
-    std::lock_guard<std::mutex> lock(vocabulary_validation_mu_);
-    vocabulary_validation_key_ = std::move(key);
-    vocabulary_validation_result_ = vocabularies;
-  }
+  if (cacheable) vocabulary_memo_.remember(std::move(key), vocabularies);
   return vocabularies;
 }
 

@@ -208,14 +208,11 @@ bool SyncManager::needs_sync() {
   HttpResponse probe;
   try {
     probe = http_get(server_url_ + "/data/manifest/version");
-  } catch (const SyncUnavailableError&) {
-    throw;
-  } catch (const SyncBackoffCancelled&) {
-    throw;
-  } catch (const HostError& e) {
-    if (e.is(HostError::kIsSyncBackoffCancelled) || e.is(HostError::kIsKeyboardInterrupt)) throw;
-    return true;
-  } catch (const std::exception&) {
+  } catch (const std::exception& e) {
+    // A stop, or a service the backoff gave up on, ends the probe; any other
+    // failure means the sync is to find out.
+    const ErrorCode code = error_code(e);
+    if (code == ErrorCode::kCancelled || code == ErrorCode::kUnavailable) throw;
     return true;
   }
   if (probe.status != 200) return true;

@@ -107,7 +107,7 @@ void SyncManager::release() {
     // last running transition returns. The flag is raised before the count
     // is read: a transition returning meanwhile sees the flag.
     evict_after_transition_.store(true);
-    if (transition_calls_.load() > 0) return;
+    if (transition_.calls_running()) return;
     evict_after_transition_.store(false);
     evict_locked(this);
   }
@@ -121,7 +121,7 @@ void SyncManager::evict_if_released() {
   try {
     std::lock_guard<std::mutex> class_lock(class_mutex());
     std::lock_guard<std::mutex> lock(consumer_mu_);
-    if (!evict_after_transition_.load() || transition_calls_.load() > 0) return;
+    if (!evict_after_transition_.load() || transition_.calls_running()) return;
     evict_after_transition_.store(false);
     if (consumer_count_.load() == 0 && !consumer_lifecycle_started_.load()) evict_locked(this);
   } catch (const std::exception& e) {
@@ -259,17 +259,12 @@ void SyncManager::stop_internal() {
     }
   }
 
-  bool on_transition_thread = false;
-  {
-    // A transition ends promptly once stopped; one running on this very
-    // thread (a callback stopping its own manager) cannot be waited for.
-    std::unique_lock<std::mutex> lock(transition_state_mu_);
-    on_transition_thread = in_transition_.load() && transition_owner_ == std::this_thread::get_id();
-    bool ended = transition_cv_.wait_for(lock, TRANSITION_END_WAIT, [this] {
-      return !in_transition_.load() || transition_owner_ == std::this_thread::get_id();
-    });
-    if (!ended) log_warning("Era transition still running while stopping the sync manager");
-  }
+  // A transition ends promptly once stopped; one running on this very
+  // thread (a callback stopping its own manager) cannot be waited for.
+  const EraTransition::EndWait transition_end =
+      transition_.wait_for_end(std::chrono::duration_cast<std::chrono::milliseconds>(TRANSITION_END_WAIT));
+  if (!transition_end.ended) log_warning("Era transition still running while stopping the sync manager");
+  const bool on_transition_thread = transition_end.on_transition_thread;
 
   {
     std::shared_ptr<OwnedThread> poll_thread;
@@ -328,7 +323,7 @@ std::shared_ptr<EraThread> SyncManager::era_thread() const {
 void SyncManager::poll_loop(std::uint64_t generation) {
   try {
     while (true) {
-      if (!in_transition_.load()) {
+      if (!in_transition()) {
         try {
           poll_once();
         } catch (const std::exception& e) {
@@ -347,7 +342,7 @@ void SyncManager::poll_loop(std::uint64_t generation) {
 }
 
 void SyncManager::poll_once() {
-  if (in_transition_.load()) return;
+  if (in_transition()) return;
   std::vector<std::string> files;
   {
     std::lock_guard<std::mutex> lock(repair_mu_);
@@ -357,7 +352,7 @@ void SyncManager::poll_once() {
   std::unique_lock<std::mutex> sync_lock(sync_mu_, std::try_to_lock);
   if (!sync_lock.owns_lock()) return;  // a foreground sync is running
   try {
-    if (!in_transition_.load() && needs_sync() && !in_transition_.load()) {
+    if (!in_transition() && needs_sync() && !in_transition()) {
       DirectoryLock::Guard directory(directory_lock_);
       sync_with_manifest_refresh();
     }
@@ -486,46 +481,19 @@ void SyncManager::process_repair_queue() {
 
 // --- era callbacks -------------------------------------------------------------
 
-void SyncManager::register_era_callback(HostRef callback) {
-  std::lock_guard<std::mutex> lock(era_callbacks_mu_);
-  era_callbacks_.push_back(std::move(callback));
-}
+void SyncManager::register_era_callback(HostRef callback) { era_callbacks_.add(std::move(callback)); }
 
-void SyncManager::unregister_era_callback(const HostRef& callback) {
-  HostRef removed;  // released after the lock: dropping a host reference may wait for the host
-  std::lock_guard<std::mutex> lock(era_callbacks_mu_);
-  auto it = std::find_if(era_callbacks_.begin(), era_callbacks_.end(),
-                         [&](const HostRef& r) { return r.get() == callback.get(); });
-  if (it == era_callbacks_.end()) return;
-  removed = std::move(*it);
-  era_callbacks_.erase(it);
-}
+void SyncManager::unregister_era_callback(const HostRef& callback) { era_callbacks_.remove(callback); }
 
-std::vector<HostRef> SyncManager::era_callbacks() const {
-  std::lock_guard<std::mutex> lock(era_callbacks_mu_);
-  return era_callbacks_;
-}
+std::vector<HostRef> SyncManager::era_callbacks() const { return era_callbacks_.list(); }
 
 void SyncManager::notify_era_callbacks(const std::string& event_type, std::int64_t era_number) {
-  for (const HostRef& callback : era_callbacks()) {
-    try {
-      host().call(callback, json::array{json::value(event_type), json::value(era_number)});
-    } catch (const std::exception& e) {
-      log_warning("Era callback failed (%s): %s", {json::value(event_type), json::value(e.what())}, true);
-    }
-  }
+  era_callbacks_.notify(event_type, era_number);
 }
 
 void SyncManager::notify_era_callbacks(const std::string& event_type, std::int64_t era_number,
                                        const json::object& payload) {
-  for (const HostRef& callback : era_callbacks()) {
-    try {
-      if (!host().accepts_positional_arguments(callback, 3)) continue;
-      host().call(callback, json::array{json::value(event_type), json::value(era_number), json::value(payload)});
-    } catch (const std::exception& e) {
-      log_warning("Era callback failed (%s): %s", {json::value(event_type), json::value(e.what())}, true);
-    }
-  }
+  era_callbacks_.notify(event_type, era_number, payload);
 }
 
 // --- interpreter exit -------------------------------------------------------------

@@ -215,283 +215,330 @@ SyncResult SyncManager::sync_impl() {
   }
 }
 
-std::optional<SyncResult> SyncManager::sync_pass(SyncResult& earlier) {
-  ManifestSiblings siblings = host().manifest_siblings();
+// One pass of the pipeline as named steps, each handing the next what it
+// found: the version probe, the fast path, the full manifest, the
+// nothing-new path, the download set, the download, and the commit that
+// every exit with a result goes through. Runs under the sync lock and the
+// cross-process lock, on the manager's private state.
+class SyncPipeline {
+ public:
+  SyncPipeline(SyncManager& manager, SyncResult& earlier)
+      : m_(manager), earlier_(earlier), siblings_(host().manifest_siblings()) {}
 
-  // Clean start.
-  remove_sync_progress_json(data_dir_);
-
-  // Version probe.
-  std::int64_t server_version = -1;
-  std::optional<std::int64_t> server_era;
-  std::optional<std::string> server_hash;
-  try {
-    HttpResponse probe = http_get(server_url_ + "/data/manifest/version");
-    if (probe.status == 401) throw AuthError("Authentication failed: HTTP 401");
-    if (probe.status == 200) {
-      try {
-        json::value parsed = parse_json(probe.body);
-        if (!parsed.is_object()) throw ValueError("manifest version response is not a JSON object");
-        const json::object& body = parsed.get_object();
-        const json::value* version = body.if_contains("version");
-        std::optional<std::int64_t> v = version ? to_int(*version) : std::nullopt;
-        if (!v) throw ValueError("manifest version response has no integer version");
-        server_version = *v;
-        if (const json::value* era = body.if_contains("era_number"); era && !era->is_null()) server_era = to_int(*era);
-        server_hash = manifest_hash_from(body);
-      } catch (const std::exception& e) {
-        log_debug("Manifest version response was not parseable: %s", {json::value(e.what())});
-      }
-    }
-  } catch (const AuthError&) {
-    throw;
-  } catch (const SyncUnavailableError&) {
-    throw;
-  } catch (const SyncBackoffCancelled&) {
-    throw;
-  } catch (const HostError& e) {
-    if (e.is(HostError::kIsAuthError) || e.is(HostError::kIsSyncBackoffCancelled) ||
-        e.is(HostError::kIsKeyboardInterrupt)) {
-      throw;
-    }
-    log_warning("Manifest version check failed: %s", {json::value(e.what())});
-  } catch (const std::exception& e) {
-    log_warning("Manifest version check failed: %s", {json::value(e.what())});
+  std::optional<SyncResult> run() {
+    remove_sync_progress_json(m_.data_dir_);  // a clean start
+    const VersionProbe probe = probe_version();
+    const ManifestPtr local = m_.get_manifest();
+    if (std::optional<SyncResult> result = fast_path(probe, local)) return result;
+    ServerManifest server = fetch_server_manifest(local);
+    if (std::optional<SyncResult> result = nothing_new(server, local)) return result;
+    DownloadPlan plan = plan_download_set(server, local);
+    if (!download(server, plan)) return std::nullopt;
+    return commit_downloads(server, plan);
   }
 
-  ManifestPtr local = get_manifest();
-  std::int64_t local_version = local ? local->version_int() : -1;
-  std::int64_t local_era = local ? local->era_number_int() : -1;
+ private:
+  // What the version endpoint said; a failed probe leaves the defaults.
+  struct VersionProbe {
+    std::int64_t version = -1;
+    std::optional<std::int64_t> era;
+    std::optional<std::string> hash;
+  };
+  // The full manifest as this pass will hold it, and what is planned on it.
+  struct ServerManifest {
+    ManifestPtr manifest;
+    std::string body_sha;  // of the bytes kept, for the side file
+    std::int64_t free_bytes = 0;
+    RotationPlan rotation;
+  };
+  // The files to fetch and what the commit reports of them.
+  struct DownloadPlan {
+    SyncResult result;
+    DownloadSet jobs;
+    std::vector<std::string> paths;
+    std::vector<std::string> vocabulary_paths;
+    std::int64_t needed_bytes = 0;
+  };
+  // What a commit puts in place.
+  struct Commit {
+    ManifestPtr manifest;
+    // The manifest the rotation is promoted for: `manifest` when empty.
+    ManifestPtr promoted_for;
+    const RotationPlan* rotation = nullptr;
+    SyncResult result;
+    // Written to disk (after a flush of what it vouches for) when set; the
+    // held manifest is then replaced whatever it is.
+    std::optional<std::string> body_sha;
+    // Without a write: the held manifest this one replaces, unless another
+    // has replaced it meanwhile.
+    ManifestPtr replaces;
+    // Validated already; validated after the write when empty.
+    std::shared_ptr<const json::object> vocabularies;
+    std::optional<std::int64_t> n_features;  // counted already
+    bool clear_progress = false;
+    // The manifests whose files an orphan staging file scan spares; no
+    // scan when empty.
+    std::vector<const json::object*> tmp_scan_files;
+  };
 
-  // Version-matched fast path: one request in all.
-  if (local && !manifest_has_agent_bundle_declarations(local->data()) &&
-      !manifest_has_retired_found_pnl_long_files(local->data()) && server_version == local_version) {
-    bool hint_ok = !server_hash || manifest_hash_hint_matches_local_state(data_dir_, local_version, local_era, server_hash);
-    if (!hint_ok) {
+  VersionProbe probe_version() {
+    VersionProbe probe;
+    try {
+      HttpResponse answer = m_.http_get(m_.server_url_ + "/data/manifest/version");
+      if (answer.status == 401) throw AuthError("Authentication failed: HTTP 401");
+      if (answer.status == 200) {
+        try {
+          json::value parsed = parse_json(answer.body);
+          if (!parsed.is_object()) throw ValueError("manifest version response is not a JSON object");
+          const json::object& body = parsed.get_object();
+          const json::value* version = body.if_contains("version");
+          std::optional<std::int64_t> v = version ? to_int(*version) : std::nullopt;
+          if (!v) throw ValueError("manifest version response has no integer version");
+          probe.version = *v;
+          if (const json::value* era = body.if_contains("era_number"); era && !era->is_null()) probe.era = to_int(*era);
+          probe.hash = manifest_hash_from(body);
+        } catch (const std::exception& e) {
+          log_debug("Manifest version response was not parseable: %s", {json::value(e.what())});
+        }
+      }
+    } catch (const std::exception& e) {
+      // A stop, a refused token or a service the backoff gave up on ends the
+      // sync; any other failure of the probe leaves it to the full manifest.
+      const ErrorCode code = error_code(e);
+      if (code == ErrorCode::kCancelled || code == ErrorCode::kAuth || code == ErrorCode::kUnavailable) throw;
+      log_warning("Manifest version check failed: %s", {json::value(e.what())});
+    }
+    return probe;
+  }
+
+  // Version-matched: one request in all, when the held manifest and the
+  // local files still agree with it.
+  std::optional<SyncResult> fast_path(const VersionProbe& probe, const ManifestPtr& local) {
+    if (!local || manifest_has_agent_bundle_declarations(local->data()) ||
+        manifest_has_retired_found_pnl_long_files(local->data()) || probe.version != local->version_int()) {
+      return std::nullopt;
+    }
+    const std::int64_t local_version = local->version_int();
+    const std::int64_t local_era = local->era_number_int();
+    if (probe.hash && !manifest_hash_hint_matches_local_state(m_.data_dir_, local_version, local_era, probe.hash)) {
       log_info("Manifest version matched but manifest hash changed; fetching full manifest");
-    } else {
-      try {
-        if (server_era && *server_era != local_era) {
-          throw EraError("Era mismatch: local era_number=" + std::to_string(local_era) +
-                         ", server era_number=" + std::to_string(*server_era));
-        }
-        RotationPlan rotation = plan_feature_rotation_for_sync(*local, free_disk_bytes(data_dir_));
-        std::shared_ptr<const json::object> vocabularies = validated_vocabularies(*local);
-        ShuffleSeedExpectations expect{local_era,
-                                       manifest_positive_int(*local, "market_id").value_or(market_id_),
-                                       manifest_positive_int(*local, "version"),
-                                       shuffle_seed_generation_for_manifest(*local)};
-        validate_shuffle_seed_file(path_join(data_dir_, SHUFFLE_SEED_FILENAME), expect);
-        std::int64_t n_features = 0;
-        if (first_local_mismatch(*local, siblings, uncovered_by(rotation), &n_features)) {
-          throw SyncError("Manifest version matched but local data files need repair");
-        }
-        replace_held_manifest(local, with_local_signals_index(local));
-        SyncResult result;
-        result.era_number = local_era;
-        result.pnl_column_count = to_int(local->pnl_column_count()).value_or(0);
-        result.n_features = n_features;
-        result.rejected_files = rejected_manifest_paths(*local);
-        take_vocabulary_metadata(result, *vocabularies);
-        {
-          std::lock_guard<std::mutex> lock(state_mu_);
-          vocabulary_ = vocabularies;
-        }
-        complete_rotation_promotion(*local, rotation, result);
-        cleanup_sync_tmp_files(data_dir_, {}, &tmp_scan_memo_, {&local->files()});
-        return result;
-      } catch (const SyncUnavailableError&) {
-        throw;
-      } catch (const SyncError& e) {
-        log_warning("Manifest version matched but local metadata needs repair: %s", {json::value(e.what())});
-      }
+      return std::nullopt;
     }
+    try {
+      if (probe.era && *probe.era != local_era) {
+        throw EraError("Era mismatch: local era_number=" + std::to_string(local_era) +
+                       ", server era_number=" + std::to_string(*probe.era));
+      }
+      RotationPlan rotation = m_.plan_feature_rotation_for_sync(*local, free_disk_bytes(m_.data_dir_));
+      std::shared_ptr<const json::object> vocabularies = m_.validated_vocabularies(*local);
+      validate_shuffle_seed_file(path_join(m_.data_dir_, SHUFFLE_SEED_FILENAME), seed_expectations(*local));
+      std::int64_t n_features = 0;
+      if (m_.first_local_mismatch(*local, siblings_, uncovered_by(rotation), &n_features)) {
+        throw SyncError("Manifest version matched but local data files need repair");
+      }
+      Commit commit;
+      commit.manifest = m_.with_local_signals_index(local);
+      commit.replaces = local;
+      commit.promoted_for = local;
+      commit.rotation = &rotation;
+      commit.result = result_for(*local);
+      commit.vocabularies = std::move(vocabularies);
+      commit.n_features = n_features;
+      commit.tmp_scan_files = {&local->files()};
+      return this->commit(std::move(commit));
+    } catch (const std::exception& e) {
+      // The sync family's verdicts on the local copy send the pass on to
+      // the full manifest; an unavailable service and the rest end it.
+      if (error_code(e) == ErrorCode::kUnavailable || !dynamic_cast<const SyncError*>(&e)) throw;
+      log_warning("Manifest version matched but local metadata needs repair: %s", {json::value(e.what())});
+    }
+    return std::nullopt;
   }
 
-  // Full manifest.
-  FetchedManifest fetched;
-  {
-    ScopedSyncStopPredicate stop([this] { return stop_requested(); });
-    fetched = fetch_manifest(server_url_ + "/data/manifest", fetch_token());
-  }
-  if (fetched.status == 401) throw AuthError("Authentication failed: HTTP " + std::to_string(fetched.status));
-  if (fetched.status != 200) {
-    // A SyncError that carries the status (a 403 is a refusal, a 404 a wrong
-    // address): callers classify by the field, not by the message.
-    throw PermanentDownloadError("Failed to fetch manifest: HTTP " + std::to_string(fetched.status), std::nullopt,
-                                 fetched.status);
-  }
-  if (const json::value* files = fetched.data.if_contains("files"); files && !files->is_object() && !files->is_null()) {
-    throw ManifestError("Invalid manifest JSON: \"files\" must be a JSON object");
-  }
-  // Moved, not copied, from here on: one set of the manifest's values at a time.
-  std::vector<RejectedManifestEntry> rejected;
-  json::object server_data = sanitize_manifest_data_for_sync(std::move(fetched.data), siblings, nullptr, &rejected);
-  std::string body_sha = std::move(fetched.body_sha256);
-  if (auto newer = newer_public_manifest(server_data)) {
-    server_data = sanitize_manifest_data_for_sync(std::move(newer->first), siblings, nullptr, &rejected);
-    body_sha = sha256(newer->second);
-  }
-  // The side file records the hash of the bytes kept, not the probe's hint:
-  // it says which manifest is on disk, and the hint may name another one
-  // (the API's when the public manifest was newer, or an older one the
-  // server has moved on from since the probe).
+  ServerManifest fetch_server_manifest(const ManifestPtr& local) {
+    FetchedManifest fetched;
+    {
+      ScopedSyncStopPredicate stop([this] { return m_.stop_requested(); });
+      fetched = fetch_manifest(m_.server_url_ + "/data/manifest", m_.fetch_token());
+    }
+    if (fetched.status == 401) throw AuthError("Authentication failed: HTTP " + std::to_string(fetched.status));
+    if (fetched.status != 200) {
+      // A SyncError that carries the status (a 403 is a refusal, a 404 a
+      // wrong address): callers classify by the field, not by the message.
+      throw PermanentDownloadError("Failed to fetch manifest: HTTP " + std::to_string(fetched.status), std::nullopt,
+                                   fetched.status);
+    }
+    if (const json::value* files = fetched.data.if_contains("files");
+        files && !files->is_object() && !files->is_null()) {
+      throw ManifestError("Invalid manifest JSON: \"files\" must be a JSON object");
+    }
+    // Moved, not copied, from here on: one set of the manifest's values at a time.
+    std::vector<RejectedManifestEntry> rejected;
+    json::object server_data = sanitize_manifest_data_for_sync(std::move(fetched.data), siblings_, nullptr, &rejected);
+    ServerManifest server;
+    server.body_sha = std::move(fetched.body_sha256);
+    if (auto newer = m_.newer_public_manifest(server_data)) {
+      server_data = sanitize_manifest_data_for_sync(std::move(newer->first), siblings_, nullptr, &rejected);
+      server.body_sha = sha256(newer->second);
+    }
+    // The side file records the hash of the bytes kept, not the probe's
+    // hint: it says which manifest is on disk, and the hint may name another
+    // one (the API's when the public manifest was newer, or an older one the
+    // server has moved on from since the probe).
 
-  std::int64_t fetched_version = to_int(server_data.contains("version") ? server_data.at("version") : json::value(0)).value_or(-1);
-  if (missing_found_pnl_manifest_version_ != fetched_version) {
-    missing_found_pnl_paths_.clear();
-    missing_found_pnl_manifest_version_.reset();
+    std::int64_t fetched_version =
+        to_int(server_data.contains("version") ? server_data.at("version") : json::value(0)).value_or(-1);
+    if (m_.missing_found_pnl_manifest_version_ != fetched_version) {
+      m_.missing_found_pnl_paths_.clear();
+      m_.missing_found_pnl_manifest_version_.reset();
+    }
+    if (!m_.missing_found_pnl_paths_.empty()) {
+      server_data = drop_missing_found_pnl_paths(
+          server_data, std::vector<std::string>(m_.missing_found_pnl_paths_.begin(), m_.missing_found_pnl_paths_.end()));
+    }
+    server.manifest = Manifest::from_sanitized(std::move(server_data), std::move(rejected));
+    log_rejected_manifest_entries(*server.manifest);
+    if (local && server.manifest->era_number_int() != local->era_number_int()) {
+      throw EraError("Era mismatch: local era_number=" + std::to_string(local->era_number_int()) +
+                     ", server era_number=" + std::to_string(server.manifest->era_number_int()));
+    }
+    server.free_bytes = free_disk_bytes(m_.data_dir_);
+    server.rotation = m_.plan_feature_rotation_for_sync(*server.manifest, server.free_bytes);
+    return server;
   }
-  if (!missing_found_pnl_paths_.empty()) {
-    server_data = drop_missing_found_pnl_paths(
-        server_data, std::vector<std::string>(missing_found_pnl_paths_.begin(), missing_found_pnl_paths_.end()));
-  }
-  ManifestPtr server = Manifest::from_sanitized(std::move(server_data), std::move(rejected));
-  log_rejected_manifest_entries(*server);
-  if (local && server->era_number_int() != local_era) {
-    throw EraError("Era mismatch: local era_number=" + std::to_string(local_era) +
-                   ", server era_number=" + std::to_string(server->era_number_int()));
-  }
-  std::int64_t free_bytes = free_disk_bytes(data_dir_);
-  RotationPlan rotation = plan_feature_rotation_for_sync(*server, free_bytes);
 
   // Found PnL files that storage no longer has leave the manifest and the
   // signals index, which gets a new content address. The index as the
   // server published it must be on disk: the scrub rewrites that file.
-  auto exclude_missing_found_pnl = [this](ManifestPtr& manifest) {
-    if (missing_found_pnl_paths_.empty()) return;
-    std::vector<std::string> missing(missing_found_pnl_paths_.begin(), missing_found_pnl_paths_.end());
+  void exclude_missing_found_pnl(ManifestPtr& manifest) {
+    if (m_.missing_found_pnl_paths_.empty()) return;
+    std::vector<std::string> missing(m_.missing_found_pnl_paths_.begin(), m_.missing_found_pnl_paths_.end());
     json::object data = drop_missing_found_pnl_paths(manifest->data(), missing);
-    if (auto update = scrub_missing_found_pnl_paths_from_signals_index(data_dir_, data, missing)) {
-      record_scrubbed_signals_index_update(*update);
+    if (auto update = scrub_missing_found_pnl_paths_from_signals_index(m_.data_dir_, data, missing)) {
+      m_.record_scrubbed_signals_index_update(*update);
     }
     manifest = Manifest::from_sanitized(std::move(data), manifest->rejected_entries());
-  };
+  }
 
-  // Nothing new: the local manifest is current; check the files and the
-  // era artifacts.
-  std::optional<std::string> signals_index_path = manifest_signals_index_path(*server);
-  if (local && local_version >= server->version_int() && local_era == server->era_number_int()) {
+  // The local manifest is current: the files and the era artifacts are
+  // checked, and fetched again only where they fail.
+  std::optional<SyncResult> nothing_new(ServerManifest& server, const ManifestPtr& local) {
+    const Manifest& manifest = *server.manifest;
+    if (!local || local->version_int() < manifest.version_int() ||
+        local->era_number_int() != manifest.era_number_int()) {
+      return std::nullopt;
+    }
     bool vocabulary_due = false;
     bool seed_due = false;
-    bool files_ok = true;
     try {
-      validated_vocabularies(*server);
+      m_.validated_vocabularies(manifest);
     } catch (const SyncError&) {
       vocabulary_due = true;
     }
     try {
-      ShuffleSeedExpectations expect{server->era_number_int(),
-                                     manifest_positive_int(*server, "market_id").value_or(market_id_),
-                                     manifest_positive_int(*server, "version"),
-                                     shuffle_seed_generation_for_manifest(*server)};
-      validate_shuffle_seed_file(path_join(data_dir_, SHUFFLE_SEED_FILENAME), expect);
+      validate_shuffle_seed_file(path_join(m_.data_dir_, SHUFFLE_SEED_FILENAME), seed_expectations(manifest));
     } catch (const SyncError&) {
       seed_due = true;
     }
-    if (first_local_mismatch(*server, siblings, uncovered_by(rotation))) {
+    if (m_.first_local_mismatch(manifest, siblings_, uncovered_by(server.rotation))) {
       log_warning("Manifest version matched but local data files need repair");
-      files_ok = false;
+      return std::nullopt;
     }
-    if (files_ok) {
-      SyncResult result;
-      result.era_number = server->era_number_int();
-      result.pnl_column_count = to_int(server->pnl_column_count()).value_or(0);
-      result.rejected_files = rejected_manifest_paths(*server);
-      if (vocabulary_due) result.vocabulary_downloaded = download_vocabulary(*server);
-      if (seed_due) result.shuffle_seed_downloaded = download_shuffle_seed(*server);
-      if (vocabulary_due || seed_due) download_signals_index(*server, result);
-      exclude_missing_found_pnl(server);
-      std::shared_ptr<const json::object> vocabularies = validated_vocabularies(*server);
-      load_manifest_signals_index(data_dir_, *server);
-      sync_file_system(data_dir_);  // what the manifest vouches for is durable first
-      write_manifest_json(data_dir_, server->data(), body_sha, body_sha);
-      hash_cache_.persist();
-      take_vocabulary_metadata(result, *vocabularies);
-      result.n_features = count_features(*server, siblings);
-      {
-        std::lock_guard<std::mutex> lock(state_mu_);
-        vocabulary_ = std::move(vocabularies);
-        manifest_ = server;
-      }
-      complete_rotation_promotion(*server, rotation, result);
-      cleanup_sync_tmp_files(data_dir_, {}, &tmp_scan_memo_, {&server->files(), &local->files()});
-      return result;
-    }
+    Commit commit;
+    commit.result = result_for(manifest);
+    if (vocabulary_due) commit.result.vocabulary_downloaded = m_.download_vocabulary(*server.manifest);
+    if (seed_due) commit.result.shuffle_seed_downloaded = m_.download_shuffle_seed(*server.manifest);
+    if (vocabulary_due || seed_due) m_.download_signals_index(*server.manifest, commit.result);
+    exclude_missing_found_pnl(server.manifest);
+    commit.vocabularies = m_.validated_vocabularies(*server.manifest);
+    load_manifest_signals_index(m_.data_dir_, *server.manifest);
+    commit.manifest = server.manifest;
+    commit.body_sha = server.body_sha;
+    commit.rotation = &server.rotation;
+    commit.tmp_scan_files = {&server.manifest->files(), &local->files()};
+    return this->commit(std::move(commit));
   }
 
-  // The download set.
-  SyncResult result;
-  result.era_number = server->era_number_int();
-  result.pnl_column_count = to_int(server->pnl_column_count()).value_or(0);
-  result.rejected_files = rejected_manifest_paths(*server);
-  DownloadSet to_download;
-  std::vector<std::string> to_download_paths;
-  bool same_era_local = local && local_era == server->era_number_int();
-  ManifestLocalPaths locals(data_dir_);
-  for (const auto& kv : server->files()) {
-    std::string path(kv.key());
-    if (!rotation.covers(path)) continue;
-    if (vocabulary_named_universe_from_path(path)) continue;
-    if (signals_index_path && path == *signals_index_path) continue;
-    if (manifest_file_is_sync_excluded(path, kv.value(), siblings)) continue;
-    std::string local_path = locals.resolve(path);
-    std::string kind = kind_of(kv.value());
-    const json::value* local_info = same_era_local ? local->files().if_contains(path) : nullptr;
-    bool exists = path_exists(local_path);
-    if (local_info && *local_info == kv.value() && exists && kind != "vault_module") {
-      if (local_file_matches_manifest(path, local_path, kv.value(), true)) continue;
+  DownloadPlan plan_download_set(const ServerManifest& server, const ManifestPtr& local) {
+    const Manifest& manifest = *server.manifest;
+    DownloadPlan plan;
+    plan.result = result_for(manifest);
+    const std::optional<std::string> signals_index_path = manifest_signals_index_path(manifest);
+    const bool same_era_local = local && local->era_number_int() == manifest.era_number_int();
+    ManifestLocalPaths locals(m_.data_dir_);
+    for (const auto& kv : manifest.files()) {
+      std::string path(kv.key());
+      if (!server.rotation.covers(path)) continue;
+      if (vocabulary_named_universe_from_path(path)) continue;
+      if (signals_index_path && path == *signals_index_path) continue;
+      if (manifest_file_is_sync_excluded(path, kv.value(), siblings_)) continue;
+      std::string local_path = locals.resolve(path);
+      const json::value* local_info = same_era_local ? local->files().if_contains(path) : nullptr;
+      if (local_copy_is_current(path, local_path, kv.value(), local_info)) continue;
+      plan.paths.push_back(path);
+      plan.jobs.push_back(DownloadJob::for_manifest(manifest, path, kv.value()));
+    }
+
+    // Space. The vocabularies are downloaded at the commit, through the same
+    // staging files: a partial one left by an interrupted sync is resumed there.
+    std::vector<std::string> resumable = plan.paths;
+    plan.vocabulary_paths = vocabulary_manifest_paths(manifest.files());
+    resumable.insert(resumable.end(), plan.vocabulary_paths.begin(), plan.vocabulary_paths.end());
+    cleanup_sync_tmp_files(m_.data_dir_, resumable, &m_.tmp_scan_memo_,
+                           {&manifest.files(), local ? &local->files() : nullptr});
+    plan.needed_bytes = require_disk_space(m_.data_dir_, plan.jobs, manifest.files(), server.free_bytes, siblings_);
+    return plan;
+  }
+
+  // A local file is kept when the held manifest lists it unchanged and it
+  // still matches, or when its digest is the one the server lists.
+  bool local_copy_is_current(const std::string& path, const std::string& local_path, const json::value& info,
+                             const json::value* local_info) {
+    const std::string kind = kind_of(info);
+    const bool exists = path_exists(local_path);
+    if (local_info && *local_info == info && exists && kind != "vault_module") {
+      if (m_.local_file_matches_manifest(path, local_path, info, true)) return true;
       log_info("Manifest-tracked local file failed integrity check; re-downloading: %s", {json::value(path)});
-    } else if (exists && kind != "vault_module") {
-      const json::object* info = as_object(&kv.value());
-      const json::value* sha_value = info ? info->if_contains("sha256") : nullptr;
-      std::string expected = sha_value && sha_value->is_string() ? std::string(sha_value->get_string()) : "";
-      if (!expected.empty()) {
-        std::optional<std::string> actual = hash_cache_.cached_sha(path, local_path, expected);
-        if (!actual) {
-          try {
-            std::string digest = sha256_file(local_path);
-            hash_cache_.remember(path, local_path, digest);
-            actual = digest;
-          } catch (const OSError&) {
-          }
-        }
-        if (actual && *actual == expected &&
-            local_file_matches_manifest(path, local_path, kv.value(), true)) {
-          continue;
-        }
+      return false;
+    }
+    if (!exists || kind == "vault_module") return false;
+    const json::object* fields = as_object(&info);
+    const json::value* sha_value = fields ? fields->if_contains("sha256") : nullptr;
+    const std::string expected = sha_value && sha_value->is_string() ? std::string(sha_value->get_string()) : "";
+    if (expected.empty()) return false;
+    std::optional<std::string> actual = m_.hash_cache_.cached_sha(path, local_path, expected);
+    if (!actual) {
+      try {
+        std::string digest = sha256_file(local_path);
+        m_.hash_cache_.remember(path, local_path, digest);
+        actual = digest;
+      } catch (const OSError&) {
       }
     }
-    to_download_paths.push_back(path);
-    to_download.push_back(DownloadJob::for_manifest(*server, path, kv.value()));
+    return actual && *actual == expected && m_.local_file_matches_manifest(path, local_path, info, true);
   }
 
-  // Space. The vocabularies are downloaded at the commit, through the same
-  // staging files: a partial one left by an interrupted sync is resumed there.
-  std::vector<std::string> resumable = to_download_paths;
-  const std::vector<std::string> vocabulary_paths = vocabulary_manifest_paths(server->files());
-  resumable.insert(resumable.end(), vocabulary_paths.begin(), vocabulary_paths.end());
-  cleanup_sync_tmp_files(data_dir_, resumable, &tmp_scan_memo_,
-                         {&server->files(), local ? &local->files() : nullptr});
-  const std::int64_t needed = require_disk_space(data_dir_, to_download, server->files(), free_bytes, siblings);
-
-  // Download.
-  if (!to_download.empty()) {
-    write_download_progress(data_dir_, *server, to_download, siblings);
-    progress_.start("download", static_cast<std::int64_t>(to_download.size()), needed);
+  // False when found PnL files that storage no longer has were met: they
+  // are remembered as missing, what this pass downloaded is added to the
+  // earlier passes', and the caller runs another pass.
+  bool download(const ServerManifest& server, DownloadPlan& plan) {
+    if (plan.jobs.empty()) return true;
+    write_download_progress(m_.data_dir_, *server.manifest, plan.jobs, siblings_);
+    m_.progress_.start("download", static_cast<std::int64_t>(plan.jobs.size()), plan.needed_bytes);
     struct FinishProgress {
       ProgressFeed& feed;
       ~FinishProgress() { feed.finish(); }
-    } finish_progress{progress_};
+    } finish_progress{m_.progress_};
     // A found PnL file that storage no longer has is set aside while the
     // other downloads go on, so one pass meets all of them.
     std::mutex missing_mu;
     std::set<std::string> missing;  // guarded by missing_mu
+    const json::object& files = server.manifest->files();
     auto set_aside_missing_found_pnl = [&](const std::string&, const std::exception_ptr& error) {
       try {
         std::rethrow_exception(error);
       } catch (const PermanentDownloadError& e) {
-        std::optional<std::string> path = missing_found_pnl_download_path(e, server->files());
+        std::optional<std::string> path = missing_found_pnl_download_path(e, files);
         if (!path) return false;
         std::lock_guard<std::mutex> lock(missing_mu);
         missing.insert(*path);
@@ -500,68 +547,112 @@ std::optional<SyncResult> SyncManager::sync_pass(SyncResult& earlier) {
         return false;
       }
     };
-    download_files_parallel(to_download, result, set_aside_missing_found_pnl);
-    if (!missing.empty()) {
-      for (const auto& path : missing) {
-        missing_found_pnl_paths_.insert(path);
-        remove_manifest_tmp_file(data_dir_, path);
-      }
-      missing_found_pnl_manifest_version_ = server->version_int();
-      remove_sync_progress_json(data_dir_);
-      log_warning(
-          "Manifest signal PnL artifact is missing from storage; excluding stale membership entry and retrying sync: %s",
-          {json::value(listed_briefly(missing))});
-      earlier.bytes_downloaded += result.bytes_downloaded;
-      earlier.features_downloaded += result.features_downloaded;
-      for (auto& path : result.found_pnl_paths_downloaded) earlier.found_pnl_paths_downloaded.push_back(std::move(path));
-      return std::nullopt;
+    m_.download_files_parallel(plan.jobs, plan.result, set_aside_missing_found_pnl);
+    if (missing.empty()) return true;
+    for (const auto& path : missing) {
+      m_.missing_found_pnl_paths_.insert(path);
+      remove_manifest_tmp_file(m_.data_dir_, path);
     }
+    m_.missing_found_pnl_manifest_version_ = server.manifest->version_int();
+    remove_sync_progress_json(m_.data_dir_);
+    log_warning(
+        "Manifest signal PnL artifact is missing from storage; excluding stale membership entry and retrying sync: %s",
+        {json::value(listed_briefly(missing))});
+    earlier_.bytes_downloaded += plan.result.bytes_downloaded;
+    earlier_.features_downloaded += plan.result.features_downloaded;
+    for (auto& path : plan.result.found_pnl_paths_downloaded) earlier_.found_pnl_paths_downloaded.push_back(std::move(path));
+    return false;
   }
 
-  // Commit.
-  if (HostRef guard = runtime_freshness_guard()) {
-    for (const auto& job : to_download) {
-      json::object kwargs;
-      kwargs["relative_path"] = job.path;
-      const json::value* entry = server->files().if_contains(job.path);
-      kwargs["kind"] = entry ? kind_of(*entry) : std::string();
-      const json::value* sha = entry && entry->is_object() ? entry->get_object().if_contains("sha256") : nullptr;
-      kwargs["sha256"] = sha && sha->is_string() ? *sha : json::value("");
-      host().call_method(guard, "record_sync_update", {}, kwargs);
+  // The downloaded files told to the freshness guard, the era artifacts
+  // fetched, then the commit.
+  SyncResult commit_downloads(ServerManifest& server, DownloadPlan& plan) {
+    if (HostRef guard = m_.runtime_freshness_guard()) {
+      for (const auto& job : plan.jobs) {
+        json::object kwargs;
+        kwargs["relative_path"] = job.path;
+        const json::value* entry = server.manifest->files().if_contains(job.path);
+        kwargs["kind"] = entry ? kind_of(*entry) : std::string();
+        const json::value* sha = entry && entry->is_object() ? entry->get_object().if_contains("sha256") : nullptr;
+        kwargs["sha256"] = sha && sha->is_string() ? *sha : json::value("");
+        host().call_method(guard, "record_sync_update", {}, kwargs);
+      }
     }
+    SyncResult& result = plan.result;
+    m_.download_signals_index(*server.manifest, result);
+    exclude_missing_found_pnl(server.manifest);
+    Manifest& manifest = *server.manifest;
+    load_manifest_signals_index(m_.data_dir_, manifest);
+    result.useful_signals_downloaded = distinct_groups(plan.paths, "useful_signals", siblings_.epochs);
+    bool vocabulary_due = false;
+    try {
+      m_.validated_vocabularies(manifest);
+    } catch (const SyncError&) {
+      vocabulary_due = true;
+    }
+    if (vocabulary_due) result.vocabulary_downloaded = m_.download_vocabulary(manifest);
+    for (const auto& path : plan.vocabulary_paths) remove_manifest_tmp_file(m_.data_dir_, path);  // not needed after all
+    result.shuffle_seed_downloaded = m_.download_shuffle_seed(manifest);
+    std::vector<std::string> all_paths = keys_of(manifest.files());
+    result.n_useful_signals = distinct_groups(all_paths, "useful_signals", siblings_.epochs);
+    result.n_found_strategies = distinct_groups(all_paths, "found_strategies", siblings_.epochs);
+    Commit commit;
+    commit.manifest = server.manifest;
+    commit.body_sha = server.body_sha;
+    commit.rotation = &server.rotation;
+    commit.result = std::move(result);
+    commit.clear_progress = true;
+    return this->commit(std::move(commit));
   }
-  download_signals_index(*server, result);
-  exclude_missing_found_pnl(server);
-  load_manifest_signals_index(data_dir_, *server);
-  result.useful_signals_downloaded = distinct_groups(to_download_paths, "useful_signals", siblings.epochs);
-  bool vocabulary_due = false;
-  try {
-    validated_vocabularies(*server);
-  } catch (const SyncError&) {
-    vocabulary_due = true;
+
+  // Every exit with a result ends here: the manifest written after one
+  // flush of everything it vouches for, then held with its vocabularies,
+  // the rotation promoted, and what is left of staging files cleaned.
+  SyncResult commit(Commit c) {
+    if (c.body_sha) {
+      sync_file_system(m_.data_dir_);  // what the manifest vouches for is durable first
+      write_manifest_json(m_.data_dir_, c.manifest->data(), *c.body_sha, *c.body_sha);
+      m_.hash_cache_.persist();
+    }
+    if (c.clear_progress) remove_sync_progress_json(m_.data_dir_);
+    std::shared_ptr<const json::object> vocabularies =
+        c.vocabularies ? std::move(c.vocabularies) : m_.validated_vocabularies(*c.manifest);
+    if (c.replaces) m_.replace_held_manifest(c.replaces, c.manifest);
+    {
+      std::lock_guard<std::mutex> lock(m_.state_mu_);
+      if (!c.replaces) m_.manifest_ = c.manifest;
+      m_.vocabulary_ = vocabularies;
+    }
+    SyncResult result = std::move(c.result);
+    take_vocabulary_metadata(result, *vocabularies);
+    result.n_features = c.n_features ? *c.n_features : count_features(*c.manifest, siblings_);
+    m_.complete_rotation_promotion(c.promoted_for ? *c.promoted_for : *c.manifest, *c.rotation, result);
+    if (!c.tmp_scan_files.empty()) {
+      cleanup_sync_tmp_files(m_.data_dir_, {}, &m_.tmp_scan_memo_, c.tmp_scan_files);
+    }
+    return result;
   }
-  if (vocabulary_due) result.vocabulary_downloaded = download_vocabulary(*server);
-  for (const auto& path : vocabulary_paths) remove_manifest_tmp_file(data_dir_, path);  // not needed after all
-  result.shuffle_seed_downloaded = download_shuffle_seed(*server);
-  // One flush for everything promoted by this sync, before the manifest that
-  // vouches for it.
-  sync_file_system(data_dir_);
-  write_manifest_json(data_dir_, server->data(), body_sha, body_sha);
-  hash_cache_.persist();
-  remove_sync_progress_json(data_dir_);
-  std::shared_ptr<const json::object> vocabularies = validated_vocabularies(*server);
-  {
-    std::lock_guard<std::mutex> lock(state_mu_);
-    manifest_ = server;
-    vocabulary_ = vocabularies;
+
+  SyncResult result_for(const Manifest& manifest) const {
+    SyncResult result;
+    result.era_number = manifest.era_number_int();
+    result.pnl_column_count = to_int(manifest.pnl_column_count()).value_or(0);
+    result.rejected_files = rejected_manifest_paths(manifest);
+    return result;
   }
-  take_vocabulary_metadata(result, *vocabularies);
-  complete_rotation_promotion(*server, rotation, result);
-  result.n_features = count_features(*server, siblings);
-  std::vector<std::string> all_paths = keys_of(server->files());
-  result.n_useful_signals = distinct_groups(all_paths, "useful_signals", siblings.epochs);
-  result.n_found_strategies = distinct_groups(all_paths, "found_strategies", siblings.epochs);
-  return result;
-}
+
+  ShuffleSeedExpectations seed_expectations(const Manifest& manifest) const {
+    return ShuffleSeedExpectations{manifest.era_number_int(),
+                                   manifest_positive_int(manifest, "market_id").value_or(m_.market_id_),
+                                   manifest_positive_int(manifest, "version"),
+                                   shuffle_seed_generation_for_manifest(manifest)};
+  }
+
+  SyncManager& m_;
+  SyncResult& earlier_;
+  const ManifestSiblings siblings_;
+};
+
+std::optional<SyncResult> SyncManager::sync_pass(SyncResult& earlier) { return SyncPipeline(*this, earlier).run(); }
 
 }  // namespace tidewright::sync

@@ -3,7 +3,7 @@
 // and the per-era set of prefetched feature files that rotation keeps.
 #include "tidewright/sync/common/fs.hpp"
 #include "tidewright/sync/manager/cleanup.hpp"
-#include "tidewright/sync/manager/sync_manager.hpp"
+#include "tidewright/sync/manager/rotation_sync.hpp"
 #include "tidewright/sync/manifest/paths.hpp"
 #include "tidewright/sync/reporting/errors.hpp"
 #include "tidewright/sync/rotation/catalog.hpp"
@@ -139,7 +139,9 @@ void apply_rotation_result_fields(SyncResult& result, const json::object& select
   }
 }
 
-void SyncManager::load_active_rotation_state() {
+RotationSync::RotationSync(std::string data_dir) : data_dir_(std::move(data_dir)) {}
+
+void RotationSync::load_state() {
   std::optional<json::object> state;
   try {
     state = load_feature_rotation_state(data_dir_);
@@ -148,24 +150,24 @@ void SyncManager::load_active_rotation_state() {
     // a sync that plans a rotation raises the error.
     log_warning("Failed to load feature rotation state: %s", {json::value(e.what())});
   }
-  std::lock_guard<std::mutex> lock(state_mu_);
-  active_rotation_state_ = std::move(state);
+  MutexLock lock(mu_);
+  active_state_ = std::move(state);
 }
 
-std::optional<json::object> SyncManager::active_rotation_state() const {
-  std::lock_guard<std::mutex> lock(state_mu_);
-  return active_rotation_state_;
+std::optional<json::object> RotationSync::active_state() const {
+  MutexLock lock(mu_);
+  return active_state_;
 }
 
-std::optional<json::object> SyncManager::feature_rotation_settings_for_manifest(const Manifest& manifest,
-                                                                                std::int64_t free_disk_bytes) {
+std::optional<json::object> RotationSync::settings_for_manifest(const Manifest& manifest,
+                                                               std::int64_t free_disk_bytes) {
   if (rotation_known_off(data_dir_)) return std::nullopt;
   auto loaded = load_rotation_settings(data_dir_, manifest.data(), host().manifest_siblings(), free_disk_bytes);
   if (!loaded) return std::nullopt;
   return std::move(loaded->settings);
 }
 
-RotationPlan SyncManager::plan_feature_rotation_for_sync(const Manifest& manifest, std::int64_t free_disk_bytes) {
+RotationPlan RotationSync::plan(const Manifest& manifest, std::int64_t free_disk_bytes) {
   RotationPlan plan;
   if (rotation_known_off(data_dir_)) return plan;
   ManifestSiblings siblings = host().manifest_siblings();
@@ -175,8 +177,8 @@ RotationPlan SyncManager::plan_feature_rotation_for_sync(const Manifest& manifes
 
   std::optional<json::object> state = load_feature_rotation_state(data_dir_);
   {
-    std::lock_guard<std::mutex> lock(state_mu_);
-    active_rotation_state_ = state;
+    MutexLock lock(mu_);
+    active_state_ = state;
   }
   std::optional<std::int64_t> era = manifest_era_number_or_none(&manifest);
   bool same_era_state = state && same_era(*state, era);
@@ -184,7 +186,7 @@ RotationPlan SyncManager::plan_feature_rotation_for_sync(const Manifest& manifes
   bool due = same_era_state && rotation_is_due(*state, loaded->rotation_frequency, now);
 
   json::array keep;
-  for (const auto& path : prefetched_feature_keep_paths(manifest)) keep.emplace_back(path);
+  for (const auto& path : prefetched_keep_paths(manifest)) keep.emplace_back(path);
   json::object kwargs;
   kwargs["previous_state"] = same_era_state ? json::value(*state) : json::value(nullptr);
   kwargs["now"] = now;
@@ -212,7 +214,7 @@ RotationPlan SyncManager::plan_feature_rotation_for_sync(const Manifest& manifes
   return plan;
 }
 
-void SyncManager::complete_rotation_promotion(const Manifest& manifest, const RotationPlan& plan, SyncResult& result) {
+void RotationSync::complete_promotion(const Manifest& manifest, const RotationPlan& plan, SyncResult& result) {
   if (!plan.rotating) {
     // Rotation was switched off: every file is present again, so a state
     // left from before no longer describes the directory.
@@ -225,8 +227,8 @@ void SyncManager::complete_rotation_promotion(const Manifest& manifest, const Ro
         log_warning("Failed to remove feature rotation state %s: %s", {json::value(path), json::value(e.what())});
       }
     }
-    std::lock_guard<std::mutex> lock(state_mu_);
-    active_rotation_state_.reset();
+    MutexLock lock(mu_);
+    active_state_.reset();
     return;
   }
 
@@ -246,12 +248,12 @@ void SyncManager::complete_rotation_promotion(const Manifest& manifest, const Ro
   }
   if (plan.candidate_state && plan.candidate_state != plan.previous_state) {
     write_feature_rotation_state(data_dir_, *plan.candidate_state);
-    std::lock_guard<std::mutex> lock(state_mu_);
-    active_rotation_state_ = plan.candidate_state;
+    MutexLock lock(mu_);
+    active_state_ = plan.candidate_state;
   }
 
   ManifestSiblings siblings = host().manifest_siblings();
-  std::vector<std::string> kept = prefetched_feature_keep_paths(manifest);
+  std::vector<std::string> kept = prefetched_keep_paths(manifest);
   std::set<std::string> keep(kept.begin(), kept.end());
   std::int64_t removed = 0;
   std::int64_t freed = 0;
@@ -282,7 +284,7 @@ void SyncManager::complete_rotation_promotion(const Manifest& manifest, const Ro
   }
 }
 
-bool SyncManager::feature_rotation_needs_sync(const Manifest& manifest) {
+bool RotationSync::needs_sync(const Manifest& manifest) {
   try {
     if (rotation_known_off(data_dir_)) return false;
     auto loaded = load_rotation_settings(data_dir_, manifest.data(), host().manifest_siblings(), 0);
@@ -290,69 +292,68 @@ bool SyncManager::feature_rotation_needs_sync(const Manifest& manifest) {
     std::optional<json::object> state = load_feature_rotation_state(data_dir_);
     if (!state || !same_era(*state, manifest_era_number_or_none(&manifest))) return true;
     return rotation_is_due(*state, loaded->rotation_frequency, wall_clock_seconds());
-  } catch (const HostError& e) {
-    if (e.is(HostError::kIsKeyboardInterrupt)) throw;
-    log_debug("Feature rotation check failed: %s", {json::value(e.what())});
-    return true;
   } catch (const Error& e) {
+    // The sync this asks for reports a broken settings file; only the
+    // host's interrupt ends the check.
+    const auto* raised = dynamic_cast<const HostError*>(&e);
+    if (raised && raised->is(HostError::kIsKeyboardInterrupt)) throw;
     log_debug("Feature rotation check failed: %s", {json::value(e.what())});
     return true;
   }
 }
 
-RotationCoverage SyncManager::rotation_coverage(const Manifest& manifest) const {
+RotationCoverage RotationSync::coverage(const Manifest& manifest) const {
   RotationCoverage coverage;
-  std::lock_guard<std::mutex> lock(state_mu_);
-  if (!active_rotation_state_ || !same_era(*active_rotation_state_, manifest_era_number_or_none(&manifest))) {
+  MutexLock lock(mu_);
+  if (!active_state_ || !same_era(*active_state_, manifest_era_number_or_none(&manifest))) {
     return coverage;
   }
-  std::vector<std::string> paths = text_list(active_rotation_state_->if_contains("active_relative_paths"));
+  std::vector<std::string> paths = text_list(active_state_->if_contains("active_relative_paths"));
   coverage.active.emplace(paths.begin(), paths.end());
   return coverage;
 }
 
 // --- prefetched feature files ---
 
-std::set<std::string> SyncManager::read_prefetched_feature_relative_paths(const Manifest& manifest) {
+std::set<std::string> RotationSync::read_prefetched(const Manifest& manifest) const {
   return tidewright::sync::read_prefetched_feature_relative_paths(data_dir_, manifest, host().manifest_siblings());
 }
 
-void SyncManager::write_prefetched_feature_relative_paths(std::optional<std::int64_t> era_number,
-                                                          const std::set<std::string>& relative_paths) {
+void RotationSync::write_prefetched(std::optional<std::int64_t> era_number,
+                                    const std::set<std::string>& relative_paths) const {
   tidewright::sync::write_prefetched_feature_relative_paths(data_dir_, era_number, relative_paths);
 }
 
-void SyncManager::refresh_prefetched_features_for(const Manifest& manifest) {
+void RotationSync::refresh_prefetched_for(const Manifest& manifest) {
   std::optional<std::int64_t> era = manifest_era_number_or_none(&manifest);
-  if (era == prefetched_feature_era_number_) return;
-  prefetched_feature_relative_paths_ = read_prefetched_feature_relative_paths(manifest);
-  prefetched_feature_era_number_ = era;
+  if (era == prefetched_era_number_) return;
+  prefetched_paths_ = read_prefetched(manifest);
+  prefetched_era_number_ = era;
 }
 
-void SyncManager::remember_prefetched_feature_relative_paths(const Manifest& manifest,
-                                                             const std::vector<std::string>& relative_paths) {
+void RotationSync::remember_prefetched(const Manifest& manifest, const std::vector<std::string>& relative_paths) {
   std::vector<std::string> fresh = manifest_prefetched_feature_paths(manifest, relative_paths, host().manifest_siblings());
   if (fresh.empty()) return;
-  std::lock_guard<std::mutex> lock(prefetched_feature_mu_);
-  refresh_prefetched_features_for(manifest);
-  prefetched_feature_relative_paths_.insert(fresh.begin(), fresh.end());
-  write_prefetched_feature_relative_paths(prefetched_feature_era_number_, prefetched_feature_relative_paths_);
+  MutexLock lock(mu_);
+  refresh_prefetched_for(manifest);
+  prefetched_paths_.insert(fresh.begin(), fresh.end());
+  write_prefetched(prefetched_era_number_, prefetched_paths_);
 }
 
-std::vector<std::string> SyncManager::prefetched_feature_keep_paths(const Manifest& manifest) {
-  std::lock_guard<std::mutex> lock(prefetched_feature_mu_);
-  refresh_prefetched_features_for(manifest);
-  return std::vector<std::string>(prefetched_feature_relative_paths_.begin(), prefetched_feature_relative_paths_.end());
+std::vector<std::string> RotationSync::prefetched_keep_paths(const Manifest& manifest) {
+  MutexLock lock(mu_);
+  refresh_prefetched_for(manifest);
+  return std::vector<std::string>(prefetched_paths_.begin(), prefetched_paths_.end());
 }
 
-std::optional<std::int64_t> SyncManager::prefetched_feature_era_number() const {
-  std::lock_guard<std::mutex> lock(prefetched_feature_mu_);
-  return prefetched_feature_era_number_;
+std::optional<std::int64_t> RotationSync::prefetched_era_number() const {
+  MutexLock lock(mu_);
+  return prefetched_era_number_;
 }
 
-std::set<std::string> SyncManager::prefetched_feature_relative_paths() const {
-  std::lock_guard<std::mutex> lock(prefetched_feature_mu_);
-  return prefetched_feature_relative_paths_;
+std::set<std::string> RotationSync::prefetched_paths() const {
+  MutexLock lock(mu_);
+  return prefetched_paths_;
 }
 
 }  // namespace tidewright::sync

@@ -47,13 +47,47 @@ SyncManager::SyncManager(SyncManagerArgs args)
       transfer_(transfer_context()),
       consumer_count_path_(path_join(data_dir_, ".consumer_count")),
       flock_path_(path_join(data_dir_, ".sync_flock")),
-      directory_lock_(data_dir_, flock_path_, [this] { return stop_requested(); }) {
+      directory_lock_(data_dir_, flock_path_, [this] { return stop_requested(); }),
+      transition_(*this, data_dir_),
+      rotation_(data_dir_) {
   set_sync_runtime_knobs(args.knobs);
   hash_cache_.load();
   load_consumer_count();
   load_local_manifest();
-  load_active_rotation_state();
+  rotation_.load_state();
   load_local_vocabulary();
+}
+
+std::optional<json::value> SyncManager::held_manifest_era_number() const {
+  ManifestPtr manifest = get_manifest();
+  if (!manifest) return std::nullopt;
+  return manifest->era_number();
+}
+
+void SyncManager::trigger_era_transition(std::int64_t new_era_number, const SearchesFn& kill_searches_fn,
+                                         const SearchesFn& restart_searches_fn) {
+  // A release() that found this transition running left the instance in
+  // the registry; it leaves once the transition is over.
+  struct EvictWhenReleased {
+    SyncManager& self;
+    ~EvictWhenReleased() { self.evict_if_released(); }
+  } evict{*this};
+  transition_.run(new_era_number, kill_searches_fn, restart_searches_fn);
+}
+
+void SyncManager::set_status_message(std::string message) {
+  std::lock_guard<std::mutex> lock(state_mu_);
+  status_message_ = std::move(message);
+}
+
+void SyncManager::install_manifest(ManifestPtr manifest) {
+  std::lock_guard<std::mutex> lock(state_mu_);
+  manifest_ = std::move(manifest);
+}
+
+void SyncManager::install_vocabularies(std::shared_ptr<const json::object> vocabularies) {
+  std::lock_guard<std::mutex> lock(state_mu_);
+  vocabulary_ = std::move(vocabularies);
 }
 
 // The threads this manager starts hold a reference to it while they run, so
@@ -335,11 +369,7 @@ bool SyncManager::try_collect_host_refs(std::vector<const void*>& out) const {
     if (!lock.owns_lock()) return false;
     out.push_back(manifest_view_.get());
   }
-  {
-    std::unique_lock<std::mutex> lock(era_callbacks_mu_, std::try_to_lock);
-    if (!lock.owns_lock()) return false;
-    for (const HostRef& callback : era_callbacks_) out.push_back(callback.get());
-  }
+  if (!era_callbacks_.try_collect(out)) return false;
   const void* progress = nullptr;
   if (!progress_.try_callback_object(progress)) return false;
   out.push_back(progress);
@@ -359,11 +389,7 @@ void SyncManager::drop_host_refs() {
     dropped.push_back(std::exchange(manifest_view_, nullptr));
     manifest_view_of_.reset();
   }
-  {
-    std::lock_guard<std::mutex> lock(era_callbacks_mu_);
-    for (HostRef& callback : era_callbacks_) dropped.push_back(std::move(callback));
-    era_callbacks_.clear();
-  }
+  era_callbacks_.drop_into(dropped);
   progress_.set_callback(nullptr);
 }
 

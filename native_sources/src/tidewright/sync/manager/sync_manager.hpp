@@ -13,11 +13,15 @@
 #include "tidewright/sync/host/host.hpp"
 #include "tidewright/sync/manager/cleanup.hpp"
 #include "tidewright/sync/manager/directory_lock.hpp"
+#include "tidewright/sync/manager/era_callbacks.hpp"
+#include "tidewright/sync/manager/era_transition.hpp"
 #include "tidewright/sync/manager/hash_cache.hpp"
 #include "tidewright/sync/manager/progress.hpp"
 #include "tidewright/sync/manager/results.hpp"
 #include "tidewright/sync/manager/rotation_plan.hpp"
+#include "tidewright/sync/manager/rotation_sync.hpp"
 #include "tidewright/sync/manager/transfer_engine.hpp"
+#include "tidewright/sync/manager/vocabulary_memo.hpp"
 #include "tidewright/sync/manifest/manifest.hpp"
 #include "tidewright/sync/transport/settings.hpp"
 
@@ -122,7 +126,7 @@ class SyncManager : public std::enable_shared_from_this<SyncManager>, public Era
   // the locks, as releasing one may wait for the host.
   void drop_host_refs();
   bool running() const { return running_.load(); }
-  bool in_transition() const { return in_transition_.load(); }
+  bool in_transition() const { return transition_.active(); }
   const std::string& consumer_count_path() const { return consumer_count_path_; }
   const std::string& flock_path() const { return flock_path_; }
   HashCache& hash_cache() { return hash_cache_; }
@@ -217,45 +221,39 @@ class SyncManager : public std::enable_shared_from_this<SyncManager>, public Era
                                         std::string_view body, const std::optional<std::string>& reason,
                                         bool allow_sha_mismatch);
 
-  // --- feature rotation (rotation_sync.cpp) ---
-  // The rotation settings for `manifest` as plain data (the fields of the
-  // rotation module's ArtifactRotationSettings), or nullopt when rotation is
-  // not configured (the settings loader answers FULL_DOWNLOAD, or the budget
-  // is that marker). Errors of the settings loader propagate unchanged.
+  // --- feature rotation and prefetched feature files ---
+  // The work is RotationSync's (rotation_sync.hpp); these are the manager's
+  // names for it.
+  RotationSync& rotation() { return rotation_; }
   std::optional<json::object> feature_rotation_settings_for_manifest(const Manifest& manifest,
-                                                                     std::int64_t free_disk_bytes);
-  // The selection for a sync to `manifest`: the persisted state of its era
-  // carried forward, or a new candidate when none fits or a rotation is due.
-  // Throws SyncError "Active rotation path is missing from manifest: <path>",
-  // FeatureRotationStateError for a corrupt state file, and the planner's and
-  // settings loader's errors unchanged.
-  RotationPlan plan_feature_rotation_for_sync(const Manifest& manifest, std::int64_t free_disk_bytes);
-  // After the active files are in place: fills the result's rotation fields,
-  // persists the candidate state and removes the feature files that are
-  // neither active nor prefetched. Without rotation, a state left from an
-  // earlier configuration is removed (every file is present now).
-  void complete_rotation_promotion(const Manifest& manifest, const RotationPlan& plan, SyncResult& result);
-  // True when rotation is configured and has no state for the manifest's era
-  // or its rotation is due (a broken settings file also answers true, so that
-  // the sync reports it).
-  bool feature_rotation_needs_sync(const Manifest& manifest);
-  // What the integrity checks cover under the active rotation state.
-  RotationCoverage rotation_coverage(const Manifest& manifest) const;
-  // The state loaded at construction or last persisted (its fields).
-  std::optional<json::object> active_rotation_state() const;
-
-  // --- prefetched feature files (rotation_sync.cpp) ---
-  std::set<std::string> read_prefetched_feature_relative_paths(const Manifest& manifest);
+                                                                     std::int64_t free_disk_bytes) {
+    return rotation_.settings_for_manifest(manifest, free_disk_bytes);
+  }
+  RotationPlan plan_feature_rotation_for_sync(const Manifest& manifest, std::int64_t free_disk_bytes) {
+    return rotation_.plan(manifest, free_disk_bytes);
+  }
+  void complete_rotation_promotion(const Manifest& manifest, const RotationPlan& plan, SyncResult& result) {
+    rotation_.complete_promotion(manifest, plan, result);
+  }
+  bool feature_rotation_needs_sync(const Manifest& manifest) { return rotation_.needs_sync(manifest); }
+  RotationCoverage rotation_coverage(const Manifest& manifest) const { return rotation_.coverage(manifest); }
+  std::optional<json::object> active_rotation_state() const { return rotation_.active_state(); }
+  std::set<std::string> read_prefetched_feature_relative_paths(const Manifest& manifest) {
+    return rotation_.read_prefetched(manifest);
+  }
   void write_prefetched_feature_relative_paths(std::optional<std::int64_t> era_number,
-                                               const std::set<std::string>& relative_paths);
-  // Adds the paths that are feature files of `manifest` to the set kept for
-  // its era (and to the file); does nothing when there are none.
+                                               const std::set<std::string>& relative_paths) {
+    rotation_.write_prefetched(era_number, relative_paths);
+  }
   void remember_prefetched_feature_relative_paths(const Manifest& manifest,
-                                                  const std::vector<std::string>& relative_paths);
-  // The prefetched paths of the manifest's era, sorted.
-  std::vector<std::string> prefetched_feature_keep_paths(const Manifest& manifest);
-  std::optional<std::int64_t> prefetched_feature_era_number() const;
-  std::set<std::string> prefetched_feature_relative_paths() const;
+                                                  const std::vector<std::string>& relative_paths) {
+    rotation_.remember_prefetched(manifest, relative_paths);
+  }
+  std::vector<std::string> prefetched_feature_keep_paths(const Manifest& manifest) {
+    return rotation_.prefetched_keep_paths(manifest);
+  }
+  std::optional<std::int64_t> prefetched_feature_era_number() const { return rotation_.prefetched_era_number(); }
+  std::set<std::string> prefetched_feature_relative_paths() const { return rotation_.prefetched_paths(); }
 
   // --- feature prefetch (prefetch.cpp) ---
   // One feature file (or companion) now present locally.
@@ -331,7 +329,6 @@ class SyncManager : public std::enable_shared_from_this<SyncManager>, public Era
   HostRef manifest_view_;            // guarded by host_view_mu_
 
   std::atomic<bool> running_{false};
-  std::atomic<bool> in_transition_{false};
 
   HashCache hash_cache_;
   ProgressFeed progress_;
@@ -355,9 +352,7 @@ class SyncManager : public std::enable_shared_from_this<SyncManager>, public Era
   std::shared_ptr<const json::object> vocabulary_;  // guarded by state_mu_
 
   TmpScanMemo tmp_scan_memo_;  // the pipeline's scans for orphan staging files
-  std::mutex vocabulary_validation_mu_;
-  std::string vocabulary_validation_key_;                           // guarded by vocabulary_validation_mu_
-  std::shared_ptr<const json::object> vocabulary_validation_result_;  // guarded by vocabulary_validation_mu_
+  VocabularyMemo vocabulary_memo_;  // what validated_vocabularies() found last
 
   std::mutex cleanup_mu_;
   std::shared_ptr<OwnedThread> cleanup_thread_;  // guarded by cleanup_mu_
@@ -367,9 +362,11 @@ class SyncManager : public std::enable_shared_from_this<SyncManager>, public Era
   // transitions (lifecycle.cpp, transition.cpp).
   //
   // Lock order: the class registry lock, consumer_mu_, lifecycle_mu_,
-  // transition_mu_, sync_mu_, the directory lock. repair_mu_,
-  // coalescing_mu_, era_callbacks_mu_, stop_mu_, threads_mu_, cleanup_mu_ and
-  // transition_state_mu_ are leaves. No thread this class starts ever waits for the registry lock,
+  // an era transition's attempt (EraTransition), sync_mu_, the directory
+  // lock. repair_mu_, coalescing_mu_, stop_mu_, threads_mu_, cleanup_mu_
+  // and the locks inside EraTransition, RotationSync and EraCallbacks are
+  // leaves.
+  // No thread this class starts ever waits for the registry lock,
   // consumer_mu_ or lifecycle_mu_, so stop_internal() may join them while
   // holding those.
   // ==========================================================================
@@ -403,7 +400,8 @@ class SyncManager : public std::enable_shared_from_this<SyncManager>, public Era
   // not running; ValueError "File not in manifest: <path>".
   void report_corruption(const std::string& file_path);
 
-  // Era callbacks: host callables called as callback(event_type, era_number).
+  // Era callbacks: host callables called as callback(event_type, era_number)
+  // (the list is EraCallbacks', era_callbacks.hpp).
   void register_era_callback(HostRef callback);
   // Removes the first registration of the same host object; silent when
   // there is none.
@@ -416,34 +414,33 @@ class SyncManager : public std::enable_shared_from_this<SyncManager>, public Era
   // callback(event_type, era_number, payload). The others are not called.
   void notify_era_callbacks(const std::string& event_type, std::int64_t era_number, const json::object& payload);
 
-  // Era transition gates: the era-current answer re-read during a transition.
-  // (active era number, era config); EraError when not 200, unparseable, or
-  // in a state other than "active" (and "closing" when allowed).
-  std::pair<std::int64_t, json::object> fetch_active_era_for_transition(bool allow_closing = false);
-  // The era config; EraError when the active era is not `expected_era_number`.
-  json::object confirm_active_era(std::int64_t expected_era_number, bool allow_closing = false);
-  // A higher active era, empty when it is the expected one; EraError when lower.
+  // Era transitions: the work is EraTransition's (era_transition.hpp);
+  // these are the manager's names for it.
+  EraTransition& transition() { return transition_; }
+  std::pair<std::int64_t, json::object> fetch_active_era_for_transition(bool allow_closing = false) {
+    return transition_.fetch_active_era(allow_closing);
+  }
+  json::object confirm_active_era(std::int64_t expected_era_number, bool allow_closing = false) {
+    return transition_.confirm_active_era(expected_era_number, allow_closing);
+  }
   std::optional<std::int64_t> check_transition_superseded(std::int64_t expected_era_number,
-                                                          bool allow_closing = false);
+                                                          bool allow_closing = false) {
+    return transition_.check_superseded(expected_era_number, allow_closing);
+  }
 
-  // EraTransitionTarget. The transition: kill searches, check the library
-  // version, stage the new era in ".transition_era<N>.tmp", switch, write the
-  // manifest, notify auth / identity / search tracking, restart searches;
-  // under the file lock, with ".transition_lock" present and in_transition()
-  // true. A higher era appearing meanwhile restarts it for that era. Errors
-  // propagate after the clean-up, with the old era's files in place.
+  // EraTransitionTarget: EraTransition::run, after which an instance that
+  // release() left registered for the transition leaves the registry.
   std::optional<json::value> held_manifest_era_number() const override;
   void trigger_era_transition(std::int64_t new_era_number, const SearchesFn& kill_searches_fn,
                               const SearchesFn& restart_searches_fn) override;
 
   std::shared_ptr<EraThread> era_thread() const;
   bool consumer_lifecycle_started() const { return consumer_lifecycle_started_.load(); }
-  std::string transition_lock_path() const;
-  // True while this process is in transition or another live process holds
-  // ".transition_lock". A lock file whose writer is gone (killed mid-way) is
-  // taken over: removed, with a warning naming it and the dead process id.
-  bool transition_in_progress() const;
-  std::string transition_staging_path(std::int64_t era_number) const;
+  std::string transition_lock_path() const { return transition_.lock_path(); }
+  // This process is in transition or another live process holds
+  // ".transition_lock" (see EraTransition::in_progress).
+  bool transition_in_progress() const { return transition_.in_progress(); }
+  std::string transition_staging_path(std::int64_t era_number) const { return transition_.staging_path(era_number); }
 
  private:
   void persist_consumer_count();  // REQUIRES: consumer_mu_ held
@@ -453,26 +450,11 @@ class SyncManager : public std::enable_shared_from_this<SyncManager>, public Era
   // The calling thread is one of this manager's poll threads.
   bool on_own_poll_thread() const;
   void process_repair_queue();
-  void set_in_transition(bool value);
+  // What EraTransition changes of the manager.
   void set_status_message(std::string message);
-  // One transition attempt; the superseding era when a higher one appeared.
-  // `searches_killed` is set once the kill function has been called.
-  std::optional<std::int64_t> run_transition_attempt(std::int64_t new_era_number, const SearchesFn& kill_searches_fn,
-                                                     const SearchesFn& restart_searches_fn, bool& searches_killed);
-  // The steps of an attempt (transition.cpp), run under its file lock.
-  struct TransitionRun;
-  void prepare_transition(TransitionRun& run);
-  std::optional<std::int64_t> stage_transition(TransitionRun& run);
-  void switch_transition(TransitionRun& run);
-  void complete_transition(TransitionRun& run, const SearchesFn& restart_searches_fn);
-  void remove_files_only_the_old_era_had(const TransitionRun& run);
-  std::optional<json::object> rotation_refresh_payload(const TransitionRun& run) const;
-  // A stop request for this manager or for the calling thread.
-  bool transition_cancelled() const;
-  // SyncBackoffCancelled when transition_cancelled().
-  void end_transition_if_cancelled() const;
-  // The error text of a cancelled transition: the era the directory holds.
-  std::string transition_cancelled_message(std::int64_t era, bool searches_killed) const;
+  // The new era's manifest, written to disk, becomes the held one.
+  void install_manifest(ManifestPtr manifest);
+  void install_vocabularies(std::shared_ptr<const json::object> vocabularies);
   // Evicts the instance when release() left it registered for a running
   // transition and no consumer has come back since.
   void evict_if_released();
@@ -514,27 +496,17 @@ class SyncManager : public std::enable_shared_from_this<SyncManager>, public Era
   std::mutex coalescing_mu_;
   std::shared_ptr<CoalescedSync> coalescing_event_;  // guarded by coalescing_mu_
 
-  mutable std::mutex era_callbacks_mu_;
-  std::vector<HostRef> era_callbacks_;  // guarded by era_callbacks_mu_
+  EraCallbacks era_callbacks_;
 
   // release() found a transition running and left the instance registered.
   std::atomic<bool> evict_after_transition_{false};  // written under class_mutex()
-  std::atomic<int> transition_calls_{0};              // trigger_era_transition calls running
-  std::mutex transition_mu_;  // one transition at a time in this process
-  std::mutex transition_state_mu_;
-  std::condition_variable transition_cv_;  // in_transition_ changes (written under transition_state_mu_)
-  std::thread::id transition_owner_;       // guarded by transition_state_mu_
+  EraTransition transition_;
 
   // Feature rotation: the persisted state and the prefetched set per era.
-  void load_active_rotation_state();
-  // REQUIRES: prefetched_feature_mu_ held.
-  void refresh_prefetched_features_for(const Manifest& manifest);
-  std::optional<json::object> active_rotation_state_;  // guarded by state_mu_
-  mutable std::mutex prefetched_feature_mu_;            // a leaf lock
-  std::optional<std::int64_t> prefetched_feature_era_number_;  // guarded by prefetched_feature_mu_
-  std::set<std::string> prefetched_feature_relative_paths_;     // guarded by prefetched_feature_mu_
+  RotationSync rotation_;
 
   friend class SyncPipeline;
+  friend class EraTransition;
   // Tests take the file lock as a sync does, under the sync lock.
   friend struct SyncManagerTestAccess;
 };

@@ -1,11 +1,7 @@
 // Era transitions: the era-current gates, the library-version check, staging
 // of the new era, the switch, and the clean-up that always runs.
-//
-// The new era is assembled completely in ".transition_era<N>.tmp" (files
-// that are unchanged are copied, the others downloaded) while the data
-// directory still holds the old era; only then are the staged files renamed
-// into place one by one and the new manifest written. A failure before the
-// switch therefore leaves the old era's files and manifest untouched.
+#include "tidewright/sync/manager/era_transition.hpp"
+
 #include "tidewright/sync/artifacts/shuffle_seed.hpp"
 #include "tidewright/sync/artifacts/signals_index.hpp"
 #include "tidewright/sync/artifacts/vocabulary.hpp"
@@ -14,6 +10,7 @@
 #include "tidewright/sync/manager/cleanup.hpp"
 #include "tidewright/sync/manager/rotation_plan.hpp"
 #include "tidewright/sync/manager/download_set.hpp"
+#include "tidewright/sync/manager/placement.hpp"
 #include "tidewright/sync/manager/side_files.hpp"
 #include "tidewright/sync/manager/sync_manager.hpp"
 #include "tidewright/sync/manifest/manifest_files.hpp"
@@ -112,6 +109,13 @@ void remove_own_transition_lock(const std::string& path) {
   }
 }
 
+// A ConnectionError, native or raised by host code. Narrower than the
+// network code: a timeout is not one.
+bool is_connection_error(const std::exception& e) {
+  if (const auto* raised = dynamic_cast<const HostError*>(&e)) return raised->is(HostError::kIsConnectionError);
+  return dynamic_cast<const ConnectionError*>(&e) != nullptr;
+}
+
 std::optional<std::int64_t> compare_versions(const json::value& a, const json::value& b) {
   json::value r = host().call_module_function("tidewright.deployment", "_compare_versions", json::array{a, b});
   std::optional<std::int64_t> n = to_int(r);
@@ -145,12 +149,10 @@ void check_library_version(const json::object& era_config, std::int64_t new_era_
       const json::value* warning = fields ? fields->if_contains("warning") : nullptr;
       failure = warning ? text_of(*warning) : std::string("Could not auto-update to latest.");
     }
-  } catch (const LibraryUpdateRequired&) {
-    throw;
-  } catch (const HostError& e) {
-    if (e.is(HostError::kIsLibraryUpdateRequired)) throw;
-    failure = e.what();
   } catch (const std::exception& e) {
+    // LibraryUpdateRequired passes through; any other failure of the update
+    // is the reason the library stays too old.
+    if (error_code(e) == ErrorCode::kUpdateRequired) throw;
     failure = e.what();
   }
   if (failure) {
@@ -171,11 +173,9 @@ void check_library_version(const json::object& era_config, std::int64_t new_era_
 
 }  // namespace
 
-std::string SyncManager::transition_lock_path() const { return path_join(data_dir_, ".transition_lock"); }
-
-bool SyncManager::transition_in_progress() const {
-  if (in_transition_.load()) return true;
-  const std::string path = transition_lock_path();
+bool EraTransition::in_progress() const {
+  if (active_.load()) return true;
+  const std::string& path = lock_path_;
   std::string content;
   try {
     content = read_file(path);
@@ -207,34 +207,56 @@ bool SyncManager::transition_in_progress() const {
   return false;
 }
 
-std::string SyncManager::transition_staging_path(std::int64_t era_number) const {
+std::string EraTransition::staging_path(std::int64_t era_number) const {
   return path_join(data_dir_, ".transition_era" + std::to_string(era_number) + ".tmp");
 }
 
-std::optional<json::value> SyncManager::held_manifest_era_number() const {
-  ManifestPtr manifest = get_manifest();
-  if (!manifest) return std::nullopt;
-  return manifest->era_number();
-}
+EraTransition::EraTransition(SyncManager& manager, std::string data_dir)
+    : manager_(manager), data_dir_(std::move(data_dir)), lock_path_(path_join(data_dir_, ".transition_lock")) {}
 
-void SyncManager::set_in_transition(bool value) {
+void EraTransition::set_active(bool value) {
   {
-    std::lock_guard<std::mutex> lock(transition_state_mu_);
-    in_transition_.store(value);
-    transition_owner_ = value ? std::this_thread::get_id() : std::thread::id();
+    MutexLock lock(mu_);
+    active_.store(value);
+    owner_ = value ? std::this_thread::get_id() : std::thread::id();
   }
-  transition_cv_.notify_all();
+  changed_.notify_all();
 }
 
-void SyncManager::set_status_message(std::string message) {
-  std::lock_guard<std::mutex> lock(state_mu_);
-  status_message_ = std::move(message);
+void EraTransition::begin_attempt() {
+  // The attempt before ends promptly on a stop request.
+  MutexLock lock(mu_);
+  while (busy_) changed_.wait(mu_);
+  busy_ = true;
+}
+
+void EraTransition::end_attempt() {
+  {
+    MutexLock lock(mu_);
+    busy_ = false;
+  }
+  changed_.notify_all();
+}
+
+EraTransition::EndWait EraTransition::wait_for_end(std::chrono::milliseconds timeout) {
+  const std::thread::id self = std::this_thread::get_id();
+  const auto deadline = std::chrono::steady_clock::now() + timeout;
+  EndWait outcome;
+  MutexLock lock(mu_);
+  outcome.on_transition_thread = active_.load() && owner_ == self;
+  while (active_.load() && owner_ != self) {
+    if (!changed_.wait_until(mu_, deadline) && active_.load() && owner_ != self) {
+      outcome.ended = false;
+      break;
+    }
+  }
+  return outcome;
 }
 
 // --- gates ---------------------------------------------------------------------
 
-std::pair<std::int64_t, json::object> SyncManager::fetch_active_era_for_transition(bool allow_closing) {
-  HttpResponse response = http_get(market_era_current_url(server_url_, market_id_));
+std::pair<std::int64_t, json::object> EraTransition::fetch_active_era(bool allow_closing) {
+  HttpResponse response = manager_.http_get(market_era_current_url(manager_.server_url(), manager_.market_id()));
   if (response.status != 200) throw EraError("Failed to confirm active era: HTTP " + std::to_string(response.status));
   json::object config;
   std::optional<std::int64_t> era_number;
@@ -256,8 +278,8 @@ std::pair<std::int64_t, json::object> SyncManager::fetch_active_era_for_transiti
   return {*era_number, std::move(config)};
 }
 
-json::object SyncManager::confirm_active_era(std::int64_t expected_era_number, bool allow_closing) {
-  auto [active, config] = fetch_active_era_for_transition(allow_closing);
+json::object EraTransition::confirm_active_era(std::int64_t expected_era_number, bool allow_closing) {
+  auto [active, config] = fetch_active_era(allow_closing);
   if (active != expected_era_number) {
     throw EraError("Active era_number=" + std::to_string(active) +
                    " does not match requested transition era_number=" + std::to_string(expected_era_number));
@@ -265,9 +287,8 @@ json::object SyncManager::confirm_active_era(std::int64_t expected_era_number, b
   return config;
 }
 
-std::optional<std::int64_t> SyncManager::check_transition_superseded(std::int64_t expected_era_number,
-                                                                     bool allow_closing) {
-  std::int64_t active = fetch_active_era_for_transition(allow_closing).first;
+std::optional<std::int64_t> EraTransition::check_superseded(std::int64_t expected_era_number, bool allow_closing) {
+  std::int64_t active = fetch_active_era(allow_closing).first;
   if (active > expected_era_number) return active;
   if (active != expected_era_number) {
     throw EraError("Active era_number=" + std::to_string(active) +
@@ -279,7 +300,7 @@ std::optional<std::int64_t> SyncManager::check_transition_superseded(std::int64_
 // --- the transition ---------------------------------------------------------------
 
 // One attempt: what its steps hand on to each other.
-struct SyncManager::TransitionRun {
+struct EraTransition::Run {
   std::int64_t era = 0;
   std::string era_text;
   bool allow_closing = false;
@@ -290,6 +311,8 @@ struct SyncManager::TransitionRun {
   ManifestPtr manifest;
   RotationPlan rotation;
   ManifestEntries to_fetch;  // every file of the new era this host keeps
+  ManifestEntries queued;    // those to download: not unchanged locally
+  std::size_t completed = 0;  // files staged so far
   SyncResult result;
   // The paths the searches had before (set when rotation was active for the
   // old era), and the refresh to send them once the new era is in place.
@@ -299,18 +322,18 @@ struct SyncManager::TransitionRun {
   bool cancelled_after_switch = false;
 };
 
-bool SyncManager::transition_cancelled() const { return stop_requested() || sync_backoff_stop_requested(); }
+bool EraTransition::cancelled() const { return manager_.stop_requested() || sync_backoff_stop_requested(); }
 
 // Between the steps of a transition: a stop request is not left to the next
 // wait or transfer to notice (a fast one may finish without looking).
-void SyncManager::end_transition_if_cancelled() const {
-  if (transition_cancelled()) throw SyncBackoffCancelled("era transition cancelled by a stop request");
+void EraTransition::end_if_cancelled() const {
+  if (cancelled()) throw SyncBackoffCancelled("era transition cancelled by a stop request");
 }
 
-std::string SyncManager::transition_cancelled_message(std::int64_t era, bool searches_killed) const {
+std::string EraTransition::cancelled_message(std::int64_t era, bool searches_killed) const {
   // The held manifest is replaced together with the switch, so it names the
   // era the data directory is in.
-  ManifestPtr held = get_manifest();
+  ManifestPtr held = manager_.get_manifest();
   std::string message = "Era transition to era " + std::to_string(era) +
                         " cancelled by a stop request; the data directory holds " +
                         (held ? "era " + std::to_string(held->era_number_int()) : std::string("no era"));
@@ -318,51 +341,48 @@ std::string SyncManager::transition_cancelled_message(std::int64_t era, bool sea
   return message;
 }
 
-void SyncManager::trigger_era_transition(std::int64_t new_era_number, const SearchesFn& kill_searches_fn,
-                                         const SearchesFn& restart_searches_fn) {
-  // A release() that found this transition running left the instance in
-  // the registry; it leaves once the transition is over.
-  struct RunningTransition {
-    SyncManager& self;
-    explicit RunningTransition(SyncManager& s) : self(s) { self.transition_calls_.fetch_add(1); }
-    ~RunningTransition() {
-      self.transition_calls_.fetch_sub(1);
-      self.evict_if_released();
-    }
-  } running{*this};
+void EraTransition::run(std::int64_t new_era_number, const SearchesFn& kill_searches_fn,
+                        const SearchesFn& restart_searches_fn) {
+  struct Call {
+    std::atomic<int>& calls;
+    explicit Call(std::atomic<int>& c) : calls(c) { calls.fetch_add(1); }
+    ~Call() { calls.fetch_sub(1); }
+  } call{calls_};
   std::int64_t era = new_era_number;
   bool searches_killed = false;
   while (true) {
-    if (transition_cancelled()) throw SyncBackoffCancelled(transition_cancelled_message(era, searches_killed));
+    if (cancelled()) throw SyncBackoffCancelled(cancelled_message(era, searches_killed));
     std::optional<std::int64_t> superseding;
     {
-      std::lock_guard<std::mutex> lock(transition_mu_);
-      superseding = run_transition_attempt(era, kill_searches_fn, restart_searches_fn, searches_killed);
+      begin_attempt();
+      struct EndAttempt {
+        EraTransition& self;
+        ~EndAttempt() { self.end_attempt(); }
+      } end{*this};
+      superseding = attempt(era, kill_searches_fn, restart_searches_fn, searches_killed);
     }
     if (!superseding) return;
     era = *superseding;  // a higher era appeared: start over for it
   }
 }
 
-std::optional<std::int64_t> SyncManager::run_transition_attempt(std::int64_t new_era_number,
-                                                                const SearchesFn& kill_searches_fn,
-                                                                const SearchesFn& restart_searches_fn,
-                                                                bool& searches_killed) {
+std::optional<std::int64_t> EraTransition::attempt(std::int64_t new_era_number, const SearchesFn& kill_searches_fn,
+                                                   const SearchesFn& restart_searches_fn, bool& searches_killed) {
   // The sibling modules the transition needs are loaded before anything
   // changes: a missing or broken one fails it with the searches running and
   // the directory untouched.
   host().call_module_function("tidewright.sync", "_load_era_transition_modules", json::array{});
-  TransitionRun run;
+  Run run;
   run.era = new_era_number;
   run.era_text = std::to_string(new_era_number);
-  run.old_manifest = get_manifest();
+  run.old_manifest = manager_.get_manifest();
   run.allow_closing = run.old_manifest && new_era_number > run.old_manifest->era_number_int();
-  run.staging = transition_staging_path(new_era_number);
-  const std::string lock_path = transition_lock_path();
+  run.staging = staging_path(new_era_number);
+  const std::string& lock_path = lock_path_;
   std::optional<DirectoryLock::Guard> directory;
 
   auto finish = [&](bool superseded, const std::optional<std::string>& closing_status) {
-    if (closing_status) set_status_message(*closing_status);
+    if (closing_status) manager_.set_status_message(*closing_status);
     // Staging and temp files go while the file lock is still ours, so that
     // nothing of another process's transition or download is removed.
     std::error_code ec;
@@ -374,12 +394,12 @@ std::optional<std::int64_t> SyncManager::run_transition_attempt(std::int64_t new
         log_debug("Failed to clean superseded tmp files: %s", {json::value(e.what())});
       }
     }
-    set_in_transition(false);
+    set_active(false);
     directory.reset();
     remove_own_transition_lock(lock_path);
   };
 
-  set_in_transition(true);
+  set_active(true);
   std::optional<std::int64_t> superseding;
   try {
     try {
@@ -387,27 +407,27 @@ std::optional<std::int64_t> SyncManager::run_transition_attempt(std::int64_t new
     } catch (const std::exception& e) {
       log_warning("Failed to write transition lock file: %s", {json::value(e.what())});
     }
-    directory.emplace(directory_lock_);
-    set_status_message("Era transition to era " + run.era_text + " started");
+    directory.emplace(manager_.directory_lock());
+    manager_.set_status_message("Era transition to era " + run.era_text + " started");
     if (kill_searches_fn) {
       searches_killed = true;
       kill_searches_fn();
     }
     run.searches_killed = searches_killed;
-    end_transition_if_cancelled();
-    prepare_transition(run);
-    end_transition_if_cancelled();
-    superseding = stage_transition(run);
+    end_if_cancelled();
+    prepare(run);
+    end_if_cancelled();
+    superseding = stage(run);
     if (!superseding) {
-      end_transition_if_cancelled();
-      switch_transition(run);
-      complete_transition(run, restart_searches_fn);
+      end_if_cancelled();
+      switch_to_new_era(run);
+      complete(run, restart_searches_fn);
     }
   } catch (...) {
     // A stop request ends the attempt wherever it is; the error says which
     // era the directory is wholly in (taken before the lock is released).
-    const bool cancelled = transition_cancelled();
-    const std::string cancelled_message = cancelled ? transition_cancelled_message(run.era, searches_killed) : "";
+    const bool stopped = cancelled();
+    const std::string stopped_message = stopped ? cancelled_message(run.era, searches_killed) : "";
     std::string failure = "Era transition to era " + run.era_text + " failed";
     try {
       throw;
@@ -415,8 +435,8 @@ std::optional<std::int64_t> SyncManager::run_transition_attempt(std::int64_t new
       failure += std::string(": ") + e.what();
     } catch (...) {
     }
-    finish(false, cancelled ? cancelled_message : failure);
-    if (cancelled) throw SyncBackoffCancelled(cancelled_message);
+    finish(false, stopped ? stopped_message : failure);
+    if (stopped) throw SyncBackoffCancelled(stopped_message);
     throw;
   }
   if (superseding) {
@@ -429,18 +449,17 @@ std::optional<std::int64_t> SyncManager::run_transition_attempt(std::int64_t new
 
 // Library version, the new manifest and its era, the rotation selection and
 // the disk space: everything decided before the staging directory exists.
-void SyncManager::prepare_transition(TransitionRun& run) {
+void EraTransition::prepare(Run& run) {
   try {
     host().call_module_function("tidewright.deployment", "check_update", json::array{});
-  } catch (const ConnectionError& e) {
-    log_warning("Could not check local wheel cache for library update: %s", {json::value(e.what())});
-  } catch (const HostError& e) {
-    if (!e.is(HostError::kIsConnectionError)) throw;
+  } catch (const std::exception& e) {
+    // Only a lost connection is left behind: the version gate below decides.
+    if (!is_connection_error(e)) throw;
     log_warning("Could not check local wheel cache for library update: %s", {json::value(e.what())});
   }
   check_library_version(confirm_active_era(run.era, run.allow_closing), run.era);
 
-  HttpResponse fetched = http_get(server_url_ + "/data/manifest");
+  HttpResponse fetched = manager_.http_get(manager_.server_url() + "/data/manifest");
   if (fetched.status != 200) {
     throw SyncError("Failed to fetch era " + run.era_text + " manifest: HTTP " + std::to_string(fetched.status));
   }
@@ -459,11 +478,11 @@ void SyncManager::prepare_transition(TransitionRun& run) {
 
   // What the searches had before, while the state read at construction or
   // by the last sync still describes the old era.
-  if (run.old_manifest) run.previous_active = rotation_coverage(*run.old_manifest).active;
+  if (run.old_manifest) run.previous_active = manager_.rotation_coverage(*run.old_manifest).active;
 
   // The rotation selection for the new era (every file without rotation).
   const std::int64_t free_bytes = free_disk_bytes(data_dir_);
-  run.rotation = plan_feature_rotation_for_sync(*run.manifest, free_bytes);
+  run.rotation = manager_.plan_feature_rotation_for_sync(*run.manifest, free_bytes);
   for (const auto& path : run.rotation.active) {
     if (!run.manifest->files().contains(path)) {
       throw SyncError("Active rotation path is missing from transition manifest: " + path);
@@ -484,40 +503,50 @@ void SyncManager::prepare_transition(TransitionRun& run) {
 // The staging directory filled with the new era: unchanged files copied,
 // the others downloaded, the era artifacts fetched and checked. The
 // superseding era when a higher one appeared meanwhile.
-std::optional<std::int64_t> SyncManager::stage_transition(TransitionRun& run) {
+std::optional<std::int64_t> EraTransition::stage(Run& run) {
   if (path_exists(run.staging)) {
     std::error_code ec;
     fs::remove_all(run.staging, ec);
     if (ec) throw OSError(ec.message(), ec.value(), run.staging);
   }
   make_dirs(run.staging);
-
-  auto superseded_by = [&](std::int64_t higher) {
-    set_status_message("Era " + run.era_text + " superseded by era " + std::to_string(higher) +
-                       "; restarting transition.");
-    return std::optional<std::int64_t>(higher);
-  };
-  if (std::optional<std::int64_t> higher = check_transition_superseded(run.era, run.allow_closing)) {
-    return superseded_by(*higher);
+  if (std::optional<std::int64_t> higher = check_superseded(run.era, run.allow_closing)) {
+    return superseded_by(run, *higher);
   }
+  copy_unchanged(run);
+  if (std::optional<std::int64_t> higher = download_queued(run)) return higher;
 
-  // Unchanged files are recognised by their SHA-256, through the hash cache:
-  // it answers only for a file whose identity (size, times, inode) is the
-  // one hashed and whose times are older than that hashing, so a file
-  // rewritten since, even within the same clock tick, is hashed again.
-  ManifestEntries queued;
-  std::size_t completed = 0;
+  // Era artifacts, checked in staging.
+  manager_.download_vocabulary(*run.manifest, run.staging);
+  manager_.download_shuffle_seed(*run.manifest, run.staging);
+  load_manifest_signals_index(run.staging, *run.manifest, data_dir_);
+  validate_manifest_vocabulary_files(run.staging, *run.manifest);
+  run.rotation_refresh = rotation_refresh_payload(run);
+  return std::nullopt;
+}
+
+std::optional<std::int64_t> EraTransition::superseded_by(const Run& run, std::int64_t higher) {
+  manager_.set_status_message("Era " + run.era_text + " superseded by era " + std::to_string(higher) +
+                              "; restarting transition.");
+  return higher;
+}
+
+// Unchanged files are recognised by their SHA-256, through the hash cache:
+// it answers only for a file whose identity (size, times, inode) is the one
+// hashed and whose times are older than that hashing, so a file rewritten
+// since, even within the same clock tick, is hashed again.
+void EraTransition::copy_unchanged(Run& run) {
   for (const auto& [path, entry] : run.to_fetch) {
     const std::string local = manifest_local_path(data_dir_, path);
     const std::string expected = sha_of(entry);
     bool unchanged = false;
     if (!expected.empty() && is_regular_file(local)) {
-      if (hash_cache_.cached_sha(path, local, expected)) {
+      if (manager_.hash_cache().cached_sha(path, local, expected)) {
         unchanged = true;
       } else {
         try {
           std::string actual = sha256_file(local);
-          hash_cache_.remember(path, local, actual);
+          manager_.hash_cache().remember(path, local, actual);
           unchanged = actual == expected;
         } catch (const OSError&) {
         }
@@ -527,93 +556,81 @@ std::optional<std::int64_t> SyncManager::stage_transition(TransitionRun& run) {
       const std::string staged = manifest_local_path(run.staging, path);
       make_dirs(path_dirname(staged));
       copy_file_with_times(local, staged);
-      ++completed;
+      ++run.completed;
     } else {
-      queued.emplace_back(path, entry);
+      run.queued.emplace_back(path, entry);
     }
   }
+}
 
+std::optional<std::int64_t> EraTransition::download_queued(Run& run) {
   DownloadOptions options;
   options.target_data_dir = run.staging;
   options.backoff_surface = "era_transition";
   const std::size_t total = run.to_fetch.size();
-  options.retry_status_callback = [&](double wait_s) {
-    set_status_message("Download interrupted, retrying in " + format_float(wait_s) + "s (" +
-                       std::to_string(completed) + "/" + std::to_string(total) + " files complete)");
+  options.retry_status_callback = [this, &run, total](double wait_s) {
+    manager_.set_status_message("Download interrupted, retrying in " + format_float(wait_s) + "s (" +
+                                std::to_string(run.completed) + "/" + std::to_string(total) + " files complete)");
   };
   std::int64_t queued_bytes = 0;
-  for (const auto& [path, entry] : queued) {
+  for (const auto& [path, entry] : run.queued) {
     if (auto size = run.siblings.manifest_file_size(entry)) queued_bytes += *size;
   }
-  {
-    // The downloads wait, report and can be stopped as the era transition.
-    ScopedBackoffContext surface(nullptr, json::object{{"surface", "era_transition"}});
-    progress_.start("era_transition", static_cast<std::int64_t>(queued.size()), queued_bytes);
-    struct FinishProgress {
-      ProgressFeed& feed;
-      ~FinishProgress() { feed.finish(); }
-    } finish_progress{progress_};
-    for (auto& [path, entry] : queued) {
-      end_transition_if_cancelled();
-      try {
-        download_file(DownloadJob::for_manifest(*run.manifest, path, &entry), run.result, options);
-      } catch (const SyncError& e) {
-        // The service serving other bytes than the manifest promises means
-        // it may have moved to a later era; anything else is a failure.
-        if (e.kind() != ErrorKind::kIntegrityError && e.kind() != ErrorKind::kManifestSupersededError) throw;
-        std::optional<std::int64_t> higher = check_transition_superseded(run.era, run.allow_closing);
-        if (!higher) throw;
-        return superseded_by(*higher);
-      }
-      ++completed;
+  // The downloads wait, report and can be stopped as the era transition.
+  ScopedBackoffContext surface(nullptr, json::object{{"surface", "era_transition"}});
+  manager_.progress().start("era_transition", static_cast<std::int64_t>(run.queued.size()), queued_bytes);
+  struct FinishProgress {
+    ProgressFeed& feed;
+    ~FinishProgress() { feed.finish(); }
+  } finish_progress{manager_.progress()};
+  for (auto& [path, entry] : run.queued) {
+    end_if_cancelled();
+    try {
+      manager_.download_file(DownloadJob::for_manifest(*run.manifest, path, &entry), run.result, options);
+    } catch (const SyncError& e) {
+      // The service serving other bytes than the manifest promises means
+      // it may have moved to a later era; anything else is a failure.
+      if (e.kind() != ErrorKind::kIntegrityError && e.kind() != ErrorKind::kManifestSupersededError) throw;
+      std::optional<std::int64_t> higher = check_superseded(run.era, run.allow_closing);
+      if (!higher) throw;
+      return superseded_by(run, *higher);
     }
+    ++run.completed;
   }
-
-  // Era artifacts, checked in staging.
-  download_vocabulary(*run.manifest, run.staging);
-  download_shuffle_seed(*run.manifest, run.staging);
-  load_manifest_signals_index(run.staging, *run.manifest, data_dir_);
-  validate_manifest_vocabulary_files(run.staging, *run.manifest);
-  run.rotation_refresh = rotation_refresh_payload(run);
   return std::nullopt;
 }
 
-// The switch: one atomic rename per staged file, then the seed and the new
-// manifest. A stop request is not observed from here on until the manifest
-// is written, so the directory is never left between two eras by it.
-void SyncManager::switch_transition(TransitionRun& run) {
+// The switch: one atomic rename per staged file (refusing links planted in
+// the data directory), then the seed and the new manifest. A stop request is
+// not observed from here on until the manifest is written, so the directory
+// is never left between two eras by it.
+void EraTransition::switch_to_new_era(Run& run) {
   confirm_active_era(run.era, run.allow_closing);
-  // Every destination is checked first, so that a link in the data directory
-  // refuses the switch as a whole rather than half of it.
-  std::vector<std::string> final_paths;
-  final_paths.reserve(run.to_fetch.size());
-  for (const auto& item : run.to_fetch) final_paths.push_back(manifest_local_write_path(data_dir_, item.first));
+  std::vector<std::string> relative_paths;
+  relative_paths.reserve(run.to_fetch.size());
+  for (const auto& item : run.to_fetch) relative_paths.push_back(item.first);
+  const std::vector<std::string> final_paths = move_staged_files_into_place(run.staging, data_dir_, relative_paths);
   json::array updates;
   for (std::size_t i = 0; i < run.to_fetch.size(); ++i) {
     const auto& [path, entry] = run.to_fetch[i];
-    const std::string& final_path = final_paths[i];
-    make_dirs(path_dirname(final_path));
-    rename_file(manifest_local_path(run.staging, path), final_path);
     const std::string sha = sha_of(entry);
-    if (!sha.empty()) hash_cache_.remember(path, final_path, sha);
+    if (!sha.empty()) manager_.hash_cache().remember(path, final_paths[i], sha);
     updates.push_back(json::object{{"relative_path", path}, {"kind", kind_of(entry)}, {"sha256", sha}});
   }
   host().call_module_function("tidewright.sync", "_record_runtime_freshness_updates", json::array{updates});
-  const std::string staged_seed = path_join(run.staging, SHUFFLE_SEED_FILENAME);
-  const std::string final_seed = path_join(data_dir_, SHUFFLE_SEED_FILENAME);
-  for (const auto& [from, to] : {std::pair(staged_seed, final_seed),
-                                 std::pair(shuffle_seed_meta_path(staged_seed), shuffle_seed_meta_path(final_seed))}) {
-    if (path_exists(from)) rename_file(from, to);
+  const std::string staging_root = real_path(run.staging);
+  const std::string data_root = real_path(data_dir_);
+  for (const std::string& name : {std::string(SHUFFLE_SEED_FILENAME), shuffle_seed_meta_path(SHUFFLE_SEED_FILENAME)}) {
+    if (path_exists(path_join(run.staging, name))) move_into_place(staging_root, data_root, name, name);
   }
   // The new era's files reach stable storage before its manifest names them.
   sync_file_system(data_dir_);
   const std::string body_sha = sha256(run.manifest_body);
   write_manifest_json(data_dir_, run.manifest->data(), body_sha, body_sha);
-  std::lock_guard<std::mutex> lock(state_mu_);
-  manifest_ = run.manifest;
+  manager_.install_manifest(run.manifest);
 }
 
-void SyncManager::remove_files_only_the_old_era_had(const TransitionRun& run) {
+void EraTransition::remove_files_only_the_old_era_had(const Run& run) {
   if (!run.old_manifest) return;
   for (const auto& kv : run.old_manifest->files()) {
     if (run.manifest->files().contains(kv.key())) continue;
@@ -634,14 +651,14 @@ void SyncManager::remove_files_only_the_old_era_had(const TransitionRun& run) {
 // had, notifications, the rotation refresh and the restart of searches. A
 // stop request met at a gate now skips only the gates and the restart: the
 // new era is in place, so everything local still completes.
-void SyncManager::complete_transition(TransitionRun& run, const SearchesFn& restart_searches_fn) {
+void EraTransition::complete(Run& run, const SearchesFn& restart_searches_fn) {
   auto gate = [&] {
-    if (!run.cancelled_after_switch && transition_cancelled()) run.cancelled_after_switch = true;
+    if (!run.cancelled_after_switch && cancelled()) run.cancelled_after_switch = true;
     if (run.cancelled_after_switch) return;
     try {
       confirm_active_era(run.era, run.allow_closing);
     } catch (...) {
-      if (!transition_cancelled()) throw;
+      if (!cancelled()) throw;
       run.cancelled_after_switch = true;
     }
   };
@@ -649,9 +666,9 @@ void SyncManager::complete_transition(TransitionRun& run, const SearchesFn& rest
   // can fail, so that the directory holds one era's files either way.
   remove_files_only_the_old_era_had(run);
   gate();
-  complete_rotation_promotion(*run.manifest, run.rotation, run.result);
-  hash_cache_.persist();
-  if (!run.cancelled_after_switch) schedule_cleanup_old_eras(true);
+  manager_.complete_rotation_promotion(*run.manifest, run.rotation, run.result);
+  manager_.hash_cache().persist();
+  if (!run.cancelled_after_switch) manager_.schedule_cleanup_old_eras(true);
 
   try {
     host().call_module_function("tidewright.auth", "notify_era_change", json::array{run.era});
@@ -663,15 +680,11 @@ void SyncManager::complete_transition(TransitionRun& run, const SearchesFn& rest
       json::array{json::value(data_dir_), json::value(run.era),
                   run.old_manifest ? run.old_manifest->era_number() : json::value(nullptr)});
 
-  std::shared_ptr<const json::object> vocabularies = validated_vocabularies(*run.manifest);
-  {
-    std::lock_guard<std::mutex> lock(state_mu_);
-    vocabulary_ = std::move(vocabularies);
-  }
-  if (run.rotation_refresh) notify_era_callbacks(ROTATION_REFRESH_EVENT, run.era, *run.rotation_refresh);
+  manager_.install_vocabularies(manager_.validated_vocabularies(*run.manifest));
+  if (run.rotation_refresh) manager_.notify_era_callbacks(ROTATION_REFRESH_EVENT, run.era, *run.rotation_refresh);
   if (restart_searches_fn) gate();
   if (run.cancelled_after_switch) {
-    throw SyncBackoffCancelled(transition_cancelled_message(run.era, run.searches_killed));
+    throw SyncBackoffCancelled(cancelled_message(run.era, run.searches_killed));
   }
   if (restart_searches_fn) restart_searches_fn();
 }
@@ -680,7 +693,7 @@ void SyncManager::complete_transition(TransitionRun& run, const SearchesFn& rest
 // how they differ from what the searches had. Only when rotation applies to
 // the old era or the new one; without it every file is active on both sides
 // and the restart says all there is to say.
-std::optional<json::object> SyncManager::rotation_refresh_payload(const TransitionRun& run) const {
+std::optional<json::object> EraTransition::rotation_refresh_payload(const Run& run) const {
   if (!run.rotation.rotating && !run.previous_active) return std::nullopt;
   std::set<std::string> active;
   if (run.rotation.rotating) {
