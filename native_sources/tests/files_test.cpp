@@ -113,6 +113,27 @@ TEST(SyncProgress, SizesComeFromTheSiblingsAndUnknownOnesAreListed) {
   EXPECT_EQ(progress["unknown_size_files"], json::array{"b.arrow"});
 }
 
+TEST(SyncProgress, AListOfEntriesWritesWhatTheSameEntriesAsAnObjectWrite) {
+  const json::object files = parse_json(R"({"z/b.arrow": {"kind": "feature", "platform": "linux", "size_bytes": 5},
+                                            "a\u00e9.arrow": {"kind": null},
+                                            "m.arrow": {"size_bytes": 7}})").as_object();
+  ManifestSiblings siblings = default_manifest_siblings();
+  const std::string expected = sync_progress_text(2, 9, files, siblings, 1.5);
+  // The set's order, a path given twice, and a path without an entry (as
+  // the object the set used to be copied into held it).
+  const json::value none = json::object();
+  std::vector<SyncProgressFile> list;
+  for (const auto& kv : files) list.push_back({std::string_view(kv.key()), &kv.value()});
+  list.push_back(list.front());
+  EXPECT_EQ(sync_progress_text(2, 9, list, siblings, 1.5), expected);
+  json::object with_missing = files;
+  with_missing["q.arrow"] = none;
+  list.push_back({"q.arrow", nullptr});
+  EXPECT_EQ(sync_progress_text(2, 9, list, siblings, 1.5), sync_progress_text(2, 9, with_missing, siblings, 1.5));
+  EXPECT_EQ(sync_progress_text(2, 9, std::vector<SyncProgressFile>{}, siblings, 1.5),
+            sync_progress_text(2, 9, json::object(), siblings, 1.5));
+}
+
 TEST(SyncProgress, TotalsOfHugeSizesSaturateInsteadOfWrappingAround) {
   // Each size is valid on its own; a wrapped sum would be negative and pass
   // the disk space check.

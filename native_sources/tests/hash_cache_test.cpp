@@ -6,6 +6,7 @@
 
 #include <gtest/gtest.h>
 
+#include <cctype>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -76,6 +77,42 @@ TEST(HashCache, AnEntryWhoseTimesAreNotOlderThanTheDigestIsHashedAgain) {
   HashCache reloaded(cache.path());
   reloaded.load();
   EXPECT_FALSE(reloaded.cached_sha("a.bin", file, sha256("aaaa")));
+}
+
+TEST(HashCache, TheFileIsWrittenBackAsItsEntriesWriteWhateverTheirForm) {
+  // Entries as remember() writes them, and entries of other forms (more
+  // fields, a float, a digest in capitals, no digest): all written back as
+  // they were read, in sorted order.
+  TempDir dir;
+  const std::string path = path_join(dir.path(), ".sync_hash_cache.json");
+  const std::string digest = sha256("x");
+  std::string upper = digest;
+  for (auto& c : upper) c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
+  json::object files = parse_json(R"({
+    "b/plain": {"sha256": ")" + digest + R"(", "size_bytes": 3, "mtime_ns": -4, "ctime_ns": 5, "inode": 6},
+    "a/extra": {"sha256": ")" + digest + R"(", "size_bytes": 3, "mtime_ns": 4, "ctime_ns": 5, "inode": 6, "x": [1]},
+    "c/float": {"sha256": ")" + digest + R"(", "size_bytes": 3.0, "mtime_ns": 4, "ctime_ns": 5, "inode": 6},
+    "d/upper": {"sha256": ")" + upper + R"(", "size_bytes": 3, "mtime_ns": 4, "ctime_ns": 5, "inode": 6},
+    "e/none": {"size_bytes": 3}})").as_object();
+  atomic_write(path, hash_cache_text(files));
+  HashCache cache(path);
+  cache.load();
+  EXPECT_EQ(cache.entries(), files);
+  // A change makes it write; every other entry is written as it was read.
+  const std::string file = path_join(dir.path(), "f.bin");
+  atomic_write(file, "x");
+  cache.remember("f.bin", file, digest);
+  cache.persist();
+  const StatKey key = stat_key(file);
+  files["f.bin"] = json::object{{"sha256", digest}, {"size_bytes", key.size}, {"mtime_ns", key.mtime_ns},
+                                {"ctime_ns", key.ctime_ns}, {"inode", key.inode}};
+  EXPECT_EQ(read_file(path), hash_cache_text(files));
+  // Lookups answer the digest as it was written, for the identity written.
+  EXPECT_EQ(cache.cached_sha("b/plain", StatKey{3, -4, 5, 6}, digest), digest);
+  EXPECT_FALSE(cache.cached_sha("b/plain", StatKey{3, 4, 5, 6}, digest));
+  EXPECT_EQ(cache.cached_sha("d/upper", StatKey{3, 4, 5, 6}, upper), upper);
+  EXPECT_FALSE(cache.cached_sha("d/upper", StatKey{3, 4, 5, 6}, digest));
+  EXPECT_FALSE(cache.cached_sha("e/none", StatKey{3, 4, 5, 6}, digest));
 }
 
 TEST(HashCache, InvalidCacheFilesAreACompleteMiss) {

@@ -82,6 +82,30 @@ TEST(JsonParse, FloatsReadBackAsTheValuesTheyWereWrittenFrom) {
   }
 }
 
+TEST(JsonWriter, AWriteInPiecesJoinsToTheWholeText) {
+  // Large enough to be handed over in several pieces, with members of every
+  // kind and text that must be escaped.
+  json::object document;
+  json::object& files = document["files"].emplace_object();
+  for (int i = 0; i < 12000; ++i) {
+    files["dir " + std::to_string(i % 7) + "/f\"\u00e9" + std::to_string(i) + ".arrow"] =
+        json::object{{"size_bytes", i}, {"sha256", std::string(64, 'a')}, {"kind", "feature"}, {"w", 0.1 * i}};
+  }
+  document["list"] = json::array{1, "two", nullptr, true, json::array{}, json::object{}};
+  for (const JsonWriteOptions& options : {JsonWriteOptions{}, JsonWriteOptions{.sort_keys = true, .compact = true}}) {
+    std::string joined;
+    std::size_t pieces = 0;
+    write_json_in_pieces(document, options, [&](std::string_view piece) {
+      joined.append(piece);
+      ++pieces;
+    });
+    const std::string whole = dump_json(json::value(document), options);
+    EXPECT_GT(pieces, 1u);
+    EXPECT_EQ(joined, whole);
+    EXPECT_EQ(dump_json(document, options), whole);
+  }
+}
+
 TEST(JsonStreamParse, AnySplitOfTheTextGivesTheValueOfTheWholeText) {
   const std::string text =
       R"({"files": {"a/b.arrow": {"size_bytes": 12, "sha256": "ab\"c\\", "kind": "feature"}},)"

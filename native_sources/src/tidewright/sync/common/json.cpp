@@ -7,6 +7,7 @@
 #include <cmath>
 #include <cstring>
 #include <deque>
+#include <functional>
 #include <limits>
 #include <optional>
 #include <vector>
@@ -458,9 +459,22 @@ void write_string(std::string& out, std::string_view s) {
   out.push_back('"');
 }
 
-void write_value(std::string& out, const json::value& v, const JsonWriteOptions& o) {
+// Hands what `out` holds to `spill` once it is large, between the members of
+// a container (never inside a string or number).
+using Spill = std::function<void(std::string&)>;
+constexpr std::size_t kSpillBytes = 1 << 20;
+
+void maybe_spill(std::string& out, const Spill* spill) {
+  if (spill && out.size() >= kSpillBytes) {
+    (*spill)(out);
+    out.clear();
+  }
+}
+
+void write_object(std::string& out, const json::object& obj, const JsonWriteOptions& o, const Spill* spill);
+
+void write_value(std::string& out, const json::value& v, const JsonWriteOptions& o, const Spill* spill = nullptr) {
   const char* item_sep = o.compact ? "," : ", ";
-  const char* key_sep = o.compact ? ":" : ": ";
   switch (v.kind()) {
     case json::kind::null: out += "null"; break;
     case json::kind::bool_: out += v.get_bool() ? "true" : "false"; break;
@@ -474,37 +488,41 @@ void write_value(std::string& out, const json::value& v, const JsonWriteOptions&
       for (const auto& item : v.get_array()) {
         if (!first) out += item_sep;
         first = false;
-        write_value(out, item, o);
+        write_value(out, item, o, spill);
+        maybe_spill(out, spill);
       }
       out.push_back(']');
       break;
     }
-    case json::kind::object: {
-      const auto& obj = v.get_object();
-      out.push_back('{');
-      bool first = true;
-      auto emit = [&](const json::key_value_pair& kv) {
-        if (!first) out += item_sep;
-        first = false;
-        write_string(out, kv.key());
-        out += key_sep;
-        write_value(out, kv.value(), o);
-      };
-      if (o.sort_keys) {
-        std::vector<const json::key_value_pair*> items;
-        items.reserve(obj.size());
-        for (const auto& kv : obj) items.push_back(&kv);
-        std::sort(items.begin(), items.end(), [](auto* a, auto* b) {
-          return std::string_view(a->key()) < std::string_view(b->key());
-        });
-        for (auto* kv : items) emit(*kv);
-      } else {
-        for (const auto& kv : obj) emit(kv);
-      }
-      out.push_back('}');
-      break;
-    }
+    case json::kind::object: write_object(out, v.get_object(), o, spill); break;
   }
+}
+
+void write_object(std::string& out, const json::object& obj, const JsonWriteOptions& o, const Spill* spill) {
+  const char* item_sep = o.compact ? "," : ", ";
+  const char* key_sep = o.compact ? ":" : ": ";
+  out.push_back('{');
+  bool first = true;
+  auto emit = [&](const json::key_value_pair& kv) {
+    if (!first) out += item_sep;
+    first = false;
+    write_string(out, kv.key());
+    out += key_sep;
+    write_value(out, kv.value(), o, spill);
+    maybe_spill(out, spill);
+  };
+  if (o.sort_keys) {
+    std::vector<const json::key_value_pair*> items;
+    items.reserve(obj.size());
+    for (const auto& kv : obj) items.push_back(&kv);
+    std::sort(items.begin(), items.end(), [](auto* a, auto* b) {
+      return std::string_view(a->key()) < std::string_view(b->key());
+    });
+    for (auto* kv : items) emit(*kv);
+  } else {
+    for (const auto& kv : obj) emit(kv);
+  }
+  out.push_back('}');
 }
 
 }  // namespace
@@ -514,6 +532,26 @@ std::string dump_json(const json::value& value, const JsonWriteOptions& options)
   write_value(out, value, options);
   return out;
 }
+
+std::string dump_json(const json::object& value, const JsonWriteOptions& options) {
+  std::string out;
+  write_object(out, value, options, nullptr);
+  return out;
+}
+
+void append_json(std::string& out, const json::value& value, const JsonWriteOptions& options) {
+  write_value(out, value, options);
+}
+
+void write_json_in_pieces(const json::object& value, const JsonWriteOptions& options,
+                          const std::function<void(std::string_view)>& write) {
+  std::string out;
+  const Spill spill = [&](std::string& text) { write(text); };
+  write_object(out, value, options, &spill);
+  if (!out.empty()) write(out);
+}
+
+void append_json_string(std::string& out, std::string_view text) { write_string(out, text); }
 
 std::string python_repr(std::string_view text) {
   bool has_single = text.find('\'') != std::string_view::npos;

@@ -7,6 +7,7 @@
 #include <boost/json.hpp>
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <stdexcept>
@@ -58,6 +59,17 @@ std::optional<std::string> utf8_decode_error(std::string_view bytes);
 
 // Renders `value` as JSON text, non-ASCII escaped as \uXXXX.
 std::string dump_json(const json::value& value, const JsonWriteOptions& options = {});
+// The same for an object, without first copying it into a value.
+std::string dump_json(const json::object& value, const JsonWriteOptions& options = {});
+// The text dump_json writes, handed to `write` in pieces of about a
+// megabyte as it is rendered, so that a large document is never held whole.
+void write_json_in_pieces(const json::object& value, const JsonWriteOptions& options,
+                          const std::function<void(std::string_view)>& write);
+// Appends what dump_json writes for `value` (for writers that render a large
+// document piece by piece instead of building it as one value first).
+void append_json(std::string& out, const json::value& value, const JsonWriteOptions& options = {});
+// Appends `text` as dump_json writes a string, quoted and escaped.
+void append_json_string(std::string& out, std::string_view text);
 
 // The shortest text that reads back as `value`, in the host's float notation
 // ("1.0", "1e-05", "1.5e+20"); NaN and infinities as the JSON encoder writes them.

@@ -1,5 +1,7 @@
 #include "tidewright/sync/manager/download_set.hpp"
 
+#include "tidewright/sync/manager/staging_file.hpp"
+#include "tidewright/sync/manifest/paths.hpp"
 #include "tidewright/sync/reporting/errors.hpp"
 #include "tidewright/sync/reporting/sync_events.hpp"
 #include "tidewright/sync/transport/files.hpp"
@@ -12,13 +14,21 @@ std::int64_t require_disk_space(const std::string& data_dir, const DownloadSet& 
                                 std::int64_t free_bytes, const ManifestSiblings& siblings) {
   std::int64_t needed = 0;
   static const json::value kNoEntry = json::object();
+  // Resolved a directory at a time, not a path at a time.
+  std::optional<ManifestLocalPaths> locals;
   for (const auto& job : files) {
     const json::value* entry = entries.if_contains(job.path);
     std::optional<std::int64_t> size = siblings.manifest_file_size(entry ? *entry : kNoEntry);
     if (!size) continue;
     DownloadJob sized = job;
     sized.size = size;
-    const std::int64_t remaining = *size - resumable_staged_bytes(data_dir, sized);
+    std::int64_t staged = 0;
+    try {
+      if (!locals) locals.emplace(data_dir);
+      staged = resumable_staged_bytes_at(locals->resolve(job.path) + ".tmp", sized);
+    } catch (const ManifestError&) {
+    }
+    const std::int64_t remaining = *size - staged;
     // Saturates: sizes from a hostile manifest may add up past 64 bits.
     needed = remaining > INT64_MAX - needed ? INT64_MAX : needed + remaining;
   }
@@ -45,12 +55,10 @@ void log_rejected_manifest_entries(const Manifest& manifest) {
 
 void write_download_progress(const std::string& data_dir, const Manifest& manifest, const DownloadSet& files,
                              const ManifestSiblings& siblings) {
-  json::object progress_files;
+  // The entries are read in the manifest, not copied.
+  std::vector<SyncProgressFile> progress_files;
   progress_files.reserve(files.size());
-  for (const auto& job : files) {
-    const json::value* entry = manifest.files().if_contains(job.path);
-    progress_files[job.path] = entry ? *entry : json::value(json::object());
-  }
+  for (const auto& job : files) progress_files.push_back({job.path, manifest.files().if_contains(job.path)});
   write_sync_progress_json(data_dir, manifest.era_number_int() < 0 ? 0 : manifest.era_number_int(),
                            manifest.version_int() < 0 ? 0 : manifest.version_int(), progress_files, siblings);
 }

@@ -5,10 +5,14 @@
 #include "tidewright/sync/reporting/errors.hpp"
 #include "tidewright/sync/transport/files.hpp"
 
+#include <algorithm>
+#include <iterator>
 
 namespace tidewright::sync {
 
 namespace {
+
+constexpr char kHexDigits[] = "0123456789abcdef";
 
 json::object entry_for(const std::string& sha, const StatKey& key) {
   json::object e;
@@ -26,12 +30,119 @@ std::optional<std::int64_t> int_field(const json::object& e, const char* name) {
   return to_int(*v);
 }
 
+int hex_value(char c) {
+  if (c >= '0' && c <= '9') return c - '0';
+  if (c >= 'a' && c <= 'f') return c - 'a' + 10;
+  return -1;  // upper case too: such a digest is kept as written
+}
+
+// The 32 bytes of a lower-case hex SHA-256 digest.
+std::optional<std::array<unsigned char, 32>> digest_bytes(std::string_view hex) {
+  if (hex.size() != 64) return std::nullopt;
+  std::array<unsigned char, 32> out{};
+  for (std::size_t i = 0; i < 32; ++i) {
+    const int high = hex_value(hex[2 * i]);
+    const int low = hex_value(hex[2 * i + 1]);
+    if (high < 0 || low < 0) return std::nullopt;
+    out[i] = static_cast<unsigned char>(high * 16 + low);
+  }
+  return out;
+}
+
+void append_hex(std::string& out, const std::array<unsigned char, 32>& digest) {
+  for (unsigned char b : digest) {
+    out.push_back(kHexDigits[b >> 4]);
+    out.push_back(kHexDigits[b & 15]);
+  }
+}
+
+// The "files" object of a parsed cache file; none when the file is not a
+// version-1 cache.
+json::object* cache_files(json::value& payload) {
+  json::object* obj = payload.if_object();
+  json::value* version = obj ? obj->if_contains("version") : nullptr;
+  json::value* files = obj ? obj->if_contains("files") : nullptr;
+  const bool version_ok =
+      version && (version->is_int64() || version->is_uint64()) && to_int(*version) == SYNC_HASH_CACHE_VERSION;
+  if (!version_ok || !files) return nullptr;
+  return files->if_object();
+}
+
 }  // namespace
+
+bool HashCache::Entry::digest_equals(std::string_view sha) const {
+  if (verbatim) return verbatim->sha256 == sha;
+  if (!has_key || sha.size() != 64) return false;
+  for (std::size_t i = 0; i < 32; ++i) {
+    if (sha[2 * i] != kHexDigits[digest[i] >> 4] || sha[2 * i + 1] != kHexDigits[digest[i] & 15]) return false;
+  }
+  return true;
+}
+
+std::string HashCache::Entry::digest_text() const {
+  if (verbatim) return verbatim->sha256;
+  std::string out;
+  out.reserve(64);
+  append_hex(out, digest);
+  return out;
+}
+
+json::value HashCache::Entry::stored() const {
+  if (verbatim) return verbatim->stored;
+  return entry_for(digest_text(), key);
+}
+
+void HashCache::Entry::append_json(std::string& out) const {
+  if (verbatim) {
+    tidewright::sync::append_json(out, verbatim->stored, {.sort_keys = true});
+    return;
+  }
+  // As dump_json writes entry_for(...) with sorted keys.
+  out += "{\"ctime_ns\": ";
+  out += std::to_string(key.ctime_ns);
+  out += ", \"inode\": ";
+  out += std::to_string(key.inode);
+  out += ", \"mtime_ns\": ";
+  out += std::to_string(key.mtime_ns);
+  out += ", \"sha256\": \"";
+  append_hex(out, digest);
+  out += "\", \"size_bytes\": ";
+  out += std::to_string(key.size);
+  out.push_back('}');
+}
 
 HashCache::HashCache(std::string path) : path_(std::move(path)) {}
 
-HashCache::Entry HashCache::make_entry(json::value stored) {
+std::optional<HashCache::Entry> HashCache::compact_entry(const std::string& sha, const StatKey& key) {
+  std::optional<std::array<unsigned char, 32>> digest = digest_bytes(sha);
+  if (!digest) return std::nullopt;
   Entry entry;
+  entry.key = key;
+  entry.digest = *digest;
+  entry.has_key = true;
+  return entry;
+}
+
+HashCache::Entry HashCache::make_entry(json::value stored) {
+  if (const json::object* e = as_object(&stored)) {
+    const json::value* sha = e->if_contains("sha256");
+    auto int64_field = [&](const char* name) -> std::optional<std::int64_t> {
+      const json::value* v = e->if_contains(name);
+      return v && v->is_int64() ? std::optional<std::int64_t>(v->get_int64()) : std::nullopt;
+    };
+    auto size = int64_field("size_bytes");
+    auto mtime = int64_field("mtime_ns");
+    auto ctime = int64_field("ctime_ns");
+    auto inode = int64_field("inode");
+    // Exactly what remember() writes: rebuilt from its fields, it writes the same text.
+    if (e->size() == 5 && size && mtime && ctime && inode && sha && sha->is_string()) {
+      if (auto entry = compact_entry(std::string(sha->get_string()), StatKey{*size, *mtime, *ctime, *inode})) {
+        return std::move(*entry);
+      }
+    }
+  }
+  Entry entry;
+  entry.verbatim = std::make_unique<Verbatim>();
   if (const json::object* e = as_object(&stored)) {
     auto size = int_field(*e, "size_bytes");
     auto mtime = int_field(*e, "mtime_ns");
@@ -40,29 +151,26 @@ HashCache::Entry HashCache::make_entry(json::value stored) {
     const json::value* sha = e->if_contains("sha256");
     if (size && mtime && ctime && inode && sha && sha->is_string()) {
       entry.key = StatKey{*size, *mtime, *ctime, *inode};
-      entry.sha256 = std::string(sha->get_string());
+      entry.has_key = true;
+      entry.verbatim->sha256 = std::string(sha->get_string());
     }
   }
-  entry.stored = std::move(stored);
+  entry.verbatim->stored = std::move(stored);
   return entry;
 }
 
 bool HashCache::trusted(const Entry& entry, const StatKey& key, const std::string& expected_sha) {
-  return entry.key && *entry.key == key && entry.sha256 == expected_sha && key.mtime_ns < entry.hashed_at_ns &&
+  return entry.has_key && entry.key == key && entry.digest_equals(expected_sha) && key.mtime_ns < entry.hashed_at_ns &&
          key.ctime_ns < entry.hashed_at_ns;
 }
 
 json::object parse_hash_cache_text(std::string_view text) {
   json::value payload = parse_json(text);
-  const json::object* obj = as_object(&payload);
-  const json::value* version = obj ? obj->if_contains("version") : nullptr;
-  const json::value* files = obj ? obj->if_contains("files") : nullptr;
-  bool version_ok =
-      version && (version->is_int64() || version->is_uint64()) && to_int(*version) == SYNC_HASH_CACHE_VERSION;
   json::object entries;
-  if (!version_ok || !files || !files->is_object()) return entries;
-  for (const auto& kv : files->get_object()) {
-    if (kv.value().is_object()) entries[kv.key()] = kv.value();
+  json::object* files = cache_files(payload);
+  if (!files) return entries;
+  for (auto& kv : *files) {
+    if (kv.value().is_object()) entries[kv.key()] = std::move(kv.value());
   }
   return entries;
 }
@@ -80,10 +188,22 @@ void HashCache::load() {
     std::int64_t written_at = 0;
     if (std::optional<StatKey> cache_key = try_stat_key(path_)) written_at = cache_key->mtime_ns;
     try {
-      for (const auto& kv : parse_hash_cache_text(read_file(path_))) {
-        Entry entry = make_entry(kv.value());
-        entry.hashed_at_ns = written_at;
-        loaded.emplace(std::string(kv.key()), std::move(entry));
+      json::value payload = parse_json(read_file(path_));
+      if (json::object* files = cache_files(payload)) {
+        loaded.reserve(files->size());
+        // Taken from the back, each entry's parsed values freed as it is
+        // converted: the parsed file and the cache are not both held whole.
+        // (A key the object held twice keeps its last value, as parsing does.)
+        while (!files->empty()) {
+          auto last = std::prev(files->end());
+          std::string path(last->key());
+          if (last->value().is_object() && !loaded.contains(path)) {
+            Entry entry = make_entry(std::move(last->value()));
+            entry.hashed_at_ns = written_at;
+            loaded.emplace(std::move(path), std::move(entry));
+          }
+          files->erase(last);
+        }
       }
     } catch (const std::exception& e) {
       log_warning("Ignoring unreadable sync hash cache: %s", {json::value(e.what())});
@@ -107,7 +227,7 @@ std::optional<std::string> HashCache::cached_sha(const std::string& file_path, c
   std::shared_lock<std::shared_mutex> lock(mu_);
   auto it = entries_.find(file_path);
   if (it == entries_.end() || !trusted(it->second, key, expected_sha)) return std::nullopt;
-  return it->second.sha256;
+  return it->second.digest_text();
 }
 
 std::vector<char> HashCache::cached_batch(const std::vector<Query>& queries) {
@@ -127,34 +247,56 @@ void HashCache::remember(const std::string& file_path, const std::string& local_
   } catch (const std::exception&) {
     return;
   }
-  json::value entry = entry_for(actual_sha, key);
+  std::optional<Entry> compact = compact_entry(actual_sha, key);
+  Entry fresh = compact ? std::move(*compact) : make_entry(entry_for(actual_sha, key));
   std::int64_t now = coarse_now_ns();
   std::unique_lock<std::shared_mutex> lock(mu_);
   auto it = entries_.find(file_path);
-  if (it != entries_.end() && it->second.stored == entry) {
+  if (it != entries_.end() && !it->second.verbatim && !fresh.verbatim && it->second.has_key &&
+      it->second.key == fresh.key && it->second.digest == fresh.digest) {
     it->second.hashed_at_ns = now;
     return;
   }
-  Entry fresh = make_entry(std::move(entry));
   fresh.hashed_at_ns = now;
   entries_[file_path] = std::move(fresh);
   dirty_ = true;
 }
 
 void HashCache::persist() {
-  json::object files;
+  // The text is written straight from the entries, as hash_cache_text
+  // writes them (sorted keys): no copy of the cache as JSON values.
+  std::string text;
   {
     std::unique_lock<std::shared_mutex> lock(mu_);
     if (!dirty_) return;
-    files.reserve(entries_.size());
-    for (const auto& [k, v] : entries_) files[k] = v.stored;
+    std::vector<const std::pair<const std::string, Entry>*> sorted;
+    sorted.reserve(entries_.size());
+    for (const auto& item : entries_) sorted.push_back(&item);
+    std::sort(sorted.begin(), sorted.end(), [](auto* a, auto* b) { return a->first < b->first; });
+    // Sized up front: an entry in the written form takes about 190 bytes
+    // besides its path, and growing by doubling would hold up to twice that.
+    std::size_t size = 32;
+    for (const auto* item : sorted) size += item->first.size() + 200;
+    text.reserve(size);
+    text += "{\"files\": {";
+    bool first = true;
+    for (const auto* item : sorted) {
+      if (!first) text += ", ";
+      first = false;
+      append_json_string(text, item->first);
+      text += ": ";
+      item->second.append_json(text);
+    }
+    text += "}, \"version\": ";
+    text += std::to_string(SYNC_HASH_CACHE_VERSION);
+    text.push_back('}');
     dirty_ = false;
   }
   try {
     // An entry vouches for a file's bytes: they reach stable storage before
     // the entry does.
     sync_file_system(path_dirname(path_));
-    atomic_write(path_, hash_cache_text(std::move(files)));
+    atomic_write(path_, text);
   } catch (const std::exception& e) {
     log_warning("Failed to persist sync hash cache: %s", {json::value(e.what())});
     std::unique_lock<std::shared_mutex> lock(mu_);
@@ -165,7 +307,8 @@ void HashCache::persist() {
 json::object HashCache::entries() const {
   std::shared_lock<std::shared_mutex> lock(mu_);
   json::object out;
-  for (const auto& [k, v] : entries_) out[k] = v.stored;
+  out.reserve(entries_.size());
+  for (const auto& [k, v] : entries_) out[k] = v.stored();
   return out;
 }
 

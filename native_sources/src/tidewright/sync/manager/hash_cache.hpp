@@ -21,6 +21,8 @@
 
 #include <boost/unordered/unordered_flat_map.hpp>
 
+#include <array>
+#include <memory>
 #include <mutex>
 #include <shared_mutex>
 #include <optional>
@@ -75,17 +77,32 @@ class HashCache {
   bool dirty() const;
 
  private:
-  // An entry as stored, and its fields read once for lookups (none when an
+  // An entry in the form remember() writes it (the four integers and a
+  // lower-case hex digest, nothing else) is kept as its fields alone, the
+  // digest as its 32 bytes: a cache of a large era holds 100,000 of them.
+  // Any other entry read from the file is kept as it stands, and written
+  // back unchanged; its fields are read once for lookups (none when an
   // integer field cannot be read or the digest is not text).
-  struct Entry {
+  struct Verbatim {
     json::value stored;
-    std::optional<StatKey> key;
     std::string sha256;
+  };
+  struct Entry {
+    StatKey key;
+    std::array<unsigned char, 32> digest{};
+    bool has_key = false;
     std::int64_t hashed_at_ns = 0;  // the digest is trusted for older file times only
+    std::unique_ptr<Verbatim> verbatim;
+
+    bool digest_equals(std::string_view sha) const;
+    std::string digest_text() const;
+    json::value stored() const;
+    void append_json(std::string& out) const;
   };
   // REQUIRES: mu_ held.
   static bool trusted(const Entry& entry, const StatKey& key, const std::string& expected_sha);
   static Entry make_entry(json::value stored);
+  static std::optional<Entry> compact_entry(const std::string& sha, const StatKey& key);
 
   const std::string path_;
   mutable std::shared_mutex mu_;

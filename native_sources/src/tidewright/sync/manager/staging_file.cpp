@@ -93,6 +93,10 @@ StagingFile::StagingFile(const std::string& root, const std::string& local, cons
   }
 }
 
+StagingFile::StagingFile(UniqueFd dir, const std::string& local)
+    : path_(local + ".tmp"), name_(path_basename(local) + ".tmp"), final_name_(path_basename(local)),
+      dir_(std::move(dir)) {}
+
 UniqueFd StagingFile::open() {
   for (int attempt = 0;; ++attempt) {
     UniqueFd fd(::openat(dir_.get(), name_.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0666));

@@ -31,6 +31,9 @@ class StagingFile {
   // `local` is the checked final path, inside the resolved `root`. Throws
   // ManifestError when a link on the way leads out of the data directory.
   StagingFile(const std::string& root, const std::string& local, const std::string& file_path);
+  // The same in `dir`, the directory of `local` already opened beneath the
+  // root (no link on the way).
+  StagingFile(UniqueFd dir, const std::string& local);
 
   const std::string& path() const { return path_; }
 
@@ -48,6 +51,12 @@ class StagingFile {
   std::string final_name_;
   UniqueFd dir_;
 };
+
+struct DownloadJob;
+
+// What resumable_staged_bytes answers for the staging file at `staging` (the
+// resolved local path of the job's file + ".tmp").
+std::int64_t resumable_staged_bytes_at(const std::string& staging, const DownloadJob& job);
 
 // The range table of a staging file fetched in ranges, mapped shared.
 class RangeTable {

@@ -6,6 +6,7 @@
 
 #include "tidewright/sync/artifacts/found_pnl.hpp"
 #include "tidewright/sync/common/fs.hpp"
+#include "tidewright/sync/common/mutex.hpp"
 #include "tidewright/sync/common/owned_thread.hpp"
 #include "tidewright/sync/common/url.hpp"
 #include "tidewright/sync/manager/hash_cache.hpp"
@@ -29,6 +30,7 @@
 #include <exception>
 #include <fcntl.h>
 #include <limits>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <span>
@@ -357,7 +359,51 @@ struct RangeFetch;
 // The workers of one batch. Files are taken in order; range work offered by
 // the owners of large files is taken first, so that every worker stays busy
 // until the last file ends.
+// The directories the files of one batch go to, each opened beneath the
+// data root once for the batch instead of once per file (walking the path
+// segment by segment, refusing links, creating what is missing), and closed
+// when the batch ends. A file whose directory is not here (not openable
+// that way, or too many open) takes the path a file at a time, which
+// reports what is wrong with it.
+class BatchDirectories {
+ public:
+  // A descriptor of `parent` (relative to `root`, "" for the root itself)
+  // of the caller's own; none when it cannot be opened without a link.
+  std::optional<UniqueFd> open(const std::string& root, const std::string& parent) {
+    std::shared_ptr<const UniqueFd> dir;
+    {
+      MutexLock lock(mu_);
+      if (root != root_) {
+        if (!root_.empty()) return std::nullopt;  // one root per batch
+        root_ = root;
+      }
+      auto it = open_.find(parent);
+      if (it != open_.end()) dir = it->second;
+    }
+    if (!dir) {
+      try {
+        dir = std::make_shared<const UniqueFd>(open_directory_beneath(root, parent));
+      } catch (const OSError&) {
+        return std::nullopt;
+      }
+      MutexLock lock(mu_);
+      if (open_.size() < kMaxOpen) dir = open_.try_emplace(parent, dir).first->second;
+    }
+    UniqueFd own(::fcntl(dir->get(), F_DUPFD_CLOEXEC, 0));
+    if (!own.valid()) return std::nullopt;
+    return own;
+  }
+
+ private:
+  static constexpr std::size_t kMaxOpen = 256;
+  Mutex mu_;
+  std::string root_ GUARDED_BY(mu_);
+  std::map<std::string, std::shared_ptr<const UniqueFd>> open_ GUARDED_BY(mu_);
+};
+
 struct TransferEngine::Batch {
+  BatchDirectories directories;
+  std::string root;  // the resolved data root of the batch's target, set before the workers start
   std::mutex mu;
   std::condition_variable cv;
   std::deque<std::shared_ptr<RangeFetch>> offers;  // guarded by mu
@@ -588,6 +634,7 @@ void RangeFetch::fetch(std::size_t i, Sha256* hasher, std::int64_t* hashed) {
 struct TransferEngine::FileRun {
   FileRun(const std::string& root, std::string local_path, const std::string& file_path)
       : local(std::move(local_path)), staging(root, local, file_path) {}
+  FileRun(UniqueFd dir, std::string local_path) : local(std::move(local_path)), staging(std::move(dir), local) {}
   std::string local;
   StagingFile staging;
   std::string actual_sha;
@@ -683,7 +730,23 @@ void TransferEngine::download_one(const DownloadJob& job, SyncResult& result, co
   const bool is_public = manifest_base_url_uses_public_download(context_.server_url, base);
   const std::string target = options.target_data_dir.value_or(context_.data_dir);
   // Never through a link: two manifest paths would share a file.
-  FileRun run(real_path(target), manifest_local_write_path(target, file_path), file_path);
+  std::optional<FileRun> opened;
+  if (batch && !batch->root.empty() && !options.target_data_dir) {
+    // The directory as the batch opened it; the file's own name must not be a link.
+    const std::string relative = safe_manifest_relative_path(file_path);
+    const std::size_t slash = relative.rfind('/');
+    const std::string parent = slash == std::string::npos ? std::string() : relative.substr(0, slash);
+    const std::string leaf = slash == std::string::npos ? relative : relative.substr(slash + 1);
+    if (std::optional<UniqueFd> dir = batch->directories.open(batch->root, parent)) {
+      struct stat st;
+      const int rc = ::fstatat(dir->get(), leaf.c_str(), &st, AT_SYMLINK_NOFOLLOW);
+      if ((rc == 0 && !S_ISLNK(st.st_mode)) || (rc != 0 && errno == ENOENT)) {
+        opened.emplace(std::move(*dir), path_join(batch->root, relative));
+      }
+    }
+  }
+  if (!opened) opened.emplace(real_path(target), manifest_local_write_path(target, file_path), file_path);
+  FileRun& run = *opened;
   StagingFile& staging_file = run.staging;
   const std::string& staging = staging_file.path();
 
@@ -1008,6 +1071,7 @@ void TransferEngine::download_batch(const std::vector<DownloadJob>& jobs, SyncRe
   };
   Batch batch;
   batch.workers = workers;
+  if (!options.target_data_dir) batch.root = real_path(context_.data_dir);
   std::atomic<std::size_t> next{0};
   std::mutex mu;
   std::exception_ptr first_error;                // guarded by mu
@@ -1173,6 +1237,10 @@ std::int64_t resumable_staged_bytes(const std::string& data_dir, const DownloadJ
   } catch (const ManifestError&) {
     return 0;
   }
+  return resumable_staged_bytes_at(staging, job);
+}
+
+std::int64_t resumable_staged_bytes_at(const std::string& staging, const DownloadJob& job) {
   UniqueFd fd(::open(staging.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
   struct stat st;
   if (!fd.valid() || ::fstat(fd.get(), &st) != 0 || !S_ISREG(st.st_mode)) return 0;

@@ -46,6 +46,12 @@ std::shared_ptr<Manifest> Manifest::create(const json::object& data, const Manif
   return from_sanitized(std::move(sanitized), std::move(rejected));
 }
 
+std::shared_ptr<Manifest> Manifest::create(json::object&& data, const ManifestSiblings& siblings) {
+  std::vector<RejectedManifestEntry> rejected;
+  json::object sanitized = sanitize_manifest_data_for_sync(std::move(data), siblings, nullptr, &rejected);
+  return from_sanitized(std::move(sanitized), std::move(rejected));
+}
+
 std::shared_ptr<Manifest> Manifest::from_sanitized(json::object data,
                                                   std::vector<RejectedManifestEntry> rejected_entries) {
   const json::value* era = data.if_contains("era_number");

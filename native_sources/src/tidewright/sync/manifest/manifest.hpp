@@ -34,6 +34,8 @@ class Manifest {
   // value anywhere in the object may be NaN or infinite (the entries of
   // "files" have been checked one by one by then).
   static std::shared_ptr<Manifest> create(const json::object& data, const ManifestSiblings& siblings);
+  // The same for an object the caller gives up: its values are moved, not copied.
+  static std::shared_ptr<Manifest> create(json::object&& data, const ManifestSiblings& siblings);
   // Builds from an object that is already sanitised (no copy of the files),
   // with the entries its sanitising refused. Same checks and errors.
   static std::shared_ptr<Manifest> from_sanitized(json::object data,

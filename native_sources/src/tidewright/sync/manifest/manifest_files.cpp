@@ -73,7 +73,11 @@ void write_manifest_json(const std::string& data_dir, const json::object& manife
                           " holds a number that is not finite (NaN or Infinity)");
     }
   }
-  atomic_write(manifest_json_path(data_dir), dump_json(manifest_data));
+  // Written as it is rendered: the text of a large manifest is tens of
+  // megabytes.
+  atomic_write_in_pieces(manifest_json_path(data_dir), [&](const std::function<void(std::string_view)>& write) {
+    write_json_in_pieces(manifest_data, {}, write);
+  });
   if (given(server_manifest_sha256) || given(server_manifest_body_sha256)) {
     write_manifest_sync_metadata(data_dir, manifest_data, server_manifest_sha256, server_manifest_body_sha256);
   }

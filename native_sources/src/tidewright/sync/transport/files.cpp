@@ -169,6 +169,11 @@ std::string sha256_file(const std::string& path, std::int64_t chunk_bytes) {
 }
 
 void atomic_write(const std::string& path, std::string_view data) {
+  atomic_write_in_pieces(path, [&](const std::function<void(std::string_view)>& write) { write(data); });
+}
+
+void atomic_write_in_pieces(const std::string& path,
+                            const std::function<void(const std::function<void(std::string_view)>&)>& produce) {
   std::string parent = path_dirname(path);
   if (!parent.empty()) make_dirs(parent);
   std::string temporary = temporary_name(path);
@@ -177,7 +182,7 @@ void atomic_write(const std::string& path, std::string_view data) {
   // above all) is not ours to write through.
   UniqueFd fd(::open(temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0666));
   if (!fd.valid()) throw_write_error(errno, temporary, path);
-  write_all(fd.get(), data, temporary, path);
+  produce([&](std::string_view piece) { write_all(fd.get(), piece, temporary, path); });
   // A failing close can mean lost data (e.g. on network file systems).
   if (fd.reset() != 0) throw_write_error(errno, temporary, path);
   rename_file(temporary, path);
@@ -190,42 +195,93 @@ std::string sync_progress_path(const std::string& data_dir) {
 
 std::string sync_progress_text(std::int64_t era_number, std::int64_t version, const json::object& files_to_download,
                                const ManifestSiblings& siblings, double updated_at) {
-  std::int64_t total_bytes = 0;
-  json::array unknown_size_files;
-  json::object files;
+  std::vector<SyncProgressFile> files;
   files.reserve(files_to_download.size());
-  for (const auto& kv : files_to_download) {
-    const json::object* entry = as_object(&kv.value());
-    std::optional<std::int64_t> size;
-    if (siblings.manifest_file_size) {
-      size = siblings.manifest_file_size(kv.value());
-    }
-    json::object info;
-    info["kind"] = text_form_or_empty(entry, "kind");
-    info["platform"] = text_form_or_empty(entry, "platform");
-    if (size) {
-      // Saturates: sizes from a hostile manifest may add up past 64 bits.
-      total_bytes = *size > INT64_MAX - total_bytes ? INT64_MAX : total_bytes + *size;
-      info["size_bytes"] = *size;
-    } else {
-      unknown_size_files.emplace_back(kv.key());
-    }
-    files.insert_or_assign(kv.key(), std::move(info));
+  for (const auto& kv : files_to_download) files.push_back({std::string_view(kv.key()), &kv.value()});
+  return sync_progress_text(era_number, version, files, siblings, updated_at);
+}
+
+std::string sync_progress_text(std::int64_t era_number, std::int64_t version,
+                               const std::vector<SyncProgressFile>& files_to_download, const ManifestSiblings& siblings,
+                               double updated_at) {
+  // Rendered directly, as dump_json renders the progress object with sorted
+  // keys: a set of 100,000 files is not copied into JSON values first.
+  static const json::value kNoEntry = json::object();
+  const std::size_t n = files_to_download.size();
+  std::vector<std::size_t> by_path(n);
+  for (std::size_t i = 0; i < n; ++i) by_path[i] = i;
+  std::stable_sort(by_path.begin(), by_path.end(), [&](std::size_t a, std::size_t b) {
+    return files_to_download[a].path < files_to_download[b].path;
+  });
+  std::vector<char> counted(n, 0);  // the first place of each path
+  for (std::size_t k = 0; k < n; ++k) {
+    counted[by_path[k]] = k == 0 || files_to_download[by_path[k - 1]].path != files_to_download[by_path[k]].path;
   }
-  json::object progress;
-  progress["phase"] = "syncing";
-  progress["era_number"] = era_number;
-  progress["version"] = version;
-  progress["updated_at"] = updated_at;
-  progress["total_bytes"] = total_bytes;
-  progress["total_bytes_known"] = unknown_size_files.empty();
-  progress["unknown_size_files"] = std::move(unknown_size_files);
-  progress["files"] = std::move(files);
-  return dump_json(progress, {.sort_keys = true});
+  std::vector<std::optional<std::int64_t>> sizes(n);
+  std::int64_t total_bytes = 0;
+  bool all_known = true;
+  for (std::size_t i = 0; i < n; ++i) {
+    if (!counted[i]) continue;
+    const json::value& entry = files_to_download[i].entry ? *files_to_download[i].entry : kNoEntry;
+    if (siblings.manifest_file_size) sizes[i] = siblings.manifest_file_size(entry);
+    if (sizes[i]) {
+      // Saturates: sizes from a hostile manifest may add up past 64 bits.
+      total_bytes = *sizes[i] > INT64_MAX - total_bytes ? INT64_MAX : total_bytes + *sizes[i];
+    } else {
+      all_known = false;
+    }
+  }
+  std::string out;
+  out.reserve(256 + n * 96);
+  out += "{\"era_number\": ";
+  out += std::to_string(era_number);
+  out += ", \"files\": {";
+  bool first = true;
+  for (std::size_t i : by_path) {
+    if (!counted[i]) continue;
+    if (!first) out += ", ";
+    first = false;
+    const json::value& entry = files_to_download[i].entry ? *files_to_download[i].entry : kNoEntry;
+    const json::object* object = as_object(&entry);
+    append_json_string(out, files_to_download[i].path);
+    out += ": {\"kind\": ";
+    append_json(out, text_form_or_empty(object, "kind"));
+    out += ", \"platform\": ";
+    append_json(out, text_form_or_empty(object, "platform"));
+    if (sizes[i]) {
+      out += ", \"size_bytes\": ";
+      out += std::to_string(*sizes[i]);
+    }
+    out.push_back('}');
+  }
+  out += "}, \"phase\": \"syncing\", \"total_bytes\": ";
+  out += std::to_string(total_bytes);
+  out += ", \"total_bytes_known\": ";
+  out += all_known ? "true" : "false";
+  out += ", \"unknown_size_files\": [";
+  first = true;
+  for (std::size_t i = 0; i < n; ++i) {
+    if (!counted[i] || sizes[i]) continue;
+    if (!first) out += ", ";
+    first = false;
+    append_json_string(out, files_to_download[i].path);
+  }
+  out += "], \"updated_at\": ";
+  append_json(out, json::value(updated_at));
+  out += ", \"version\": ";
+  out += std::to_string(version);
+  out.push_back('}');
+  return out;
 }
 
 void write_sync_progress_json(const std::string& data_dir, std::int64_t era_number, std::int64_t version,
                               const json::object& files_to_download, const ManifestSiblings& siblings) {
+  atomic_write(sync_progress_path(data_dir),
+               sync_progress_text(era_number, version, files_to_download, siblings, wall_clock_seconds()));
+}
+
+void write_sync_progress_json(const std::string& data_dir, std::int64_t era_number, std::int64_t version,
+                              const std::vector<SyncProgressFile>& files_to_download, const ManifestSiblings& siblings) {
   atomic_write(sync_progress_path(data_dir),
                sync_progress_text(era_number, version, files_to_download, siblings, wall_clock_seconds()));
 }

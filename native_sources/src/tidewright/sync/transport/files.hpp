@@ -13,9 +13,11 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <string>
 #include <string_view>
+#include <vector>
 
 struct evp_md_ctx_st;  // OpenSSL's EVP_MD_CTX
 
@@ -68,6 +70,10 @@ std::string sha256_file(const std::string& path, std::int64_t chunk_bytes = SYNC
 // A full disk (or quota) is a DiskSpaceError "Insufficient disk space while
 // writing <path>: <strerror>", as during a download.
 void atomic_write(const std::string& path, std::string_view data);
+// The same for content that `produce` hands, piece by piece, to the writer it
+// is given.
+void atomic_write_in_pieces(const std::string& path,
+                            const std::function<void(const std::function<void(std::string_view)>&)>& produce);
 
 // data_dir joined with SYNC_PROGRESS_FILENAME.
 std::string sync_progress_path(const std::string& data_dir);
@@ -85,6 +91,18 @@ void write_sync_progress_json(const std::string& data_dir, std::int64_t era_numb
 // The text write_sync_progress_json writes, with "updated_at" given.
 std::string sync_progress_text(std::int64_t era_number, std::int64_t version, const json::object& files_to_download,
                                const ManifestSiblings& siblings, double updated_at);
+// The same for files given by path and manifest entry (none: no entry), in
+// the set's order; a path given twice counts once, at its first place. The
+// entries are read where they are, not copied.
+struct SyncProgressFile {
+  std::string_view path;
+  const json::value* entry = nullptr;
+};
+void write_sync_progress_json(const std::string& data_dir, std::int64_t era_number, std::int64_t version,
+                              const std::vector<SyncProgressFile>& files_to_download, const ManifestSiblings& siblings);
+std::string sync_progress_text(std::int64_t era_number, std::int64_t version,
+                               const std::vector<SyncProgressFile>& files_to_download, const ManifestSiblings& siblings,
+                               double updated_at);
 
 // Deletes the progress file. Never throws: a missing file is fine, any other
 // failure is logged at debug level.
