@@ -4,8 +4,10 @@
 // sync's per-era set of prefetched feature files.
 #include "tidewright/sync/common/fs.hpp"
 #include "tidewright/sync/host/fake_host.hpp"
+#include "tidewright/sync/manager/background_work.hpp"
 #include "tidewright/sync/manager/placement.hpp"
 #include "tidewright/sync/manager/sync_manager.hpp"
+#include "tidewright/sync/manager/sync_threads.hpp"
 #include "tidewright/sync/reporting/errors.hpp"
 #include "tidewright/sync/rotation/state.hpp"
 
@@ -15,9 +17,11 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <chrono>
 #include <filesystem>
 #include <fstream>
+#include <future>
 #include <sstream>
 
 namespace tidewright::sync {
@@ -226,6 +230,119 @@ TEST_F(PrefetchedSetTest, WithoutAStateEveryFileIsCovered) {
   RotationSync rotation(dir_.path());
   rotation.load_state();
   EXPECT_FALSE(rotation.coverage(*era(1)).active.has_value());
+}
+
+// --- the poll thread and its stop event -----------------------------------------
+
+// What ends a poll thread's wait between polls, looked at without waiting.
+struct RunEndCase {
+  const char* name;
+  bool stop_requested;
+  bool later_run;
+  bool ended;
+};
+
+class RunEndTest : public ::testing::TestWithParam<RunEndCase> {};
+
+TEST_P(RunEndTest, WaitEndsOnlyForAStopOrALaterRun) {
+  const RunEndCase& c = GetParam();
+  SyncThreads threads;
+  const std::uint64_t generation = threads.begin_run();
+  if (c.stop_requested) threads.request_stop();
+  if (c.later_run) threads.begin_run();
+  EXPECT_EQ(threads.wait_for_stop(generation, std::chrono::seconds(0)), c.ended);
+}
+
+INSTANTIATE_TEST_SUITE_P(Cases, RunEndTest,
+                         ::testing::Values(RunEndCase{"Nothing", false, false, false},
+                                           RunEndCase{"Stop", true, false, true},
+                                           RunEndCase{"LaterRun", false, true, true},
+                                           RunEndCase{"StopThenRestart", true, true, true}),
+                         [](const auto& info) { return std::string(info.param.name); });
+
+TEST(SyncThreadsTest, AStopWakesTheWaitingPollThreadAndTheNextRunStartsCleared) {
+  SyncThreads threads;
+  const std::uint64_t generation = threads.begin_run();
+  auto thread = std::make_shared<OwnedThread>([&threads, generation] {
+    while (!threads.wait_for_stop(generation, std::chrono::hours(1))) {
+    }
+  });
+  threads.adopt_poll_thread(thread);
+  EXPECT_FALSE(threads.on_poll_thread());
+  threads.request_stop();
+  std::shared_ptr<OwnedThread> taken = threads.take_poll_thread();
+  ASSERT_EQ(taken, thread);
+  EXPECT_TRUE(taken->join_for(std::chrono::minutes(5)));
+  EXPECT_FALSE(threads.poll_alive());
+
+  const std::uint64_t next = threads.begin_run();
+  EXPECT_NE(next, generation);
+  EXPECT_FALSE(threads.wait_for_stop(next, std::chrono::seconds(0)));
+}
+
+TEST(SyncThreadsTest, APollThreadOfAnEarlierRunStaysKnownUntilItEnds) {
+  SyncThreads threads;
+  const std::uint64_t first = threads.begin_run();
+  std::promise<void> replaced;
+  std::shared_future<void> replaced_seen = replaced.get_future().share();
+  std::promise<bool> own_thread;
+  auto earlier = std::make_shared<OwnedThread>([&, replaced_seen] {
+    while (!threads.wait_for_stop(first, std::chrono::hours(1))) {
+    }
+    replaced_seen.wait();
+    own_thread.set_value(threads.on_poll_thread());
+  });
+  threads.adopt_poll_thread(earlier);
+
+  // A new run ends the earlier thread's wait without a stop.
+  const std::uint64_t second = threads.begin_run();
+  auto later = std::make_shared<OwnedThread>([&threads, second] {
+    while (!threads.wait_for_stop(second, std::chrono::hours(1))) {
+    }
+  });
+  threads.adopt_poll_thread(later);
+  replaced.set_value();
+  EXPECT_TRUE(own_thread.get_future().get());
+  EXPECT_TRUE(earlier->join_for(std::chrono::minutes(5)));
+  EXPECT_TRUE(threads.poll_alive());
+
+  threads.request_stop();
+  EXPECT_TRUE(threads.take_poll_thread()->join_for(std::chrono::minutes(5)));
+}
+
+// --- repair and cleanup workers ---------------------------------------------------
+
+TEST(BackgroundWorkTest, ARepairIsQueuedAndStartedOnlyWhileAccepted) {
+  BackgroundWork work;
+  std::atomic<int> runs{0};
+  EXPECT_FALSE(work.queue_repair("a.arrow", [] { return false; }, [&runs] { ++runs; }));
+  EXPECT_TRUE(work.take_repair_queue().empty());
+
+  EXPECT_TRUE(work.queue_repair("b.arrow", [] { return true; }, [&runs] { ++runs; }));
+  EXPECT_TRUE(work.queue_repair("c.arrow", [] { return true; }, [&runs] { ++runs; }));
+  work.join_all(std::chrono::seconds(300));
+  EXPECT_EQ(runs.load(), 2);
+  EXPECT_EQ(work.take_repair_queue(), (std::vector<std::string>{"b.arrow", "c.arrow"}));
+  EXPECT_TRUE(work.take_repair_queue().empty());
+}
+
+TEST(BackgroundWorkTest, OneCleanupAtATime) {
+  BackgroundWork work;
+  std::promise<void> release;
+  std::shared_future<void> released = release.get_future().share();
+  std::atomic<int> runs{0};
+  work.start_cleanup({}, [&runs, released] {
+    ++runs;
+    released.wait();
+  });
+  work.start_cleanup({}, [&runs] { ++runs; });  // the first still runs
+  release.set_value();
+  work.join_all(std::chrono::seconds(300));
+  EXPECT_EQ(runs.load(), 1);
+
+  work.start_cleanup({}, [&runs] { ++runs; });  // the first has ended
+  work.join_all(std::chrono::seconds(300));
+  EXPECT_EQ(runs.load(), 2);
 }
 
 }  // namespace

@@ -4,6 +4,7 @@
 #include "tidewright/sync/artifacts/signals_index.hpp"
 #include "tidewright/sync/artifacts/vocabulary.hpp"
 #include "tidewright/sync/common/fs.hpp"
+#include "tidewright/sync/common/mutex.hpp"
 #include "tidewright/sync/manager/cleanup.hpp"
 #include "tidewright/sync/manager/sync_manager.hpp"
 #include "tidewright/sync/manifest/manifest_files.hpp"
@@ -43,6 +44,143 @@ std::int64_t expected_size_of(const json::value& info) {
   return -1;
 }
 
+// first_local_mismatch's walk over a manifest: the files are split into
+// ranges checked by a few threads at once, each stops at the first mismatch
+// any of them found. Files whose size fits are looked up in the hash cache
+// a block at a time, so that its lock is taken once per block.
+class LocalMismatchScan {
+ public:
+  LocalMismatchScan(SyncManager& manager, const Manifest& manifest, const ManifestSiblings& siblings,
+                    const SyncManager::FileFilter& skip, bool count_features)
+      : manager_(manager),
+        files_(manifest.files()),
+        siblings_(siblings),
+        skip_(skip),
+        count_features_(count_features) {}
+
+  // The first mismatching path; rethrows the first error a range met.
+  std::optional<std::string> run() EXCLUDES(mu_) {
+    const std::size_t threads = thread_count(files_.size());
+    const std::size_t per_thread = (files_.size() + threads - 1) / threads;
+    {
+      std::vector<std::jthread> helpers;
+      for (std::size_t t = 1; t < threads; ++t) {
+        helpers.emplace_back([this, begin = t * per_thread, end = std::min(files_.size(), (t + 1) * per_thread)] {
+          set_current_thread_name({"tw-sync-check", ""});
+          check_range(begin, end);
+        });
+      }
+      check_range(0, std::min(files_.size(), per_thread));
+    }
+    MutexLock lock(mu_);
+    if (error_) std::rethrow_exception(error_);
+    return mismatch_;
+  }
+
+  // The manifest's files of kind "feature"; complete only without a mismatch.
+  std::int64_t features() const { return features_.load(); }
+
+ private:
+  // Files whose size fits and whose digest is to be looked up.
+  struct Pending {
+    std::string path;
+    std::string local;
+    StatKey identity;
+    std::string expected_sha;
+    const json::value* info;
+  };
+  static constexpr std::size_t kFilesPerThread = 16384;
+  static constexpr std::size_t kMaxThreads = 4;
+  static constexpr std::size_t kBlock = 256;
+
+  // The work is one stat per file, mostly kernel time. More threads than
+  // cores still pay: with a cold inode cache a stat waits for the disk and
+  // the waits overlap, and on a busy machine the check gets its share of
+  // the cores sooner.
+  static std::size_t thread_count(std::size_t files) {
+    const std::size_t wanted = (files + kFilesPerThread - 1) / kFilesPerThread;
+    return std::max<std::size_t>(
+        1, std::min({wanted, std::max<std::size_t>(kMaxThreads, std::thread::hardware_concurrency())}));
+  }
+
+  // Files sync does not keep locally are not checked.
+  bool left_out(const std::string& path, const json::value& info) const {
+    return (skip_ && skip_(path, info)) || vocabulary_named_universe_from_path(path) ||
+           manifest_file_is_sync_excluded(path, info, siblings_) || is_vault_module(info);
+  }
+
+  void check_range(std::size_t begin, std::size_t end) EXCLUDES(mu_) {
+    // Counted here, where each entry is at hand anyway, rather than in
+    // another pass over a large manifest.
+    std::int64_t counted = 0;
+    struct AddCount {
+      std::atomic<std::int64_t>& total;
+      std::int64_t& counted;
+      ~AddCount() { total += counted; }
+    } add_count{features_, counted};
+    try {
+      ManifestLocalPaths locals(manager_.data_dir());
+      std::vector<Pending> block;
+      for (std::size_t i = begin; i < end && !stop_.load(std::memory_order_relaxed); ++i) {
+        const auto& kv = *(files_.begin() + static_cast<std::ptrdiff_t>(i));
+        std::string path(kv.key());
+        if (count_features_ && siblings_.manifest_file_kind(path, kv.value()) == "feature") ++counted;
+        if (left_out(path, kv.value())) continue;
+        std::optional<StatKey> identity;
+        std::string local = locals.resolve(path, &identity);
+        std::string expected_sha = expected_sha_of(kv.value());
+        std::int64_t expected_size = expected_size_of(kv.value());
+        if (!identity || expected_sha.empty() || (expected_size >= 0 && identity->size != expected_size)) {
+          // Links, missing files, size mismatches and entries without a digest.
+          if (manager_.local_file_matches_manifest(path, local, kv.value(), true, identity)) continue;
+          return record_mismatch(std::move(path));
+        }
+        block.push_back({std::move(path), std::move(local), *identity, std::move(expected_sha), &kv.value()});
+        if (block.size() == kBlock && !settle(block)) return;
+      }
+      if (!stop_.load() && !block.empty()) settle(block);
+    } catch (...) {
+      MutexLock lock(mu_);
+      if (!error_) error_ = std::current_exception();
+      stop_.store(true);
+    }
+  }
+
+  // Checks a block through the hash cache, hashing the files it does not
+  // know; false (the mismatch recorded) at the first file that differs.
+  bool settle(std::vector<Pending>& block) EXCLUDES(mu_) {
+    std::vector<HashCache::Query> queries;
+    queries.reserve(block.size());
+    for (const auto& p : block) queries.push_back({&p.path, p.identity, &p.expected_sha});
+    std::vector<char> hits = manager_.hash_cache().cached_batch(queries);
+    for (std::size_t j = 0; j < block.size(); ++j) {
+      if (!hits[j] && !manager_.local_file_matches_manifest(block[j].path, block[j].local, *block[j].info, false)) {
+        record_mismatch(block[j].path);
+        return false;
+      }
+    }
+    block.clear();
+    return true;
+  }
+
+  void record_mismatch(std::string path) EXCLUDES(mu_) {
+    MutexLock lock(mu_);
+    if (!mismatch_) mismatch_ = std::move(path);
+    stop_.store(true);
+  }
+
+  SyncManager& manager_;
+  const json::object& files_;
+  const ManifestSiblings& siblings_;
+  const SyncManager::FileFilter& skip_;
+  const bool count_features_;
+  std::atomic<bool> stop_{false};
+  std::atomic<std::int64_t> features_{0};
+  Mutex mu_;
+  std::optional<std::string> mismatch_ GUARDED_BY(mu_);
+  std::exception_ptr error_ GUARDED_BY(mu_);
+};
+
 }  // namespace
 
 bool SyncManager::local_file_matches_manifest(const std::string& file_path, const std::string& local_path,
@@ -68,104 +206,9 @@ bool SyncManager::local_file_matches_manifest(const std::string& file_path, cons
 
 std::optional<std::string> SyncManager::first_local_mismatch(const Manifest& manifest, const ManifestSiblings& siblings,
                                                              const FileFilter& skip, std::int64_t* feature_count) {
-  constexpr std::size_t kFilesPerThread = 16384;
-  constexpr std::size_t kMaxThreads = 4;
-  const json::object& files = manifest.files();
-  const std::size_t wanted = (files.size() + kFilesPerThread - 1) / kFilesPerThread;
-  // The work is one stat per file, mostly kernel time. More threads than
-  // cores still pay: with a cold inode cache a stat waits for the disk and
-  // the waits overlap, and on a busy machine the check gets its share of
-  // the cores sooner.
-  const std::size_t threads = std::max<std::size_t>(
-      1, std::min({wanted, std::max<std::size_t>(kMaxThreads, std::thread::hardware_concurrency())}));
-  std::atomic<bool> stop{false};
-  // Counted here, where each entry is at hand anyway, rather than in another
-  // pass over a large manifest.
-  std::atomic<std::int64_t> features{0};
-  std::mutex mu;
-  std::optional<std::string> mismatch;  // guarded by mu
-  std::exception_ptr error;             // guarded by mu
-
-  // Files whose size fits and whose digest is to be looked up, checked in
-  // blocks so that the hash cache's lock is taken once per block.
-  struct Pending {
-    std::string path;
-    std::string local;
-    StatKey identity;
-    std::string expected_sha;
-    const json::value* info;
-  };
-  constexpr std::size_t kBlock = 256;
-
-  auto check = [&](std::size_t begin, std::size_t end) {
-    auto fail = [&](std::string path) {
-      std::lock_guard<std::mutex> lock(mu);
-      if (!mismatch) mismatch = std::move(path);
-      stop.store(true);
-    };
-    std::vector<Pending> block;
-    auto settle = [&] {
-      std::vector<HashCache::Query> queries;
-      queries.reserve(block.size());
-      for (const auto& p : block) queries.push_back({&p.path, p.identity, &p.expected_sha});
-      std::vector<char> hits = hash_cache_.cached_batch(queries);
-      for (std::size_t j = 0; j < block.size(); ++j) {
-        if (!hits[j] && !local_file_matches_manifest(block[j].path, block[j].local, *block[j].info, false)) {
-          fail(block[j].path);
-          return false;
-        }
-      }
-      block.clear();
-      return true;
-    };
-    std::int64_t counted = 0;
-    struct AddCount {
-      std::atomic<std::int64_t>& total;
-      std::int64_t& counted;
-      ~AddCount() { total += counted; }
-    } add_count{features, counted};
-    try {
-      ManifestLocalPaths locals(data_dir_);
-      for (std::size_t i = begin; i < end && !stop.load(std::memory_order_relaxed); ++i) {
-        const auto& kv = *(files.begin() + static_cast<std::ptrdiff_t>(i));
-        std::string path(kv.key());
-        if (feature_count && siblings.manifest_file_kind(path, kv.value()) == "feature") ++counted;
-        if ((skip && skip(path, kv.value())) || vocabulary_named_universe_from_path(path) ||
-            manifest_file_is_sync_excluded(path, kv.value(), siblings) || is_vault_module(kv.value())) {
-          continue;
-        }
-        std::optional<StatKey> identity;
-        std::string local = locals.resolve(path, &identity);
-        std::string expected_sha = expected_sha_of(kv.value());
-        std::int64_t expected_size = expected_size_of(kv.value());
-        if (!identity || expected_sha.empty() || (expected_size >= 0 && identity->size != expected_size)) {
-          // Links, missing files, size mismatches and entries without a digest.
-          if (!local_file_matches_manifest(path, local, kv.value(), true, identity)) return fail(std::move(path));
-          continue;
-        }
-        block.push_back({std::move(path), std::move(local), *identity, std::move(expected_sha), &kv.value()});
-        if (block.size() == kBlock && !settle()) return;
-      }
-      if (!stop.load() && !block.empty()) settle();
-    } catch (...) {
-      std::lock_guard<std::mutex> lock(mu);
-      if (!error) error = std::current_exception();
-      stop.store(true);
-    }
-  };
-
-  const std::size_t per_thread = (files.size() + threads - 1) / threads;
-  std::vector<std::thread> helpers;
-  for (std::size_t t = 1; t < threads; ++t) {
-    helpers.emplace_back([&check, begin = t * per_thread, end = std::min(files.size(), (t + 1) * per_thread)] {
-      set_current_thread_name({"tw-sync-check", ""});
-      check(begin, end);
-    });
-  }
-  check(0, std::min(files.size(), per_thread));
-  for (auto& helper : helpers) helper.join();
-  if (error) std::rethrow_exception(error);
-  if (feature_count) *feature_count = features.load();
+  LocalMismatchScan scan(*this, manifest, siblings, skip, feature_count != nullptr);
+  std::optional<std::string> mismatch = scan.run();
+  if (feature_count) *feature_count = scan.features();
   return mismatch;
 }
 
@@ -358,14 +401,11 @@ std::int64_t SyncManager::cleanup_old_eras(bool keep_current) {
 }
 
 void SyncManager::schedule_cleanup_old_eras(bool keep_current) {
-  std::lock_guard<std::mutex> lock(cleanup_mu_);
-  if (cleanup_thread_ && cleanup_thread_->running()) return;
   std::shared_ptr<SyncManager> self = weak_from_this().lock();
   if (!self) return;
   // Owned by the manager (stop_internal joins it); it holds the manager
   // while it runs.
-  ThreadName name{"tidewright-sync-cleanup", "tw-sync-cleanup"};
-  cleanup_thread_ = std::make_shared<OwnedThread>(std::move(name), [self, keep_current] {
+  workers_.start_cleanup(ThreadName{"tidewright-sync-cleanup", "tw-sync-cleanup"}, [self, keep_current] {
     try {
       std::int64_t freed = self->cleanup_old_eras(keep_current);
       log_info("Old era cleanup completed: freed %s bytes", {json::value(freed)});

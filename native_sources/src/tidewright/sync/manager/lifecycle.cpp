@@ -140,29 +140,17 @@ void SyncManager::start() {
 void SyncManager::start_sync_thread() {
   std::shared_ptr<SyncManager> self = weak_from_this().lock();
   if (!self) throw StateError("SyncManager threads need a manager owned by a shared_ptr");
-  std::uint64_t generation = 0;
-  {
-    std::lock_guard<std::mutex> lock(stop_mu_);
-    stop_event_ = false;
-    generation = ++poll_generation_;
-  }
+  const std::uint64_t generation = threads_.begin_run();
   stop_requested_.store(false);
   running_.store(true);
-  auto thread = std::make_shared<OwnedThread>(ThreadName{"tw-sync-poll", ""},
-                                              [self, generation] { self->poll_loop(generation); });
-  {
-    std::lock_guard<std::mutex> lock(threads_mu_);
-    // A thread of an earlier run is not waited for here: it ends on its own.
-    if (poll_thread_ && poll_thread_->running()) stray_poll_threads_.push_back(std::move(poll_thread_));
-    std::erase_if(stray_poll_threads_, [](const std::shared_ptr<OwnedThread>& t) { return !t->running(); });
-    poll_thread_ = std::move(thread);
-  }
+  threads_.adopt_poll_thread(std::make_shared<OwnedThread>(ThreadName{"tw-sync-poll", ""},
+                                                           [self, generation] { self->poll_loop(generation); }));
   remember_started(self);
 }
 
 void SyncManager::start_internal() {
   start_sync_thread();
-  if (era_thread_) return;
+  if (threads_.era_thread()) return;
   std::weak_ptr<SyncManager> weak = weak_from_this();
   auto notify = [weak](const char* event_type) {
     return [weak, event_type] {
@@ -195,130 +183,95 @@ void SyncManager::start_internal() {
     fields["metadata"] = json::object{{"reason", "era_thread_start_state"}, {"source_function", "_start_internal"}};
     log_sync_event("library_surface", "", 1, e.what(), fields);
   }
-  std::lock_guard<std::mutex> lock(threads_mu_);
-  era_thread_ = std::move(era_thread);
+  threads_.set_era_thread(std::move(era_thread));
 }
 
 void SyncManager::stop() {
   if (running_.load()) stop_internal();
 }
 
-bool SyncManager::on_own_poll_thread() const {
-  std::lock_guard<std::mutex> lock(threads_mu_);
-  if (poll_thread_ && poll_thread_->is_current()) return true;
-  return std::any_of(stray_poll_threads_.begin(), stray_poll_threads_.end(),
-                     [](const std::shared_ptr<OwnedThread>& t) { return t->is_current(); });
+void SyncManager::request_stop() {
+  stop_requested_.store(true);
+  threads_.request_stop();
 }
 
-void SyncManager::stop_internal() {
-  // Everything below observes these: the poll wait, transfers and backoff
-  // waits, the file-lock wait, the era thread's requests.
-  auto request_stop = [this] {
-    stop_requested_.store(true);
-    {
-      std::lock_guard<std::mutex> lock(stop_mu_);
-      stop_event_ = true;
-    }
-    stop_cv_.notify_all();
-  };
+bool SyncManager::enter_stop(std::unique_lock<std::mutex>& lifecycle, bool on_poll_thread) {
   // Stopped from a poll thread itself (a callback of its poll), the sync
   // that holds the sync lock is this thread's own: there is nothing to wait
   // for, and a stop running elsewhere waits for that sync, so waiting for
   // the lifecycle lock could never end. The poll is then asked to end and
   // the stop in progress does the rest; a start holds the lock only briefly.
-  const bool on_poll_thread = on_own_poll_thread();
-  std::unique_lock<std::mutex> lifecycle(lifecycle_mu_, std::defer_lock);
-  if (on_poll_thread) {
-    while (!lifecycle.try_lock()) {
-      if (stopping_.load()) {
-        request_stop();
-        return;
-      }
-      std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
-  } else {
+  if (!on_poll_thread) {
     lifecycle.lock();
+    return true;
   }
+  while (!lifecycle.try_lock()) {
+    if (stopping_.load()) {
+      request_stop();
+      return false;
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  }
+  return true;
+}
+
+void SyncManager::stop_era_thread() {
+  std::shared_ptr<EraThread> era_thread = threads_.take_era_thread();
+  if (!era_thread) return;
+  try {
+    era_thread->stop();
+  } catch (const std::exception& e) {
+    log_warning("Failed to stop era thread: %s", {json::value(e.what())});
+  }
+}
+
+bool SyncManager::wait_for_transition_end() {
+  // A transition ends promptly once stopped; one running on this very
+  // thread (a callback stopping its own manager) cannot be waited for.
+  const EraTransition::EndWait transition_end =
+      transition_.wait_for_end(std::chrono::duration_cast<std::chrono::milliseconds>(TRANSITION_END_WAIT));
+  if (!transition_end.ended) log_warning("Era transition still running while stopping the sync manager");
+  return transition_end.on_transition_thread;
+}
+
+void SyncManager::stop_poll_thread(bool on_poll_thread, bool on_transition_thread) {
+  std::shared_ptr<OwnedThread> poll_thread = threads_.take_poll_thread();
+  // A transition thread holds the file lock, which a sync takes after the
+  // sync lock: waiting for the sync lock here would invert that order (a
+  // sync waiting for the file lock ends on the stop request anyway).
+  std::unique_lock<std::mutex> sync_lock(sync_mu_, std::defer_lock);
+  if (!on_poll_thread && !on_transition_thread) sync_lock.lock();
+  if (poll_thread && !on_poll_thread && !poll_thread->join_for(THREAD_JOIN_TIMEOUT)) {
+    log_warning("Sync poll thread did not stop within %s seconds", {json::value(30)});
+  }
+  if (poll_thread && poll_thread->running()) threads_.keep_stray(std::move(poll_thread));
+  running_.store(false);
+  consumer_lifecycle_started_.store(false);
+}
+
+void SyncManager::stop_internal() {
+  // Everything below observes the stop request: the poll wait, transfers
+  // and backoff waits, the file-lock wait, the era thread's requests.
+  const bool on_poll_thread = threads_.on_poll_thread();
+  std::unique_lock<std::mutex> lifecycle(lifecycle_mu_, std::defer_lock);
+  if (!enter_stop(lifecycle, on_poll_thread)) return;
   stopping_.store(true);
   struct Stopped {
     std::atomic<bool>& flag;
     ~Stopped() { flag.store(false); }
   } stopped{stopping_};
   request_stop();
-
-  std::shared_ptr<EraThread> era_thread;
-  {
-    std::lock_guard<std::mutex> lock(threads_mu_);
-    era_thread = std::exchange(era_thread_, nullptr);
-  }
-  if (era_thread) {
-    try {
-      era_thread->stop();
-    } catch (const std::exception& e) {
-      log_warning("Failed to stop era thread: %s", {json::value(e.what())});
-    }
-  }
-
-  // A transition ends promptly once stopped; one running on this very
-  // thread (a callback stopping its own manager) cannot be waited for.
-  const EraTransition::EndWait transition_end =
-      transition_.wait_for_end(std::chrono::duration_cast<std::chrono::milliseconds>(TRANSITION_END_WAIT));
-  if (!transition_end.ended) log_warning("Era transition still running while stopping the sync manager");
-  const bool on_transition_thread = transition_end.on_transition_thread;
-
-  {
-    std::shared_ptr<OwnedThread> poll_thread;
-    {
-      std::lock_guard<std::mutex> lock(threads_mu_);
-      poll_thread = std::exchange(poll_thread_, nullptr);
-    }
-    // A transition thread holds the file lock, which a sync takes after the
-    // sync lock: waiting for the sync lock here would invert that order (a
-    // sync waiting for the file lock ends on the stop request anyway).
-    std::unique_lock<std::mutex> sync_lock(sync_mu_, std::defer_lock);
-    if (!on_poll_thread && !on_transition_thread) sync_lock.lock();
-    if (poll_thread && !on_poll_thread && !poll_thread->join_for(THREAD_JOIN_TIMEOUT)) {
-      log_warning("Sync poll thread did not stop within %s seconds", {json::value(30)});
-    }
-    if (poll_thread && poll_thread->running()) {
-      std::lock_guard<std::mutex> lock(threads_mu_);
-      stray_poll_threads_.push_back(std::move(poll_thread));
-    }
-    running_.store(false);
-    consumer_lifecycle_started_.store(false);
-  }
-
-  std::vector<OwnedThread> repair_threads;
-  {
-    std::lock_guard<std::mutex> lock(repair_mu_);
-    repair_threads = std::move(repair_threads_);
-    repair_threads_.clear();
-  }
-  for (auto& t : repair_threads) {
-    if (!t.join_for(THREAD_JOIN_TIMEOUT) && !t.is_current()) {
-      log_warning("Background repair did not stop within %s seconds", {json::value(30)});
-    }
-  }
-  std::shared_ptr<OwnedThread> cleanup_thread;
-  {
-    std::lock_guard<std::mutex> lock(cleanup_mu_);
-    cleanup_thread = cleanup_thread_;
-  }
-  if (cleanup_thread) cleanup_thread->join_for(THREAD_JOIN_TIMEOUT);
-
+  stop_era_thread();
+  const bool on_transition_thread = wait_for_transition_end();
+  stop_poll_thread(on_poll_thread, on_transition_thread);
+  workers_.join_all(THREAD_JOIN_TIMEOUT);
   // Foreground calls made from now on run normally again.
   stop_requested_.store(false);
 }
 
-bool SyncManager::is_alive() const {
-  std::lock_guard<std::mutex> lock(threads_mu_);
-  return poll_thread_ && poll_thread_->running();
-}
+bool SyncManager::is_alive() const { return threads_.poll_alive(); }
 
-std::shared_ptr<EraThread> SyncManager::era_thread() const {
-  std::lock_guard<std::mutex> lock(threads_mu_);
-  return era_thread_;
-}
+std::shared_ptr<EraThread> SyncManager::era_thread() const { return threads_.era_thread(); }
 
 void SyncManager::poll_loop(std::uint64_t generation) {
   try {
@@ -330,9 +283,7 @@ void SyncManager::poll_loop(std::uint64_t generation) {
           log_warning("Poll loop iteration failed: %s", {json::value(e.what())});
         }
       }
-      std::unique_lock<std::mutex> lock(stop_mu_);
-      auto stopped = [&] { return stop_event_ || poll_generation_ != generation; };
-      if (stopped() || stop_cv_.wait_for(lock, seconds_of(poll_interval_), stopped)) break;
+      if (threads_.wait_for_stop(generation, seconds_of(poll_interval_))) break;
     }
   } catch (const std::exception& e) {
     log_warning("Sync poll thread stopped by an unexpected error: %s", {json::value(e.what())});
@@ -343,12 +294,7 @@ void SyncManager::poll_loop(std::uint64_t generation) {
 
 void SyncManager::poll_once() {
   if (in_transition()) return;
-  std::vector<std::string> files;
-  {
-    std::lock_guard<std::mutex> lock(repair_mu_);
-    files.swap(repair_queue_);
-  }
-  if (!files.empty()) repair(files);
+  if (std::vector<std::string> files = workers_.take_repair_queue(); !files.empty()) repair(files);
   std::unique_lock<std::mutex> sync_lock(sync_mu_, std::try_to_lock);
   if (!sync_lock.owns_lock()) return;  // a foreground sync is running
   try {
@@ -455,23 +401,17 @@ void SyncManager::report_corruption(const std::string& file_path) {
     throw ValueError("File not in manifest: " + file_path);
   }
   std::shared_ptr<SyncManager> self = shared_from_this();
-  std::lock_guard<std::mutex> lock(repair_mu_);
-  // Checked again under the lock: stop_internal() collects the repair
-  // threads under it after clearing running_.
-  if (!running_.load()) throw StateError(kNotRunning);
-  repair_queue_.push_back(file_path);
-  std::erase_if(repair_threads_, [](const OwnedThread& t) { return !t.running(); });
-  repair_threads_.emplace_back(ThreadName{"tw-sync-repair", ""}, [self] { self->process_repair_queue(); });
+  // Checked again under the workers' lock: stop_internal() collects the
+  // repair threads under it after clearing running_.
+  if (!workers_.queue_repair(file_path, [this] { return running_.load(); },
+                             [self] { self->process_repair_queue(); })) {
+    throw StateError(kNotRunning);
+  }
 }
 
 void SyncManager::process_repair_queue() {
   try {
-    std::vector<std::string> files;
-    {
-      std::lock_guard<std::mutex> lock(repair_mu_);
-      files.swap(repair_queue_);
-    }
-    if (!files.empty()) repair(files);
+    if (std::vector<std::string> files = workers_.take_repair_queue(); !files.empty()) repair(files);
   } catch (const std::exception& e) {
     log_warning("Background repair failed: %s", {json::value(e.what())});
   } catch (...) {

@@ -346,12 +346,12 @@ HttpResponse SyncManager::http_get_public(const std::string& url, std::int64_t r
 }
 
 HostRef SyncManager::manifest_view(const ManifestPtr& manifest) const {
-  std::lock_guard<std::mutex> lock(host_view_mu_);
+  std::lock_guard<std::mutex> lock(state_mu_);
   return manifest && manifest_view_of_ == manifest ? manifest_view_ : HostRef();
 }
 
 void SyncManager::set_manifest_view(ManifestPtr manifest, HostRef view) {
-  std::lock_guard<std::mutex> lock(host_view_mu_);
+  std::lock_guard<std::mutex> lock(state_mu_);
   std::swap(manifest_view_of_, manifest);
   std::swap(manifest_view_, view);
   // The previous view is released after the lock, with the arguments.
@@ -363,10 +363,6 @@ bool SyncManager::try_collect_host_refs(std::vector<const void*>& out) const {
     if (!lock.owns_lock()) return false;
     out.push_back(get_token_.get());
     out.push_back(runtime_freshness_guard_.get());
-  }
-  {
-    std::unique_lock<std::mutex> lock(host_view_mu_, std::try_to_lock);
-    if (!lock.owns_lock()) return false;
     out.push_back(manifest_view_.get());
   }
   if (!era_callbacks_.try_collect(out)) return false;
@@ -383,9 +379,6 @@ void SyncManager::drop_host_refs() {
     std::lock_guard<std::mutex> lock(state_mu_);
     dropped.push_back(std::exchange(get_token_, nullptr));
     dropped.push_back(std::exchange(runtime_freshness_guard_, nullptr));
-  }
-  {
-    std::lock_guard<std::mutex> lock(host_view_mu_);
     dropped.push_back(std::exchange(manifest_view_, nullptr));
     manifest_view_of_.reset();
   }

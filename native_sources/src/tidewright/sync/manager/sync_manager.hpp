@@ -11,6 +11,7 @@
 #include "tidewright/sync/common/owned_thread.hpp"
 #include "tidewright/sync/era/era_thread.hpp"
 #include "tidewright/sync/host/host.hpp"
+#include "tidewright/sync/manager/background_work.hpp"
 #include "tidewright/sync/manager/cleanup.hpp"
 #include "tidewright/sync/manager/directory_lock.hpp"
 #include "tidewright/sync/manager/era_callbacks.hpp"
@@ -20,6 +21,7 @@
 #include "tidewright/sync/manager/results.hpp"
 #include "tidewright/sync/manager/rotation_plan.hpp"
 #include "tidewright/sync/manager/rotation_sync.hpp"
+#include "tidewright/sync/manager/sync_threads.hpp"
 #include "tidewright/sync/manager/transfer_engine.hpp"
 #include "tidewright/sync/manager/vocabulary_memo.hpp"
 #include "tidewright/sync/manifest/manifest.hpp"
@@ -323,10 +325,9 @@ class SyncManager : public std::enable_shared_from_this<SyncManager>, public Era
   std::int64_t sync_max_concurrency_ = 0;      // guarded by state_mu_
   ManifestPtr manifest_;                       // guarded by state_mu_
   std::optional<std::string> status_message_;  // guarded by state_mu_
-
-  mutable std::mutex host_view_mu_;  // a leaf lock
-  ManifestPtr manifest_view_of_;     // guarded by host_view_mu_
-  HostRef manifest_view_;            // guarded by host_view_mu_
+  // The host's view of the held manifest and the manifest it is the view of.
+  ManifestPtr manifest_view_of_;               // guarded by state_mu_
+  HostRef manifest_view_;                      // guarded by state_mu_
 
   std::atomic<bool> running_{false};
 
@@ -354,8 +355,6 @@ class SyncManager : public std::enable_shared_from_this<SyncManager>, public Era
   TmpScanMemo tmp_scan_memo_;  // the pipeline's scans for orphan staging files
   VocabularyMemo vocabulary_memo_;  // what validated_vocabularies() found last
 
-  std::mutex cleanup_mu_;
-  std::shared_ptr<OwnedThread> cleanup_thread_;  // guarded by cleanup_mu_
 
   // ==========================================================================
   // Consumer lifecycle, background threads, era callbacks and era
@@ -363,9 +362,8 @@ class SyncManager : public std::enable_shared_from_this<SyncManager>, public Era
   //
   // Lock order: the class registry lock, consumer_mu_, lifecycle_mu_,
   // an era transition's attempt (EraTransition), sync_mu_, the directory
-  // lock. repair_mu_, coalescing_mu_, stop_mu_, threads_mu_, cleanup_mu_
-  // and the locks inside EraTransition, RotationSync and EraCallbacks are
-  // leaves.
+  // lock. coalescing_mu_ and the locks inside SyncThreads, BackgroundWork,
+  // EraTransition, RotationSync and EraCallbacks are leaves.
   // No thread this class starts ever waits for the registry lock,
   // consumer_mu_ or lifecycle_mu_, so stop_internal() may join them while
   // holding those.
@@ -447,8 +445,17 @@ class SyncManager : public std::enable_shared_from_this<SyncManager>, public Era
   void start_sync_thread();       // REQUIRES: lifecycle_mu_ held
   void start_internal();          // REQUIRES: lifecycle_mu_ held
   void poll_loop(std::uint64_t generation);
-  // The calling thread is one of this manager's poll threads.
-  bool on_own_poll_thread() const;
+  // The steps of stop_internal().
+  // Raises the stop request every wait observes and sets the stop event.
+  void request_stop();
+  // Takes lifecycle_mu_ into `lifecycle`; false when called on a poll thread
+  // while another stop is under way (the stop request is then raised and
+  // that stop does the rest).
+  bool enter_stop(std::unique_lock<std::mutex>& lifecycle, bool on_poll_thread);
+  void stop_era_thread();  // REQUIRES: lifecycle_mu_ held
+  // Waits for a running transition; true when called on its thread.
+  bool wait_for_transition_end();  // REQUIRES: lifecycle_mu_ held
+  void stop_poll_thread(bool on_poll_thread, bool on_transition_thread);  // REQUIRES: lifecycle_mu_ held
   void process_repair_queue();
   // What EraTransition changes of the manager.
   void set_status_message(std::string message);
@@ -464,26 +471,12 @@ class SyncManager : public std::enable_shared_from_this<SyncManager>, public Era
   static void evict_locked(const SyncManager* manager);  // REQUIRES: class_mutex() held
 
   std::mutex lifecycle_mu_;  // serialises starting and stopping the threads
-  mutable std::mutex threads_mu_;  // leaf; guards the two pointers below
-  std::shared_ptr<OwnedThread> poll_thread_;  // written under lifecycle_mu_ and threads_mu_
-  // Poll threads that a stop could not wait for; joined once they have ended.
-  std::vector<std::shared_ptr<OwnedThread>> stray_poll_threads_;  // guarded by threads_mu_
-  std::shared_ptr<EraThread> era_thread_;     // written under lifecycle_mu_ and threads_mu_
+  SyncThreads threads_;      // the poll thread, its stop event and the era thread
   std::atomic<bool> consumer_lifecycle_started_{false};
   std::atomic<bool> stopping_{false};  // a stop holds lifecycle_mu_
   std::atomic<bool> shut_down_{false};  // set at interpreter exit; never cleared
 
-  // The poll thread's stop event ("_stop_event").
-  std::mutex stop_mu_;
-  std::condition_variable stop_cv_;
-  bool stop_event_ = false;  // guarded by stop_mu_
-  // Which start a poll thread belongs to: one of an earlier start ends even
-  // when a later start has cleared the stop event.
-  std::uint64_t poll_generation_ = 0;  // guarded by stop_mu_
-
-  std::mutex repair_mu_;
-  std::vector<std::string> repair_queue_;      // guarded by repair_mu_
-  std::vector<OwnedThread> repair_threads_;    // guarded by repair_mu_
+  BackgroundWork workers_;  // repairs of reported files and the old-era cleanup
 
   // The sync that request_for_sync callers arriving meanwhile wait for.
   // How long a request that arrives during request_for_sync waits for it.
