@@ -358,7 +358,7 @@ class SyncManager : public std::enable_shared_from_this<SyncManager>, public Era
 
   // ==========================================================================
   // Consumer lifecycle, background threads, era callbacks and era
-  // transitions (lifecycle.cpp, transition.cpp).
+  // transitions (lifecycle.cpp, era_transition.cpp).
   //
   // Lock order: the class registry lock, consumer_mu_, lifecycle_mu_,
   // an era transition's attempt (EraTransition), sync_mu_, the directory
