@@ -18,6 +18,8 @@
 #include "tidewright/sync/transport/http_request.hpp"
 #include "tidewright/sync/transport/settings.hpp"
 
+#include <malloc.h>
+
 #include <exception>
 #include <mutex>
 #include <optional>
@@ -581,8 +583,11 @@ class SyncPipeline {
       }
     }
     // The jobs are done with: their memory goes back before the era
-    // artifacts are read and the manifest is written.
+    // artifacts are read and the manifest is written, and so does what the
+    // workers' allocator arenas kept of the download's buffers (free pages
+    // they would otherwise hold on to until the process ends).
     DownloadSet().swap(plan.jobs);
+    malloc_trim(0);
     m_.download_signals_index(*server.manifest, result);
     exclude_missing_found_pnl(server.manifest);
     Manifest& manifest = *server.manifest;
