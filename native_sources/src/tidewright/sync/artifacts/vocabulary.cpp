@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <set>
+#include <utility>
 
 namespace tidewright::sync {
 
@@ -82,32 +83,33 @@ void validate_no_retired_function_tokens(const json::object& vocabulary, const M
                   "; regenerate the era distribution with DB-token vocabulary");
 }
 
-json::object validate_vocabulary_data(const json::value& vocabulary, std::int64_t expected_era_number,
-                                      const std::optional<std::string>& named_universe,
-                                      const ManifestSiblings& siblings) {
-  if (!vocabulary.is_object()) throw SyncError("vocabulary.json must contain a JSON object");
-  json::object copy = vocabulary.get_object();  // metadata copied with it
+namespace {
+
+// Throws the error of the first check `vocabulary` fails; it is left as it
+// is, so that it is the validated form when this returns.
+void check_vocabulary_object(const json::object& vocabulary, std::int64_t expected_era_number,
+                             const std::optional<std::string>& named_universe, const ManifestSiblings& siblings) {
   std::vector<std::string> missing;
   for (const auto& key : REQUIRED_VOCABULARY_KEYS) {
-    if (!copy.contains(key)) missing.push_back(key);
+    if (!vocabulary.contains(key)) missing.push_back(key);
   }
-  if (!copy.contains("era_number")) missing.emplace_back("era_number");
+  if (!vocabulary.contains("era_number")) missing.emplace_back("era_number");
   if (!missing.empty()) {
     std::sort(missing.begin(), missing.end());
     json::array listed;
     for (auto& m : missing) listed.emplace_back(m);
     throw SyncError("vocabulary.json missing required keys: " + python_repr(json::value(listed)));
   }
-  const json::value& era = copy.at("era_number");
+  const json::value& era = vocabulary.at("era_number");
   if (!json_equals_int(era, expected_era_number)) {
     throw EraError("vocabulary.json era_number=" + text_form(era) + " does not match manifest era_number=" +
                    std::to_string(expected_era_number));
   }
-  const json::value& metadata = copy.at("metadata");
+  const json::value& metadata = vocabulary.at("metadata");
   if (!metadata.is_object()) throw SyncError("vocabulary.json metadata must be an object");
-  validate_named_universe(copy.at("named_universe"));
+  validate_named_universe(vocabulary.at("named_universe"));
   if (named_universe) {
-    const json::value& top = copy.at("named_universe");
+    const json::value& top = vocabulary.at("named_universe");
     if (!top.is_string() || top.get_string() != *named_universe) {
       throw SyncError("vocabulary.json named_universe does not match manifest path " +
                       python_repr(std::string_view(*named_universe)));
@@ -118,8 +120,25 @@ json::object validate_vocabulary_data(const json::value& vocabulary, std::int64_
                       python_repr(std::string_view(*named_universe)));
     }
   }
-  validate_no_retired_function_tokens(copy, siblings);
-  return copy;
+  validate_no_retired_function_tokens(vocabulary, siblings);
+}
+
+}  // namespace
+
+json::object validate_vocabulary_data(const json::value& vocabulary, std::int64_t expected_era_number,
+                                      const std::optional<std::string>& named_universe,
+                                      const ManifestSiblings& siblings) {
+  if (!vocabulary.is_object()) throw SyncError("vocabulary.json must contain a JSON object");
+  check_vocabulary_object(vocabulary.get_object(), expected_era_number, named_universe, siblings);
+  return vocabulary.get_object();  // the caller's object stays as it was
+}
+
+json::object validate_vocabulary_data(json::value&& vocabulary, std::int64_t expected_era_number,
+                                      const std::optional<std::string>& named_universe,
+                                      const ManifestSiblings& siblings) {
+  if (!vocabulary.is_object()) throw SyncError("vocabulary.json must contain a JSON object");
+  check_vocabulary_object(vocabulary.get_object(), expected_era_number, named_universe, siblings);
+  return std::move(vocabulary.get_object());
 }
 
 json::object validate_vocabulary_bytes(std::string_view data, std::int64_t expected_era_number,
@@ -131,7 +150,8 @@ json::object validate_vocabulary_bytes(std::string_view data, std::int64_t expec
   } catch (const JsonParseError& e) {
     throw SyncError(std::string("vocabulary.json is not valid JSON: ") + e.what());
   }
-  return validate_vocabulary_data(parsed, expected_era_number, named_universe, siblings);
+  // The parsed form becomes the validated one: a vocabulary is held once.
+  return validate_vocabulary_data(std::move(parsed), expected_era_number, named_universe, siblings);
 }
 
 json::object validate_vocabulary_file(const std::string& path, std::int64_t expected_era_number,

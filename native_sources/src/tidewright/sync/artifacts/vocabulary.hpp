@@ -36,6 +36,11 @@ void validate_no_retired_function_tokens(const json::object& vocabulary, const M
 json::object validate_vocabulary_data(const json::value& vocabulary, std::int64_t expected_era_number,
                                       const std::optional<std::string>& named_universe,
                                       const ManifestSiblings& siblings);
+// The same for a vocabulary the caller gives up: validated in place and
+// returned without a copy.
+json::object validate_vocabulary_data(json::value&& vocabulary, std::int64_t expected_era_number,
+                                      const std::optional<std::string>& named_universe,
+                                      const ManifestSiblings& siblings);
 json::object validate_vocabulary_bytes(std::string_view data, std::int64_t expected_era_number,
                                        const std::optional<std::string>& named_universe,
                                        const ManifestSiblings& siblings);

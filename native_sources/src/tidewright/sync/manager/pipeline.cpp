@@ -18,6 +18,8 @@
 #include "tidewright/sync/transport/http_request.hpp"
 #include "tidewright/sync/transport/settings.hpp"
 
+#include <malloc.h>
+
 #include <exception>
 #include <mutex>
 #include <optional>
@@ -50,16 +52,21 @@ std::optional<std::string> manifest_hash_from(const json::object& body) {
   return std::nullopt;
 }
 
-// Counts of distinct pool groups ("<dir>/<pool>/<id>") under `dir`.
-template <typename Paths>
-std::int64_t distinct_groups(const Paths& paths, std::string_view dir, const EpochNames& epochs) {
+// Counts of distinct pool groups ("<dir>/<pool>/<id>") under `dir`, of the
+// paths `path_of` reads off the items of `items`.
+template <typename Items, typename PathOf>
+std::int64_t distinct_groups(const Items& items, PathOf path_of, std::string_view dir, const EpochNames& epochs) {
+  const std::string prefix = std::string(dir) + "/";
   std::set<std::string> groups;
-  for (const auto& path : paths) {
-    std::optional<std::string> key = agent_signal_group_key(path, "", epochs);
-    if (key && key->rfind(std::string(dir) + "/", 0) == 0) groups.insert(*key);
+  for (const auto& item : items) {
+    std::optional<std::string> key = agent_signal_group_key(path_of(item), "", epochs);
+    if (key && key->rfind(prefix, 0) == 0) groups.insert(std::move(*key));
   }
   return static_cast<std::int64_t>(groups.size());
 }
+
+std::string_view key_of(const json::key_value_pair& kv) { return kv.key(); }
+std::string_view path_of(const DownloadJob& job) { return job.path; }
 
 std::int64_t count_features(const Manifest& manifest, const ManifestSiblings& siblings) {
   std::int64_t n = 0;
@@ -165,13 +172,6 @@ std::string listed_briefly(const std::set<std::string>& paths) {
   return text;
 }
 
-std::vector<std::string> keys_of(const json::object& files) {
-  std::vector<std::string> out;
-  out.reserve(files.size());
-  for (const auto& kv : files) out.emplace_back(kv.key());
-  return out;
-}
-
 }  // namespace
 
 SyncResult SyncManager::sync() {
@@ -255,7 +255,6 @@ class SyncPipeline {
   struct DownloadPlan {
     SyncResult result;
     DownloadSet jobs;
-    std::vector<std::string> paths;
     std::vector<std::string> vocabulary_paths;
     std::int64_t needed_bytes = 0;
   };
@@ -475,17 +474,20 @@ class SyncPipeline {
       std::string local_path = locals.resolve(path);
       const json::value* local_info = same_era_local ? local->files().if_contains(path) : nullptr;
       if (local_copy_is_current(path, local_path, kv.value(), local_info)) continue;
-      plan.paths.push_back(path);
-      plan.jobs.push_back(DownloadJob::for_manifest(manifest, path, kv.value()));
+      plan.jobs.push_back(DownloadJob::for_manifest(manifest, std::move(path), kv.value()));
     }
 
     // Space. The vocabularies are downloaded at the commit, through the same
     // staging files: a partial one left by an interrupted sync is resumed there.
-    std::vector<std::string> resumable = plan.paths;
     plan.vocabulary_paths = vocabulary_manifest_paths(manifest.files());
-    resumable.insert(resumable.end(), plan.vocabulary_paths.begin(), plan.vocabulary_paths.end());
-    cleanup_sync_tmp_files(m_.data_dir_, resumable, &m_.tmp_scan_memo_,
-                           {&manifest.files(), local ? &local->files() : nullptr});
+    {
+      std::vector<std::string> resumable;
+      resumable.reserve(plan.jobs.size() + plan.vocabulary_paths.size());
+      for (const auto& job : plan.jobs) resumable.push_back(job.path);
+      resumable.insert(resumable.end(), plan.vocabulary_paths.begin(), plan.vocabulary_paths.end());
+      cleanup_sync_tmp_files(m_.data_dir_, resumable, &m_.tmp_scan_memo_,
+                             {&manifest.files(), local ? &local->files() : nullptr});
+    }
     plan.needed_bytes = require_disk_space(m_.data_dir_, plan.jobs, manifest.files(), server.free_bytes, siblings_);
     return plan;
   }
@@ -567,6 +569,8 @@ class SyncPipeline {
   // The downloaded files told to the freshness guard, the era artifacts
   // fetched, then the commit.
   SyncResult commit_downloads(ServerManifest& server, DownloadPlan& plan) {
+    SyncResult& result = plan.result;
+    result.useful_signals_downloaded = distinct_groups(plan.jobs, path_of, "useful_signals", siblings_.epochs);
     if (HostRef guard = m_.runtime_freshness_guard()) {
       for (const auto& job : plan.jobs) {
         json::object kwargs;
@@ -578,12 +582,16 @@ class SyncPipeline {
         host().call_method(guard, "record_sync_update", {}, kwargs);
       }
     }
-    SyncResult& result = plan.result;
+    // The jobs are done with: their memory goes back before the era
+    // artifacts are read and the manifest is written, and so does what the
+    // workers' allocator arenas kept of the download's buffers (free pages
+    // they would otherwise hold on to until the process ends).
+    DownloadSet().swap(plan.jobs);
+    malloc_trim(0);
     m_.download_signals_index(*server.manifest, result);
     exclude_missing_found_pnl(server.manifest);
     Manifest& manifest = *server.manifest;
     load_manifest_signals_index(m_.data_dir_, manifest);
-    result.useful_signals_downloaded = distinct_groups(plan.paths, "useful_signals", siblings_.epochs);
     bool vocabulary_due = false;
     try {
       m_.validated_vocabularies(manifest);
@@ -593,9 +601,8 @@ class SyncPipeline {
     if (vocabulary_due) result.vocabulary_downloaded = m_.download_vocabulary(manifest);
     for (const auto& path : plan.vocabulary_paths) remove_manifest_tmp_file(m_.data_dir_, path);  // not needed after all
     result.shuffle_seed_downloaded = m_.download_shuffle_seed(manifest);
-    std::vector<std::string> all_paths = keys_of(manifest.files());
-    result.n_useful_signals = distinct_groups(all_paths, "useful_signals", siblings_.epochs);
-    result.n_found_strategies = distinct_groups(all_paths, "found_strategies", siblings_.epochs);
+    result.n_useful_signals = distinct_groups(manifest.files(), key_of, "useful_signals", siblings_.epochs);
+    result.n_found_strategies = distinct_groups(manifest.files(), key_of, "found_strategies", siblings_.epochs);
     Commit commit;
     commit.manifest = server.manifest;
     commit.body_sha = server.body_sha;
