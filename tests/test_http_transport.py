@@ -3,7 +3,6 @@ retry loop with its reports, failures of the exchange, the curl program
 transport, TLS verification and streaming downloads."""
 
 import json
-import logging
 import os
 import sys
 import threading
@@ -128,35 +127,10 @@ def fast_backoff(monkeypatch):
     monkeypatch.setattr(SyncBackoffPolicy, "delay_seconds", classmethod(lambda cls, attempt_index: 0.01))
 
 
-@pytest.fixture
-def events():
-    """The sync events logged during the test, as dicts."""
-    logger = logging.getLogger("tidewright.sync")
-    seen = []
-
-    class Collect(logging.Handler):
-        def emit(self, record):
-            event = getattr(record, "tidewright_sync_event", None)
-            if event is not None:
-                seen.append(dict(event, _level=record.levelname))
-
-    handler = Collect()
-    old_level = logger.level
-    logger.addHandler(handler)
-    logger.setLevel(logging.DEBUG)
-    yield seen
-    logger.removeHandler(handler)
-    logger.setLevel(old_level)
-
-
-def of_type(events, event_type):
-    return [e for e in events if e["event_type"] == event_type]
-
-
-def stop_after_retries(events, count=1):
+def stop_after_retries(logged, count=1):
     """A stop test that turns true once `count` http_retry events were logged
     (or after a bound, so that a missing event fails the test)."""
-    return stop_when(lambda: len(of_type(events, "http_retry")) >= count)
+    return stop_when(lambda: len(logged.of_type("http_retry")) >= count)
 
 
 # -- building requests ---------------------------------------------------------
@@ -205,23 +179,23 @@ def test_refused_urls_and_callback_errors_reach_the_caller_unchanged(server, mon
 # -- the retry loop --------------------------------------------------------------
 
 
-def test_non_transient_statuses_are_returned(server, events):
+def test_non_transient_statuses_are_returned(server, logged):
     url = server.script(reply(404, b'{"error_code": "not_found"}', [("X-Why", "gone")]))
     status, headers, body = sync._http_get(url, TOKEN)
     assert (status, headers["X-Why"], body) == (404, "gone", b'{"error_code": "not_found"}')
     assert len(server.requests_for(url)) == 1
-    assert events == []
+    assert logged.events == []
 
 
-def test_transient_status_is_retried_with_one_outage_and_one_recovery_report(server, events, fast_backoff):
+def test_transient_status_is_retried_with_one_outage_and_one_recovery_report(server, logged, fast_backoff):
     url = server.script(reply(503, b'{"error_code": "busy", "dependency": "storage"}'), reply(200, b"payload"))
     status, _, body = sync._http_get(url, TOKEN)
     assert (status, body) == (200, b"payload")
 
     label = urlsplit(url).path.split("/data/files/")[1]
-    assert [e["event_type"] for e in events] == [
+    assert [e["event_type"] for e in logged.events] == [
         "sync_unavailable_status", "http_retry", "sync_backoff_wait", "sync_recovered_status"]
-    outage, retry, wait, recovered = events
+    outage, retry, wait, recovered = logged.events
     assert outage["file"] == retry["file"] == wait["file"] == label
     assert (outage["statuses"], outage["error_code"], outage["dependency"]) == ([503], "busy", "storage")
     assert (retry["count"], retry["reason"], retry["status"], retry["error_code"]) == (1, "http_503", 503, "busy")
@@ -229,7 +203,7 @@ def test_transient_status_is_retried_with_one_outage_and_one_recovery_report(ser
     assert recovered["_level"] == "INFO"
 
 
-def test_server_refusing_retries_raises_after_the_first_attempt(server, events):
+def test_server_refusing_retries_raises_after_the_first_attempt(server, logged):
     url = server.script(reply(503, json.dumps({"retryable": False, "error_code": "maintenance",
                                                "recovery": "wait", "reason": "upgrade"}).encode()))
     with pytest.raises(sync.SyncUnavailableError) as info:
@@ -240,10 +214,10 @@ def test_server_refusing_retries_raises_after_the_first_attempt(server, events):
     assert (err.server_error_code, err.recovery, err.reason, err.typed_details) == ("maintenance", "wait", "upgrade", True)
     assert "retryable=False" in str(err)
     assert len(server.requests_for(url)) == 1
-    assert events == []
+    assert logged.events == []
 
 
-def test_broken_exchanges_are_retried_and_labelled_by_class(server, events, fast_backoff):
+def test_broken_exchanges_are_retried_and_labelled_by_class(server, logged, fast_backoff):
     url = server.script(
         raw(b"HTTP/1.1 abc\r\n\r\n"),                          # malformed status line
         raw(b"SPEAK HTTP PLEASE\r\n\r\n"),                     # no status line at all
@@ -255,21 +229,21 @@ def test_broken_exchanges_are_retried_and_labelled_by_class(server, events, fast
     status, headers, body = sync._http_get_public(url)
     assert (status, body, headers["X-Odd"]) == (200, b"finally", "padded")
 
-    retries = of_type(events, "http_retry")
+    retries = logged.of_type("http_retry")
     assert [r["reason"] for r in retries] == [
         "BadStatusLine", "BadStatusLine", "IncompleteRead", "RemoteDisconnected", "http_502"]
     assert [r["count"] for r in retries] == [1, 2, 3, 4, 5]
     assert retries[0]["dependency"] == "network" and retries[-1]["error_code"] is None
-    [recovered] = of_type(events, "sync_recovered_status")
+    [recovered] = logged.of_type("sync_recovered_status")
     assert recovered["failures"] == ["BadStatusLine", "BadStatusLine", "IncompleteRead", "RemoteDisconnected"]
     assert recovered["statuses"] == [502]
-    assert len(of_type(events, "sync_unavailable_status")) == 1
+    assert len(logged.of_type("sync_unavailable_status")) == 1
 
 
-def test_statuses_and_failures_keep_the_last_twenty(server, events, fast_backoff):
+def test_statuses_and_failures_keep_the_last_twenty(server, logged, fast_backoff):
     url = server.script(*([reply(503)] * 25 + [raw(b"")] * 22 + [reply(200, b"x")]))
     assert sync._http_get(url, TOKEN)[0] == 200
-    [recovered] = of_type(events, "sync_recovered_status")
+    [recovered] = logged.of_type("sync_recovered_status")
     assert recovered["statuses"] == [503] * 20
     assert recovered["failures"] == ["RemoteDisconnected"] * 20
 
@@ -280,18 +254,18 @@ def test_statuses_and_failures_keep_the_last_twenty(server, events, fast_backoff
     assert values == []
 
 
-def test_body_read_has_a_total_deadline(server, events):
+def test_body_read_has_a_total_deadline(server, logged):
     url = server.script(dribble)
     request = urllib.request.Request(url)
-    with backoff_context(stop_requested=stop_after_retries(events)):
+    with backoff_context(stop_requested=stop_after_retries(logged)):
         with pytest.raises(SyncBackoffCancelled):
             sync._request_with_sync_retries(request, 0.5)
-    [retry] = of_type(events, "http_retry")
+    [retry] = logged.of_type("http_retry")
     assert retry["reason"] == "TimeoutError"
-    assert of_type(events, "sync_unavailable_status")[0]["_level"] == "ERROR"  # a timeout outage
+    assert logged.of_type("sync_unavailable_status")[0]["_level"] == "ERROR"  # a timeout outage
 
 
-def test_silent_server_is_abandoned_promptly_on_stop(server, events, fast_backoff):
+def test_silent_server_is_abandoned_promptly_on_stop(server, logged, fast_backoff):
     url = server.script(reply(503), hang)
     stop_at = []
 
@@ -315,7 +289,7 @@ def test_silent_server_is_abandoned_promptly_on_stop(server, events, fast_backof
     worker.start()
     worker.join(20)
     assert not worker.is_alive() and len(outcome) == 1
-    assert len(of_type(events, "http_retry")) == 1
+    assert len(logged.of_type("http_retry")) == 1
     assert len(server.requests_for(url)) == 2
 
 
@@ -473,18 +447,18 @@ def test_curl_is_chosen_only_for_public_https_requests(fake_curl, server):
     assert sync._find_curl_binary() != str(fake_curl.path)
 
 
-def test_curl_statuses_and_failures_look_like_the_in_process_client(fake_curl, events, fast_backoff):
+def test_curl_statuses_and_failures_look_like_the_in_process_client(fake_curl, logged, fast_backoff):
     fake_curl.answer(404, '{"error_code": "missing"}', exit_code=22)
     status, _, body = sync._http_get_public(DATA_URL)
     assert (status, body) == (404, b'{"error_code": "missing"}')
 
     fake_curl.answer(0, stderr="curl: (7) Failed to connect to data.tidewright.io port 443", exit_code=7)
-    with backoff_context(stop_requested=stop_after_retries(events)):
+    with backoff_context(stop_requested=stop_after_retries(logged)):
         with pytest.raises(SyncBackoffCancelled):
             sync._http_get_public(DATA_URL)
-    [outage] = of_type(events, "sync_unavailable_status")
+    [outage] = logged.of_type("sync_unavailable_status")
     assert outage["failures"] == ["URLError"]
-    assert of_type(events, "http_retry")[0]["reason"] == "URLError"
+    assert logged.of_type("http_retry")[0]["reason"] == "URLError"
 
 
 def test_curl_download_streams_a_successful_body_into_the_file(fake_curl, tmp_path):
@@ -547,7 +521,7 @@ BODY_SIZES = {
 
 @pytest.mark.parametrize("answer, taken", BODY_SIZES.values(), ids=BODY_SIZES.keys())
 @pytest.mark.parametrize("path", SMALL_ANSWERS)
-def test_small_answers_are_refused_past_their_cap_and_never_retried(raw_server, events, path, answer, taken):
+def test_small_answers_are_refused_past_their_cap_and_never_retried(raw_server, logged, path, answer, taken):
     url = raw_server.route(path, answer(MIB))
     if taken:
         status, _, body = sync._http_get(url, TOKEN)
@@ -558,7 +532,7 @@ def test_small_answers_are_refused_past_their_cap_and_never_retried(raw_server, 
     assert url in str(info.value) and str(MIB) in str(info.value), str(info.value)
     assert (info.value.status, info.value.file_path) == (200, None)
     assert len(raw_server.requests_for(path)) == 1
-    assert of_type(events, "http_retry") == []
+    assert logged.of_type("http_retry") == []
 
 
 def test_bodies_in_memory_have_a_generous_cap_and_error_bodies_a_small_one(raw_server):
@@ -571,12 +545,12 @@ def test_bodies_in_memory_have_a_generous_cap_and_error_bodies_a_small_one(raw_s
     assert (status, len(body)) == (404, MIB)
 
 
-def test_endless_body_through_curl_is_refused_at_its_cap(fake_curl, events):
+def test_endless_body_through_curl_is_refused_at_its_cap(fake_curl, logged):
     fake_curl.misbehave("endless")
     url = "https://data.tidewright.io/data/manifest/version"
     with pytest.raises(sync.PermanentDownloadError, match=f"exceeds {MIB} bytes"):
         sync._http_get_public(url)
-    assert of_type(events, "http_retry") == []
+    assert logged.of_type("http_retry") == []
 
 
 def _trickle_in_process(raw_server, fake_curl, tmp_path):
@@ -593,17 +567,17 @@ def _trickle_through_curl(raw_server, fake_curl, tmp_path):
 
 
 @pytest.mark.parametrize("setup", [_trickle_in_process, _trickle_through_curl], ids=["in-process", "curl"])
-def test_a_head_trickled_line_by_line_ends_at_the_header_deadline(raw_server, fake_curl, tmp_path, events,
+def test_a_head_trickled_line_by_line_ends_at_the_header_deadline(raw_server, fake_curl, tmp_path, logged,
                                                                   fast_backoff, header_deadline, setup):
     # A header line every 0.1 s is progress for the 30 s no-progress
     # timeout; only the deadline on the whole head ends the request.
     header_deadline(0.5)
     get, download = setup(raw_server, fake_curl, tmp_path)
-    with backoff_context(stop_requested=stop_after_retries(events, 2)):
+    with backoff_context(stop_requested=stop_after_retries(logged, 2)):
         with pytest.raises(SyncBackoffCancelled):
             get()
-    assert [e["reason"] for e in of_type(events, "http_retry")] == ["TimeoutError"] * 2
-    assert of_type(events, "sync_unavailable_status")[0]["failures"] == ["TimeoutError"]  # an outage
+    assert [e["reason"] for e in logged.of_type("http_retry")] == ["TimeoutError"] * 2
+    assert logged.of_type("sync_unavailable_status")[0]["failures"] == ["TimeoutError"]  # an outage
 
     with pytest.raises(ConnectionError, match="response headers not complete within 0.5 s"):
         download()
