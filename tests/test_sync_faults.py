@@ -176,6 +176,36 @@ def test_a_file_that_keeps_failing_its_checksum_ends_the_sync(svc, tmp_path, cap
     assert_in_step(svc, tmp_path)
 
 
+# A checksum mismatch asks the version endpoint whether the file moved on.
+# A probe that fails or says nothing usable leaves the file to be repaired
+# under the manifest in hand; a refused token ends the sync, and the corrupt
+# staging bytes never reach the file's place.
+@pytest.mark.parametrize("fault", [
+    dict(kind="status", status=404),
+    dict(kind="status", status=200, body=b"no json"),
+    dict(kind="status", status=200, body=[1]),
+    dict(kind="bad_status_line"),
+    dict(kind="reset", after_bytes=0),
+], ids=["404", "not-json", "not-an-object", "bad-status-line", "reset"])
+def test_a_version_probe_that_tells_nothing_leaves_the_file_repaired(svc, tmp_path, fault):
+    svc.add_fault(BIG_URL_PATH, "corrupt")
+    svc.on_request(BIG_URL_PATH, lambda: svc.add_fault("/data/manifest/version", **fault))
+    m, _ = synced(svc, tmp_path)
+    assert fault["kind"] in [r.fault for r in svc.requests_for("/data/manifest/version")]
+    assert range_starts(svc, BIG) == [0, CHUNK, 2 * CHUNK, 3 * CHUNK] * 2
+    assert m.verify().valid
+
+
+def test_a_version_probe_refusing_the_token_ends_the_sync(svc, tmp_path):
+    svc.add_fault(BIG_URL_PATH, "corrupt")
+    svc.on_request(BIG_URL_PATH, lambda: svc.add_fault("/data/manifest/version", "status", status=401))
+    m = manager(svc, tmp_path)
+    with request_budget(svc), pytest.raises(tidewright.auth.AuthError, match="probing manifest version: HTTP 401"):
+        m.sync()
+    assert m.get_manifest() is None and not (tmp_path / BIG).exists()
+    synced(svc, tmp_path)
+
+
 def test_partial_download_resumes_in_the_next_sync(svc, tmp_path):
     orphan = tmp_path / "features" / "top200" / "gone.arrow.tmp"
     orphan.parent.mkdir(parents=True)
