@@ -196,6 +196,21 @@ def test_a_version_probe_that_tells_nothing_leaves_the_file_repaired(svc, tmp_pa
     assert m.verify().valid
 
 
+@pytest.mark.parametrize("fault", [
+    dict(kind="status", status=404),
+    dict(kind="status", status=200, body=b"no json"),
+    dict(kind="status", status=200, body=[1]),
+    dict(kind="status", status=200, body={"era_number": 1}),
+], ids=["404", "not-json", "not-an-object", "no-version"])
+def test_needs_sync_answers_yes_when_the_version_probe_tells_nothing(svc, tmp_path, fault):
+    m, _ = synced(svc, tmp_path)
+    assert not m.needs_sync()
+    svc.add_fault("/data/manifest/version", **fault)
+    with request_budget(svc):
+        assert m.needs_sync()
+    assert m.verify().valid  # asking changed nothing on disk
+
+
 def test_a_version_probe_refusing_the_token_ends_the_sync(svc, tmp_path):
     svc.add_fault(BIG_URL_PATH, "corrupt")
     svc.on_request(BIG_URL_PATH, lambda: svc.add_fault("/data/manifest/version", "status", status=401))
