@@ -240,6 +240,14 @@ def test_partial_download_resumes_in_the_next_sync(svc, tmp_path):
     assert not orphan.exists()
 
 
+def test_a_staging_file_longer_than_the_file_is_started_over(svc, tmp_path):
+    staging = tmp_path / (BIG + ".tmp")
+    staging.parent.mkdir(parents=True)
+    staging.write_bytes(b"\0" * (BIG_BYTES + 10))  # not a prefix of the file whatever it holds
+    synced(svc, tmp_path)
+    assert range_starts(svc, BIG) == [0, CHUNK, 2 * CHUNK, 3 * CHUNK]
+
+
 def test_partial_download_of_a_file_changed_since_starts_over(svc, tmp_path):
     svc.add_fault(BIG_URL_PATH, "truncate", after_bytes=10_000)
     svc.add_fault(BIG_URL_PATH, "status", status=400)
