@@ -1,5 +1,6 @@
 """Shared fixtures: the reference data service, started per test on 127.0.0.1."""
 
+import logging
 import pathlib
 import sys
 
@@ -79,3 +80,45 @@ def stopped_managers():
         manager._stop_internal()
     for key in list(sync.SyncManager._instances):
         sync.SyncManager._evict(key)
+
+
+class _LogCollector(logging.Handler):
+    """Every record (``records``); those carrying a sync event (``sync_records``)
+    and their events as dicts with the record's ``_level`` (``events``)."""
+
+    def __init__(self):
+        super().__init__(level=logging.DEBUG)
+        self.records, self.sync_records, self.events = [], [], []
+        self._seen = set()  # ids of the records kept (alive, so unique)
+
+    def emit(self, record):
+        if id(record) in self._seen:  # reached through two loggers
+            return
+        self._seen.add(id(record))
+        self.records.append(record)
+        event = getattr(record, "tidewright_sync_event", None)
+        if event is not None:
+            self.sync_records.append(record)
+            self.events.append(dict(event, _level=record.levelname))
+
+    def of_type(self, event_type):
+        return [e for e in self.events if e["event_type"] == event_type]
+
+
+@pytest.fixture
+def logged():
+    """What every logger logs, at DEBUG, while the test runs (lists that grow as it does)."""
+    loggers = [logging.getLogger()] + [logging.getLogger(name) for name in list(logging.root.manager.loggerDict)]
+    levels = [(lg, lg.level) for lg in loggers]
+    for lg in loggers:
+        lg.setLevel(logging.DEBUG)
+    collector = _LogCollector()
+    # The CLI stops "tidewright.sync" propagating while it runs.
+    targets = [logging.getLogger(), logging.getLogger("tidewright.sync")]
+    for lg in targets:
+        lg.addHandler(collector)
+    yield collector
+    for lg in targets:
+        lg.removeHandler(collector)
+    for lg, level in levels:
+        lg.setLevel(level)

@@ -17,6 +17,7 @@ stops or the client goes away.
 import socket
 import threading
 import time
+import uuid
 from urllib.parse import urlsplit
 
 _HEAD_LIMIT = 64 * 1024
@@ -84,12 +85,21 @@ class RawHttpServer:
             self._routes[path] = list(actions)
         return self.url(path)
 
+    def script(self, *actions):
+        """A fresh file path answered by ``actions`` as ``route`` does; returns its URL."""
+        return self.route(f"/data/files/{uuid.uuid4().hex}.bin", *actions)
+
     def url(self, path=""):
         return f"http://127.0.0.1:{self._listener.getsockname()[1]}{path}"
 
     def requests_for(self, path):
+        """Requests for ``path`` (or a URL of it) as (method, path, headers)."""
+        path = urlsplit(path).path
         with self._lock:
             return [r for r in self.requests if r[1] == path]
+
+    def headers_for(self, path):
+        return [headers for _, _, headers in self.requests_for(path)]
 
     def start(self):
         self._started = time.monotonic()

@@ -3,14 +3,11 @@ retry loop with its reports, failures of the exchange, the curl program
 transport, TLS verification and streaming downloads."""
 
 import json
-import logging
 import os
 import sys
 import threading
 import time
 import urllib.request
-import uuid
-from http.server import BaseHTTPRequestHandler, ThreadingHTTPServer
 from urllib.parse import urlsplit
 
 import pytest
@@ -27,100 +24,32 @@ MIB = 1 << 20
 # -- a scripted server ---------------------------------------------------------
 
 
-def reply(status, body=b"", headers=()):
-    def act(handler):
-        handler.send_response(status)
-        for name, value in headers:
-            handler.send_header(name, value)
-        handler.send_header("Content-Length", str(len(body)))
-        handler.end_headers()
-        handler.wfile.write(body)
-    return act
-
-
 def raw(data):
     """Bytes as they are, then the connection closes."""
-    def act(handler):
-        handler.wfile.write(data)
-        handler.close_connection = True
-    return act
+    return lambda ex: ex.send(data)
 
 
 def short_body(announced, body):
     return raw(b"HTTP/1.1 200 OK\r\nContent-Length: %d\r\n\r\n%s" % (announced, body))
 
 
-def hang(handler):
+def hang(ex):
     """Accept the request and never answer."""
-    handler.server.stop_event.wait(30)
-    handler.close_connection = True
+    ex.wait(30)
 
 
-def dribble(handler):
+def dribble(ex):
     """Headers at once, then one byte every 50 ms."""
-    handler.wfile.write(b"HTTP/1.1 200 OK\r\nContent-Length: 1000\r\n\r\n")
+    ex.send(b"HTTP/1.1 200 OK\r\nContent-Length: 1000\r\n\r\n")
     for _ in range(100):
-        if handler.server.stop_event.wait(0.05):
-            break
-        handler.wfile.write(b"x")
-        handler.wfile.flush()
-    handler.close_connection = True
-
-
-class _Handler(BaseHTTPRequestHandler):
-    protocol_version = "HTTP/1.1"
-
-    def do_GET(self):  # noqa: N802 - the stdlib's name
-        server = self.server
-        path = urlsplit(self.path).path
-        with server.lock:
-            server.requests.append((path, dict(self.headers)))
-            actions = server.scripts.get(path)
-            action = (actions.pop(0) if len(actions) > 1 else actions[0]) if actions else reply(404, b"unscripted")
-        try:
-            action(self)
-        except OSError:
-            self.close_connection = True
-
-    def log_message(self, *args):
-        pass
-
-
-class ScriptedServer(ThreadingHTTPServer):
-    daemon_threads = True
-
-    def __init__(self):
-        super().__init__(("127.0.0.1", 0), _Handler)
-        self.lock = threading.Lock()
-        self.scripts = {}
-        self.requests = []
-        self.stop_event = threading.Event()
-
-    def script(self, *actions):
-        """A fresh path answered by `actions` in turn (the last one repeats); returns its URL."""
-        path = f"/data/files/{uuid.uuid4().hex}.bin"
-        self.scripts[path] = list(actions)
-        return self.url(path)
-
-    def url(self, path):
-        return f"http://127.0.0.1:{self.server_address[1]}{path}"
-
-    def requests_for(self, url):
-        path = urlsplit(url).path
-        with self.lock:
-            return [headers for p, headers in self.requests if p == path]
+        ex.wait(0.05)
+        ex.send(b"x")
 
 
 @pytest.fixture
 def server():
-    srv = ScriptedServer()
-    thread = threading.Thread(target=srv.serve_forever, kwargs={"poll_interval": 0.05}, daemon=True)
-    thread.start()
-    yield srv
-    srv.stop_event.set()
-    srv.shutdown()
-    srv.server_close()
-    thread.join(5)
+    with RawHttpServer() as srv:
+        yield srv
 
 
 @pytest.fixture
@@ -128,61 +57,35 @@ def fast_backoff(monkeypatch):
     monkeypatch.setattr(SyncBackoffPolicy, "delay_seconds", classmethod(lambda cls, attempt_index: 0.01))
 
 
-@pytest.fixture
-def events():
-    """The sync events logged during the test, as dicts."""
-    logger = logging.getLogger("tidewright.sync")
-    seen = []
-
-    class Collect(logging.Handler):
-        def emit(self, record):
-            event = getattr(record, "tidewright_sync_event", None)
-            if event is not None:
-                seen.append(dict(event, _level=record.levelname))
-
-    handler = Collect()
-    old_level = logger.level
-    logger.addHandler(handler)
-    logger.setLevel(logging.DEBUG)
-    yield seen
-    logger.removeHandler(handler)
-    logger.setLevel(old_level)
-
-
-def of_type(events, event_type):
-    return [e for e in events if e["event_type"] == event_type]
-
-
-def stop_after_retries(events, count=1):
+def stop_after_retries(logged, count=1):
     """A stop test that turns true once `count` http_retry events were logged
     (or after a bound, so that a missing event fails the test)."""
-    return stop_when(lambda: len(of_type(events, "http_retry")) >= count)
+    return stop_when(lambda: len(logged.of_type("http_retry")) >= count)
 
 
 # -- building requests ---------------------------------------------------------
 
 
 def test_requests_carry_token_agent_and_range(server):
-    url = server.script(reply(200, b"ok"))
+    url = server.script(respond(200, b"ok"))
     for start, end in [(0, -1), (100, -1), (0, 99), (100, 50)]:
         assert sync._http_get(url, TOKEN, start, end)[0] == 200
     sync._http_get_public(url, 5, 9)
 
-    sent = server.requests_for(url)
-    assert [h.get("Range") for h in sent] == [None, "bytes=100-", "bytes=0-99", "bytes=100-", "bytes=5-9"]
-    assert all(h["User-Agent"] == "tidewright-sync/0.0.3" for h in sent)
-    assert [h.get("Authorization") for h in sent] == [f"Bearer {TOKEN}"] * 4 + [None]
+    sent = server.headers_for(url)
+    assert [h.get("range") for h in sent] == [None, "bytes=100-", "bytes=0-99", "bytes=100-", "bytes=5-9"]
+    assert all(h["user-agent"] == "tidewright-sync/0.0.3" for h in sent)
+    assert [h.get("authorization") for h in sent] == [f"Bearer {TOKEN}"] * 4 + [None]
 
 
 def test_manifest_version_url_goes_to_the_version_poll(server):
-    server.scripts["/data/manifest/version/"] = [reply(200, b'{"version": 3}', [("X-Era-Number", "2")])]
-    url = server.url("/data/manifest/version/")
+    url = server.route("/data/manifest/version/", respond(200, b'{"version": 3}', [("X-Era-Number", "2")]))
     assert sync._is_manifest_version_url(url)
     assert not sync._is_manifest_version_url(server.url("/data/manifest/versions"))
 
     status, headers, body = sync._http_get(url, TOKEN)
     assert (status, body, headers["X-Era-Number"]) == (200, b'{"version": 3}', "2")
-    assert server.requests_for(url)[0]["Authorization"] == f"Bearer {TOKEN}"
+    assert server.headers_for(url)[0]["authorization"] == f"Bearer {TOKEN}"
 
 
 def test_refused_urls_and_callback_errors_reach_the_caller_unchanged(server, monkeypatch):
@@ -199,29 +102,29 @@ def test_refused_urls_and_callback_errors_reach_the_caller_unchanged(server, mon
 
     monkeypatch.setattr(SyncBackoffPolicy, "delay_seconds", classmethod(broken_delay))
     with pytest.raises(Boom, match="backoff module broke"):
-        sync._http_get(server.script(reply(503)), TOKEN)
+        sync._http_get(server.script(respond(503)), TOKEN)
 
 
 # -- the retry loop --------------------------------------------------------------
 
 
-def test_non_transient_statuses_are_returned(server, events):
-    url = server.script(reply(404, b'{"error_code": "not_found"}', [("X-Why", "gone")]))
+def test_non_transient_statuses_are_returned(server, logged):
+    url = server.script(respond(404, b'{"error_code": "not_found"}', [("X-Why", "gone")]))
     status, headers, body = sync._http_get(url, TOKEN)
     assert (status, headers["X-Why"], body) == (404, "gone", b'{"error_code": "not_found"}')
     assert len(server.requests_for(url)) == 1
-    assert events == []
+    assert logged.events == []
 
 
-def test_transient_status_is_retried_with_one_outage_and_one_recovery_report(server, events, fast_backoff):
-    url = server.script(reply(503, b'{"error_code": "busy", "dependency": "storage"}'), reply(200, b"payload"))
+def test_transient_status_is_retried_with_one_outage_and_one_recovery_report(server, logged, fast_backoff):
+    url = server.script(respond(503, b'{"error_code": "busy", "dependency": "storage"}'), respond(200, b"payload"))
     status, _, body = sync._http_get(url, TOKEN)
     assert (status, body) == (200, b"payload")
 
     label = urlsplit(url).path.split("/data/files/")[1]
-    assert [e["event_type"] for e in events] == [
+    assert [e["event_type"] for e in logged.events] == [
         "sync_unavailable_status", "http_retry", "sync_backoff_wait", "sync_recovered_status"]
-    outage, retry, wait, recovered = events
+    outage, retry, wait, recovered = logged.events
     assert outage["file"] == retry["file"] == wait["file"] == label
     assert (outage["statuses"], outage["error_code"], outage["dependency"]) == ([503], "busy", "storage")
     assert (retry["count"], retry["reason"], retry["status"], retry["error_code"]) == (1, "http_503", 503, "busy")
@@ -229,8 +132,8 @@ def test_transient_status_is_retried_with_one_outage_and_one_recovery_report(ser
     assert recovered["_level"] == "INFO"
 
 
-def test_server_refusing_retries_raises_after_the_first_attempt(server, events):
-    url = server.script(reply(503, json.dumps({"retryable": False, "error_code": "maintenance",
+def test_server_refusing_retries_raises_after_the_first_attempt(server, logged):
+    url = server.script(respond(503, json.dumps({"retryable": False, "error_code": "maintenance",
                                                "recovery": "wait", "reason": "upgrade"}).encode()))
     with pytest.raises(sync.SyncUnavailableError) as info:
         sync._http_get(url, TOKEN)
@@ -240,36 +143,36 @@ def test_server_refusing_retries_raises_after_the_first_attempt(server, events):
     assert (err.server_error_code, err.recovery, err.reason, err.typed_details) == ("maintenance", "wait", "upgrade", True)
     assert "retryable=False" in str(err)
     assert len(server.requests_for(url)) == 1
-    assert events == []
+    assert logged.events == []
 
 
-def test_broken_exchanges_are_retried_and_labelled_by_class(server, events, fast_backoff):
+def test_broken_exchanges_are_retried_and_labelled_by_class(server, logged, fast_backoff):
     url = server.script(
         raw(b"HTTP/1.1 abc\r\n\r\n"),                          # malformed status line
         raw(b"SPEAK HTTP PLEASE\r\n\r\n"),                     # no status line at all
         short_body(100, b"only-part"),                         # closed before the announced length
         raw(b""),                                              # closed without any answer
-        reply(502, b"<html>bad gateway</html>"),               # an error body that is not JSON
-        reply(200, b"finally", [("X-Odd", "  padded  ")]),
+        respond(502, b"<html>bad gateway</html>"),               # an error body that is not JSON
+        respond(200, b"finally", [("X-Odd", "  padded  ")]),
     )
     status, headers, body = sync._http_get_public(url)
     assert (status, body, headers["X-Odd"]) == (200, b"finally", "padded")
 
-    retries = of_type(events, "http_retry")
+    retries = logged.of_type("http_retry")
     assert [r["reason"] for r in retries] == [
         "BadStatusLine", "BadStatusLine", "IncompleteRead", "RemoteDisconnected", "http_502"]
     assert [r["count"] for r in retries] == [1, 2, 3, 4, 5]
     assert retries[0]["dependency"] == "network" and retries[-1]["error_code"] is None
-    [recovered] = of_type(events, "sync_recovered_status")
+    [recovered] = logged.of_type("sync_recovered_status")
     assert recovered["failures"] == ["BadStatusLine", "BadStatusLine", "IncompleteRead", "RemoteDisconnected"]
     assert recovered["statuses"] == [502]
-    assert len(of_type(events, "sync_unavailable_status")) == 1
+    assert len(logged.of_type("sync_unavailable_status")) == 1
 
 
-def test_statuses_and_failures_keep_the_last_twenty(server, events, fast_backoff):
-    url = server.script(*([reply(503)] * 25 + [raw(b"")] * 22 + [reply(200, b"x")]))
+def test_statuses_and_failures_keep_the_last_twenty(server, logged, fast_backoff):
+    url = server.script(*([respond(503)] * 25 + [raw(b"")] * 22 + [respond(200, b"x")]))
     assert sync._http_get(url, TOKEN)[0] == 200
-    [recovered] = of_type(events, "sync_recovered_status")
+    [recovered] = logged.of_type("sync_recovered_status")
     assert recovered["statuses"] == [503] * 20
     assert recovered["failures"] == ["RemoteDisconnected"] * 20
 
@@ -280,19 +183,19 @@ def test_statuses_and_failures_keep_the_last_twenty(server, events, fast_backoff
     assert values == []
 
 
-def test_body_read_has_a_total_deadline(server, events):
+def test_body_read_has_a_total_deadline(server, logged):
     url = server.script(dribble)
     request = urllib.request.Request(url)
-    with backoff_context(stop_requested=stop_after_retries(events)):
+    with backoff_context(stop_requested=stop_after_retries(logged)):
         with pytest.raises(SyncBackoffCancelled):
             sync._request_with_sync_retries(request, 0.5)
-    [retry] = of_type(events, "http_retry")
+    [retry] = logged.of_type("http_retry")
     assert retry["reason"] == "TimeoutError"
-    assert of_type(events, "sync_unavailable_status")[0]["_level"] == "ERROR"  # a timeout outage
+    assert logged.of_type("sync_unavailable_status")[0]["_level"] == "ERROR"  # a timeout outage
 
 
-def test_silent_server_is_abandoned_promptly_on_stop(server, events, fast_backoff):
-    url = server.script(reply(503), hang)
+def test_silent_server_is_abandoned_promptly_on_stop(server, logged, fast_backoff):
+    url = server.script(respond(503), hang)
     stop_at = []
 
     def stop_requested():
@@ -315,7 +218,7 @@ def test_silent_server_is_abandoned_promptly_on_stop(server, events, fast_backof
     worker.start()
     worker.join(20)
     assert not worker.is_alive() and len(outcome) == 1
-    assert len(of_type(events, "http_retry")) == 1
+    assert len(logged.of_type("http_retry")) == 1
     assert len(server.requests_for(url)) == 2
 
 
@@ -325,7 +228,7 @@ def test_stop_cuts_a_backoff_wait_short(server, monkeypatch):
     with backoff_context(stop_requested=lambda: time.monotonic() > deadline):
         assert not sync._sync_backoff_stop_requested()
         with pytest.raises(SyncBackoffCancelled):
-            sync._http_get(server.script(reply(500)), TOKEN)
+            sync._http_get(server.script(respond(500)), TOKEN)
     assert time.monotonic() - deadline < 15.0  # far below the 30 s wait, whatever the load
 
 
@@ -464,7 +367,7 @@ def test_curl_is_chosen_only_for_public_https_requests(fake_curl, server):
 
     # In "curl" mode a request with a token still goes in-process (here, to
     # a plain-HTTP loopback server that the curl rule refuses anyway).
-    url = server.script(reply(200, b"direct"))
+    url = server.script(respond(200, b"direct"))
     bearer = request(url, Authorization="Bearer secret", **{"User-Agent": "tidewright-sync/0.0.3"})
     assert sync._request_with_sync_retries(bearer, 5.0, "curl")[2] == b"direct"
     assert fake_curl.calls() == []
@@ -473,18 +376,18 @@ def test_curl_is_chosen_only_for_public_https_requests(fake_curl, server):
     assert sync._find_curl_binary() != str(fake_curl.path)
 
 
-def test_curl_statuses_and_failures_look_like_the_in_process_client(fake_curl, events, fast_backoff):
+def test_curl_statuses_and_failures_look_like_the_in_process_client(fake_curl, logged, fast_backoff):
     fake_curl.answer(404, '{"error_code": "missing"}', exit_code=22)
     status, _, body = sync._http_get_public(DATA_URL)
     assert (status, body) == (404, b'{"error_code": "missing"}')
 
     fake_curl.answer(0, stderr="curl: (7) Failed to connect to data.tidewright.io port 443", exit_code=7)
-    with backoff_context(stop_requested=stop_after_retries(events)):
+    with backoff_context(stop_requested=stop_after_retries(logged)):
         with pytest.raises(SyncBackoffCancelled):
             sync._http_get_public(DATA_URL)
-    [outage] = of_type(events, "sync_unavailable_status")
+    [outage] = logged.of_type("sync_unavailable_status")
     assert outage["failures"] == ["URLError"]
-    assert of_type(events, "http_retry")[0]["reason"] == "URLError"
+    assert logged.of_type("http_retry")[0]["reason"] == "URLError"
 
 
 def test_curl_download_streams_a_successful_body_into_the_file(fake_curl, tmp_path):
@@ -522,12 +425,6 @@ def test_tls_peers_are_verified_against_the_configured_bundle(dataservice_factor
 
 
 @pytest.fixture
-def raw_server():
-    with RawHttpServer() as srv:
-        yield srv
-
-
-@pytest.fixture
 def header_deadline():
     """Sets the transport's header deadline (seconds) for the test."""
     yield sync._set_sync_http_header_deadline_seconds
@@ -547,8 +444,8 @@ BODY_SIZES = {
 
 @pytest.mark.parametrize("answer, taken", BODY_SIZES.values(), ids=BODY_SIZES.keys())
 @pytest.mark.parametrize("path", SMALL_ANSWERS)
-def test_small_answers_are_refused_past_their_cap_and_never_retried(raw_server, events, path, answer, taken):
-    url = raw_server.route(path, answer(MIB))
+def test_small_answers_are_refused_past_their_cap_and_never_retried(server, logged, path, answer, taken):
+    url = server.route(path, answer(MIB))
     if taken:
         status, _, body = sync._http_get(url, TOKEN)
         assert (status, len(body)) == (200, MIB)
@@ -557,35 +454,35 @@ def test_small_answers_are_refused_past_their_cap_and_never_retried(raw_server, 
         sync._http_get(url, TOKEN)
     assert url in str(info.value) and str(MIB) in str(info.value), str(info.value)
     assert (info.value.status, info.value.file_path) == (200, None)
-    assert len(raw_server.requests_for(path)) == 1
-    assert of_type(events, "http_retry") == []
+    assert len(server.requests_for(path)) == 1
+    assert logged.of_type("http_retry") == []
 
 
-def test_bodies_in_memory_have_a_generous_cap_and_error_bodies_a_small_one(raw_server):
+def test_bodies_in_memory_have_a_generous_cap_and_error_bodies_a_small_one(server):
     # A manifest of 200k files is about 30 MB: far below the cap.
-    big = raw_server.route("/data/manifest", respond(200, b" " * (40 * MIB)))
+    big = server.route("/data/manifest", respond(200, b" " * (40 * MIB)))
     assert len(sync._http_get(big, TOKEN)[2]) == 40 * MIB
     # An endless error body: the status is the answer, a MiB of its body is kept.
-    missing = raw_server.route("/data/files/gone.bin", endless_body(status=404, filler=b"e" * 65536))
+    missing = server.route("/data/files/gone.bin", endless_body(status=404, filler=b"e" * 65536))
     status, _, body = sync._http_get(missing, TOKEN)
     assert (status, len(body)) == (404, MIB)
 
 
-def test_endless_body_through_curl_is_refused_at_its_cap(fake_curl, events):
+def test_endless_body_through_curl_is_refused_at_its_cap(fake_curl, logged):
     fake_curl.misbehave("endless")
     url = "https://data.tidewright.io/data/manifest/version"
     with pytest.raises(sync.PermanentDownloadError, match=f"exceeds {MIB} bytes"):
         sync._http_get_public(url)
-    assert of_type(events, "http_retry") == []
+    assert logged.of_type("http_retry") == []
 
 
-def _trickle_in_process(raw_server, fake_curl, tmp_path):
-    url = raw_server.route("/data/files/a.bin", trickled_headers(every=0.1))
+def _trickle_in_process(server, fake_curl, tmp_path):
+    url = server.route("/data/files/a.bin", trickled_headers(every=0.1))
     return (lambda: sync._http_get_public(url),
             lambda: sync._download_request_to_path(urllib.request.Request(url), str(tmp_path / "out"), 30.0))
 
 
-def _trickle_through_curl(raw_server, fake_curl, tmp_path):
+def _trickle_through_curl(server, fake_curl, tmp_path):
     fake_curl.misbehave("trickle")
     return (lambda: sync._http_get_public(DATA_URL),
             lambda: sync._download_request_to_path(urllib.request.Request(DATA_URL), str(tmp_path / "out"), 30.0,
@@ -593,17 +490,17 @@ def _trickle_through_curl(raw_server, fake_curl, tmp_path):
 
 
 @pytest.mark.parametrize("setup", [_trickle_in_process, _trickle_through_curl], ids=["in-process", "curl"])
-def test_a_head_trickled_line_by_line_ends_at_the_header_deadline(raw_server, fake_curl, tmp_path, events,
+def test_a_head_trickled_line_by_line_ends_at_the_header_deadline(server, fake_curl, tmp_path, logged,
                                                                   fast_backoff, header_deadline, setup):
     # A header line every 0.1 s is progress for the 30 s no-progress
     # timeout; only the deadline on the whole head ends the request.
     header_deadline(0.5)
-    get, download = setup(raw_server, fake_curl, tmp_path)
-    with backoff_context(stop_requested=stop_after_retries(events, 2)):
+    get, download = setup(server, fake_curl, tmp_path)
+    with backoff_context(stop_requested=stop_after_retries(logged, 2)):
         with pytest.raises(SyncBackoffCancelled):
             get()
-    assert [e["reason"] for e in of_type(events, "http_retry")] == ["TimeoutError"] * 2
-    assert of_type(events, "sync_unavailable_status")[0]["failures"] == ["TimeoutError"]  # an outage
+    assert [e["reason"] for e in logged.of_type("http_retry")] == ["TimeoutError"] * 2
+    assert logged.of_type("sync_unavailable_status")[0]["failures"] == ["TimeoutError"]  # an outage
 
     with pytest.raises(ConnectionError, match="response headers not complete within 0.5 s"):
         download()
@@ -615,17 +512,17 @@ def test_a_head_trickled_line_by_line_ends_at_the_header_deadline(raw_server, fa
 
 def test_download_to_path_streams_successful_bodies_only(server, tmp_path):
     payload = os.urandom(300_000)
-    ok = server.script(reply(206, payload, [("Content-Range", f"bytes 0-{len(payload) - 1}/{len(payload)}")]))
+    ok = server.script(respond(206, payload, [("Content-Range", f"bytes 0-{len(payload) - 1}/{len(payload)}")]))
     target = tmp_path / "out.bin"
     target.write_bytes(b"old content that must go")
     status, headers = sync._download_request_to_path(urllib.request.Request(ok, headers={"Range": "bytes=0-"}),
                                                      str(target), 5.0)
     assert (status, headers["Content-Range"]) == (206, f"bytes 0-{len(payload) - 1}/{len(payload)}")
     assert target.read_bytes() == payload
-    assert server.requests_for(ok)[0]["Range"] == "bytes=0-"
+    assert server.headers_for(ok)[0]["range"] == "bytes=0-"
 
     missing = tmp_path / "missing.bin"
-    assert sync._download_request_to_path(server.script(reply(416, b"no")), missing, 5.0)[0] == 416
+    assert sync._download_request_to_path(server.script(respond(416, b"no")), missing, 5.0)[0] == 416
     assert not missing.exists()
 
     partial = tmp_path / "partial.bin"

@@ -63,7 +63,11 @@ def faulted_range(svc, kind):
     dict(kind="reset", after_bytes=2_000),  # within the shortest range (the last)
     dict(kind="status", status=503),
 ])
-def test_a_range_failing_mid_file_is_retried_alone(svc, tmp_path, fault):
+# Public files are fetched without the retries of authenticated requests: the
+# range's own loop retries them.
+@pytest.mark.parametrize("public_files", [False, True], ids=["authenticated", "public"])
+def test_a_range_failing_mid_file_is_retried_alone(dataservice_factory, tmp_path, fault, public_files):
+    svc = dataservice_factory(large_file_bytes=BIG_BYTES, public_files=public_files)
     svc.add_fault(BIG_URL_PATH, skip=2, **fault)
     _, result = synced(svc, tmp_path)
     start, sent = faulted_range(svc, fault["kind"])

@@ -5,14 +5,13 @@ import importlib
 import inspect
 import pickle
 import re
-import threading
+import subprocess
+import sys
 import urllib.request
 
 import pytest
 
 import tidewright.sync as sync
-
-from sync_helpers import wait_for
 
 
 def _bindings():
@@ -202,26 +201,41 @@ def test_python_parts_are_the_module_own(part):
 # -- the GIL -------------------------------------------------------------------------
 
 
+# The token callable blocks the engine's request until the main thread, which
+# polls for it, lets it go: that needs sync() to run without the GIL and the
+# engine to take it for the call. Were the GIL held, the process would hang,
+# so the scenario runs in a child that is killed after a generous bound.
+_GIL_CHILD = """
+import sys, threading, time
+import tidewright.sync as sync
+
+url, token, data_dir = sys.argv[1:]
+asked, released, results, progress = [], threading.Event(), [], []
+
+def get_token():
+    asked.append(True)
+    released.wait()
+    return token
+
+manager = sync.SyncManager(data_dir, url, get_token=get_token)
+manager.set_progress_callback(lambda report: progress.append(report["phase"]))
+worker = threading.Thread(target=lambda: results.append(manager.sync()))
+worker.start()
+while not asked:
+    time.sleep(0.01)
+released.set()
+worker.join()
+print(type(results[0]) is sync.SyncResult, results[0].bytes_downloaded, len(progress))
+"""
+
+
 def test_a_running_sync_lets_python_threads_and_callbacks_run(dataservice, tmp_path):
-    # The token callable blocks the engine's request until Python code on
-    # another thread lets it go: that needs sync() to run without the GIL and
-    # the engine to take it for the call.
-    asked, released, results = [], threading.Event(), []
-
-    def get_token():
-        asked.append(threading.get_ident())
-        released.wait()
-        return dataservice.token
-
-    manager = sync.SyncManager(str(tmp_path), dataservice.url, get_token=get_token)
-    progress = []
-    manager.set_progress_callback(lambda report: progress.append(report["phase"]))
-    worker = threading.Thread(target=lambda: results.append(manager.sync()))
-    worker.start()
+    argv = [sys.executable, "-c", _GIL_CHILD, dataservice.url, dataservice.token, str(tmp_path)]
     try:
-        assert wait_for(lambda: asked)
-    finally:
-        released.set()
-        worker.join()
-    assert type(results[0]) is sync.SyncResult and results[0].bytes_downloaded > 0
-    assert progress  # the progress callback too gets the GIL from the engine
+        done = subprocess.run(argv, capture_output=True, text=True, timeout=300)
+    except subprocess.TimeoutExpired:
+        pytest.fail("sync() never let the main thread or the token callable run: the GIL is held")
+    assert done.returncode == 0, done.stderr[-2000:]
+    is_result, downloaded, reports = done.stdout.split()
+    assert is_result == "True" and int(downloaded) > 0
+    assert int(reports) > 0  # the progress callback too gets the GIL from the engine

@@ -32,29 +32,6 @@ VOCABULARY = "named_universes/top50/vocabulary.json"
 # -- the token in logs, errors and CLI output ------------------------------------
 
 
-@pytest.fixture
-def all_records():
-    """Every log record of every logger, at DEBUG, while the test runs."""
-    seen = []
-
-    class Collect(logging.Handler):
-        def emit(self, record):
-            seen.append(record)
-
-    loggers = [logging.getLogger()] + [logging.getLogger(name) for name in list(logging.root.manager.loggerDict)]
-    levels = [(lg, lg.level) for lg in loggers]
-    for lg in loggers:
-        lg.setLevel(logging.DEBUG)
-    handler = Collect(level=logging.DEBUG)
-    logging.getLogger().addHandler(handler)
-    logging.getLogger("tidewright.sync").addHandler(handler)  # in case it does not propagate
-    yield seen
-    logging.getLogger().removeHandler(handler)
-    logging.getLogger("tidewright.sync").removeHandler(handler)
-    for lg, level in levels:
-        lg.setLevel(level)
-
-
 def record_text(record):
     """All a handler could print of a record: message, arguments, extra
     attributes (sync events included) and the formatted exception."""
@@ -68,7 +45,7 @@ def error_text(exc):
     return "\n".join([str(exc), repr(exc), repr(exc.args), repr(vars(exc))])
 
 
-def test_the_token_appears_in_no_log_record_and_no_error(dataservice_factory, tmp_path, all_records,
+def test_the_token_appears_in_no_log_record_and_no_error(dataservice_factory, tmp_path, logged,
                                                          instant_backoff):
     svc = dataservice_factory(token=SECRET, large_file_bytes=BIG_BYTES)
     svc.add_fault("/data/manifest/version", "status", status=503)
@@ -99,17 +76,16 @@ def test_the_token_appears_in_no_log_record_and_no_error(dataservice_factory, tm
         wrong.sync()
     errors.append(info.value)
 
-    events = [r for r in all_records if hasattr(r, "tidewright_sync_event")]
-    assert {"http_retry", "checksum_repair"} <= {r.tidewright_sync_event["event_type"] for r in events}
-    assert len(all_records) > 20
-    for record in all_records:
+    assert {"http_retry", "checksum_repair"} <= {e["event_type"] for e in logged.events}
+    assert len(logged.records) > 20
+    for record in logged.records:
         assert SECRET not in record_text(record), record_text(record)
     for exc in errors:
         assert SECRET not in error_text(exc)
     assert SECRET not in repr(m.status())
 
 
-def test_the_cli_never_prints_the_token(dataservice_factory, tmp_path, monkeypatch, all_records, instant_backoff):
+def test_the_cli_never_prints_the_token(dataservice_factory, tmp_path, monkeypatch, logged, instant_backoff):
     svc = dataservice_factory(token=SECRET, features=4)
     data = tmp_path / "data"
     data.mkdir()
@@ -137,7 +113,7 @@ def test_the_cli_never_prints_the_token(dataservice_factory, tmp_path, monkeypat
     assert [code for code, _ in outputs[-2:]] == [cli.EXIT_AUTH] * 2
     for _, text in outputs:
         assert SECRET not in text, text
-    for record in all_records:
+    for record in logged.records:
         assert SECRET not in record_text(record)
 
 
@@ -176,14 +152,14 @@ def test_an_unusable_token_is_refused_before_any_request(dataservice_factory, tm
     assert not (tmp_path / "manifest.json").exists()
 
 
-def test_the_era_thread_sends_no_request_with_an_unusable_token(dataservice_factory, tmp_path, all_records):
+def test_the_era_thread_sends_no_request_with_an_unusable_token(dataservice_factory, tmp_path, logged):
     svc = dataservice_factory(token=SECRET)
     thread = sync.EraThread(svc.url, lambda: SECRET + "\nX-Injected: 1", manager(svc, tmp_path),
                             era_poll_interval_s=3600)
     thread._poll_once()
     assert svc.requests == []
-    assert any("Era poll failed" in r.getMessage() for r in all_records)
-    for record in all_records:
+    assert any("Era poll failed" in r.getMessage() for r in logged.records)
+    for record in logged.records:
         assert SECRET not in record_text(record)
 
 

@@ -14,34 +14,15 @@ from tidewright.sync_backoff import backoff_context
 
 
 @pytest.fixture
-def records():
-    logger = logging.getLogger("tidewright.sync")
-    seen = []
-
-    class Collect(logging.Handler):
-        def emit(self, record):
-            if hasattr(record, "tidewright_sync_event"):
-                seen.append(record)
-
-    handler = Collect()
-    old_level = logger.level
-    logger.addHandler(handler)
-    logger.setLevel(logging.DEBUG)
-    yield seen
-    logger.removeHandler(handler)
-    logger.setLevel(old_level)
-
-
-@pytest.fixture
 def label():
     """A file label of this test's own: coalescing counts last for the whole process."""
     return f"events/{uuid.uuid4().hex}.arrow"
 
 
-def test_record_carries_sorted_json_and_the_event(records, label):
+def test_record_carries_sorted_json_and_the_event(logged, label):
     sync._log_sync_event("range_resume", label, 1, "partial_tmp", bytes_existing=42, zeta=[1, {"b": 2, "a": 1}],
                          alpha="\u00e9")
-    [record] = records
+    [record] = logged.sync_records
     event = {"event_type": "range_resume", "file": label, "count": 1, "reason": "partial_tmp",
              "bytes_existing": 42, "zeta": [1, {"b": 2, "a": 1}], "alpha": "\u00e9"}
     assert (record.name, record.levelno, record.msg) == ("tidewright.sync", logging.INFO, "tidewright_sync_event %s")
@@ -49,26 +30,27 @@ def test_record_carries_sorted_json_and_the_event(records, label):
     assert record.tidewright_sync_event == event
 
     sync._log_sync_event("checksum_repair", None, 2, None)
-    assert records[-1].tidewright_sync_event == {"event_type": "checksum_repair", "file": "", "count": 2, "reason": ""}
+    assert logged.sync_records[-1].tidewright_sync_event == {"event_type": "checksum_repair", "file": "",
+                                                             "count": 2, "reason": ""}
 
 
-def test_identical_retries_are_coalesced_after_ten(records, label):
+def test_identical_retries_are_coalesced_after_ten(logged, label):
     for attempt in range(11):
         sync._log_sync_event("http_retry", label, attempt + 1, "http_503", status=503, wait_seconds=0.5 * attempt)
-    assert len(records) == 10
-    assert [r.tidewright_sync_event["count"] for r in records] == list(range(1, 11))
+    assert len(logged.sync_records) == 10
+    assert [r.tidewright_sync_event["count"] for r in logged.sync_records] == list(range(1, 11))
 
     # A different status is a different key.
     sync._log_sync_event("http_retry", label, 12, "http_502", status=502)
-    assert len(records) == 11
+    assert len(logged.sync_records) == 11
 
 
-def test_warnings_and_errors_are_never_coalesced(records, label):
+def test_warnings_and_errors_are_never_coalesced(logged, label):
     for attempt in range(12):
         sync._log_sync_event("sync_unavailable_status", label, attempt, "", error_code="UpstreamTimeout")
         sync._log_sync_event("sync_unavailable_status", label, attempt, "", retryable=False)
         sync._log_sync_event("range_resume_reset", label, attempt, "", next_action="REAUTHENTICATE")
-    levels = [r.levelname for r in records]
+    levels = [r.levelname for r in logged.sync_records]
     assert levels.count("ERROR") == 12
     assert levels.count("WARNING") == 24
 
@@ -94,7 +76,7 @@ def test_coalescing_helpers(label):
     assert not sync._sync_event_mentions_timeout({"reason": "timeout"})
 
 
-def test_outage_and_backoff_reports(records, label):
+def test_outage_and_backoff_reports(logged, label):
     url = f"http://127.0.0.1:1/data/files/{label}"
     sync._emit_sync_unavailable_status("sync_unavailable_status", url, [503, 503], ["URLError"],
                                        {"error_code": "busy", "retryable": True}, time.monotonic() - 3)
@@ -102,7 +84,7 @@ def test_outage_and_backoff_reports(records, label):
         sync._emit_sync_backoff_wait("http_request", 0, "http_503", label, 0.5)
     sync._emit_sync_backoff_wait("file_download", 1, "partial_transfer", label, 1.25)
 
-    outage, in_search, plain = (r.tidewright_sync_event for r in records)
+    outage, in_search, plain = (r.tidewright_sync_event for r in logged.sync_records)
     assert (outage["file"], outage["endpoint"], outage["statuses"], outage["failures"]) == (
         label, f"/data/files/{label}", [503, 503], ["URLError"])
     assert outage["error_code"] == "busy" and outage["elapsed_seconds"] >= 3
@@ -113,20 +95,19 @@ def test_outage_and_backoff_reports(records, label):
 
 # -- events of syncs against the data service -------------------------------------
 
-def events_for(records, path, *types):
-    return [r.tidewright_sync_event for r in records
-            if r.tidewright_sync_event["file"] == path and r.tidewright_sync_event["event_type"] in types]
+def events_for(logged, path, *types):
+    return [e for e in logged.events if e["file"] == path and e["event_type"] in types]
 
 
 @pytest.mark.parametrize("public_files", [False, True], ids=["authenticated", "public"])
-def test_transient_statuses_of_a_file_download(dataservice_factory, tmp_path, records, label, instant_backoff,
+def test_transient_statuses_of_a_file_download(dataservice_factory, tmp_path, logged, label, instant_backoff,
                                                public_files):
     svc = dataservice_factory(public_files=public_files, extra_files={label: ("data", b"x" * 1000)})
     svc.script_statuses("/data/files/" + label, [503, 502])
     m = sync.SyncManager(str(tmp_path), svc.url, token=svc.token)
     with backoff_context(stop_requested=lambda: len(svc.requests) > 200):
         m.sync()
-    seen = events_for(records, label, "sync_unavailable_status", "http_retry", "sync_backoff_wait",
+    seen = events_for(logged, label, "sync_unavailable_status", "http_retry", "sync_backoff_wait",
                       "sync_recovered_status")
     if public_files:
         # Without credentials the download itself waits and asks again.
@@ -143,7 +124,7 @@ def test_transient_statuses_of_a_file_download(dataservice_factory, tmp_path, re
     assert (tmp_path / label).read_bytes() == b"x" * 1000
 
 
-def test_parallel_workers_wait_in_the_callers_backoff_context(dataservice_factory, tmp_path, records, label,
+def test_parallel_workers_wait_in_the_callers_backoff_context(dataservice_factory, tmp_path, logged, label,
                                                               instant_backoff):
     from tidewright.sync_backoff import current_context
 
@@ -167,11 +148,11 @@ def test_parallel_workers_wait_in_the_callers_backoff_context(dataservice_factor
     assert seen and all(context["surface"] == "search" for _, context in seen)
     on_workers = [context for _, context in seen if context["stop_requested"] is not stop_never]
     assert on_workers and all(context["stop_requested"]() is False for context in on_workers)
-    [wait] = events_for(records, label, "sync_backoff_wait")
+    [wait] = events_for(logged, label, "sync_backoff_wait")
     assert wait["surface"] == "search"
 
 
-def test_an_era_transition_downloads_in_a_backoff_context_of_its_own(dataservice_factory, tmp_path, records, label,
+def test_an_era_transition_downloads_in_a_backoff_context_of_its_own(dataservice_factory, tmp_path, logged, label,
                                                                      instant_backoff):
     from tidewright.sync_backoff import current_context
 
@@ -188,13 +169,13 @@ def test_an_era_transition_downloads_in_a_backoff_context_of_its_own(dataservice
     svc.script_statuses("/data/files/" + label, [503])
     with backoff_context(surface="search"):
         m.trigger_era_transition(2)
-    [wait] = events_for(records, label, "sync_backoff_wait")
+    [wait] = events_for(logged, label, "sync_backoff_wait")
     assert wait["surface"] == "era_transition"
     assert {"surface": "era_transition"} in contexts  # the downloads' requests
     assert (tmp_path / label).read_bytes() == b"y" * 1000
 
 
-def test_outages_of_two_services_are_two_outages(dataservice_factory, records):
+def test_outages_of_two_services_are_two_outages(dataservice_factory, logged):
     from tidewright.sync_backoff import SyncBackoffCancelled
 
     services = [dataservice_factory(), dataservice_factory()]
@@ -213,7 +194,7 @@ def test_outages_of_two_services_are_two_outages(dataservice_factory, records):
     fail(services[1])
     ports = [svc.url.rsplit(":", 1)[1] for svc in services]
     for event_type in ("sync_unavailable_status", "http_retry"):
-        seen = [r.tidewright_sync_event for r in records if r.tidewright_sync_event["event_type"] == event_type]
+        seen = logged.of_type(event_type)
         assert {e["host"] for e in seen} == {"127.0.0.1"}
         counts = [sum(str(e["port"]) == port for e in seen) for port in ports]
         assert counts == [sync._SYNC_EVENT_COALESCE_LIMIT, 1], event_type

@@ -176,6 +176,51 @@ def test_a_file_that_keeps_failing_its_checksum_ends_the_sync(svc, tmp_path, cap
     assert_in_step(svc, tmp_path)
 
 
+# A checksum mismatch asks the version endpoint whether the file moved on.
+# A probe that fails or says nothing usable leaves the file to be repaired
+# under the manifest in hand; a refused token ends the sync, and the corrupt
+# staging bytes never reach the file's place.
+@pytest.mark.parametrize("fault", [
+    dict(kind="status", status=404),
+    dict(kind="status", status=200, body=b"no json"),
+    dict(kind="status", status=200, body=[1]),
+    dict(kind="bad_status_line"),
+    dict(kind="reset", after_bytes=0),
+], ids=["404", "not-json", "not-an-object", "bad-status-line", "reset"])
+def test_a_version_probe_that_tells_nothing_leaves_the_file_repaired(svc, tmp_path, fault):
+    svc.add_fault(BIG_URL_PATH, "corrupt")
+    svc.on_request(BIG_URL_PATH, lambda: svc.add_fault("/data/manifest/version", **fault))
+    m, _ = synced(svc, tmp_path)
+    assert fault["kind"] in [r.fault for r in svc.requests_for("/data/manifest/version")]
+    assert range_starts(svc, BIG) == [0, CHUNK, 2 * CHUNK, 3 * CHUNK] * 2
+    assert m.verify().valid
+
+
+@pytest.mark.parametrize("fault", [
+    dict(kind="status", status=404),
+    dict(kind="status", status=200, body=b"no json"),
+    dict(kind="status", status=200, body=[1]),
+    dict(kind="status", status=200, body={"era_number": 1}),
+], ids=["404", "not-json", "not-an-object", "no-version"])
+def test_needs_sync_answers_yes_when_the_version_probe_tells_nothing(svc, tmp_path, fault):
+    m, _ = synced(svc, tmp_path)
+    assert not m.needs_sync()
+    svc.add_fault("/data/manifest/version", **fault)
+    with request_budget(svc):
+        assert m.needs_sync()
+    assert m.verify().valid  # asking changed nothing on disk
+
+
+def test_a_version_probe_refusing_the_token_ends_the_sync(svc, tmp_path):
+    svc.add_fault(BIG_URL_PATH, "corrupt")
+    svc.on_request(BIG_URL_PATH, lambda: svc.add_fault("/data/manifest/version", "status", status=401))
+    m = manager(svc, tmp_path)
+    with request_budget(svc), pytest.raises(tidewright.auth.AuthError, match="probing manifest version: HTTP 401"):
+        m.sync()
+    assert m.get_manifest() is None and not (tmp_path / BIG).exists()
+    synced(svc, tmp_path)
+
+
 def test_partial_download_resumes_in_the_next_sync(svc, tmp_path):
     orphan = tmp_path / "features" / "top200" / "gone.arrow.tmp"
     orphan.parent.mkdir(parents=True)
@@ -193,6 +238,14 @@ def test_partial_download_resumes_in_the_next_sync(svc, tmp_path):
     assert range_starts(svc, BIG)[2] == 10_000
     assert body_bytes_served(svc, BIG) == BIG_BYTES
     assert not orphan.exists()
+
+
+def test_a_staging_file_longer_than_the_file_is_started_over(svc, tmp_path):
+    staging = tmp_path / (BIG + ".tmp")
+    staging.parent.mkdir(parents=True)
+    staging.write_bytes(b"\0" * (BIG_BYTES + 10))  # not a prefix of the file whatever it holds
+    synced(svc, tmp_path)
+    assert range_starts(svc, BIG) == [0, CHUNK, 2 * CHUNK, 3 * CHUNK]
 
 
 def test_partial_download_of_a_file_changed_since_starts_over(svc, tmp_path):
