@@ -720,17 +720,87 @@ void TransferEngine::download(const DownloadJob& job, SyncResult& result, const 
   download_one(job, result, options, nullptr);
 }
 
+// One file's download, across the passes it takes.
+struct TransferEngine::FileDownload {
+  const DownloadJob& job;
+  const DownloadOptions& options;
+  Batch* batch;
+  FileRun& run;
+  std::string url;
+  bool is_public;
+  std::int64_t expected_size;
+  std::int64_t chunk;
+  std::string transport;
+  // Ranges in parallel need workers to share them and a known size; a
+  // server that answers them otherwise than with their bytes gets the file
+  // in one stream.
+  bool one_stream;
+  std::int64_t attempt = 0;
+  std::int64_t checksum_repairs = 0;
+  bool restarted_for_content_range = false;
+
+  // Waits before the next pass.
+  void backoff(const std::string& reason) {
+    double wait = backoff_delay_seconds(attempt);
+    emit_sync_backoff_wait(options.backoff_surface, attempt, reason, job.path, wait);
+    if (options.retry_status_callback) options.retry_status_callback(wait);
+    sleep_for_sync_backoff(wait);
+    ++attempt;
+  }
+
+  // Logs the supersede and empties the staging file; the error to throw.
+  ManifestSupersededError superseded_error(const char* reason, std::int64_t received, std::int64_t start,
+                                           std::int64_t end) {
+    json::object fields;
+    fields["expected_size"] = expected_size;
+    fields["actual_size"] = received;
+    fields["range_start"] = start;
+    fields["range_end"] = end;
+    fields["manifest_version"] = job.manifest_version ? json::value(*job.manifest_version) : json::value(nullptr);
+    fields["manifest_era_number"] =
+        job.manifest_era_number ? json::value(*job.manifest_era_number) : json::value(nullptr);
+    log_sync_event("manifest_superseded", job.path, 1, reason, fields);
+    run.staging.truncate();
+    return ManifestSupersededError("Manifest advanced while downloading " + job.path + "; refreshing before retry");
+  }
+};
+
+// One pass over the staging file. Members go in reverse order: the range
+// table is unmapped before the file closes.
+struct TransferEngine::FilePass {
+  Sha256 hasher;
+  UniqueFd fd;
+  bool marked = false;
+  std::optional<RangeTable> table;
+  std::int64_t received = 0;
+};
+
 void TransferEngine::download_one(const DownloadJob& job, SyncResult& result, const DownloadOptions& options,
                                   Batch* batch) {
   ScopedSyncStopPredicate stop_guard(context_.stop_requested);
-  const std::string& file_path = job.path;
   std::optional<std::string> base = job.base_url;
   if (!base) base = context_.held_base_url();
-  const std::string url = manifest_file_url(context_.server_url, file_path, base);
+  std::string url = manifest_file_url(context_.server_url, job.path, base);
   const bool is_public = manifest_base_url_uses_public_download(context_.server_url, base);
+  std::optional<FileRun> opened;
+  open_file_run(job, options, batch, opened);
+  FileRun& run = *opened;
+
+  const std::int64_t expected_size = job.size.value_or(-1);
+  const std::int64_t chunk = context_.chunk_bytes();
+  FileDownload download{job,          options, batch, run, std::move(url), is_public, expected_size, chunk,
+                        context_.transport(),
+                        batch == nullptr || batch->workers < 2 || expected_size <= chunk};
+  while (!run_pass(download)) {
+  }
+  promote(job, run, result, options);
+}
+
+void TransferEngine::open_file_run(const DownloadJob& job, const DownloadOptions& options, Batch* batch,
+                                   std::optional<FileRun>& opened) {
+  const std::string& file_path = job.path;
   const std::string target = options.target_data_dir.value_or(context_.data_dir);
   // Never through a link: two manifest paths would share a file.
-  std::optional<FileRun> opened;
   if (batch && !batch->root.empty() && !options.target_data_dir) {
     // The directory as the batch opened it; the file's own name must not be a link.
     const std::string relative = safe_manifest_relative_path(file_path);
@@ -746,252 +816,258 @@ void TransferEngine::download_one(const DownloadJob& job, SyncResult& result, co
     }
   }
   if (!opened) opened.emplace(real_path(target), manifest_local_write_path(target, file_path), file_path);
-  FileRun& run = *opened;
-  StagingFile& staging_file = run.staging;
-  const std::string& staging = staging_file.path();
+}
 
-  const std::int64_t expected_size = job.size.value_or(-1);
-  const std::string& expected_sha = job.sha256;
-  const std::int64_t chunk = context_.chunk_bytes();
-  const std::string transport = context_.transport();
-  // Ranges in parallel need workers to share them and a known size; a
-  // server that answers them otherwise than with their bytes gets the file
-  // in one stream.
-  bool one_stream = batch == nullptr || batch->workers < 2 || expected_size <= chunk;
-  std::int64_t attempt = 0;
-  std::int64_t checksum_repairs = 0;
-  bool restarted_for_content_range = false;
+bool TransferEngine::run_pass(FileDownload& d) {
+  const std::string& file_path = d.job.path;
+  try {
+    return attempt_pass(d);
+  } catch (const RangesUnusable& e) {
+    // The next pass fetches the file in one stream, from what is in place.
+    log_info("Fetching %s in one stream: %s", {json::value(file_path), json::value(e.what())});
+    d.one_stream = true;
+  } catch (const ContentRangeMismatch& e) {
+    // A staging file built from a misplaced range is worth nothing: start
+    // the file over once; a server that still answers other ranges than
+    // asked is not asked again and again.
+    if (d.restarted_for_content_range) {
+      throw PermanentDownloadError("Download failed for " + file_path + ": asked for " + e.asked +
+                                       ", the server answered Content-Range: " + e.answered +
+                                       " (also after starting the file over); not retried: the data service or a "
+                                       "proxy on the way serves other ranges than asked for",
+                                   file_path, 206);
+    }
+    d.restarted_for_content_range = true;
+    log_sync_event("range_resume_reset", file_path, 1, "content_range_mismatch",
+                   {{"expected_size", d.expected_size}, {"asked", e.asked}, {"content_range", e.answered}});
+    d.run.staging.truncate();
+  } catch (const SyncUnavailableError& e) {
+    if (!e.retryable_allowed()) throw;
+    d.backoff("SyncUnavailableError");
+  } catch (const ManifestSupersededError&) {
+    throw;
+  } catch (const PermanentDownloadError&) {
+    throw;
+  } catch (const DiskSpaceError&) {
+    throw;
+  } catch (const IntegrityError&) {
+    throw;  // raised only where the retry flags forbid another pass
+  } catch (const ConnectionError& e) {
+    const auto* network = dynamic_cast<const NetworkError*>(&e);
+    d.backoff(network ? network->host_class() : std::string("ConnectionError"));
+  } catch (const TimeoutError&) {
+    d.backoff("TimeoutError");
+  } catch (const SyncError& e) {
+    d.backoff(e.class_name());
+  }
+  return false;
+}
 
-  auto backoff = [&](const std::string& reason) {
-    double wait = backoff_delay_seconds(attempt);
-    emit_sync_backoff_wait(options.backoff_surface, attempt, reason, file_path, wait);
-    if (options.retry_status_callback) options.retry_status_callback(wait);
-    sleep_for_sync_backoff(wait);
-    ++attempt;
-  };
-  auto superseded_error = [&](const char* reason, std::int64_t received, std::int64_t start, std::int64_t end) {
+bool TransferEngine::attempt_pass(FileDownload& d) {
+  FilePass pass;
+  pass.fd = d.run.staging.open();
+  resume_staging(d, pass);
+  if (pass.table) {
+    fetch_in_ranges(d, pass);
+  } else {
+    fetch_in_one_stream(d, pass);
+  }
+  return verify_pass(d, pass);
+}
+
+void TransferEngine::resume_staging(FileDownload& d, FilePass& pass) {
+  const std::string& file_path = d.job.path;
+  const std::string& expected_sha = d.job.sha256;
+  const std::string& staging = d.run.staging.path();
+  const std::int64_t expected_size = d.expected_size;
+  const int fd = pass.fd.get();
+  // A file fetched in one request has nothing worth marking: a prefix
+  // of other bytes costs at most that one request again.
+  const std::optional<std::string> mark = staging_mark(fd);
+  pass.marked = mark.has_value();
+  if (mark && !expected_sha.empty() && *mark != expected_sha) {
     json::object fields;
     fields["expected_size"] = expected_size;
-    fields["actual_size"] = received;
-    fields["range_start"] = start;
-    fields["range_end"] = end;
-    fields["manifest_version"] = job.manifest_version ? json::value(*job.manifest_version) : json::value(nullptr);
-    fields["manifest_era_number"] =
-        job.manifest_era_number ? json::value(*job.manifest_era_number) : json::value(nullptr);
-    log_sync_event("manifest_superseded", file_path, 1, reason, fields);
-    staging_file.truncate();
-    return ManifestSupersededError("Manifest advanced while downloading " + file_path + "; refreshing before retry");
-  };
+    fields["actual_size"] = file_size(staging);
+    fields["expected_sha"] = expected_sha;
+    log_sync_event("range_resume_reset", file_path, 1, "stale_tmp", fields);
+    if (::ftruncate(fd, 0) != 0) throw_os_error(errno, staging);
+  }
+  if (expected_size < 0 || expected_size > d.chunk) {
+    mark_staging(fd, expected_sha);
+    pass.marked = true;
+  }
 
-  while (true) {
-    try {
-      Sha256 hasher;
-      UniqueFd fd = staging_file.open();
-      // A file fetched in one request has nothing worth marking: a prefix
-      // of other bytes costs at most that one request again.
-      const std::optional<std::string> mark = staging_mark(fd.get());
-      bool marked = mark.has_value();
-      if (mark && !expected_sha.empty() && *mark != expected_sha) {
-        json::object fields;
-        fields["expected_size"] = expected_size;
-        fields["actual_size"] = file_size(staging);
-        fields["expected_sha"] = expected_sha;
-        log_sync_event("range_resume_reset", file_path, 1, "stale_tmp", fields);
-        if (::ftruncate(fd.get(), 0) != 0) throw_os_error(errno, staging);
-      }
-      if (expected_size < 0 || expected_size > chunk) {
-        mark_staging(fd.get(), expected_sha);
-        marked = true;
-      }
-
-      // What the staging file holds: ranges recorded in its range table, or
-      // a prefix of the file.
-      std::optional<RangeTable> table;
-      if (expected_size > 0) table = RangeTable::open_existing(fd.get(), expected_size, expected_sha, staging);
-      std::int64_t received = 0;
-      if (table && one_stream) {
-        const std::int64_t prefix = table->contiguous_prefix();
-        table.reset();  // unmapped before the file shrinks under it
-        if (::ftruncate(fd.get(), prefix) != 0) throw_os_error(errno, staging);
-      }
-      if (table) {
-        std::int64_t staged = 0;
-        for (std::size_t i = 0; i < table->range_count(); ++i) staged += table->written(i) - table->range_start(i);
-        if (staged > 0) log_sync_event("range_resume", file_path, 1, "partial_tmp", {{"bytes_existing", staged}});
-      } else {
-        struct stat st;
-        if (::fstat(fd.get(), &st) != 0) throw_os_error(errno, staging);
-        received = static_cast<std::int64_t>(st.st_size);
-        if (expected_size >= 0 && received > expected_size) {
-          // Longer than the file can be: not a prefix of it.
-          if (::ftruncate(fd.get(), 0) != 0) throw_os_error(errno, staging);
-          received = 0;
-        }
-        if (received > 0) {
-          log_sync_event("range_resume", file_path, 1, "partial_tmp", {{"bytes_existing", received}});
-        }
-        if (!one_stream && received < expected_size) {
-          table = RangeTable::create(fd.get(), expected_size, chunk, received, expected_sha, staging);
-          if (!table) one_stream = true;
-        }
-      }
-
-      if (table) {
-        auto fetch = std::make_shared<RangeFetch>();
-        fetch->table = &*table;
-        fetch->fd = fd.get();
-        fetch->job = &job;
-        fetch->url = url;
-        fetch->is_public = is_public;
-        fetch->transport = transport;
-        fetch->fetch_token = context_.fetch_token;
-        fetch->progress = context_.progress;
-        fetch->options = &options;
-        fetch->claimed.assign(table->range_count(), 0);
-        try {
-          fetch_ranges(*batch, fetch, hasher, staging);
-        } catch (...) {
-          run.fetched += fetch->fetched.load();
-          throw;
-        }
-        run.fetched += fetch->fetched.load();
-        received = expected_size;
-        table.reset();
-        // The table goes; the file is whole. A kill from here on leaves a
-        // staging file that is the whole file, resumed as such.
-        if (::ftruncate(fd.get(), expected_size) != 0) throw_os_error(errno, staging);
-      } else {
-        received = hash_existing(fd.get(), hasher, staging);
-        if (::lseek(fd.get(), 0, SEEK_END) < 0) throw_os_error(errno, staging);
-
-        // Without a size in the manifest, the length comes from the server's
-        // Content-Range; a short chunk or an unsatisfiable range at the end
-        // also ends the file.
-        std::optional<std::int64_t> total;
-        if (expected_size >= 0) total = expected_size;
-        bool done = false;
-        while (!done && (!total || received < *total)) {
-          const std::int64_t start = received;
-          const std::int64_t end = start + chunk - 1;
-          std::optional<std::string> token;
-          if (!is_public) token = context_.fetch_token();
-          HttpRequest request = make_sync_request(url, token, start, end);
-          StagingSink sink(fd.get(), hasher, received, start, end, expected_size, file_path);
-          sink.set_progress(context_.progress);
-          sink.set_fetched_counter(&run.fetched);
-          // Authenticated requests retry transient answers inside the request,
-          // as every authenticated GET does; a public one fails the pass (its
-          // error body is not read) and the pass is retried below.
-          DownloadResult response =
-              is_public ? download_request_to_sink(request, sink, sync_http_timeout_seconds(), transport)
-                        : download_request_with_sync_retries(request, sink, sync_http_timeout_seconds());
-          if (response.status == 200) {
-            done = true;  // the whole body, from byte 0
-          } else if (response.status == 206) {
-            if (response.body_bytes == 0) {
-              if (manifest_superseded(job)) throw superseded_error("empty_range", received, start, end);
-              throw SyncError("Download failed for " + file_path + ": empty range " + std::to_string(start) + "-" +
-                              std::to_string(end));
-            }
-            if (!total) total = sink.complete_length();
-            if (!total && response.body_bytes < chunk) done = true;
-          } else if (response.status == 416) {
-            if (expected_size < 0 && unsatisfied_range_length(response.headers) == received) {
-              done = true;  // asked for the range just past the end
-              continue;
-            }
-            if (manifest_superseded(job)) throw superseded_error("http_416", received, start, end);
-            json::object fields;
-            fields["expected_size"] = expected_size;
-            fields["actual_size"] = received;
-            fields["range_start"] = start;
-            fields["range_end"] = end;
-            log_sync_event("range_resume_reset", file_path, 1, "http_416", fields);
-            if (::ftruncate(fd.get(), 0) != 0) throw_os_error(errno, staging);
-            throw SyncError("Download resume reset for " + file_path + ": HTTP 416");
-          } else {
-            raise_download_http_status(file_path, json::value(response.status));
-          }
-        }
-      }
-
-      if (expected_size >= 0 && received < expected_size) {
-        if (manifest_superseded(job)) throw superseded_error("partial_transfer", received, received, -1);
-        if (options.retry_partial_transfer) {
-          fd.reset();
-          backoff("partial_transfer");
-          continue;
-        }
-        throw IntegrityError("Incomplete download for " + file_path + ": got " + std::to_string(received) +
-                             " bytes, expected " + std::to_string(expected_size));
-      }
-
-      run.actual_sha = hasher.hexdigest();
-      bool size_ok = expected_size < 0 || received == expected_size;
-      if ((!expected_sha.empty() && run.actual_sha != expected_sha) || !size_ok) {
-        json::object fields;
-        fields["expected_sha"] = expected_sha;
-        fields["actual_sha"] = run.actual_sha;
-        log_sync_event("sha256_mismatch", file_path, attempt + 1, "sha256_mismatch", fields);
-        if (!options.retry_checksum_mismatch) {
-          throw IntegrityError("Checksum failure for " + file_path + ": expected " + expected_sha + ", got " +
-                               run.actual_sha);
-        }
-        if (manifest_superseded(job)) throw superseded_error("sha256_mismatch", received, 0, -1);
-        if (++checksum_repairs > SYNC_MAX_UNCHANGED_CHECKSUM_REPAIRS) {
-          log_sync_event("checksum_repair_exhausted", file_path, checksum_repairs, "sha256_mismatch", fields);
-          throw IntegrityError("Checksum failure for " + file_path + ": expected " + expected_sha + ", got " +
-                               run.actual_sha);
-        }
-        log_sync_event("checksum_repair", file_path, checksum_repairs, "sha256_mismatch", fields);
-        if (::ftruncate(fd.get(), 0) != 0) throw_os_error(errno, staging);
-        fd.reset();
-        backoff("sha256_mismatch");
-        continue;
-      }
-      if (marked) ::fremovexattr(fd.get(), kStagingDigestAttribute);  // the mark belongs to the staging file only
-      if (fd.reset() != 0) throw_os_error(errno, staging);
-      break;
-    } catch (const RangesUnusable& e) {
-      // The next pass fetches the file in one stream, from what is in place.
-      log_info("Fetching %s in one stream: %s", {json::value(file_path), json::value(e.what())});
-      one_stream = true;
-    } catch (const ContentRangeMismatch& e) {
-      // A staging file built from a misplaced range is worth nothing: start
-      // the file over once; a server that still answers other ranges than
-      // asked is not asked again and again.
-      if (restarted_for_content_range) {
-        throw PermanentDownloadError("Download failed for " + file_path + ": asked for " + e.asked +
-                                         ", the server answered Content-Range: " + e.answered +
-                                         " (also after starting the file over); not retried: the data service or a "
-                                         "proxy on the way serves other ranges than asked for",
-                                     file_path, 206);
-      }
-      restarted_for_content_range = true;
-      log_sync_event("range_resume_reset", file_path, 1, "content_range_mismatch",
-                     {{"expected_size", expected_size}, {"asked", e.asked}, {"content_range", e.answered}});
-      staging_file.truncate();
-    } catch (const SyncUnavailableError& e) {
-      if (!e.retryable_allowed()) throw;
-      backoff("SyncUnavailableError");
-    } catch (const ManifestSupersededError&) {
-      throw;
-    } catch (const PermanentDownloadError&) {
-      throw;
-    } catch (const DiskSpaceError&) {
-      throw;
-    } catch (const IntegrityError&) {
-      throw;  // raised only where the retry flags forbid another pass
-    } catch (const ConnectionError& e) {
-      const auto* network = dynamic_cast<const NetworkError*>(&e);
-      backoff(network ? network->host_class() : std::string("ConnectionError"));
-    } catch (const TimeoutError&) {
-      backoff("TimeoutError");
-    } catch (const SyncError& e) {
-      backoff(e.class_name());
+  // What the staging file holds: ranges recorded in its range table, or
+  // a prefix of the file.
+  std::optional<RangeTable>& table = pass.table;
+  if (expected_size > 0) table = RangeTable::open_existing(fd, expected_size, expected_sha, staging);
+  if (table && d.one_stream) {
+    const std::int64_t prefix = table->contiguous_prefix();
+    table.reset();  // unmapped before the file shrinks under it
+    if (::ftruncate(fd, prefix) != 0) throw_os_error(errno, staging);
+  }
+  if (table) {
+    std::int64_t staged = 0;
+    for (std::size_t i = 0; i < table->range_count(); ++i) staged += table->written(i) - table->range_start(i);
+    if (staged > 0) log_sync_event("range_resume", file_path, 1, "partial_tmp", {{"bytes_existing", staged}});
+  } else {
+    struct stat st;
+    if (::fstat(fd, &st) != 0) throw_os_error(errno, staging);
+    std::int64_t& received = pass.received;
+    received = static_cast<std::int64_t>(st.st_size);
+    if (expected_size >= 0 && received > expected_size) {
+      // Longer than the file can be: not a prefix of it.
+      if (::ftruncate(fd, 0) != 0) throw_os_error(errno, staging);
+      received = 0;
+    }
+    if (received > 0) {
+      log_sync_event("range_resume", file_path, 1, "partial_tmp", {{"bytes_existing", received}});
+    }
+    if (!d.one_stream && received < expected_size) {
+      table = RangeTable::create(fd, expected_size, d.chunk, received, expected_sha, staging);
+      if (!table) d.one_stream = true;
     }
   }
-  promote(job, run, result, options);
+}
+
+// The missing ranges with the workers of the batch; leaves the file whole.
+void TransferEngine::fetch_in_ranges(FileDownload& d, FilePass& pass) {
+  const std::string& staging = d.run.staging.path();
+  auto fetch = std::make_shared<RangeFetch>();
+  fetch->table = &*pass.table;
+  fetch->fd = pass.fd.get();
+  fetch->job = &d.job;
+  fetch->url = d.url;
+  fetch->is_public = d.is_public;
+  fetch->transport = d.transport;
+  fetch->fetch_token = context_.fetch_token;
+  fetch->progress = context_.progress;
+  fetch->options = &d.options;
+  fetch->claimed.assign(pass.table->range_count(), 0);
+  try {
+    fetch_ranges(*d.batch, fetch, pass.hasher, staging);
+  } catch (...) {
+    d.run.fetched += fetch->fetched.load();
+    throw;
+  }
+  d.run.fetched += fetch->fetched.load();
+  pass.received = d.expected_size;
+  pass.table.reset();
+  // The table goes; the file is whole. A kill from here on leaves a
+  // staging file that is the whole file, resumed as such.
+  if (::ftruncate(pass.fd.get(), d.expected_size) != 0) throw_os_error(errno, staging);
+}
+
+// The rest of the file after the prefix in place, a chunk a request.
+void TransferEngine::fetch_in_one_stream(FileDownload& d, FilePass& pass) {
+  const std::string& file_path = d.job.path;
+  const std::string& staging = d.run.staging.path();
+  const std::int64_t expected_size = d.expected_size;
+  const std::int64_t chunk = d.chunk;
+  const int fd = pass.fd.get();
+  std::int64_t& received = pass.received;
+  received = hash_existing(fd, pass.hasher, staging);
+  if (::lseek(fd, 0, SEEK_END) < 0) throw_os_error(errno, staging);
+
+  // Without a size in the manifest, the length comes from the server's
+  // Content-Range; a short chunk or an unsatisfiable range at the end
+  // also ends the file.
+  std::optional<std::int64_t> total;
+  if (expected_size >= 0) total = expected_size;
+  bool done = false;
+  while (!done && (!total || received < *total)) {
+    const std::int64_t start = received;
+    const std::int64_t end = start + chunk - 1;
+    std::optional<std::string> token;
+    if (!d.is_public) token = context_.fetch_token();
+    HttpRequest request = make_sync_request(d.url, token, start, end);
+    StagingSink sink(fd, pass.hasher, received, start, end, expected_size, file_path);
+    sink.set_progress(context_.progress);
+    sink.set_fetched_counter(&d.run.fetched);
+    // Authenticated requests retry transient answers inside the request,
+    // as every authenticated GET does; a public one fails the pass (its
+    // error body is not read) and another pass follows.
+    DownloadResult response =
+        d.is_public ? download_request_to_sink(request, sink, sync_http_timeout_seconds(), d.transport)
+                    : download_request_with_sync_retries(request, sink, sync_http_timeout_seconds());
+    if (response.status == 200) {
+      done = true;  // the whole body, from byte 0
+    } else if (response.status == 206) {
+      if (response.body_bytes == 0) {
+        if (manifest_superseded(d.job)) throw d.superseded_error("empty_range", received, start, end);
+        throw SyncError("Download failed for " + file_path + ": empty range " + std::to_string(start) + "-" +
+                        std::to_string(end));
+      }
+      if (!total) total = sink.complete_length();
+      if (!total && response.body_bytes < chunk) done = true;
+    } else if (response.status == 416) {
+      if (expected_size < 0 && unsatisfied_range_length(response.headers) == received) {
+        done = true;  // asked for the range just past the end
+        continue;
+      }
+      if (manifest_superseded(d.job)) throw d.superseded_error("http_416", received, start, end);
+      json::object fields;
+      fields["expected_size"] = expected_size;
+      fields["actual_size"] = received;
+      fields["range_start"] = start;
+      fields["range_end"] = end;
+      log_sync_event("range_resume_reset", file_path, 1, "http_416", fields);
+      if (::ftruncate(fd, 0) != 0) throw_os_error(errno, staging);
+      throw SyncError("Download resume reset for " + file_path + ": HTTP 416");
+    } else {
+      raise_download_http_status(file_path, json::value(response.status));
+    }
+  }
+}
+
+// Size and checksum of what the pass fetched: true when the staging file is
+// ready to promote (closed, its mark gone); false after waiting for another
+// pass.
+bool TransferEngine::verify_pass(FileDownload& d, FilePass& pass) {
+  const std::string& file_path = d.job.path;
+  const std::string& expected_sha = d.job.sha256;
+  const std::string& staging = d.run.staging.path();
+  const std::int64_t expected_size = d.expected_size;
+  const std::int64_t received = pass.received;
+  UniqueFd& fd = pass.fd;
+  if (expected_size >= 0 && received < expected_size) {
+    if (manifest_superseded(d.job)) throw d.superseded_error("partial_transfer", received, received, -1);
+    if (d.options.retry_partial_transfer) {
+      fd.reset();
+      d.backoff("partial_transfer");
+      return false;
+    }
+    throw IntegrityError("Incomplete download for " + file_path + ": got " + std::to_string(received) +
+                         " bytes, expected " + std::to_string(expected_size));
+  }
+
+  d.run.actual_sha = pass.hasher.hexdigest();
+  bool size_ok = expected_size < 0 || received == expected_size;
+  if ((!expected_sha.empty() && d.run.actual_sha != expected_sha) || !size_ok) {
+    json::object fields;
+    fields["expected_sha"] = expected_sha;
+    fields["actual_sha"] = d.run.actual_sha;
+    log_sync_event("sha256_mismatch", file_path, d.attempt + 1, "sha256_mismatch", fields);
+    if (!d.options.retry_checksum_mismatch) {
+      throw IntegrityError("Checksum failure for " + file_path + ": expected " + expected_sha + ", got " +
+                           d.run.actual_sha);
+    }
+    if (manifest_superseded(d.job)) throw d.superseded_error("sha256_mismatch", received, 0, -1);
+    if (++d.checksum_repairs > SYNC_MAX_UNCHANGED_CHECKSUM_REPAIRS) {
+      log_sync_event("checksum_repair_exhausted", file_path, d.checksum_repairs, "sha256_mismatch", fields);
+      throw IntegrityError("Checksum failure for " + file_path + ": expected " + expected_sha + ", got " +
+                           d.run.actual_sha);
+    }
+    log_sync_event("checksum_repair", file_path, d.checksum_repairs, "sha256_mismatch", fields);
+    if (::ftruncate(fd.get(), 0) != 0) throw_os_error(errno, staging);
+    fd.reset();
+    d.backoff("sha256_mismatch");
+    return false;
+  }
+  if (pass.marked) ::fremovexattr(fd.get(), kStagingDigestAttribute);  // the mark belongs to the staging file only
+  if (fd.reset() != 0) throw_os_error(errno, staging);
+  return true;
 }
 
 void TransferEngine::promote(const DownloadJob& job, FileRun& run, SyncResult& result, const DownloadOptions& options) {
@@ -1019,35 +1095,13 @@ void TransferEngine::promote(const DownloadJob& job, FileRun& run, SyncResult& r
 
 // --- a batch -----------------------------------------------------------------
 
-void TransferEngine::download_batch(const std::vector<DownloadJob>& jobs, SyncResult& result,
-                                    const DownloadFailureFilter& set_aside, const DownloadOptions& options) {
-  if (jobs.empty()) return;
-  const std::int64_t chunk = context_.chunk_bytes();
-  const auto concurrency = static_cast<std::size_t>(std::max<std::int64_t>(1, context_.max_concurrency()));
-  // Work that can run at once: a file, or each range of a large one.
-  std::size_t units = 0;
-  for (const auto& job : jobs) {
-    const std::int64_t size = job.size.value_or(0);
-    units += size > chunk ? static_cast<std::size_t>((size + chunk - 1) / chunk) : 1;
-    if (units >= concurrency) break;
-  }
-  const std::size_t workers = std::min(concurrency, units);
-  if (workers == 1) {
-    for (const auto& job : jobs) {
-      try {
-        download_one(job, result, options, nullptr);
-      } catch (...) {
-        if (!set_aside || !set_aside(job.path, std::current_exception())) throw;
-      }
-    }
-    return;
-  }
-  // Each worker runs in the caller's backoff context (its surface, say) with
-  // a stop test of its own: the caller's, or the batch being abandoned.
-  HostRef parent_context = host().current_backoff_context();
-  auto cancel = std::make_shared<std::atomic<bool>>(false);  // may outlive the call inside a context
-  // The caller's stop test is the host's: asked at most every
-  // kParentStopInterval, not at every check of every transfer.
+namespace {
+
+// The stop test of a batch worker: the batch abandoned (`cancel`), or the
+// caller's stop test. The caller's stop test is the host's: asked at most
+// every kParentStopInterval, not at every check of every transfer.
+std::function<bool()> batch_worker_stop(const HostRef& parent_context,
+                                        const std::shared_ptr<std::atomic<bool>>& cancel) {
   struct ParentStop {
     std::atomic<bool> said_stop{false};
     std::atomic<std::int64_t> next_ask_ns{0};
@@ -1055,7 +1109,7 @@ void TransferEngine::download_batch(const std::vector<DownloadJob>& jobs, SyncRe
   auto parent_stop = std::make_shared<ParentStop>();
   const bool native_parent = native_backoff_stop_of_this_thread() != nullptr;
   std::function<bool()> native_parent_stop = native_parent ? *native_backoff_stop_of_this_thread() : nullptr;
-  auto worker_stop = [cancel, parent_context, parent_stop, native_parent_stop] {
+  return [cancel, parent_context, parent_stop, native_parent_stop] {
     if (cancel->load() || parent_stop->said_stop.load()) return true;
     if (native_parent_stop) return native_parent_stop();
     if (!parent_context) return false;
@@ -1069,6 +1123,34 @@ void TransferEngine::download_batch(const std::vector<DownloadJob>& jobs, SyncRe
     if (host().backoff_context_stop_requested(parent_context)) parent_stop->said_stop.store(true);
     return parent_stop->said_stop.load();
   };
+}
+
+// Adds the results of the files that completed to `result`, in file order.
+void add_batch_results(SyncResult& result, const std::vector<SyncResult>& results,
+                       const std::vector<char>& completed) {
+  for (std::size_t i = 0; i < results.size(); ++i) {
+    if (!completed[i]) continue;
+    result.bytes_downloaded += results[i].bytes_downloaded;
+    result.features_downloaded += results[i].features_downloaded;
+    for (auto& p : results[i].found_pnl_paths_downloaded) result.found_pnl_paths_downloaded.push_back(p);
+  }
+}
+
+}  // namespace
+
+void TransferEngine::download_batch(const std::vector<DownloadJob>& jobs, SyncResult& result,
+                                    const DownloadFailureFilter& set_aside, const DownloadOptions& options) {
+  if (jobs.empty()) return;
+  const std::size_t workers = batch_workers(jobs);
+  if (workers == 1) {
+    download_in_turn(jobs, result, set_aside, options);
+    return;
+  }
+  // Each worker runs in the caller's backoff context (its surface, say) with
+  // a stop test of its own: the caller's, or the batch being abandoned.
+  HostRef parent_context = host().current_backoff_context();
+  auto cancel = std::make_shared<std::atomic<bool>>(false);  // may outlive the call inside a context
+  std::function<bool()> worker_stop = batch_worker_stop(parent_context, cancel);
   Batch batch;
   batch.workers = workers;
   if (!options.target_data_dir) batch.root = real_path(context_.data_dir);
@@ -1135,13 +1217,34 @@ void TransferEngine::download_batch(const std::vector<DownloadJob>& jobs, SyncRe
   for (std::size_t w = 0; w < workers; ++w) threads.emplace_back(worker, w);
   for (auto& t : threads) t.join();
 
-  for (std::size_t i = 0; i < jobs.size(); ++i) {
-    if (!completed[i]) continue;
-    result.bytes_downloaded += results[i].bytes_downloaded;
-    result.features_downloaded += results[i].features_downloaded;
-    for (auto& p : results[i].found_pnl_paths_downloaded) result.found_pnl_paths_downloaded.push_back(p);
-  }
+  add_batch_results(result, results, completed);
   if (first_error) std::rethrow_exception(first_error);
+}
+
+// Workers for `jobs`: sync_max_concurrency at most, and no more than the
+// work that can run at once (a file, or each range of a large one).
+std::size_t TransferEngine::batch_workers(const std::vector<DownloadJob>& jobs) {
+  const std::int64_t chunk = context_.chunk_bytes();
+  const auto concurrency = static_cast<std::size_t>(std::max<std::int64_t>(1, context_.max_concurrency()));
+  std::size_t units = 0;
+  for (const auto& job : jobs) {
+    const std::int64_t size = job.size.value_or(0);
+    units += size > chunk ? static_cast<std::size_t>((size + chunk - 1) / chunk) : 1;
+    if (units >= concurrency) break;
+  }
+  return std::min(concurrency, units);
+}
+
+// The batch on the calling thread, one file after the other.
+void TransferEngine::download_in_turn(const std::vector<DownloadJob>& jobs, SyncResult& result,
+                                      const DownloadFailureFilter& set_aside, const DownloadOptions& options) {
+  for (const auto& job : jobs) {
+    try {
+      download_one(job, result, options, nullptr);
+    } catch (...) {
+      if (!set_aside || !set_aside(job.path, std::current_exception())) throw;
+    }
+  }
 }
 
 // --- supersede probes --------------------------------------------------------

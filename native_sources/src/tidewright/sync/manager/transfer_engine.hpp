@@ -106,8 +106,27 @@ class TransferEngine {
   struct FileRun;
 
  private:
+  struct FileDownload;  // one file's download, across its passes
+  struct FilePass;      // one pass over its staging file
+
   void download_one(const DownloadJob& job, SyncResult& result, const DownloadOptions& options, Batch* batch);
+  // The staging file of `job`, beneath the directory the batch opened when it can.
+  void open_file_run(const DownloadJob& job, const DownloadOptions& options, Batch* batch,
+                     std::optional<FileRun>& opened);
+  // One pass and its failure: true once the file is fetched and verified,
+  // false when another pass follows.
+  bool run_pass(FileDownload& download);
+  bool attempt_pass(FileDownload& download);
+  // Opens what the staging file holds to resume from: a range table or a prefix.
+  void resume_staging(FileDownload& download, FilePass& pass);
+  void fetch_in_ranges(FileDownload& download, FilePass& pass);
+  void fetch_in_one_stream(FileDownload& download, FilePass& pass);
+  bool verify_pass(FileDownload& download, FilePass& pass);
   void promote(const DownloadJob& job, FileRun& run, SyncResult& result, const DownloadOptions& options);
+
+  std::size_t batch_workers(const std::vector<DownloadJob>& jobs);
+  void download_in_turn(const std::vector<DownloadJob>& jobs, SyncResult& result,
+                        const DownloadFailureFilter& set_aside, const DownloadOptions& options);
 
   const Context context_;
 };
