@@ -124,8 +124,13 @@ def test_consumer_count_is_never_seen_empty_or_partial(dataservice, data_dir, tm
     bad = [text for text in seen if not text.isdigit()]
     assert not bad, f"{len(bad)} of {len(seen)} reads saw {sorted(set(bad))[:3]}"
     assert [int(t) for t in seen] == sorted(int(t) for t in seen)
-    # What the killed process left is a whole count that a new manager restores.
+    # What the killed process left is a whole count that a new manager restores,
+    # and its temporary file (if the kill came mid-write) goes; a live writer's stays.
     final = int(count_file.read_text())
     assert final >= int(seen[-1])
+    killed_writer = data_dir / f".consumer_count.{child.pid}.1.1.tmp"
+    live_writer = data_dir / f".consumer_count.{os.getppid()}.1.1.tmp"
+    killed_writer.write_text("7")
+    live_writer.write_text("7")
     assert sync.SyncManager(str(data_dir), dataservice.url, token=dataservice.token).consumer_count() == final
-    assert not [n for n in os.listdir(data_dir) if n.startswith(".consumer_count.")]
+    assert [n for n in os.listdir(data_dir) if n.startswith(".consumer_count.")] == [live_writer.name]

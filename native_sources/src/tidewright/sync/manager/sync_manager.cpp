@@ -8,6 +8,7 @@
 #include "tidewright/sync/manifest/sanitize.hpp"
 #include "tidewright/sync/reporting/errors.hpp"
 #include "tidewright/sync/transport/bearer_token.hpp"
+#include "tidewright/sync/transport/files.hpp"
 #include "tidewright/sync/transport/http_request.hpp"
 #include "tidewright/sync/transport/settings.hpp"
 
@@ -95,6 +96,8 @@ void SyncManager::install_vocabularies(std::shared_ptr<const json::object> vocab
 SyncManager::~SyncManager() = default;
 
 void SyncManager::load_consumer_count() {
+  // A process killed while it rewrote the count leaves its temporary file.
+  remove_orphaned_temporaries(consumer_count_path_);
   std::int64_t count = 0;
   if (path_exists(consumer_count_path_)) {
     try {

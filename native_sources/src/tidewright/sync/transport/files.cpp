@@ -9,7 +9,9 @@
 #include <cerrno>
 #include <chrono>
 #include <cstring>
+#include <csignal>
 #include <fcntl.h>
+#include <filesystem>
 #include <new>
 #include <pthread.h>
 #include <stdexcept>
@@ -107,6 +109,38 @@ double wall_clock_seconds() {
 }
 
 }  // namespace
+
+int remove_orphaned_temporaries(const std::string& path) noexcept {
+  // Names are "<path>.<pid>.<thread>.<nanos>.tmp" (temporary_name above).
+  const std::size_t slash = path.rfind('/');
+  const std::string dir = slash == std::string::npos ? "." : (slash == 0 ? "/" : path.substr(0, slash));
+  const std::string prefix = (slash == std::string::npos ? path : path.substr(slash + 1)) + ".";
+  int removed = 0;
+  try {
+    std::error_code ec;
+    for (const auto& entry : std::filesystem::directory_iterator(dir, ec)) {
+      const std::string name = entry.path().filename().string();
+      if (name.size() <= prefix.size() + 4 || name.compare(0, prefix.size(), prefix) != 0 ||
+          name.compare(name.size() - 4, 4, ".tmp") != 0) {
+        continue;
+      }
+      const std::size_t end = name.find('.', prefix.size());
+      if (end == std::string::npos || end == prefix.size()) continue;
+      const std::string digits = name.substr(prefix.size(), end - prefix.size());
+      if (!std::all_of(digits.begin(), digits.end(), [](char c) { return c >= '0' && c <= '9'; }) ||
+          digits.size() > 9) {
+        continue;
+      }
+      const auto pid = static_cast<pid_t>(std::stol(digits));
+      if (pid <= 0 || pid == ::getpid()) continue;
+      if (::kill(pid, 0) == 0 || errno != ESRCH) continue;  // its writer may still be at work
+      if (::unlink(entry.path().c_str()) == 0) ++removed;
+    }
+  } catch (...) {
+    // Best effort: a leftover temporary file costs a few bytes, nothing more.
+  }
+  return removed;
+}
 
 void Sha256::ContextDeleter::operator()(evp_md_ctx_st* context) const { EVP_MD_CTX_free(context); }
 

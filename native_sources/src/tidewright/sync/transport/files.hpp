@@ -70,6 +70,10 @@ std::string sha256_file(const std::string& path, std::int64_t chunk_bytes = SYNC
 // A full disk (or quota) is a DiskSpaceError "Insufficient disk space while
 // writing <path>: <strerror>", as during a download.
 void atomic_write(const std::string& path, std::string_view data);
+// Removes the temporary files that atomic writes of `path` left behind when
+// their process was killed mid-write: only those whose writer pid is not a
+// live process on this host. Returns how many went; never throws.
+int remove_orphaned_temporaries(const std::string& path) noexcept;
 // The same for content that `produce` hands, piece by piece, to the writer it
 // is given.
 void atomic_write_in_pieces(const std::string& path,
