@@ -4,6 +4,7 @@
 #include "tidewright/sync/host/host.hpp"
 #include "tidewright/sync/reporting/errors.hpp"
 #include "tidewright/sync/reporting/sync_events.hpp"
+#include "tidewright/sync/transport/files.hpp"
 
 #include <cerrno>
 #include <cstring>
@@ -200,18 +201,7 @@ std::optional<RangeTable> RangeTable::create(int fd, std::int64_t size, std::int
     const auto written = static_cast<std::uint64_t>(std::clamp(prefix, start, end));
     std::memcpy(block.data() + first + 8 * i, &written, 8);
   }
-  std::size_t done = 0;
-  while (done < block.size()) {
-    ssize_t n = ::pwrite(fd, block.data() + done, block.size() - done, size + static_cast<std::int64_t>(done));
-    if (n < 0 && errno == EINTR) continue;
-    if (n < 0) {
-      if (errno == ENOSPC || errno == EDQUOT) {
-        throw DiskSpaceError("Insufficient disk space while writing " + staging_path + ": " + std::strerror(errno));
-      }
-      throw_os_error(errno, staging_path);
-    }
-    done += static_cast<std::size_t>(n);
-  }
+  write_fully(fd, block, staging_path, size);
   RangeTable table;
   table.size_ = size;
   table.range_bytes_ = range_bytes;

@@ -167,20 +167,7 @@ class StagingSink : public BodySink {
 
  private:
   void append(std::string_view bytes) {
-    const char* data = bytes.data();
-    std::size_t left = bytes.size();
-    while (left > 0) {
-      ssize_t n = ::write(fd_, data, left);
-      if (n < 0) {
-        if (errno == EINTR) continue;
-        if (errno == ENOSPC || errno == EDQUOT) {
-          throw DiskSpaceError("Insufficient disk space while writing " + file_path_ + ": " + std::strerror(errno));
-        }
-        throw_os_error(errno, file_path_);
-      }
-      data += n;
-      left -= static_cast<std::size_t>(n);
-    }
+    write_fully(fd_, bytes, file_path_);
     hasher_.update(bytes);
     received_ += static_cast<std::int64_t>(bytes.size());
     written_ += static_cast<std::int64_t>(bytes.size());
@@ -298,24 +285,6 @@ std::int64_t hash_existing(int fd, Sha256& hasher, const std::string& staging) {
     total += n;
   }
   return total;
-}
-
-void write_at(int fd, std::string_view bytes, std::int64_t offset, const std::string& file_path) {
-  const char* data = bytes.data();
-  std::size_t left = bytes.size();
-  while (left > 0) {
-    ssize_t n = ::pwrite(fd, data, left, offset);
-    if (n < 0) {
-      if (errno == EINTR) continue;
-      if (errno == ENOSPC || errno == EDQUOT) {
-        throw DiskSpaceError("Insufficient disk space while writing " + file_path + ": " + std::strerror(errno));
-      }
-      throw_os_error(errno, file_path);
-    }
-    data += n;
-    left -= static_cast<std::size_t>(n);
-    offset += n;
-  }
 }
 
 }  // namespace
@@ -547,7 +516,7 @@ class RangeSink : public BodySink {
     if (position_ - start_ + static_cast<std::int64_t>(bytes.size()) > limit_) {
       kept = bytes.substr(0, static_cast<std::size_t>(limit_ - (position_ - start_)));
     }
-    write_at(fetch_.fd, kept, position_, fetch_.job->path);
+    write_fully(fetch_.fd, kept, fetch_.job->path, position_);
     if (hasher_) {
       hasher_->update(kept);
       *hashed_ += static_cast<std::int64_t>(kept.size());

@@ -86,17 +86,6 @@ class TemporaryFileGuard {
   throw_os_error(error_number, temporary);
 }
 
-void write_all(int fd, std::string_view data, const std::string& temporary, const std::string& path) {
-  while (!data.empty()) {
-    ssize_t n = ::write(fd, data.data(), data.size());
-    if (n < 0) {
-      if (errno == EINTR) continue;
-      throw_write_error(errno, temporary, path);
-    }
-    data.remove_prefix(static_cast<std::size_t>(n));
-  }
-}
-
 json::value text_form_or_empty(const json::object* entry, std::string_view key) {
   if (entry == nullptr) return "";
   const json::value* value = entry->if_contains(key);
@@ -109,6 +98,19 @@ double wall_clock_seconds() {
 }
 
 }  // namespace
+
+void write_fully(int fd, std::string_view data, const std::string& path, std::int64_t offset,
+                 const std::string* os_error_path) {
+  while (!data.empty()) {
+    const ssize_t n = offset < 0 ? ::write(fd, data.data(), data.size()) : ::pwrite(fd, data.data(), data.size(), offset);
+    if (n < 0) {
+      if (errno == EINTR) continue;
+      throw_write_error(errno, os_error_path ? *os_error_path : path, path);
+    }
+    data.remove_prefix(static_cast<std::size_t>(n));
+    if (offset >= 0) offset += n;
+  }
+}
 
 int remove_orphaned_temporaries(const std::string& path) noexcept {
   // Names are "<path>.<pid>.<thread>.<nanos>.tmp" (temporary_name above).
@@ -216,7 +218,7 @@ void atomic_write_in_pieces(const std::string& path,
   // above all) is not ours to write through.
   UniqueFd fd(::open(temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0666));
   if (!fd.valid()) throw_write_error(errno, temporary, path);
-  produce([&](std::string_view piece) { write_all(fd.get(), piece, temporary, path); });
+  produce([&](std::string_view piece) { write_fully(fd.get(), piece, path, -1, &temporary); });
   // A failing close can mean lost data (e.g. on network file systems).
   if (fd.reset() != 0) throw_write_error(errno, temporary, path);
   rename_file(temporary, path);

@@ -70,6 +70,12 @@ std::string sha256_file(const std::string& path, std::int64_t chunk_bytes = SYNC
 // A full disk (or quota) is a DiskSpaceError "Insufficient disk space while
 // writing <path>: <strerror>", as during a download.
 void atomic_write(const std::string& path, std::string_view data);
+// Writes every byte of `data` to `fd` (with pwrite at `offset` when it is not
+// negative), retrying interrupted writes. A full disk or quota is a
+// DiskSpaceError "Insufficient disk space while writing <path>: <strerror>";
+// any other failure an OSError naming `os_error_path` when given, else `path`.
+void write_fully(int fd, std::string_view data, const std::string& path, std::int64_t offset = -1,
+                 const std::string* os_error_path = nullptr);
 // Removes the temporary files that atomic writes of `path` left behind when
 // their process was killed mid-write: only those whose writer pid is not a
 // live process on this host. Returns how many went; never throws.
