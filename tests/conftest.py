@@ -2,6 +2,7 @@
 
 import logging
 import pathlib
+import signal
 import sys
 
 import pytest
@@ -41,6 +42,11 @@ def dataservice(dataservice_factory):
 
 def pytest_configure(config):
     config.addinivalue_line("markers", "real_backoff: keep the real backoff schedule (tests of backoff itself)")
+    # A suite started from a background job (nohup, `cmd &`) inherits SIGINT
+    # ignored: Ctrl-C would then reach neither this process nor the CLI
+    # processes the tests interrupt. A Python handler here is reset to the
+    # default in every child at exec, so both get Python's KeyboardInterrupt.
+    signal.signal(signal.SIGINT, signal.default_int_handler)
 
 
 @pytest.fixture

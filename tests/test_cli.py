@@ -297,19 +297,28 @@ def test_watch_reports_new_versions_and_releases_on_ctrl_c(service, data_dir, mo
     monkeypatch.setattr(cli.Run, "manager", manager)
     out = io.StringIO()
 
+    failed = []
+
     def engine_and_user():
-        # The engine's poll thread picks up a new version; then the user presses Ctrl-C.
-        assert wait_for(lambda: made and made[0].calls == ["acquire"]), "no acquire"
-        service.set_version(touch=[next(iter(service.manifest()["files"]))])
-        made[0].sync()
-        assert wait_for(lambda: "version 2" in out.getvalue()), "the new version was not reported"
-        _thread.interrupt_main()
+        # The engine's poll thread picks up a new version; then the user presses Ctrl-C
+        # (also when a step failed: the watch must end either way).
+        try:
+            assert wait_for(lambda: made and made[0].calls == ["acquire"]), "no acquire"
+            service.set_version(touch=[next(iter(service.manifest()["files"]))])
+            made[0].sync()
+            assert wait_for(lambda: "version 2" in out.getvalue()), "the new version was not reported"
+        except BaseException as exc:  # noqa: BLE001 - re-raised in the test's thread
+            failed.append(exc)
+        finally:
+            _thread.interrupt_main()
 
     helper = threading.Thread(target=engine_and_user, daemon=True)
     helper.start()
     code = cli.main(["watch", "--server", service.url, "--data-dir", str(data_dir)], stdout=out,
                     stderr=io.StringIO())
     helper.join()
+    if failed:
+        raise failed[0]
     assert code == cli.EXIT_INTERRUPTED
     assert made[0].calls == ["acquire", "release"]
     assert "watching" in out.getvalue() and "now at era 1 version 2" in out.getvalue()
