@@ -416,6 +416,11 @@ struct RangeFetch {
   std::exception_ptr error;    // guarded by mu: the first failure
   std::atomic<bool> abort{false};
   std::atomic<std::int64_t> fetched{0};
+  // Taken around each write into the staging file. The kernel serialises
+  // buffered writes to one file on the inode's lock, and a writer waiting
+  // there spins while the holder copies; waiting here sleeps instead, which
+  // leaves the CPU to the transfers and the digest.
+  Mutex write_mu;
 
   // The next range nobody fetches yet, marked as being fetched.
   std::optional<std::size_t> claim() {
@@ -516,7 +521,10 @@ class RangeSink : public BodySink {
     if (position_ - start_ + static_cast<std::int64_t>(bytes.size()) > limit_) {
       kept = bytes.substr(0, static_cast<std::size_t>(limit_ - (position_ - start_)));
     }
-    write_fully(fetch_.fd, kept, fetch_.job->path, position_);
+    {
+      MutexLock lock(fetch_.write_mu);
+      write_fully(fetch_.fd, kept, fetch_.job->path, position_);
+    }
     if (hasher_) {
       hasher_->update(kept);
       *hashed_ += static_cast<std::int64_t>(kept.size());
