@@ -22,7 +22,8 @@ and measures, in one run, each into an empty directory on the same disk:
 - peak RSS of each process.
 
 It prints a table with the ratios (peer time / tidewright time) and writes
-``bench/out/peers.json``. Missing tools are installed first: nginx and aria2
+``bench/out/peers.json`` (``peers-tiny.json`` with ``--tiny-files``).
+Missing tools are installed first: nginx and aria2
 with apt-get, hf-transfer with pip into the running interpreter's
 environment (skipped, with a note, when the package index does not have it).
 
@@ -487,7 +488,7 @@ def main() -> int:
 
     report(results, total, len(files), era, sha_mb_s, curl_mb_s, notes)
     os.makedirs(OUT, exist_ok=True)
-    with open(os.path.join(OUT, "peers.json"), "w") as handle:
+    with open(os.path.join(OUT, "peers-tiny.json" if args.tiny_files else "peers.json"), "w") as handle:
         json.dump({"bytes": total, "files": len(files), "results": results, "sha256_core_mb_s": sha_mb_s,
                    "curl_loopback_mb_s": curl_mb_s, "notes": notes, "cpus": os.cpu_count()}, handle, indent=2)
     return 0
