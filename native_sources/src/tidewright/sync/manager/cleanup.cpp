@@ -15,6 +15,7 @@
 #include <filesystem>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <set>
 #include <system_error>
 
@@ -153,14 +154,23 @@ void remove_manifest_tmp_file(const std::string& data_dir, const std::string& fi
 
 void cleanup_sync_tmp_files(const std::string& data_dir, const std::vector<std::string>& preserve_relative_paths,
                             TmpScanMemo* memo, const ManifestFilesList& manifest_files) {
-  std::set<std::string> preserve = manifest_files_named_tmp(data_dir, manifest_files);
-  for (const auto& p : preserve_relative_paths) {
-    try {
-      preserve.insert(manifest_local_path(data_dir, p) + ".tmp");
-    } catch (const ManifestError&) {
+  // Built when the walk meets its first staging file: a tree without any
+  // (every cold sync, most syncs) resolves none of the paths.
+  std::optional<std::set<std::string>> preserve;
+  auto keep = [&](const std::string& path) {
+    if (!preserve) {
+      preserve = manifest_files_named_tmp(data_dir, manifest_files);
+      ManifestLocalPaths locals(data_dir);
+      for (const auto& p : preserve_relative_paths) {
+        try {
+          preserve->insert(locals.resolve(p) + ".tmp");
+        } catch (const ManifestError&) {
+        }
+      }
     }
-  }
-  remove_tmp_files(data_dir, [&](const std::string& path) { return preserve.count(path) > 0; }, memo);
+    return preserve->count(path) > 0;
+  };
+  remove_tmp_files(data_dir, keep, memo);
 }
 
 void remove_all_tmp_files(const std::string& data_dir, const ManifestFilesList& manifest_files) {

@@ -25,7 +25,10 @@ std::int64_t require_disk_space(const std::string& data_dir, const DownloadSet& 
     std::int64_t staged = 0;
     try {
       if (!locals) locals.emplace(data_dir);
-      staged = resumable_staged_bytes_at(locals->resolve(job.path) + ".tmp", sized);
+      LocalPresence presence = LocalPresence::unknown;
+      const std::string local = locals->resolve(job.path, nullptr, &presence);
+      // Nothing is staged in a directory that does not exist.
+      if (presence != LocalPresence::directory_absent) staged = resumable_staged_bytes_at(local + ".tmp", sized);
     } catch (const ManifestError&) {
     }
     const std::int64_t remaining = *size - staged;

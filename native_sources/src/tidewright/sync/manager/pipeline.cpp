@@ -471,9 +471,12 @@ class SyncPipeline {
       if (vocabulary_named_universe_from_path(path)) continue;
       if (signals_index_path && path == *signals_index_path) continue;
       if (manifest_file_is_sync_excluded(path, kv.value(), siblings_)) continue;
-      std::string local_path = locals.resolve(path);
+      LocalPresence presence = LocalPresence::unknown;
+      std::string local_path = locals.resolve(path, nullptr, &presence);
       const json::value* local_info = same_era_local ? local->files().if_contains(path) : nullptr;
-      if (local_copy_is_current(path, local_path, kv.value(), local_info)) continue;
+      if (presence == LocalPresence::unknown && local_copy_is_current(path, local_path, kv.value(), local_info)) {
+        continue;
+      }
       plan.jobs.push_back(DownloadJob::for_manifest(manifest, std::move(path), kv.value()));
     }
 

@@ -4,6 +4,7 @@
 #include "tidewright/sync/common/url.hpp"
 #include "tidewright/sync/reporting/errors.hpp"
 
+#include <cerrno>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <sys/utsname.h>
@@ -216,7 +217,8 @@ std::string manifest_local_write_path(const std::string& data_dir, std::string_v
 
 ManifestLocalPaths::ManifestLocalPaths(const std::string& data_dir) : root_(real_path(data_dir)) {}
 
-std::string ManifestLocalPaths::resolve(std::string_view file_path, std::optional<StatKey>* identity) {
+std::string ManifestLocalPaths::resolve(std::string_view file_path, std::optional<StatKey>* identity,
+                                        LocalPresence* presence) {
   const std::string relative = safe_manifest_relative_path(file_path);
   const std::size_t slash = relative.rfind('/');
   const std::string parent_key = slash == std::string::npos ? std::string() : relative.substr(0, slash);
@@ -230,21 +232,31 @@ std::string ManifestLocalPaths::resolve(std::string_view file_path, std::optiona
     it = parents_.emplace(parent_key, std::move(fresh)).first;
   }
   Parent& parent = it->second;
-  if (parent.used && !parent.fd.valid() && open_parents_ < kMaxOpenParents) {
+  if (parent.used && !parent.fd.valid() && !parent.missing && open_parents_ < kMaxOpenParents) {
     parent.fd = UniqueFd(::open(parent.path.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
-    if (parent.fd.valid()) ++open_parents_;
+    if (parent.fd.valid()) {
+      ++open_parents_;
+    } else {
+      parent.missing = errno == ENOENT;
+    }
   }
   parent.used = true;
   std::string candidate = path_join(parent.path, leaf);
   if (identity) identity->reset();
-  struct stat st;
-  int rc = parent.fd.valid() ? ::fstatat(parent.fd.get(), leaf.c_str(), &st, AT_SYMLINK_NOFOLLOW)
-                             : ::lstat(candidate.c_str(), &st);
-  if (rc == 0) {
-    if (S_ISLNK(st.st_mode)) {
-      candidate = real_path(candidate);
-    } else if (identity) {
-      *identity = stat_key_of(st);
+  if (presence) *presence = LocalPresence::unknown;
+  if (parent.missing) {
+    if (presence) *presence = LocalPresence::directory_absent;
+  } else {
+    struct stat st;
+    const int rc = parent.fd.valid() ? ::fstatat(parent.fd.get(), leaf.c_str(), &st, AT_SYMLINK_NOFOLLOW)
+                                     : ::lstat(candidate.c_str(), &st);
+    if (rc != 0 && errno == ENOENT && presence) *presence = LocalPresence::absent;
+    if (rc == 0) {
+      if (S_ISLNK(st.st_mode)) {
+        candidate = real_path(candidate);
+      } else if (identity) {
+        *identity = stat_key_of(st);
+      }
     }
   }
   if (!path_within(root_, candidate)) {

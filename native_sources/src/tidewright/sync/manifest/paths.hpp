@@ -80,19 +80,31 @@ std::string manifest_local_write_path(const std::string& data_dir, std::string_v
 // that segment is a link. Meant for one pass over a manifest: a directory
 // replaced by a link during the pass is seen by the next pass. Not
 // thread-safe.
+// What a resolve learnt on the way of what is at the path.
+enum class LocalPresence {
+  unknown,           // an entry is there, or nothing was looked at
+  absent,            // no entry at the path
+  directory_absent,  // its directory is missing: nothing beside it either
+};
+
 class ManifestLocalPaths {
  public:
   explicit ManifestLocalPaths(const std::string& data_dir);
   // The same path, or the same error, as manifest_local_path(data_dir, file_path).
   // With `identity`, also the identity of the file found there when the
   // lstat taken on the way tells it (an existing entry that is not a link).
-  std::string resolve(std::string_view file_path, std::optional<StatKey>* identity = nullptr);
+  // With `presence`, whether nothing is there. Once a directory is found
+  // missing, the other paths in it are answered without a system call (a
+  // cold sync resolves every path of the era twice).
+  std::string resolve(std::string_view file_path, std::optional<StatKey>* identity = nullptr,
+                      LocalPresence* presence = nullptr);
 
  private:
   struct Parent {
     std::string path;  // resolved
     UniqueFd fd;       // opened on the second use, while few are open
     bool used = false;
+    bool missing = false;  // the open found no directory there
   };
   static constexpr int kMaxOpenParents = 256;
 
