@@ -603,7 +603,8 @@ void RangeFetch::fetch(std::size_t i, Sha256* hasher, std::int64_t* hashed) {
 struct TransferEngine::FileRun {
   FileRun(const std::string& root, std::string local_path, const std::string& file_path)
       : local(std::move(local_path)), staging(root, local, file_path) {}
-  FileRun(UniqueFd dir, std::string local_path) : local(std::move(local_path)), staging(std::move(dir), local) {}
+  FileRun(UniqueFd dir, std::string local_path, const std::string& file_path)
+      : local(std::move(local_path)), staging(std::move(dir), local, file_path) {}
   std::string local;
   StagingFile staging;
   std::string actual_sha;
@@ -780,7 +781,7 @@ void TransferEngine::open_file_run(const DownloadJob& job, const DownloadOptions
       struct stat st;
       const int rc = ::fstatat(dir->get(), leaf.c_str(), &st, AT_SYMLINK_NOFOLLOW);
       if ((rc == 0 && !S_ISLNK(st.st_mode)) || (rc != 0 && errno == ENOENT)) {
-        opened.emplace(std::move(*dir), path_join(batch->root, relative));
+        opened.emplace(std::move(*dir), path_join(batch->root, relative), file_path);
       }
     }
   }
