@@ -44,7 +44,7 @@ struct SyncManagerTestAccess {
   // Takes the file lock as a sync does, under the sync lock (which a stop
   // waits for, so the stop request is seen before it is withdrawn).
   static void acquire_as_sync(SyncManager& manager) {
-    std::lock_guard<std::mutex> lock(manager.sync_mu_);
+    MutexLock lock(manager.sync_mu_);
     manager.acquire_flock();
   }
 };

@@ -21,6 +21,15 @@ namespace tidewright::sync::bindings {
 
 namespace {
 
+// "_request_feature_files_for_sync_impl": the host's tests call the work
+// itself, without the sync lock and the cross-process lock the engine's own
+// callers hold.
+std::vector<SyncManager::PrefetchedFeatureFile> request_feature_files_unlocked(
+    SyncManager& manager, const std::vector<std::string>& feature_names, const std::string& expression_type,
+    const std::optional<std::string>& named_universe) NO_THREAD_SAFETY_ANALYSIS {
+  return manager.request_feature_files_for_sync_impl(feature_names, expression_type, named_universe);
+}
+
 using namespace nanobind::literals;
 
 nb::object rotation_module() {
@@ -374,7 +383,7 @@ void bind_manager_methods() {
       std::vector<SyncManager::PrefetchedFeatureFile> files;
       {
         nb::gil_scoped_release release;
-        files = impl ? self.request_feature_files_for_sync_impl(names, expression, universe)
+        files = impl ? request_feature_files_unlocked(self, names, expression, universe)
                      : self.request_feature_files_for_sync(names, expression, universe);
       }
       return prefetched_list(files);

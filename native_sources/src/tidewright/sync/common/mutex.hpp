@@ -16,6 +16,7 @@
 #include <chrono>
 #include <condition_variable>
 #include <mutex>
+#include <shared_mutex>
 
 #if defined(__clang__)
 #define TW_THREAD_ANNOTATION(x) __attribute__((x))
@@ -63,9 +64,15 @@ class CAPABILITY("mutex") Mutex {
 
 // Holds a Mutex for its scope. unlock()/lock() let a scope step out of the
 // lock for a while (a wait for the host, a join) and take it back.
+// MutexLock(mu, MutexLock::adopt) takes over a lock the caller already
+// holds (after a successful try_lock()).
 class SCOPED_CAPABILITY MutexLock {
  public:
+  struct Adopt {};
+  static constexpr Adopt adopt{};
+
   explicit MutexLock(Mutex& mu) ACQUIRE(mu) : mu_(mu) { mu_.lock(); }
+  MutexLock(Mutex& mu, Adopt) REQUIRES(mu) : mu_(mu) {}
   ~MutexLock() RELEASE() {
     if (held_) mu_.unlock();
   }
@@ -84,6 +91,50 @@ class SCOPED_CAPABILITY MutexLock {
  private:
   Mutex& mu_;
   bool held_ = true;
+};
+
+// A reader/writer mutex: many readers or one writer. Held with ReaderLock
+// (shared) or WriterLock (exclusive); a field it guards is read under
+// either and written under WriterLock only.
+class CAPABILITY("mutex") SharedMutex {
+ public:
+  SharedMutex() = default;
+  SharedMutex(const SharedMutex&) = delete;
+  SharedMutex& operator=(const SharedMutex&) = delete;
+
+  void lock() ACQUIRE() { mu_.lock(); }
+  void unlock() RELEASE() { mu_.unlock(); }
+  void lock_shared() TW_THREAD_ANNOTATION(acquire_shared_capability()) { mu_.lock_shared(); }
+  void unlock_shared() TW_THREAD_ANNOTATION(release_shared_capability()) { mu_.unlock_shared(); }
+
+ private:
+  std::shared_mutex mu_;
+};
+
+// Holds a SharedMutex shared for its scope.
+class SCOPED_CAPABILITY ReaderLock {
+ public:
+  explicit ReaderLock(SharedMutex& mu) TW_THREAD_ANNOTATION(acquire_shared_capability(mu)) : mu_(mu) {
+    mu_.lock_shared();
+  }
+  ~ReaderLock() RELEASE() { mu_.unlock_shared(); }
+  ReaderLock(const ReaderLock&) = delete;
+  ReaderLock& operator=(const ReaderLock&) = delete;
+
+ private:
+  SharedMutex& mu_;
+};
+
+// Holds a SharedMutex exclusively for its scope.
+class SCOPED_CAPABILITY WriterLock {
+ public:
+  explicit WriterLock(SharedMutex& mu) ACQUIRE(mu) : mu_(mu) { mu_.lock(); }
+  ~WriterLock() RELEASE() { mu_.unlock(); }
+  WriterLock(const WriterLock&) = delete;
+  WriterLock& operator=(const WriterLock&) = delete;
+
+ private:
+  SharedMutex& mu_;
 };
 
 // A condition variable waited on with a Mutex held.

@@ -38,9 +38,9 @@ std::optional<std::string> text_field(const json::object& entry, const char* key
 }  // namespace
 
 std::optional<json::object> SyncManager::vocabulary() const {
-  std::lock_guard<std::mutex> lock(state_mu_);
-  if (!vocabulary_) return std::nullopt;
-  return *vocabulary_;
+  std::shared_ptr<const json::object> vocabularies = held_.vocabularies();
+  if (!vocabularies) return std::nullopt;
+  return *vocabularies;
 }
 
 std::shared_ptr<const json::object> SyncManager::validated_vocabularies(const Manifest& manifest) {
@@ -55,7 +55,7 @@ std::shared_ptr<const json::object> SyncManager::validated_vocabularies(const Ma
     const json::value* entry = manifest.files().if_contains(path);
     std::optional<StatKey> identity;
     try {
-      identity = try_stat_key(manifest_local_path(data_dir_, path));
+      identity = try_stat_key(manifest_local_path(settings_.data_dir, path));
     } catch (const ManifestError&) {
     }
     if (!identity) {
@@ -69,7 +69,7 @@ std::shared_ptr<const json::object> SyncManager::validated_vocabularies(const Ma
   if (cacheable) {
     if (std::shared_ptr<const json::object> remembered = vocabulary_memo_.find(key)) return remembered;
   }
-  auto vocabularies = std::make_shared<const json::object>(validate_manifest_vocabulary_files(data_dir_, manifest));
+  auto vocabularies = std::make_shared<const json::object>(validate_manifest_vocabulary_files(settings_.data_dir, manifest));
   if (cacheable) vocabulary_memo_.remember(std::move(key), vocabularies);
   return vocabularies;
 }
@@ -99,7 +99,7 @@ void SyncManager::repair_vocabulary_manifest_entry(Manifest& server_manifest, co
 }
 
 bool SyncManager::download_vocabulary(Manifest& server_manifest, const std::optional<std::string>& target_data_dir) {
-  const std::string target = target_data_dir.value_or(data_dir_);
+  const std::string target = target_data_dir.value_or(settings_.data_dir);
   ManifestSiblings siblings = host().manifest_siblings();
   std::vector<std::string> paths = vocabulary_manifest_paths(server_manifest.files());
   if (paths.empty()) throw SyncError("manifest is missing per-universe vocabulary.json entries");
@@ -167,10 +167,7 @@ bool SyncManager::download_vocabulary(Manifest& server_manifest, const std::opti
     }
     downloaded = true;
   }
-  {
-    std::lock_guard<std::mutex> lock(state_mu_);
-    vocabulary_ = std::make_shared<const json::object>(std::move(validated));
-  }
+  held_.set_vocabularies(std::make_shared<const json::object>(std::move(validated)));
   return downloaded;
 }
 
@@ -180,8 +177,8 @@ bool SyncManager::download_validated_vocabulary_repair(const std::string& file_p
   std::optional<std::string> base = text_field(file_info, "_manifest_base_url");
   if (!base) base = text_field(file_info, "base_url");
   if (!base && held) base = held->base_url_text();
-  std::string url = manifest_file_url(server_url_, file_path, base);
-  HttpResponse response = manifest_base_url_uses_public_download(server_url_, base) ? http_get_public(url) : http_get(url);
+  std::string url = manifest_file_url(settings_.server_url, file_path, base);
+  HttpResponse response = manifest_base_url_uses_public_download(settings_.server_url, base) ? http_get_public(url) : http_get(url);
   if (response.status != 200) return false;
   std::int64_t era = held ? held->era_number_int() : -1;
   if (const json::value* e = file_info.if_contains("_manifest_era_number")) era = to_int(*e).value_or(era);
@@ -196,7 +193,7 @@ bool SyncManager::download_validated_vocabulary_repair(const std::string& file_p
       throw IntegrityError("Size failure for " + file_path);
     }
   }
-  std::string local = manifest_local_write_path(data_dir_, file_path);
+  std::string local = manifest_local_write_path(settings_.data_dir, file_path);
   atomic_write(local, response.body);
   hash_cache_.remember(file_path, local, sha256(response.body));
   result.bytes_downloaded += static_cast<std::int64_t>(response.body.size());
@@ -209,7 +206,7 @@ bool SyncManager::download_signals_index(Manifest& server_manifest, SyncResult& 
                                          const std::optional<std::string>& target_data_dir) {
   std::optional<std::string> path = manifest_signals_index_path(server_manifest);
   if (!path) return false;
-  const std::string target = target_data_dir.value_or(data_dir_);
+  const std::string target = target_data_dir.value_or(settings_.data_dir);
   const json::object& entry = server_manifest.files().at(*path).get_object();
   std::string local = manifest_local_path(target, *path);
   if (local_file_matches_manifest(*path, local, entry, true)) {
@@ -221,8 +218,8 @@ bool SyncManager::download_signals_index(Manifest& server_manifest, SyncResult& 
   remove_manifest_tmp_file(target, *path);
   std::optional<std::string> base = text_field(entry, "base_url");
   if (!base) base = server_manifest.base_url_text();
-  std::string url = manifest_file_url(server_url_, *path, base);
-  HttpResponse response = manifest_base_url_uses_public_download(server_url_, base) ? http_get_public(url) : http_get(url);
+  std::string url = manifest_file_url(settings_.server_url, *path, base);
+  HttpResponse response = manifest_base_url_uses_public_download(settings_.server_url, base) ? http_get_public(url) : http_get(url);
   if (response.status != 200) raise_download_http_status(*path, json::value(response.status));
   validate_signals_index_bytes(response.body, server_manifest);
   std::string digest = sha256(response.body);
@@ -233,7 +230,7 @@ bool SyncManager::download_signals_index(Manifest& server_manifest, SyncResult& 
   }
   local = manifest_local_write_path(target, *path);
   atomic_write(local, response.body);
-  if (target == data_dir_) {
+  if (target == settings_.data_dir) {
     if (HostRef guard = runtime_freshness_guard()) {
       json::object kwargs;
       kwargs["relative_path"] = *path;
@@ -263,10 +260,10 @@ void SyncManager::record_scrubbed_signals_index_update(const ScrubbedSignalsInde
 }
 
 bool SyncManager::download_shuffle_seed(const Manifest& server_manifest, const std::optional<std::string>& target_data_dir) {
-  const std::string target = target_data_dir.value_or(data_dir_);
+  const std::string target = target_data_dir.value_or(settings_.data_dir);
   const std::string path = path_join(target, SHUFFLE_SEED_FILENAME);
   ShuffleSeedExpectations expect{server_manifest.era_number_int(),
-                                 manifest_positive_int(server_manifest, "market_id").value_or(market_id_),
+                                 manifest_positive_int(server_manifest, "market_id").value_or(settings_.market_id),
                                  manifest_positive_int(server_manifest, "version"),
                                  shuffle_seed_generation_for_manifest(server_manifest)};
   if (path_exists(path)) {
@@ -279,7 +276,7 @@ bool SyncManager::download_shuffle_seed(const Manifest& server_manifest, const s
   }
   HttpResponse response;
   for (std::int64_t attempt = 0;; ++attempt) {
-    response = http_get(server_url_ + "/data/shuffle");
+    response = http_get(settings_.server_url + "/data/shuffle");
     if (response.status == 401) throw AuthError("Authentication failed while downloading shuffle seed: HTTP 401");
     if (response.status != 200) {
       throw SyncError("Failed to download shuffle seed: HTTP " + std::to_string(response.status));

@@ -210,7 +210,7 @@ void HashCache::load() {
       loaded.clear();
     }
   }
-  std::unique_lock<std::shared_mutex> lock(mu_);
+  WriterLock lock(mu_);
   entries_ = std::move(loaded);
   dirty_ = false;
 }
@@ -224,7 +224,7 @@ std::optional<std::string> HashCache::cached_sha(const std::string& file_path, c
 
 std::optional<std::string> HashCache::cached_sha(const std::string& file_path, const StatKey& key,
                                                  const std::string& expected_sha) {
-  std::shared_lock<std::shared_mutex> lock(mu_);
+  ReaderLock lock(mu_);
   auto it = entries_.find(file_path);
   if (it == entries_.end() || !trusted(it->second, key, expected_sha)) return std::nullopt;
   return it->second.digest_text();
@@ -232,7 +232,7 @@ std::optional<std::string> HashCache::cached_sha(const std::string& file_path, c
 
 std::vector<char> HashCache::cached_batch(const std::vector<Query>& queries) {
   std::vector<char> hits(queries.size(), 0);
-  std::shared_lock<std::shared_mutex> lock(mu_);
+  ReaderLock lock(mu_);
   for (std::size_t i = 0; i < queries.size(); ++i) {
     auto it = entries_.find(*queries[i].file_path);
     hits[i] = it != entries_.end() && trusted(it->second, queries[i].key, *queries[i].expected_sha);
@@ -250,7 +250,7 @@ void HashCache::remember(const std::string& file_path, const std::string& local_
   std::optional<Entry> compact = compact_entry(actual_sha, key);
   Entry fresh = compact ? std::move(*compact) : make_entry(entry_for(actual_sha, key));
   std::int64_t now = coarse_now_ns();
-  std::unique_lock<std::shared_mutex> lock(mu_);
+  WriterLock lock(mu_);
   auto it = entries_.find(file_path);
   if (it != entries_.end() && !it->second.verbatim && !fresh.verbatim && it->second.has_key &&
       it->second.key == fresh.key && it->second.digest == fresh.digest) {
@@ -267,7 +267,7 @@ void HashCache::persist() {
   // writes them (sorted keys): no copy of the cache as JSON values.
   std::string text;
   {
-    std::unique_lock<std::shared_mutex> lock(mu_);
+    WriterLock lock(mu_);
     if (!dirty_) return;
     std::vector<const std::pair<const std::string, Entry>*> sorted;
     sorted.reserve(entries_.size());
@@ -299,13 +299,13 @@ void HashCache::persist() {
     atomic_write(path_, text);
   } catch (const std::exception& e) {
     log_warning("Failed to persist sync hash cache: %s", {json::value(e.what())});
-    std::unique_lock<std::shared_mutex> lock(mu_);
+    WriterLock lock(mu_);
     dirty_ = true;
   }
 }
 
 json::object HashCache::entries() const {
-  std::shared_lock<std::shared_mutex> lock(mu_);
+  ReaderLock lock(mu_);
   json::object out;
   out.reserve(entries_.size());
   for (const auto& [k, v] : entries_) out[k] = v.stored();
@@ -313,7 +313,7 @@ json::object HashCache::entries() const {
 }
 
 bool HashCache::dirty() const {
-  std::shared_lock<std::shared_mutex> lock(mu_);
+  ReaderLock lock(mu_);
   return dirty_;
 }
 

@@ -16,6 +16,8 @@
 // concurrently.
 #pragma once
 
+#include "tidewright/sync/common/mutex.hpp"
+
 #include "tidewright/sync/common/fs.hpp"
 #include "tidewright/sync/common/json.hpp"
 
@@ -23,8 +25,6 @@
 
 #include <array>
 #include <memory>
-#include <mutex>
-#include <shared_mutex>
 #include <optional>
 #include <string>
 #include <vector>
@@ -105,11 +105,11 @@ class HashCache {
   static std::optional<Entry> compact_entry(const std::string& sha, const StatKey& key);
 
   const std::string path_;
-  mutable std::shared_mutex mu_;
+  mutable SharedMutex mu_;
   // Open addressing: a lookup is one probe of a flat array, which matters
   // when a no-op sync looks up every file of a large era.
-  boost::unordered_flat_map<std::string, Entry> entries_;  // guarded by mu_
-  bool dirty_ = false;                              // guarded by mu_
+  boost::unordered_flat_map<std::string, Entry> entries_ GUARDED_BY(mu_);
+  bool dirty_ GUARDED_BY(mu_) = false;
 };
 
 }  // namespace tidewright::sync

@@ -32,11 +32,11 @@ constexpr auto TRANSITION_END_WAIT = std::chrono::seconds(30);
 
 // Managers whose threads were started, so that interpreter exit also stops
 // those that are not (or no longer) in the registry.
-std::mutex g_started_mu;
-std::vector<std::weak_ptr<SyncManager>> g_started;  // guarded by g_started_mu
+Mutex g_started_mu;
+std::vector<std::weak_ptr<SyncManager>> g_started GUARDED_BY(g_started_mu);
 
 void remember_started(const std::shared_ptr<SyncManager>& manager) {
-  std::lock_guard<std::mutex> lock(g_started_mu);
+  MutexLock lock(g_started_mu);
   std::erase_if(g_started, [&](const std::weak_ptr<SyncManager>& w) {
     auto p = w.lock();
     return !p || p == manager;
@@ -69,38 +69,25 @@ void sort_newest_first(std::vector<std::string>& paths) {
 
 // --- consumers ---------------------------------------------------------------
 
-void SyncManager::persist_consumer_count() {
-  try {
-    // Whole or not at all: a reader (or a process killed mid-write) never
-    // leaves or sees an empty or half-written count.
-    atomic_write(consumer_count_path_, consumer_count_text(consumer_count_.load()));
-  } catch (const std::exception& e) {
-    log_warning("Failed to persist consumer count: %s", {json::value(e.what())});
-  }
-}
-
 void SyncManager::acquire() {
-  std::lock_guard<std::mutex> lock(consumer_mu_);
-  consumer_count_.store(consumer_count_.load() + 1);
-  persist_consumer_count();
-  if (!running_.load() && !consumer_lifecycle_started_.load()) {
-    std::lock_guard<std::mutex> lifecycle(lifecycle_mu_);
+  MutexLock lock(consumers_.mutex());
+  consumers_.change(+1);
+  if (!running_.load() && !consumers_.lifecycle_started()) {
+    MutexLock lifecycle(lifecycle_mu_);
     start_internal();
-    consumer_lifecycle_started_.store(true);
+    consumers_.set_lifecycle_started(true);
   }
 }
 
 void SyncManager::release() {
   // The registry lock keeps a concurrent get_or_create from handing out
   // this instance while it is being stopped.
-  std::lock_guard<std::mutex> class_lock(class_mutex());
-  std::lock_guard<std::mutex> lock(consumer_mu_);
-  if (consumer_count_.load() <= 0) return;
-  consumer_count_.store(consumer_count_.load() - 1);
-  persist_consumer_count();
-  if (consumer_count_.load() == 0) {
+  MutexLock class_lock(class_mutex());
+  MutexLock lock(consumers_.mutex());
+  if (consumers_.count() <= 0) return;
+  if (consumers_.change(-1) == 0) {
     stop_internal();
-    consumer_lifecycle_started_.store(false);
+    consumers_.set_lifecycle_started(false);
     // A transition still running (on this very thread, from a callback, or
     // one that outlived the wait) keeps the instance registered, so that no
     // second manager for the directory is made meanwhile; it leaves when the
@@ -119,11 +106,11 @@ void SyncManager::evict_if_released() {
   if (!evict_after_transition_.load()) return;
   std::shared_ptr<SyncManager> keep_alive = weak_from_this().lock();  // the registry may hold the last reference
   try {
-    std::lock_guard<std::mutex> class_lock(class_mutex());
-    std::lock_guard<std::mutex> lock(consumer_mu_);
+    MutexLock class_lock(class_mutex());
+    MutexLock lock(consumers_.mutex());
     if (!evict_after_transition_.load() || transition_.calls_running()) return;
     evict_after_transition_.store(false);
-    if (consumer_count_.load() == 0 && !consumer_lifecycle_started_.load()) evict_locked(this);
+    if (consumers_.count() == 0 && !consumers_.lifecycle_started()) evict_locked(this);
   } catch (const std::exception& e) {
     log_warning("Failed to evict the released sync manager: %s", {json::value(e.what())});
   }
@@ -132,7 +119,7 @@ void SyncManager::evict_if_released() {
 // --- threads -------------------------------------------------------------------
 
 void SyncManager::start() {
-  std::lock_guard<std::mutex> lifecycle(lifecycle_mu_);
+  MutexLock lifecycle(lifecycle_mu_);
   if (running_.load()) throw StateError("SyncManager already running");
   start_sync_thread();
 }
@@ -161,18 +148,18 @@ void SyncManager::start_internal() {
     };
   };
   EraThreadOptions options;
-  options.server_url = server_url_;
+  options.server_url = settings_.server_url;
   options.get_token = [weak] {
     auto self = weak.lock();
     if (!self) throw StateError("the sync manager is gone");
     return self->fetch_token();
   };
   options.sync_manager = shared_from_this();
-  options.era_poll_interval_s = poll_interval_;
+  options.era_poll_interval_s = settings_.poll_interval;
   options.kill_searches_fn = SearchesFn::native(notify("kill"));
   options.restart_searches_fn = SearchesFn::native(notify("restart"));
-  options.market_id = market_id_;
-  options.market_id_repr = std::to_string(market_id_);
+  options.market_id = settings_.market_id;
+  options.market_id_repr = std::to_string(settings_.market_id);
   auto era_thread = std::make_shared<EraThread>(std::move(options));
   try {
     era_thread->start();
@@ -195,17 +182,19 @@ void SyncManager::request_stop() {
   threads_.request_stop();
 }
 
-bool SyncManager::enter_stop(std::unique_lock<std::mutex>& lifecycle, bool on_poll_thread) {
+// Not checked by the analysis: it cannot follow a lock taken in a polling
+// loop; the declaration says what the caller gets.
+bool SyncManager::enter_stop(bool on_poll_thread) NO_THREAD_SAFETY_ANALYSIS {
   // Stopped from a poll thread itself (a callback of its poll), the sync
   // that holds the sync lock is this thread's own: there is nothing to wait
   // for, and a stop running elsewhere waits for that sync, so waiting for
   // the lifecycle lock could never end. The poll is then asked to end and
   // the stop in progress does the rest; a start holds the lock only briefly.
   if (!on_poll_thread) {
-    lifecycle.lock();
+    lifecycle_mu_.lock();
     return true;
   }
-  while (!lifecycle.try_lock()) {
+  while (!lifecycle_mu_.try_lock()) {
     if (stopping_.load()) {
       request_stop();
       return false;
@@ -236,25 +225,31 @@ bool SyncManager::wait_for_transition_end() {
 
 void SyncManager::stop_poll_thread(bool on_poll_thread, bool on_transition_thread) {
   std::shared_ptr<OwnedThread> poll_thread = threads_.take_poll_thread();
+  auto join_and_mark_stopped = [&] {
+    if (poll_thread && !on_poll_thread && !poll_thread->join_for(THREAD_JOIN_TIMEOUT)) {
+      log_warning("Sync poll thread did not stop within %s seconds", {json::value(30)});
+    }
+    if (poll_thread && poll_thread->running()) threads_.keep_stray(std::move(poll_thread));
+    running_.store(false);
+    consumers_.set_lifecycle_started(false);
+  };
   // A transition thread holds the file lock, which a sync takes after the
   // sync lock: waiting for the sync lock here would invert that order (a
   // sync waiting for the file lock ends on the stop request anyway).
-  std::unique_lock<std::mutex> sync_lock(sync_mu_, std::defer_lock);
-  if (!on_poll_thread && !on_transition_thread) sync_lock.lock();
-  if (poll_thread && !on_poll_thread && !poll_thread->join_for(THREAD_JOIN_TIMEOUT)) {
-    log_warning("Sync poll thread did not stop within %s seconds", {json::value(30)});
+  if (on_poll_thread || on_transition_thread) {
+    join_and_mark_stopped();
+    return;
   }
-  if (poll_thread && poll_thread->running()) threads_.keep_stray(std::move(poll_thread));
-  running_.store(false);
-  consumer_lifecycle_started_.store(false);
+  MutexLock sync_lock(sync_mu_);
+  join_and_mark_stopped();
 }
 
 void SyncManager::stop_internal() {
   // Everything below observes the stop request: the poll wait, transfers
   // and backoff waits, the file-lock wait, the era thread's requests.
   const bool on_poll_thread = threads_.on_poll_thread();
-  std::unique_lock<std::mutex> lifecycle(lifecycle_mu_, std::defer_lock);
-  if (!enter_stop(lifecycle, on_poll_thread)) return;
+  if (!enter_stop(on_poll_thread)) return;
+  MutexLock lifecycle(lifecycle_mu_, MutexLock::adopt);
   stopping_.store(true);
   struct Stopped {
     std::atomic<bool>& flag;
@@ -283,7 +278,7 @@ void SyncManager::poll_loop(std::uint64_t generation) {
           log_warning("Poll loop iteration failed: %s", {json::value(e.what())});
         }
       }
-      if (threads_.wait_for_stop(generation, seconds_of(poll_interval_))) break;
+      if (threads_.wait_for_stop(generation, seconds_of(settings_.poll_interval))) break;
     }
   } catch (const std::exception& e) {
     log_warning("Sync poll thread stopped by an unexpected error: %s", {json::value(e.what())});
@@ -295,8 +290,8 @@ void SyncManager::poll_loop(std::uint64_t generation) {
 void SyncManager::poll_once() {
   if (in_transition()) return;
   if (std::vector<std::string> files = workers_.take_repair_queue(); !files.empty()) repair(files);
-  std::unique_lock<std::mutex> sync_lock(sync_mu_, std::try_to_lock);
-  if (!sync_lock.owns_lock()) return;  // a foreground sync is running
+  if (!sync_mu_.try_lock()) return;  // a foreground sync is running
+  MutexLock sync_lock(sync_mu_, MutexLock::adopt);
   try {
     if (!in_transition() && needs_sync() && !in_transition()) {
       DirectoryLock::Guard directory(directory_lock_);
@@ -319,49 +314,19 @@ std::vector<std::string> SyncManager::request_for_sync() {
   }
   if (!running_.load()) throw StateError("Sync thread is not running. Call start() or acquire() first.");
 
-  std::shared_ptr<CoalescedSync> running_sync;
-  std::shared_ptr<CoalescedSync> mine;
-  {
-    std::lock_guard<std::mutex> lock(coalescing_mu_);
-    if (coalescing_event_) {
-      running_sync = coalescing_event_;
-    } else {
-      mine = std::make_shared<CoalescedSync>();
-      coalescing_event_ = mine;
-    }
-  }
-  if (running_sync) {
-    std::unique_lock<std::mutex> lock(running_sync->mu);
-    running_sync->cv.wait_for(lock, COALESCED_SYNC_WAIT, [&] { return running_sync->done; });
-    lock.unlock();
-    return get_found_file_paths();
-  }
-
-  auto publish_done = [&] {
-    {
-      std::lock_guard<std::mutex> lock(mine->mu);
-      mine->done = true;
-    }
-    mine->cv.notify_all();
-    std::lock_guard<std::mutex> lock(coalescing_mu_);
-    coalescing_event_.reset();
-  };
   SyncResult result;
-  try {
-    std::lock_guard<std::mutex> sync_lock(sync_mu_);
+  const bool ran = coalescing_.run_or_join([&] {
+    MutexLock sync_lock(sync_mu_);
     DirectoryLock::Guard directory(directory_lock_);
     result = sync_with_manifest_refresh();
-  } catch (...) {
-    publish_done();
-    throw;
-  }
-  publish_done();
+  });
+  if (!ran) return get_found_file_paths();  // shared the sync under way
 
   if (!result.found_pnl_paths_downloaded.empty()) {
     std::vector<std::string> paths;
     for (const auto& relative : result.found_pnl_paths_downloaded) {
       try {
-        paths.push_back(manifest_local_path(data_dir_, relative));
+        paths.push_back(manifest_local_path(settings_.data_dir, relative));
       } catch (const ManifestError&) {
       }
     }
@@ -384,7 +349,7 @@ std::vector<std::string> SyncManager::get_found_file_paths() {
     if (!is_found_pnl_file_kind(siblings.manifest_file_kind(kv.key(), kv.value()))) continue;
     std::string local;
     try {
-      local = manifest_local_path(data_dir_, kv.key());
+      local = manifest_local_path(settings_.data_dir, kv.key());
     } catch (const ManifestError&) {
       continue;
     }
@@ -442,7 +407,7 @@ void SyncManager::shutdown_all() {
   std::vector<std::shared_ptr<SyncManager>> managers;
   for (auto& [key, manager] : instances()) managers.push_back(manager);
   {
-    std::lock_guard<std::mutex> lock(g_started_mu);
+    MutexLock lock(g_started_mu);
     for (auto& w : g_started) {
       auto p = w.lock();
       if (p && std::find(managers.begin(), managers.end(), p) == managers.end()) managers.push_back(std::move(p));

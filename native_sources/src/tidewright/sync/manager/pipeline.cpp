@@ -175,7 +175,7 @@ std::string listed_briefly(const std::set<std::string>& paths) {
 }  // namespace
 
 SyncResult SyncManager::sync() {
-  std::lock_guard<std::mutex> lock(sync_mu_);
+  MutexLock lock(sync_mu_);
   DirectoryLock::Guard directory(directory_lock_);
   return sync_with_manifest_refresh();
 }
@@ -222,11 +222,13 @@ SyncResult SyncManager::sync_impl() {
 // cross-process lock, on the manager's private state.
 class SyncPipeline {
  public:
-  SyncPipeline(SyncManager& manager, SyncResult& earlier)
-      : m_(manager), earlier_(earlier), siblings_(host().manifest_siblings()) {}
+  // `missing`: the manager's memo of missing found PnL files, handed over
+  // by the caller that holds the sync lock.
+  SyncPipeline(SyncManager& manager, SyncResult& earlier, MissingFoundPnl& missing)
+      : m_(manager), earlier_(earlier), missing_(missing), siblings_(host().manifest_siblings()) {}
 
   std::optional<SyncResult> run() {
-    remove_sync_progress_json(m_.data_dir_);  // a clean start
+    remove_sync_progress_json(m_.settings_.data_dir);  // a clean start
     const VersionProbe probe = probe_version();
     const ManifestPtr local = m_.get_manifest();
     if (std::optional<SyncResult> result = fast_path(probe, local)) return result;
@@ -283,7 +285,7 @@ class SyncPipeline {
   VersionProbe probe_version() {
     VersionProbe probe;
     try {
-      HttpResponse answer = m_.http_get(m_.server_url_ + "/data/manifest/version");
+      HttpResponse answer = m_.http_get(m_.settings_.server_url + "/data/manifest/version");
       if (answer.status == 401) throw AuthError("Authentication failed: HTTP 401");
       if (answer.status == 200) {
         try {
@@ -319,7 +321,7 @@ class SyncPipeline {
     }
     const std::int64_t local_version = local->version_int();
     const std::int64_t local_era = local->era_number_int();
-    if (probe.hash && !manifest_hash_hint_matches_local_state(m_.data_dir_, local_version, local_era, probe.hash)) {
+    if (probe.hash && !manifest_hash_hint_matches_local_state(m_.settings_.data_dir, local_version, local_era, probe.hash)) {
       log_info("Manifest version matched but manifest hash changed; fetching full manifest");
       return std::nullopt;
     }
@@ -328,9 +330,9 @@ class SyncPipeline {
         throw EraError("Era mismatch: local era_number=" + std::to_string(local_era) +
                        ", server era_number=" + std::to_string(*probe.era));
       }
-      RotationPlan rotation = m_.plan_feature_rotation_for_sync(*local, free_disk_bytes(m_.data_dir_));
+      RotationPlan rotation = m_.plan_feature_rotation_for_sync(*local, free_disk_bytes(m_.settings_.data_dir));
       std::shared_ptr<const json::object> vocabularies = m_.validated_vocabularies(*local);
-      validate_shuffle_seed_file(path_join(m_.data_dir_, SHUFFLE_SEED_FILENAME), seed_expectations(*local));
+      validate_shuffle_seed_file(path_join(m_.settings_.data_dir, SHUFFLE_SEED_FILENAME), seed_expectations(*local));
       std::int64_t n_features = 0;
       if (m_.first_local_mismatch(*local, siblings_, uncovered_by(rotation), &n_features)) {
         throw SyncError("Manifest version matched but local data files need repair");
@@ -358,7 +360,7 @@ class SyncPipeline {
     FetchedManifest fetched;
     {
       ScopedSyncStopPredicate stop([this] { return m_.stop_requested(); });
-      fetched = fetch_manifest(m_.server_url_ + "/data/manifest", m_.fetch_token());
+      fetched = fetch_manifest(m_.settings_.server_url + "/data/manifest", m_.fetch_token());
     }
     if (fetched.status == 401) throw AuthError("Authentication failed: HTTP " + std::to_string(fetched.status));
     if (fetched.status != 200) {
@@ -387,13 +389,13 @@ class SyncPipeline {
 
     std::int64_t fetched_version =
         to_int(server_data.contains("version") ? server_data.at("version") : json::value(0)).value_or(-1);
-    if (m_.missing_found_pnl_manifest_version_ != fetched_version) {
-      m_.missing_found_pnl_paths_.clear();
-      m_.missing_found_pnl_manifest_version_.reset();
+    if (missing_.manifest_version != fetched_version) {
+      missing_.paths.clear();
+      missing_.manifest_version.reset();
     }
-    if (!m_.missing_found_pnl_paths_.empty()) {
+    if (!missing_.paths.empty()) {
       server_data = drop_missing_found_pnl_paths(
-          server_data, std::vector<std::string>(m_.missing_found_pnl_paths_.begin(), m_.missing_found_pnl_paths_.end()));
+          server_data, std::vector<std::string>(missing_.paths.begin(), missing_.paths.end()));
     }
     server.manifest = Manifest::from_sanitized(std::move(server_data), std::move(rejected));
     log_rejected_manifest_entries(*server.manifest);
@@ -401,7 +403,7 @@ class SyncPipeline {
       throw EraError("Era mismatch: local era_number=" + std::to_string(local->era_number_int()) +
                      ", server era_number=" + std::to_string(server.manifest->era_number_int()));
     }
-    server.free_bytes = free_disk_bytes(m_.data_dir_);
+    server.free_bytes = free_disk_bytes(m_.settings_.data_dir);
     server.rotation = m_.plan_feature_rotation_for_sync(*server.manifest, server.free_bytes);
     return server;
   }
@@ -410,10 +412,10 @@ class SyncPipeline {
   // signals index, which gets a new content address. The index as the
   // server published it must be on disk: the scrub rewrites that file.
   void exclude_missing_found_pnl(ManifestPtr& manifest) {
-    if (m_.missing_found_pnl_paths_.empty()) return;
-    std::vector<std::string> missing(m_.missing_found_pnl_paths_.begin(), m_.missing_found_pnl_paths_.end());
+    if (missing_.paths.empty()) return;
+    std::vector<std::string> missing(missing_.paths.begin(), missing_.paths.end());
     json::object data = drop_missing_found_pnl_paths(manifest->data(), missing);
-    if (auto update = scrub_missing_found_pnl_paths_from_signals_index(m_.data_dir_, data, missing)) {
+    if (auto update = scrub_missing_found_pnl_paths_from_signals_index(m_.settings_.data_dir, data, missing)) {
       m_.record_scrubbed_signals_index_update(*update);
     }
     manifest = Manifest::from_sanitized(std::move(data), manifest->rejected_entries());
@@ -435,7 +437,7 @@ class SyncPipeline {
       vocabulary_due = true;
     }
     try {
-      validate_shuffle_seed_file(path_join(m_.data_dir_, SHUFFLE_SEED_FILENAME), seed_expectations(manifest));
+      validate_shuffle_seed_file(path_join(m_.settings_.data_dir, SHUFFLE_SEED_FILENAME), seed_expectations(manifest));
     } catch (const SyncError&) {
       seed_due = true;
     }
@@ -450,7 +452,7 @@ class SyncPipeline {
     if (vocabulary_due || seed_due) m_.download_signals_index(*server.manifest, commit.result);
     exclude_missing_found_pnl(server.manifest);
     commit.vocabularies = m_.validated_vocabularies(*server.manifest);
-    load_manifest_signals_index(m_.data_dir_, *server.manifest);
+    load_manifest_signals_index(m_.settings_.data_dir, *server.manifest);
     commit.manifest = server.manifest;
     commit.body_sha = server.body_sha;
     commit.rotation = &server.rotation;
@@ -464,7 +466,7 @@ class SyncPipeline {
     plan.result = result_for(manifest);
     const std::optional<std::string> signals_index_path = manifest_signals_index_path(manifest);
     const bool same_era_local = local && local->era_number_int() == manifest.era_number_int();
-    ManifestLocalPaths locals(m_.data_dir_);
+    ManifestLocalPaths locals(m_.settings_.data_dir);
     for (const auto& kv : manifest.files()) {
       std::string path(kv.key());
       if (!server.rotation.covers(path)) continue;
@@ -488,10 +490,10 @@ class SyncPipeline {
       resumable.reserve(plan.jobs.size() + plan.vocabulary_paths.size());
       for (const auto& job : plan.jobs) resumable.push_back(job.path);
       resumable.insert(resumable.end(), plan.vocabulary_paths.begin(), plan.vocabulary_paths.end());
-      cleanup_sync_tmp_files(m_.data_dir_, resumable, &m_.tmp_scan_memo_,
+      cleanup_sync_tmp_files(m_.settings_.data_dir, resumable, &m_.tmp_scan_memo_,
                              {&manifest.files(), local ? &local->files() : nullptr});
     }
-    plan.needed_bytes = require_disk_space(m_.data_dir_, plan.jobs, manifest.files(), server.free_bytes, siblings_);
+    plan.needed_bytes = require_disk_space(m_.settings_.data_dir, plan.jobs, manifest.files(), server.free_bytes, siblings_);
     return plan;
   }
 
@@ -528,7 +530,7 @@ class SyncPipeline {
   // earlier passes', and the caller runs another pass.
   bool download(const ServerManifest& server, DownloadPlan& plan) {
     if (plan.jobs.empty()) return true;
-    write_download_progress(m_.data_dir_, *server.manifest, plan.jobs, siblings_);
+    write_download_progress(m_.settings_.data_dir, *server.manifest, plan.jobs, siblings_);
     m_.progress_.start("download", static_cast<std::int64_t>(plan.jobs.size()), plan.needed_bytes);
     struct FinishProgress {
       ProgressFeed& feed;
@@ -536,8 +538,8 @@ class SyncPipeline {
     } finish_progress{m_.progress_};
     // A found PnL file that storage no longer has is set aside while the
     // other downloads go on, so one pass meets all of them.
-    std::mutex missing_mu;
-    std::set<std::string> missing;  // guarded by missing_mu
+    Mutex missing_mu;
+    std::set<std::string> missing;  // guarded by missing_mu while the downloads run
     const json::object& files = server.manifest->files();
     auto set_aside_missing_found_pnl = [&](const std::string&, const std::exception_ptr& error) {
       try {
@@ -545,7 +547,7 @@ class SyncPipeline {
       } catch (const PermanentDownloadError& e) {
         std::optional<std::string> path = missing_found_pnl_download_path(e, files);
         if (!path) return false;
-        std::lock_guard<std::mutex> lock(missing_mu);
+        MutexLock lock(missing_mu);
         missing.insert(*path);
         return true;
       } catch (...) {
@@ -555,11 +557,11 @@ class SyncPipeline {
     m_.download_files_parallel(plan.jobs, plan.result, set_aside_missing_found_pnl);
     if (missing.empty()) return true;
     for (const auto& path : missing) {
-      m_.missing_found_pnl_paths_.insert(path);
-      remove_manifest_tmp_file(m_.data_dir_, path);
+      missing_.paths.insert(path);
+      remove_manifest_tmp_file(m_.settings_.data_dir, path);
     }
-    m_.missing_found_pnl_manifest_version_ = server.manifest->version_int();
-    remove_sync_progress_json(m_.data_dir_);
+    missing_.manifest_version = server.manifest->version_int();
+    remove_sync_progress_json(m_.settings_.data_dir);
     log_warning(
         "Manifest signal PnL artifact is missing from storage; excluding stale membership entry and retrying sync: %s",
         {json::value(listed_briefly(missing))});
@@ -594,7 +596,7 @@ class SyncPipeline {
     m_.download_signals_index(*server.manifest, result);
     exclude_missing_found_pnl(server.manifest);
     Manifest& manifest = *server.manifest;
-    load_manifest_signals_index(m_.data_dir_, manifest);
+    load_manifest_signals_index(m_.settings_.data_dir, manifest);
     bool vocabulary_due = false;
     try {
       m_.validated_vocabularies(manifest);
@@ -602,7 +604,7 @@ class SyncPipeline {
       vocabulary_due = true;
     }
     if (vocabulary_due) result.vocabulary_downloaded = m_.download_vocabulary(manifest);
-    for (const auto& path : plan.vocabulary_paths) remove_manifest_tmp_file(m_.data_dir_, path);  // not needed after all
+    for (const auto& path : plan.vocabulary_paths) remove_manifest_tmp_file(m_.settings_.data_dir, path);  // not needed after all
     result.shuffle_seed_downloaded = m_.download_shuffle_seed(manifest);
     result.n_useful_signals = distinct_groups(manifest.files(), key_of, "useful_signals", siblings_.epochs);
     result.n_found_strategies = distinct_groups(manifest.files(), key_of, "found_strategies", siblings_.epochs);
@@ -620,25 +622,20 @@ class SyncPipeline {
   // the rotation promoted, and what is left of staging files cleaned.
   SyncResult commit(Commit c) {
     if (c.body_sha) {
-      sync_file_system(m_.data_dir_);  // what the manifest vouches for is durable first
-      write_manifest_json(m_.data_dir_, c.manifest->data(), *c.body_sha, *c.body_sha);
+      sync_file_system(m_.settings_.data_dir);  // what the manifest vouches for is durable first
+      write_manifest_json(m_.settings_.data_dir, c.manifest->data(), *c.body_sha, *c.body_sha);
       m_.hash_cache_.persist();
     }
-    if (c.clear_progress) remove_sync_progress_json(m_.data_dir_);
+    if (c.clear_progress) remove_sync_progress_json(m_.settings_.data_dir);
     std::shared_ptr<const json::object> vocabularies =
         c.vocabularies ? std::move(c.vocabularies) : m_.validated_vocabularies(*c.manifest);
-    if (c.replaces) m_.replace_held_manifest(c.replaces, c.manifest);
-    {
-      std::lock_guard<std::mutex> lock(m_.state_mu_);
-      if (!c.replaces) m_.manifest_ = c.manifest;
-      m_.vocabulary_ = vocabularies;
-    }
+    m_.held_.commit(c.replaces, c.manifest, vocabularies);
     SyncResult result = std::move(c.result);
     take_vocabulary_metadata(result, *vocabularies);
     result.n_features = c.n_features ? *c.n_features : count_features(*c.manifest, siblings_);
     m_.complete_rotation_promotion(c.promoted_for ? *c.promoted_for : *c.manifest, *c.rotation, result);
     if (!c.tmp_scan_files.empty()) {
-      cleanup_sync_tmp_files(m_.data_dir_, {}, &m_.tmp_scan_memo_, c.tmp_scan_files);
+      cleanup_sync_tmp_files(m_.settings_.data_dir, {}, &m_.tmp_scan_memo_, c.tmp_scan_files);
     }
     return result;
   }
@@ -653,16 +650,19 @@ class SyncPipeline {
 
   ShuffleSeedExpectations seed_expectations(const Manifest& manifest) const {
     return ShuffleSeedExpectations{manifest.era_number_int(),
-                                   manifest_positive_int(manifest, "market_id").value_or(m_.market_id_),
+                                   manifest_positive_int(manifest, "market_id").value_or(m_.settings_.market_id),
                                    manifest_positive_int(manifest, "version"),
                                    shuffle_seed_generation_for_manifest(manifest)};
   }
 
   SyncManager& m_;
   SyncResult& earlier_;
+  MissingFoundPnl& missing_;
   const ManifestSiblings siblings_;
 };
 
-std::optional<SyncResult> SyncManager::sync_pass(SyncResult& earlier) { return SyncPipeline(*this, earlier).run(); }
+std::optional<SyncResult> SyncManager::sync_pass(SyncResult& earlier) {
+  return SyncPipeline(*this, earlier, missing_found_pnl_).run();
+}
 
 }  // namespace tidewright::sync

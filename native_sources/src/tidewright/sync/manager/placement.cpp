@@ -41,13 +41,16 @@ void move_into_place(const std::string& from_root, const std::string& to_root, s
   const std::string name(slash == std::string_view::npos ? relative : relative.substr(slash + 1));
   UniqueFd from_dir = open_parent(from_root, relative, file_path);
   UniqueFd to_dir = open_parent(to_root, relative, file_path);
+  rename_into_place(from_dir.get(), name, to_dir.get(), name, file_path, path_join(from_root, std::string(relative)));
+}
+
+void rename_into_place(int from_dir, const std::string& from_name, int to_dir, const std::string& to_name,
+                       std::string_view file_path, const std::string& error_path) {
   struct stat st;
-  if (::fstatat(to_dir.get(), name.c_str(), &st, AT_SYMLINK_NOFOLLOW) == 0 && S_ISLNK(st.st_mode)) {
+  if (::fstatat(to_dir, to_name.c_str(), &st, AT_SYMLINK_NOFOLLOW) == 0 && S_ISLNK(st.st_mode)) {
     throw_through_link(file_path);
   }
-  if (::renameat(from_dir.get(), name.c_str(), to_dir.get(), name.c_str()) != 0) {
-    throw_os_error(errno, path_join(from_root, std::string(relative)));
-  }
+  if (::renameat(from_dir, from_name.c_str(), to_dir, to_name.c_str()) != 0) throw_os_error(errno, error_path);
 }
 
 std::vector<std::string> move_staged_files_into_place(const std::string& staging, const std::string& data_dir,

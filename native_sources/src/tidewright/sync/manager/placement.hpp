@@ -21,6 +21,15 @@ namespace tidewright::sync {
 void move_into_place(const std::string& from_root, const std::string& to_root, std::string_view relative,
                      std::string_view file_path);
 
+// The rename move_into_place ends with, for a caller that holds the opened
+// directories already (a staging file promoted onto its final name):
+// `from_name` in `from_dir` onto `to_name` in `to_dir`, replacing what is
+// there atomically. Throws ManifestError naming `file_path` when the
+// destination is a link, and the OS error of the rename naming
+// `error_path`.
+void rename_into_place(int from_dir, const std::string& from_name, int to_dir, const std::string& to_name,
+                       std::string_view file_path, const std::string& error_path);
+
 // The switch of an era transition: the files at `relative_paths` below
 // `staging` moved to the same places below `data_dir`. Every destination is
 // checked before the first move, so that a link in the data directory

@@ -27,18 +27,10 @@ std::vector<SyncManager::PrefetchedFeatureFile> SyncManager::request_feature_fil
   if (!running()) throw StateError("Sync thread is not running. Call start() or acquire() first.");
 
   // A request that arrives while request_for_sync runs lets that sync finish
-  // first (for at most COALESCED_SYNC_WAIT; a timeout is not an error).
-  std::shared_ptr<CoalescedSync> running_sync;
-  {
-    std::lock_guard<std::mutex> coalescing(coalescing_mu_);
-    running_sync = coalescing_event_;
-  }
-  if (running_sync) {
-    std::unique_lock<std::mutex> wait(running_sync->mu);
-    running_sync->cv.wait_for(wait, COALESCED_SYNC_WAIT, [&] { return running_sync->done; });
-  }
+  // first (for at most SyncCoalescing::WAIT; a timeout is not an error).
+  coalescing_.wait_for_running();
 
-  std::lock_guard<std::mutex> lock(sync_mu_);
+  MutexLock lock(sync_mu_);
   DirectoryLock::Guard directory(directory_lock_);
   std::int64_t restarts = 0;
   while (true) {
@@ -82,20 +74,20 @@ std::vector<SyncManager::PrefetchedFeatureFile> SyncManager::request_feature_fil
   DownloadSet to_download;
   for (const auto& [name, path] : wanted) {
     const json::value& info = files.at(path);
-    if (local_file_matches_manifest(path, manifest_local_path(data_dir_, path), info, true)) continue;
+    if (local_file_matches_manifest(path, manifest_local_path(settings_.data_dir, path), info, true)) continue;
     to_download.push_back(DownloadJob::for_manifest(*manifest, path, info));
   }
 
-  const std::int64_t needed = require_disk_space(data_dir_, to_download, manifest->files(), free_disk_bytes(data_dir_), siblings);
+  const std::int64_t needed = require_disk_space(settings_.data_dir, to_download, manifest->files(), free_disk_bytes(settings_.data_dir), siblings);
 
   if (!to_download.empty()) {
-    write_download_progress(data_dir_, *manifest, to_download, siblings);
+    write_download_progress(settings_.data_dir, *manifest, to_download, siblings);
     progress_.start("prefetch", static_cast<std::int64_t>(to_download.size()), needed);
     struct FinishProgress {
       SyncManager* self;
       ~FinishProgress() {
         self->progress_.finish();
-        remove_sync_progress_json(self->data_dir_);
+        remove_sync_progress_json(self->settings_.data_dir);
       }
     } finish_progress{this};
     SyncResult downloads;
@@ -106,7 +98,7 @@ std::vector<SyncManager::PrefetchedFeatureFile> SyncManager::request_feature_fil
   std::vector<PrefetchedFeatureFile> present;
   std::vector<std::string> present_paths;
   for (const auto& [name, path] : wanted) {
-    std::string local = manifest_local_path(data_dir_, path);
+    std::string local = manifest_local_path(settings_.data_dir, path);
     if (!path_exists(local)) continue;
     present.push_back({name, path, local});
     present_paths.push_back(path);

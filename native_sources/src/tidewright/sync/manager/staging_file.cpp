@@ -2,6 +2,7 @@
 
 #include "tidewright/sync/common/json.hpp"
 #include "tidewright/sync/host/host.hpp"
+#include "tidewright/sync/manager/placement.hpp"
 #include "tidewright/sync/reporting/errors.hpp"
 #include "tidewright/sync/reporting/sync_events.hpp"
 #include "tidewright/sync/transport/files.hpp"
@@ -82,7 +83,8 @@ std::optional<Header> valid_header(int fd, std::int64_t size, const std::string&
 // --- StagingFile -------------------------------------------------------------
 
 StagingFile::StagingFile(const std::string& root, const std::string& local, const std::string& file_path)
-    : path_(local + ".tmp"), name_(path_basename(local) + ".tmp"), final_name_(path_basename(local)) {
+    : path_(local + ".tmp"), name_(path_basename(local) + ".tmp"), final_name_(path_basename(local)),
+      file_path_(file_path) {
   const std::string parent = path_dirname(local);
   std::string_view relative;
   if (parent.size() > root.size()) relative = std::string_view(parent).substr(root.size());
@@ -94,9 +96,9 @@ StagingFile::StagingFile(const std::string& root, const std::string& local, cons
   }
 }
 
-StagingFile::StagingFile(UniqueFd dir, const std::string& local)
+StagingFile::StagingFile(UniqueFd dir, const std::string& local, const std::string& file_path)
     : path_(local + ".tmp"), name_(path_basename(local) + ".tmp"), final_name_(path_basename(local)),
-      dir_(std::move(dir)) {}
+      file_path_(file_path), dir_(std::move(dir)) {}
 
 UniqueFd StagingFile::open() {
   for (int attempt = 0;; ++attempt) {
@@ -119,9 +121,7 @@ void StagingFile::truncate() {
   if (::ftruncate(fd.get(), 0) != 0) throw_os_error(errno, path_);
 }
 
-void StagingFile::promote() {
-  if (::renameat(dir_.get(), name_.c_str(), dir_.get(), final_name_.c_str()) != 0) throw_os_error(errno, path_);
-}
+void StagingFile::promote() { rename_into_place(dir_.get(), name_, dir_.get(), final_name_, file_path_, path_); }
 
 // --- RangeTable --------------------------------------------------------------
 

@@ -33,7 +33,7 @@ class StagingFile {
   StagingFile(const std::string& root, const std::string& local, const std::string& file_path);
   // The same in `dir`, the directory of `local` already opened beneath the
   // root (no link on the way).
-  StagingFile(UniqueFd dir, const std::string& local);
+  StagingFile(UniqueFd dir, const std::string& local, const std::string& file_path);
 
   const std::string& path() const { return path_; }
 
@@ -42,13 +42,16 @@ class StagingFile {
   UniqueFd open();
   // Empties the staging file (its range table with it).
   void truncate();
-  // The atomic rename onto the final name, in the same directory.
+  // The atomic rename onto the final name, in the same directory
+  // (rename_into_place: a link planted at the final name meanwhile is
+  // refused, not replaced).
   void promote();
 
  private:
   std::string path_;
   std::string name_;
   std::string final_name_;
+  std::string file_path_;  // the manifest path, for the errors
   UniqueFd dir_;
 };
 

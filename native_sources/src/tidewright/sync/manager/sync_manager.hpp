@@ -3,24 +3,34 @@
 //
 // Instances are obtained through get_or_create(), which keeps one live
 // instance per canonical data directory in a process-wide registry guarded by
-// the class lock. Thread-safety: fields set by the constructor and never
-// changed afterwards need no lock; the others say which mutex guards them.
+// the class lock. The manager is a facade: its state lives in components
+// that own their own locks (HostHooks, HeldManifest, Consumers,
+// SyncCoalescing, DirectoryLock, ...). Thread-safety: fields set by the
+// constructor and never changed afterwards need no lock; the manager's own
+// locks are sync_mu_ and lifecycle_mu_, and what they guard says so.
 #pragma once
 
 #include "tidewright/sync/common/json.hpp"
+#include "tidewright/sync/common/mutex.hpp"
 #include "tidewright/sync/common/owned_thread.hpp"
 #include "tidewright/sync/era/era_thread.hpp"
 #include "tidewright/sync/host/host.hpp"
 #include "tidewright/sync/manager/background_work.hpp"
 #include "tidewright/sync/manager/cleanup.hpp"
+#include "tidewright/sync/manager/consumers.hpp"
 #include "tidewright/sync/manager/directory_lock.hpp"
 #include "tidewright/sync/manager/era_callbacks.hpp"
 #include "tidewright/sync/manager/era_transition.hpp"
 #include "tidewright/sync/manager/hash_cache.hpp"
+#include "tidewright/sync/manager/held_manifest.hpp"
+#include "tidewright/sync/manager/host_hooks.hpp"
+#include "tidewright/sync/manager/manager_settings.hpp"
+#include "tidewright/sync/manager/missing_found_pnl.hpp"
 #include "tidewright/sync/manager/progress.hpp"
 #include "tidewright/sync/manager/results.hpp"
 #include "tidewright/sync/manager/rotation_plan.hpp"
 #include "tidewright/sync/manager/rotation_sync.hpp"
+#include "tidewright/sync/manager/sync_coalescing.hpp"
 #include "tidewright/sync/manager/sync_threads.hpp"
 #include "tidewright/sync/manager/transfer_engine.hpp"
 #include "tidewright/sync/manager/vocabulary_memo.hpp"
@@ -31,7 +41,6 @@
 
 #include <atomic>
 #include <chrono>
-#include <condition_variable>
 #include <set>
 #include <thread>
 #include <cstdint>
@@ -39,7 +48,6 @@
 #include <functional>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <vector>
@@ -47,14 +55,6 @@
 namespace tidewright::sync {
 
 struct ScrubbedSignalsIndex;
-
-// The three runtime knobs as given by the caller: empty means "not given"
-// (keep what the instance holds, else the module default).
-struct SyncKnobs {
-  std::optional<json::value> sync_http_transport;
-  std::optional<json::value> sync_http_chunk_bytes;
-  std::optional<json::value> sync_max_concurrency;
-};
 
 struct SyncManagerArgs {
   std::string data_dir;
@@ -91,6 +91,8 @@ class SyncManager : public std::enable_shared_from_this<SyncManager>, public Era
   static std::map<std::string, std::shared_ptr<SyncManager>> instances();
   // Stops every live instance; used at interpreter exit.
   static void shutdown_all();
+  // The class lock: guards the registry (see the lock order below).
+  static Mutex& class_mutex();
 
   // --- knobs ---
   void set_sync_runtime_knobs(const SyncKnobs& knobs);
@@ -101,11 +103,11 @@ class SyncManager : public std::enable_shared_from_this<SyncManager>, public Era
   // --- accessors ---
   ManifestPtr get_manifest() const;
   std::optional<std::string> status() const;
-  std::int64_t consumer_count() const;
-  const std::string& data_dir() const { return data_dir_; }
-  const std::string& server_url() const { return server_url_; }
-  std::int64_t market_id() const { return market_id_; }
-  double poll_interval() const { return poll_interval_; }
+  std::int64_t consumer_count() const { return consumers_.count(); }
+  const std::string& data_dir() const { return settings_.data_dir; }
+  const std::string& server_url() const { return settings_.server_url; }
+  std::int64_t market_id() const { return settings_.market_id; }
+  double poll_interval() const { return settings_.poll_interval; }
   HostRef get_token_fn() const;
   void set_get_token(HostRef fn, std::optional<std::string> token_text = std::nullopt);
   HostRef runtime_freshness_guard() const;
@@ -129,8 +131,8 @@ class SyncManager : public std::enable_shared_from_this<SyncManager>, public Era
   void drop_host_refs();
   bool running() const { return running_.load(); }
   bool in_transition() const { return transition_.active(); }
-  const std::string& consumer_count_path() const { return consumer_count_path_; }
-  const std::string& flock_path() const { return flock_path_; }
+  const std::string& consumer_count_path() const { return consumers_.count_path(); }
+  const std::string& flock_path() const { return directory_lock_.path(); }
   HashCache& hash_cache() { return hash_cache_; }
   // Progress of running downloads for the host (see progress.hpp).
   ProgressFeed& progress() { return progress_; }
@@ -152,9 +154,10 @@ class SyncManager : public std::enable_shared_from_this<SyncManager>, public Era
   // --- sync ---
   // Full sync: manifest, compare, download, verify, atomic write.
   SyncResult sync();
-  SyncResult sync_with_manifest_refresh();
-  // REQUIRES: sync_mu_ held (and the cross-process lock).
-  SyncResult sync_impl();
+  // The sync itself, restarted after a superseded manifest. REQUIRES:
+  // sync_mu_ held (and the cross-process lock).
+  SyncResult sync_with_manifest_refresh() REQUIRES(sync_mu_);
+  SyncResult sync_impl() REQUIRES(sync_mu_);
 
   // --- integrity ---
   // `identity`: the file's identity when the caller has just taken it
@@ -276,7 +279,7 @@ class SyncManager : public std::enable_shared_from_this<SyncManager>, public Era
   // the cross-process lock).
   std::vector<PrefetchedFeatureFile> request_feature_files_for_sync_impl(
       const std::vector<std::string>& feature_names, const std::string& expression_type,
-      const std::optional<std::string>& named_universe);
+      const std::optional<std::string>& named_universe) REQUIRES(sync_mu_);
 
   // --- cross-process lock on ".sync_flock" (re-entrant per thread) ---
   // The engine holds it with a DirectoryLock::Guard; these paired calls are
@@ -290,7 +293,6 @@ class SyncManager : public std::enable_shared_from_this<SyncManager>, public Era
  private:
   // What the transfer engine needs of this manager.
   TransferEngine::Context transfer_context();
-  void load_consumer_count();
   void load_local_manifest();
   void load_local_vocabulary();
   // `manifest` with the membership of the signals index on disk: `manifest`
@@ -298,9 +300,6 @@ class SyncManager : public std::enable_shared_from_this<SyncManager>, public Era
   // was handed out may be read by host threads at any time, so it is never
   // changed. Throws as read_manifest_signals_index.
   ManifestPtr with_local_signals_index(const ManifestPtr& manifest);
-  // Installs `replacement` as the held manifest unless another one has
-  // replaced `current` meanwhile.
-  void replace_held_manifest(const ManifestPtr& current, ManifestPtr replacement);
   // A signals index rewritten without the found PnL files storage no longer
   // has: recorded as a sync event, told to the freshness guard and kept in
   // the hash cache like a downloaded file.
@@ -309,63 +308,45 @@ class SyncManager : public std::enable_shared_from_this<SyncManager>, public Era
   // longer has were met: they are remembered as missing, what the pass
   // downloaded is added to `earlier`, and the caller runs another pass.
   // REQUIRES: sync_mu_ held (and the cross-process lock).
-  std::optional<SyncResult> sync_pass(SyncResult& earlier);
+  std::optional<SyncResult> sync_pass(SyncResult& earlier) REQUIRES(sync_mu_);
+  // repair()'s full sync after a superseded manifest, under the directory
+  // lock repair() holds but without sync_mu_ (see integrity.cpp).
+  SyncResult resync_under_directory_lock();
 
-  const std::string data_dir_;
-  const std::string server_url_;
-  const std::int64_t market_id_;
-  const double poll_interval_;
-
-  mutable std::mutex state_mu_;
-  HostRef get_token_;                          // guarded by state_mu_
-  std::optional<std::string> token_text_;      // guarded by state_mu_; what get_token_ answers, when known
-  HostRef runtime_freshness_guard_;            // guarded by state_mu_
-  std::string sync_http_transport_;            // guarded by state_mu_
-  std::int64_t sync_http_chunk_bytes_ = 0;     // guarded by state_mu_
-  std::int64_t sync_max_concurrency_ = 0;      // guarded by state_mu_
-  ManifestPtr manifest_;                       // guarded by state_mu_
-  std::optional<std::string> status_message_;  // guarded by state_mu_
-  // The host's view of the held manifest and the manifest it is the view of.
-  ManifestPtr manifest_view_of_;               // guarded by state_mu_
-  HostRef manifest_view_;                      // guarded by state_mu_
+  const ManagerSettings settings_;
+  HostHooks hooks_;     // token provider, freshness guard, runtime knobs
+  HeldManifest held_;   // the held manifest, status, vocabularies, host view
 
   std::atomic<bool> running_{false};
 
   HashCache hash_cache_;
   ProgressFeed progress_;
   TransferEngine transfer_;  // after what its context points at
-  const std::string consumer_count_path_;
-  mutable std::mutex consumer_mu_;
-  std::atomic<std::int64_t> consumer_count_{0};  // written under consumer_mu_, read anywhere
-  const std::string flock_path_;
-  DirectoryLock directory_lock_;
+  Consumers consumers_;
+  DirectoryLock directory_lock_;  // the cross-process lock on ".sync_flock"
 
   // In-process sync serialisation ("_sync_lock").
-  std::mutex sync_mu_;
+  Mutex sync_mu_;
 
   std::atomic<bool> stop_requested_{false};
 
   // Missing found PnL files excluded from the current manifest version.
-  std::set<std::string> missing_found_pnl_paths_;                      // guarded by sync_mu_
-  std::optional<std::int64_t> missing_found_pnl_manifest_version_;     // guarded by sync_mu_
-
-  // The validated vocabulary set; shared, never changed once built.
-  std::shared_ptr<const json::object> vocabulary_;  // guarded by state_mu_
+  MissingFoundPnl missing_found_pnl_ GUARDED_BY(sync_mu_);
 
   TmpScanMemo tmp_scan_memo_;  // the pipeline's scans for orphan staging files
   VocabularyMemo vocabulary_memo_;  // what validated_vocabularies() found last
-
 
   // ==========================================================================
   // Consumer lifecycle, background threads, era callbacks and era
   // transitions (lifecycle.cpp, era_transition.cpp).
   //
-  // Lock order: the class registry lock, consumer_mu_, lifecycle_mu_,
-  // an era transition's attempt (EraTransition), sync_mu_, the directory
-  // lock. coalescing_mu_ and the locks inside SyncThreads, BackgroundWork,
+  // Lock order: the class registry lock, the consumers' lock
+  // (Consumers::mutex()), lifecycle_mu_, an era transition's attempt
+  // (EraTransition), sync_mu_, the directory lock. The locks inside
+  // HostHooks, HeldManifest, SyncCoalescing, SyncThreads, BackgroundWork,
   // EraTransition, RotationSync and EraCallbacks are leaves.
-  // No thread this class starts ever waits for the registry lock,
-  // consumer_mu_ or lifecycle_mu_, so stop_internal() may join them while
+  // No thread this class starts ever waits for the registry lock, the
+  // consumers' lock or lifecycle_mu_, so stop_internal() may join them while
   // holding those.
   // ==========================================================================
  public:
@@ -433,7 +414,7 @@ class SyncManager : public std::enable_shared_from_this<SyncManager>, public Era
                               const SearchesFn& restart_searches_fn) override;
 
   std::shared_ptr<EraThread> era_thread() const;
-  bool consumer_lifecycle_started() const { return consumer_lifecycle_started_.load(); }
+  bool consumer_lifecycle_started() const { return consumers_.lifecycle_started(); }
   std::string transition_lock_path() const { return transition_.lock_path(); }
   // This process is in transition or another live process holds
   // ".transition_lock" (see EraTransition::in_progress).
@@ -441,21 +422,20 @@ class SyncManager : public std::enable_shared_from_this<SyncManager>, public Era
   std::string transition_staging_path(std::int64_t era_number) const { return transition_.staging_path(era_number); }
 
  private:
-  void persist_consumer_count();  // REQUIRES: consumer_mu_ held
-  void start_sync_thread();       // REQUIRES: lifecycle_mu_ held
-  void start_internal();          // REQUIRES: lifecycle_mu_ held
+  void start_sync_thread() REQUIRES(lifecycle_mu_);
+  void start_internal() REQUIRES(lifecycle_mu_);
   void poll_loop(std::uint64_t generation);
   // The steps of stop_internal().
   // Raises the stop request every wait observes and sets the stop event.
   void request_stop();
-  // Takes lifecycle_mu_ into `lifecycle`; false when called on a poll thread
-  // while another stop is under way (the stop request is then raised and
-  // that stop does the rest).
-  bool enter_stop(std::unique_lock<std::mutex>& lifecycle, bool on_poll_thread);
-  void stop_era_thread();  // REQUIRES: lifecycle_mu_ held
+  // Takes lifecycle_mu_ (true); false when called on a poll thread while
+  // another stop is under way (the stop request is then raised and that
+  // stop does the rest).
+  bool enter_stop(bool on_poll_thread) TRY_ACQUIRE(true, lifecycle_mu_);
+  void stop_era_thread() REQUIRES(lifecycle_mu_);
   // Waits for a running transition; true when called on its thread.
-  bool wait_for_transition_end();  // REQUIRES: lifecycle_mu_ held
-  void stop_poll_thread(bool on_poll_thread, bool on_transition_thread);  // REQUIRES: lifecycle_mu_ held
+  bool wait_for_transition_end() REQUIRES(lifecycle_mu_);
+  void stop_poll_thread(bool on_poll_thread, bool on_transition_thread) REQUIRES(lifecycle_mu_);
   void process_repair_queue();
   // What EraTransition changes of the manager.
   void set_status_message(std::string message);
@@ -467,27 +447,17 @@ class SyncManager : public std::enable_shared_from_this<SyncManager>, public Era
   void evict_if_released();
 
   // Registry access for release(), which evicts under the class lock.
-  static std::mutex& class_mutex();
-  static void evict_locked(const SyncManager* manager);  // REQUIRES: class_mutex() held
+  static void evict_locked(const SyncManager* manager) REQUIRES(class_mutex());
 
-  std::mutex lifecycle_mu_;  // serialises starting and stopping the threads
+  Mutex lifecycle_mu_;  // serialises starting and stopping the threads
   SyncThreads threads_;      // the poll thread, its stop event and the era thread
-  std::atomic<bool> consumer_lifecycle_started_{false};
   std::atomic<bool> stopping_{false};  // a stop holds lifecycle_mu_
   std::atomic<bool> shut_down_{false};  // set at interpreter exit; never cleared
 
   BackgroundWork workers_;  // repairs of reported files and the old-era cleanup
 
   // The sync that request_for_sync callers arriving meanwhile wait for.
-  // How long a request that arrives during request_for_sync waits for it.
-  static constexpr std::chrono::seconds COALESCED_SYNC_WAIT{30};
-  struct CoalescedSync {
-    std::mutex mu;
-    std::condition_variable cv;
-    bool done = false;  // guarded by mu
-  };
-  std::mutex coalescing_mu_;
-  std::shared_ptr<CoalescedSync> coalescing_event_;  // guarded by coalescing_mu_
+  SyncCoalescing coalescing_;
 
   EraCallbacks era_callbacks_;
 

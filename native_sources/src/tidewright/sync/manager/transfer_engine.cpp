@@ -373,16 +373,16 @@ class BatchDirectories {
 struct TransferEngine::Batch {
   BatchDirectories directories;
   std::string root;  // the resolved data root of the batch's target, set before the workers start
-  std::mutex mu;
-  std::condition_variable cv;
-  std::deque<std::shared_ptr<RangeFetch>> offers;  // guarded by mu
-  std::size_t files_in_flight = 0;                 // guarded by mu
+  Mutex mu;
+  CondVar cv;
+  std::deque<std::shared_ptr<RangeFetch>> offers GUARDED_BY(mu);
+  std::size_t files_in_flight GUARDED_BY(mu) = 0;
   std::size_t workers = 1;
 
   void offer(const std::shared_ptr<RangeFetch>& fetch, std::size_t helpers) {
     if (helpers == 0) return;
     {
-      std::lock_guard<std::mutex> lock(mu);
+      MutexLock lock(mu);
       for (std::size_t i = 0; i < helpers; ++i) offers.push_front(fetch);
     }
     if (helpers == 1) {
@@ -408,12 +408,12 @@ struct RangeFetch {
   ProgressFeed* progress = nullptr;
   const DownloadOptions* options = nullptr;
 
-  std::mutex mu;
-  std::condition_variable cv;  // a range ended
-  std::vector<char> claimed;   // guarded by mu
-  std::size_t in_flight = 0;   // guarded by mu
-  bool closed = false;         // guarded by mu: nothing more is claimed
-  std::exception_ptr error;    // guarded by mu: the first failure
+  Mutex mu;
+  CondVar cv;  // a range ended
+  std::vector<char> claimed GUARDED_BY(mu);
+  std::size_t in_flight GUARDED_BY(mu) = 0;
+  bool closed GUARDED_BY(mu) = false;         // nothing more is claimed
+  std::exception_ptr error GUARDED_BY(mu);    // the first failure
   std::atomic<bool> abort{false};
   std::atomic<std::int64_t> fetched{0};
   // Taken around each write into the staging file. The kernel serialises
@@ -424,7 +424,7 @@ struct RangeFetch {
 
   // The next range nobody fetches yet, marked as being fetched.
   std::optional<std::size_t> claim() {
-    std::lock_guard<std::mutex> lock(mu);
+    MutexLock lock(mu);
     if (closed || abort.load()) return std::nullopt;
     for (std::size_t i = 0; i < claimed.size(); ++i) {
       if (claimed[i] || table->written(i) >= table->range_end(i)) continue;
@@ -437,7 +437,7 @@ struct RangeFetch {
 
   void finished(std::exception_ptr failure) {
     {
-      std::lock_guard<std::mutex> lock(mu);
+      MutexLock lock(mu);
       --in_flight;
       if (failure && !error) {
         error = failure;
@@ -449,7 +449,7 @@ struct RangeFetch {
 
   // Ranges left unclaimed (for how many helpers to ask).
   std::size_t unclaimed() {
-    std::lock_guard<std::mutex> lock(mu);
+    MutexLock lock(mu);
     std::size_t n = 0;
     for (std::size_t i = 0; i < claimed.size(); ++i) {
       if (!claimed[i] && table->written(i) < table->range_end(i)) ++n;
@@ -611,7 +611,8 @@ void RangeFetch::fetch(std::size_t i, Sha256* hasher, std::int64_t* hashed) {
 struct TransferEngine::FileRun {
   FileRun(const std::string& root, std::string local_path, const std::string& file_path)
       : local(std::move(local_path)), staging(root, local, file_path) {}
-  FileRun(UniqueFd dir, std::string local_path) : local(std::move(local_path)), staging(std::move(dir), local) {}
+  FileRun(UniqueFd dir, std::string local_path, const std::string& file_path)
+      : local(std::move(local_path)), staging(std::move(dir), local, file_path) {}
   std::string local;
   StagingFile staging;
   std::string actual_sha;
@@ -633,9 +634,9 @@ void fetch_ranges(TransferEngine::Batch& batch, const std::shared_ptr<RangeFetch
   batch.offer(fetch, std::min(fetch->unclaimed(), batch.workers) - (fetch->unclaimed() > 0 ? 1 : 0));
   auto abandoned = [&] { return fetch->abort.load(); };
   auto close = [&] {
-    std::unique_lock<std::mutex> lock(fetch->mu);
+    MutexLock lock(fetch->mu);
     fetch->closed = true;
-    while (fetch->in_flight > 0) fetch->cv.wait_for(lock, kRangeProgressPoll);
+    while (fetch->in_flight > 0) fetch->cv.wait_for(fetch->mu, kRangeProgressPoll);
   };
   try {
     while (true) {
@@ -649,10 +650,10 @@ void fetch_ranges(TransferEngine::Batch& batch, const std::shared_ptr<RangeFetch
         hashed = landed;
       }
       {
-        std::unique_lock<std::mutex> lock(fetch->mu);
+        MutexLock lock(fetch->mu);
         if (fetch->error) {
           fetch->closed = true;
-          while (fetch->in_flight > 0) fetch->cv.wait_for(lock, kRangeProgressPoll);
+          while (fetch->in_flight > 0) fetch->cv.wait_for(fetch->mu, kRangeProgressPoll);
           // Taken out: the failure then ends on this thread, whichever
           // thread lets go of the shared state last.
           std::exception_ptr failure = std::exchange(fetch->error, nullptr);
@@ -673,8 +674,8 @@ void fetch_ranges(TransferEngine::Batch& batch, const std::shared_ptr<RangeFetch
         fetch->finished(failure);
         continue;
       }
-      std::unique_lock<std::mutex> lock(fetch->mu);
-      fetch->cv.wait_for(lock, kRangeProgressPoll);
+      MutexLock lock(fetch->mu);
+      fetch->cv.wait_for(fetch->mu, kRangeProgressPoll);
     }
   } catch (...) {
     fetch->abort.store(true);
@@ -788,7 +789,7 @@ void TransferEngine::open_file_run(const DownloadJob& job, const DownloadOptions
       struct stat st;
       const int rc = ::fstatat(dir->get(), leaf.c_str(), &st, AT_SYMLINK_NOFOLLOW);
       if ((rc == 0 && !S_ISLNK(st.st_mode)) || (rc != 0 && errno == ENOENT)) {
-        opened.emplace(std::move(*dir), path_join(batch->root, relative));
+        opened.emplace(std::move(*dir), path_join(batch->root, relative), file_path);
       }
     }
   }
@@ -921,7 +922,10 @@ void TransferEngine::fetch_in_ranges(FileDownload& d, FilePass& pass) {
   fetch->fetch_token = context_.fetch_token;
   fetch->progress = context_.progress;
   fetch->options = &d.options;
-  fetch->claimed.assign(pass.table->range_count(), 0);
+  {
+    MutexLock lock(fetch->mu);  // not shared yet: for the analysis
+    fetch->claimed.assign(pass.table->range_count(), 0);
+  }
   try {
     fetch_ranges(*d.batch, fetch, pass.hasher, staging);
   } catch (...) {
@@ -1132,7 +1136,7 @@ void TransferEngine::download_batch(const std::vector<DownloadJob>& jobs, SyncRe
   batch.workers = workers;
   if (!options.target_data_dir) batch.root = real_path(context_.data_dir);
   std::atomic<std::size_t> next{0};
-  std::mutex mu;
+  Mutex mu;
   std::exception_ptr first_error;                // guarded by mu
   std::vector<SyncResult> results(jobs.size());  // slot per file, written by its worker only
   std::vector<char> completed(jobs.size(), 0);
@@ -1144,7 +1148,7 @@ void TransferEngine::download_batch(const std::vector<DownloadJob>& jobs, SyncRe
     } catch (...) {
       std::exception_ptr error = std::current_exception();
       if (set_aside && set_aside(jobs[i].path, error)) return;
-      std::lock_guard<std::mutex> lock(mu);
+      MutexLock lock(mu);
       if (!first_error) first_error = error;
       cancel->store(true);  // queued work is abandoned; running transfers stop
     }
@@ -1159,7 +1163,7 @@ void TransferEngine::download_batch(const std::vector<DownloadJob>& jobs, SyncRe
     while (!cancel->load()) {
       std::shared_ptr<RangeFetch> offer;
       {
-        std::unique_lock<std::mutex> lock(batch.mu);
+        MutexLock lock(batch.mu);
         if (!batch.offers.empty()) {
           offer = std::move(batch.offers.front());
           batch.offers.pop_front();
@@ -1172,21 +1176,21 @@ void TransferEngine::download_batch(const std::vector<DownloadJob>& jobs, SyncRe
       std::size_t i = next.fetch_add(1);
       if (i < jobs.size()) {
         {
-          std::lock_guard<std::mutex> lock(batch.mu);
+          MutexLock lock(batch.mu);
           ++batch.files_in_flight;
         }
         run_file(i);
         {
-          std::lock_guard<std::mutex> lock(batch.mu);
+          MutexLock lock(batch.mu);
           --batch.files_in_flight;
         }
         batch.cv.notify_all();
         continue;
       }
       // No file left to start: help the files still in flight, if they ask.
-      std::unique_lock<std::mutex> lock(batch.mu);
+      MutexLock lock(batch.mu);
       if (batch.offers.empty() && batch.files_in_flight == 0) break;
-      if (batch.offers.empty()) batch.cv.wait_for(lock, kIdleWorkerPoll);
+      if (batch.offers.empty()) batch.cv.wait_for(batch.mu, kIdleWorkerPoll);
     }
   };
   std::vector<std::thread> threads;
