@@ -1,5 +1,6 @@
 #include "tidewright/sync/host/fake_host.hpp"
 
+#include "tidewright/sync/artifacts/functions_vocabulary.hpp"
 #include "tidewright/sync/reporting/errors.hpp"
 
 #include <chrono>
@@ -104,6 +105,25 @@ ManifestSiblings FakeHost::manifest_siblings() {
 void FakeHost::set_manifest_siblings(ManifestSiblings siblings) {
   std::lock_guard<std::mutex> lock(mu_);
   siblings_ = std::move(siblings);
+}
+
+json::value FakeHost::merge_functions_vocabulary(const json::value& functions, json::value vocabulary,
+                                                 const std::string& named_universe,
+                                                 std::int64_t expected_era_number) {
+  constexpr std::string_view kModule = "tidewright._functions_vocabulary";
+  constexpr std::string_view kFunction = "merge_functions_vocabulary";
+  {
+    std::lock_guard<std::mutex> lock(mu_);
+    if (!functions_.contains(module_key(kModule, kFunction))) {
+      return sync::merge_functions_vocabulary(functions, std::move(vocabulary), named_universe, expected_era_number);
+    }
+  }
+  json::object kwargs;
+  kwargs["functions"] = functions;
+  kwargs["vocabulary"] = std::move(vocabulary);
+  kwargs["named_universe"] = named_universe;
+  kwargs["expected_era_number"] = expected_era_number;
+  return call_module_function(kModule, kFunction, {}, kwargs);
 }
 
 json::value FakeHost::call_module_function(std::string_view module, std::string_view function,
