@@ -130,6 +130,60 @@ def test_the_vocabularies_of_a_manifest_are_merged_with_its_functions_file(tmp_p
         sync._validate_manifest_vocabulary_files(str(tmp_path), sync.Manifest(data))
 
 
+A, B = {"name": "a", "v": 1}, {"name": "b"}
+
+
+@pytest.mark.parametrize("functions, own, universe, era", [
+    ({"functions": [{"name": "a", "v": 2}, B, {"name": "b", "v": 3}, {"k": 1}, "s"]}, [A, {"x": 1}, 7], "u", 3),
+    ({"functions": {"b": {"k": 1}, "a": {}, "c": {"name": "other"}, "d": 5}}, [A], "u", 3),
+    ({"functions": {"b": {"k": 1}, "a": {}}, "era_number": 3.0}, {"a": {}, "z": []}, "u", 3),
+    ({"functions": [B, {"k": 1}, A], "era_number": True}, {"z": {}}, None, 1),
+    ({"functions": [B, {"k": 1}]}, None, "u", 3),
+    ({"functions": {"b": {}}}, "absent", "u", 3),
+    (None, [A], "u", 3), ({"era_number": 3}, [A], "u", 3), ({"functions": None}, "absent", None, None),
+    ({"functions": [B], "era_number": 2}, [A], "u", 3), ({"functions": [B], "era_number": "3"}, [A], "u", 3),
+    ({"functions": [B], "era_number": [3]}, [A], None, 3), ({"functions": [B]}, [A], "other", 3),
+    ({"functions": "s"}, [A], "u", 3), ({"functions": 1.5}, [A], "u", 3), ({"functions": [B]}, 5, "u", 3),
+    ({"functions": [B]}, True, "u", 3), ([B], [A], "u", 3),
+])
+def test_the_engine_merges_a_functions_file_as_the_sibling_modules_default_does(functions, own, universe, era):
+    from tidewright._functions_vocabulary import merge_functions_vocabulary
+
+    vocabularies = [{"named_universe": "u", "metadata": {}, "functions": own}, {"named_universe": None}, [A],
+                    {"named_universe": 5}]
+    if own == "absent":
+        del vocabularies[0]["functions"]
+    for value in vocabularies:
+        outcomes = []
+        for merge in (merge_functions_vocabulary, sync._native_merge_functions_vocabulary):
+            try:
+                outcomes.append(json.dumps(merge(functions=functions, vocabulary=value, named_universe=universe,
+                                                 expected_era_number=era)))
+            except ValueError as e:
+                outcomes.append(repr(e))
+        assert outcomes[0] == outcomes[1]
+
+
+def test_the_merge_is_the_sibling_modules_unless_the_marked_default(tmp_path, monkeypatch):
+    import tidewright._functions_vocabulary as module
+
+    manifest = sync.Manifest(era_files(str(tmp_path)))
+    own, calls = module.merge_functions_vocabulary, []
+
+    def replaced(**kwargs):
+        calls.append(kwargs["named_universe"])
+        return {"replaced": own(**kwargs)["functions"]}
+
+    monkeypatch.setattr(module, "merge_functions_vocabulary", replaced)
+    assert sync._validate_manifest_vocabulary_files(str(tmp_path), manifest)["top50"] == {
+        "replaced": [{"name": "add"}, {"name": "mul"}]}
+    assert sorted(calls) == ["top100", "top50"]
+    replaced.__tidewright_native__ = "merge_functions_vocabulary"
+    assert sync._validate_manifest_vocabulary_files(str(tmp_path), manifest)["top50"]["functions"] == [
+        {"name": "add"}, {"name": "mul"}]
+    assert len(calls) == 2
+
+
 def functions_change(key, value=None):
     def change(data):
         if key == "functions":

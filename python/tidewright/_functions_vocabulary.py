@@ -83,3 +83,7 @@ def merge_functions_vocabulary(*, functions, vocabulary, named_universe=None, ex
     else:
         merged["functions"] = [_as_list_entry(name, entry) for name, entry in own_pairs + added]
     return merged
+
+
+# The sync engine merges natively while this default is installed.
+merge_functions_vocabulary.__tidewright_native__ = "merge_functions_vocabulary"

@@ -203,21 +203,15 @@ json::object validate_manifest_vocabulary_files(const std::string& data_dir, con
   ManifestSiblings siblings = host().manifest_siblings();
   std::vector<std::string> paths = vocabulary_manifest_paths(manifest.files());
   if (paths.empty()) throw SyncError("manifest is missing per-universe vocabulary.json entries");
-  json::object functions = validate_functions_file(data_dir, manifest, siblings);
+  const json::value functions(validate_functions_file(data_dir, manifest, siblings));
   std::int64_t era = manifest.era_number_int();
   json::object out;
   for (const auto& path : paths) {
     std::string universe = *vocabulary_named_universe_from_path(path);
     std::string local = manifest_local_path(data_dir, path);
-    json::object vocabulary = validate_vocabulary_file(local, era, universe, siblings);
-    json::object kwargs;
-    kwargs["functions"] = functions;
-    kwargs["vocabulary"] = std::move(vocabulary);
-    kwargs["named_universe"] = universe;
-    kwargs["expected_era_number"] = era;
-    json::value merged =
-        host().call_module_function("tidewright._functions_vocabulary", "merge_functions_vocabulary", {}, kwargs);
-    out[universe] = std::move(merged);
+    // The validated vocabulary is handed over: the merge moves its entries.
+    json::value vocabulary(validate_vocabulary_file(local, era, universe, siblings));
+    out[universe] = host().merge_functions_vocabulary(functions, std::move(vocabulary), universe, era);
   }
   return out;
 }

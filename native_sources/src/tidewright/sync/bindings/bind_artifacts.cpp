@@ -2,6 +2,7 @@
 // signals index, found PnL membership and the shuffle seed.
 #include "tidewright/sync/artifacts/found_pnl.hpp"
 #include "tidewright/sync/artifacts/functions_file.hpp"
+#include "tidewright/sync/artifacts/functions_vocabulary.hpp"
 #include "tidewright/sync/artifacts/shuffle_seed.hpp"
 #include "tidewright/sync/artifacts/signals_index.hpp"
 #include "tidewright/sync/artifacts/vocabulary.hpp"
@@ -137,6 +138,17 @@ void bind_artifacts(nb::module_& m) {
         return from_json(json::value(std::move(out)));
       },
       nb::arg("data_dir"), nb::arg("manifest"));
+  // The engine's own merge, whatever the sibling module holds (for checks
+  // that it answers as the module's default does).
+  m.def(
+      "_native_merge_functions_vocabulary",
+      [](nb::handle functions, nb::handle vocabulary, nb::handle named_universe, nb::handle expected_era_number) {
+        std::optional<std::int64_t> era;
+        if (!expected_era_number.is_none()) era = nb::cast<std::int64_t>(expected_era_number);
+        return from_json(merge_functions_vocabulary(to_json(functions), to_json(vocabulary), opt_text(named_universe), era));
+      },
+      nb::kw_only(), nb::arg("functions").none(), nb::arg("vocabulary").none(),
+      nb::arg("named_universe").none() = nb::none(), nb::arg("expected_era_number").none() = nb::none());
   m.def("_first_vocabulary_metadata", [](nb::handle vocabularies) {
     json::value v = to_json(vocabularies);
     return from_json(json::value(v.is_object() ? first_vocabulary_metadata(v.get_object()) : json::object()));

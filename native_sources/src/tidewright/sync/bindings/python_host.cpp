@@ -2,6 +2,7 @@
 
 #include <cerrno>
 
+#include "tidewright/sync/artifacts/functions_vocabulary.hpp"
 #include "tidewright/sync/bindings/convert.hpp"
 #include "tidewright/sync/common/owned_thread.hpp"
 #include "tidewright/sync/reporting/errors.hpp"
@@ -341,6 +342,22 @@ ManifestSiblings PythonHost::manifest_siblings() {
   return s;
 }
 
+json::value PythonHost::merge_functions_vocabulary(const json::value& functions, json::value vocabulary,
+                                                   const std::string& named_universe,
+                                                   std::int64_t expected_era_number) {
+  constexpr std::string_view kModule = "tidewright._functions_vocabulary";
+  constexpr std::string_view kFunction = "merge_functions_vocabulary";
+  if (module_function_is_native_default(kModule, kFunction)) {
+    return sync::merge_functions_vocabulary(functions, std::move(vocabulary), named_universe, expected_era_number);
+  }
+  json::object kwargs;
+  kwargs["functions"] = functions;
+  kwargs["vocabulary"] = std::move(vocabulary);
+  kwargs["named_universe"] = named_universe;
+  kwargs["expected_era_number"] = expected_era_number;
+  return call_module_function(kModule, kFunction, {}, kwargs);
+}
+
 json::value PythonHost::call_module_function(std::string_view module, std::string_view function,
                                              const json::array& args, const json::object& kwargs) {
   return with_gil([&] {
@@ -375,6 +392,48 @@ json::value PythonHost::call_method(const HostRef& object, std::string_view meth
     nb::object fn = ref_object(object).attr(nb::str(method.data(), method.size()));
     return result_to_json(fn(*args_tuple(args), **kwargs_dict(kwargs)));
   });
+}
+
+json::value PythonHost::current_version() {
+  return call_module_function("tidewright.deployment", "_CURRENT_VERSION", json::array{}, {});
+}
+
+json::value PythonHost::compare_versions(const json::value& a, const json::value& b) {
+  return call_module_function("tidewright.deployment", "_compare_versions", json::array{a, b}, {});
+}
+
+void PythonHost::check_update() { call_module_function("tidewright.deployment", "check_update", json::array{}, {}); }
+
+json::value PythonHost::auto_update() {
+  return call_module_function("tidewright.deployment", "auto_update", json::array{}, {});
+}
+
+void PythonHost::load_era_transition_modules() {
+  call_module_function("tidewright.sync", "_load_era_transition_modules", json::array{}, {});
+}
+
+void PythonHost::record_runtime_freshness_updates(const json::array& updates) {
+  call_module_function("tidewright.sync", "_record_runtime_freshness_updates", json::array{updates}, {});
+}
+
+void PythonHost::notify_era_change(std::int64_t era_number) {
+  call_module_function("tidewright.auth", "notify_era_change", json::array{era_number}, {});
+}
+
+void PythonHost::track_era_transition(const std::string& data_dir, std::int64_t era_number,
+                                      const json::value& previous_era_number) {
+  call_module_function("tidewright.sync", "_track_era_transition",
+                       json::array{json::value(data_dir), json::value(era_number), previous_era_number}, {});
+}
+
+void PythonHost::vault_module_updated(const std::string& relative_path, const std::string& local_path,
+                                      const std::string& sha256) {
+  call_module_function("tidewright.runtime_module_freshness", "vault_module_updated", {},
+                       {{"relative_path", relative_path}, {"local_path", local_path}, {"sha256", sha256}});
+}
+
+void PythonHost::update_nudge(std::string_view event, const json::object& fields) {
+  call_module_function("tidewright.agent_onboarding", "update_nudge", json::array{json::value(event)}, fields);
 }
 
 double PythonHost::backoff_delay_seconds(std::int64_t attempt_index) {

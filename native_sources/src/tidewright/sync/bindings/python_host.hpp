@@ -23,6 +23,9 @@ class PythonHost : public Host {
   json::value call(const HostRef& fn, const json::array& args) override;
   std::string validate_bearer_transport_url(const std::string& url) override;
   ManifestSiblings manifest_siblings() override;
+  json::value merge_functions_vocabulary(const json::value& functions, json::value vocabulary,
+                                         const std::string& named_universe,
+                                         std::int64_t expected_era_number) override;
   json::value call_module_function(std::string_view module, std::string_view function,
                                    const json::array& args, const json::object& kwargs) override;
   bool module_function_is_native_default(std::string_view module, std::string_view function) override;
@@ -30,6 +33,18 @@ class PythonHost : public Host {
                                    const json::array& args, const json::object& kwargs) override;
   json::value call_method(const HostRef& object, std::string_view method, const json::array& args,
                           const json::object& kwargs) override;
+  json::value current_version() override;
+  json::value compare_versions(const json::value& a, const json::value& b) override;
+  void check_update() override;
+  json::value auto_update() override;
+  void load_era_transition_modules() override;
+  void record_runtime_freshness_updates(const json::array& updates) override;
+  void notify_era_change(std::int64_t era_number) override;
+  void track_era_transition(const std::string& data_dir, std::int64_t era_number,
+                            const json::value& previous_era_number) override;
+  void vault_module_updated(const std::string& relative_path, const std::string& local_path,
+                            const std::string& sha256) override;
+  void update_nudge(std::string_view event, const json::object& fields) override;
   double backoff_delay_seconds(std::int64_t attempt_index) override;
   bool backoff_sleep(double wait_seconds, const std::function<bool()>& stop_requested) override;
   HostRef current_backoff_context() override;

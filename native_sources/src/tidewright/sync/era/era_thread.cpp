@@ -267,7 +267,7 @@ void EraThread::poll_locked() {
     json::object nudge;
     nudge["new_era_number"] = era_number;
     nudge["previous_era_number"] = previous;
-    host().call_module_function("tidewright.agent_onboarding", "update_nudge", json::array{"era_change"}, nudge);
+    host().update_nudge("era_change", nudge);
   } catch (const std::exception& e) {
     log_warning("update_nudge call failed: %s", {json::value(e.what())});
   }

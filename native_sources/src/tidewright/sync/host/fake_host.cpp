@@ -1,5 +1,6 @@
 #include "tidewright/sync/host/fake_host.hpp"
 
+#include "tidewright/sync/artifacts/functions_vocabulary.hpp"
 #include "tidewright/sync/reporting/errors.hpp"
 
 #include <chrono>
@@ -106,6 +107,25 @@ void FakeHost::set_manifest_siblings(ManifestSiblings siblings) {
   siblings_ = std::move(siblings);
 }
 
+json::value FakeHost::merge_functions_vocabulary(const json::value& functions, json::value vocabulary,
+                                                 const std::string& named_universe,
+                                                 std::int64_t expected_era_number) {
+  constexpr std::string_view kModule = "tidewright._functions_vocabulary";
+  constexpr std::string_view kFunction = "merge_functions_vocabulary";
+  {
+    std::lock_guard<std::mutex> lock(mu_);
+    if (!functions_.contains(module_key(kModule, kFunction))) {
+      return sync::merge_functions_vocabulary(functions, std::move(vocabulary), named_universe, expected_era_number);
+    }
+  }
+  json::object kwargs;
+  kwargs["functions"] = functions;
+  kwargs["vocabulary"] = std::move(vocabulary);
+  kwargs["named_universe"] = named_universe;
+  kwargs["expected_era_number"] = expected_era_number;
+  return call_module_function(kModule, kFunction, {}, kwargs);
+}
+
 json::value FakeHost::call_module_function(std::string_view module, std::string_view function,
                                            const json::array& args, const json::object& kwargs) {
   ModuleFunction fn;
@@ -139,6 +159,48 @@ void FakeHost::set_module_function(const std::string& module, const std::string&
 void FakeHost::set_backoff_delay(double seconds) {
   std::lock_guard<std::mutex> lock(mu_);
   backoff_delay_ = seconds;
+}
+
+json::value FakeHost::current_version() {
+  return call_module_function("tidewright.deployment", "_CURRENT_VERSION", json::array{}, {});
+}
+
+json::value FakeHost::compare_versions(const json::value& a, const json::value& b) {
+  return call_module_function("tidewright.deployment", "_compare_versions", json::array{a, b}, {});
+}
+
+void FakeHost::check_update() { call_module_function("tidewright.deployment", "check_update", json::array{}, {}); }
+
+json::value FakeHost::auto_update() {
+  return call_module_function("tidewright.deployment", "auto_update", json::array{}, {});
+}
+
+void FakeHost::load_era_transition_modules() {
+  call_module_function("tidewright.sync", "_load_era_transition_modules", json::array{}, {});
+}
+
+void FakeHost::record_runtime_freshness_updates(const json::array& updates) {
+  call_module_function("tidewright.sync", "_record_runtime_freshness_updates", json::array{updates}, {});
+}
+
+void FakeHost::notify_era_change(std::int64_t era_number) {
+  call_module_function("tidewright.auth", "notify_era_change", json::array{era_number}, {});
+}
+
+void FakeHost::track_era_transition(const std::string& data_dir, std::int64_t era_number,
+                                    const json::value& previous_era_number) {
+  call_module_function("tidewright.sync", "_track_era_transition",
+                       json::array{json::value(data_dir), json::value(era_number), previous_era_number}, {});
+}
+
+void FakeHost::vault_module_updated(const std::string& relative_path, const std::string& local_path,
+                                    const std::string& sha256) {
+  call_module_function("tidewright.runtime_module_freshness", "vault_module_updated", {},
+                       {{"relative_path", relative_path}, {"local_path", local_path}, {"sha256", sha256}});
+}
+
+void FakeHost::update_nudge(std::string_view event, const json::object& fields) {
+  call_module_function("tidewright.agent_onboarding", "update_nudge", json::array{json::value(event)}, fields);
 }
 
 double FakeHost::backoff_delay_seconds(std::int64_t) {

@@ -90,6 +90,14 @@ class Host {
   // tidewright._transport_security.validate_bearer_transport_url(url)
   virtual std::string validate_bearer_transport_url(const std::string& url) = 0;
   virtual ManifestSiblings manifest_siblings() = 0;
+  // tidewright._functions_vocabulary.merge_functions_vocabulary(functions=,
+  // vocabulary=, named_universe=, expected_era_number=): the vocabulary with
+  // the functions file merged in. While the package's own default is
+  // installed the merge is native and the vocabulary is taken over, never
+  // handed to the host.
+  virtual json::value merge_functions_vocabulary(const json::value& functions, json::value vocabulary,
+                                                 const std::string& named_universe,
+                                                 std::int64_t expected_era_number) = 0;
   // A module-level function or attribute of a sibling module called with
   // plain data; returns plain data. Raises HostError for errors in the call.
   virtual json::value call_module_function(std::string_view module, std::string_view function,
@@ -106,6 +114,35 @@ class Host {
   // obj.method(*args, **kwargs) with plain data in and out.
   virtual json::value call_method(const HostRef& object, std::string_view method,
                                   const json::array& args, const json::object& kwargs = {}) = 0;
+
+  // --- the era transition's and the engine's notices to sibling modules ---
+  // Each calls the named module function with plain data; an exception it
+  // raises reaches the caller as a HostError.
+  // tidewright.deployment._CURRENT_VERSION (the package version).
+  virtual json::value current_version() = 0;
+  // tidewright.deployment._compare_versions(a, b), as returned.
+  virtual json::value compare_versions(const json::value& a, const json::value& b) = 0;
+  // tidewright.deployment.check_update()
+  virtual void check_update() = 0;
+  // tidewright.deployment.auto_update(), as returned (a mapping with
+  // "success" and "warning").
+  virtual json::value auto_update() = 0;
+  // tidewright.sync._load_era_transition_modules(): loads the modules an era
+  // transition needs, raising when one cannot be loaded.
+  virtual void load_era_transition_modules() = 0;
+  // tidewright.sync._record_runtime_freshness_updates(updates)
+  virtual void record_runtime_freshness_updates(const json::array& updates) = 0;
+  // tidewright.auth.notify_era_change(era_number)
+  virtual void notify_era_change(std::int64_t era_number) = 0;
+  // tidewright.sync._track_era_transition(data_dir, era_number, previous_era_number)
+  virtual void track_era_transition(const std::string& data_dir, std::int64_t era_number,
+                                    const json::value& previous_era_number) = 0;
+  // tidewright.runtime_module_freshness.vault_module_updated(relative_path=,
+  // local_path=, sha256=)
+  virtual void vault_module_updated(const std::string& relative_path, const std::string& local_path,
+                                    const std::string& sha256) = 0;
+  // tidewright.agent_onboarding.update_nudge(event, **fields)
+  virtual void update_nudge(std::string_view event, const json::object& fields) = 0;
 
   // --- backoff (tidewright.sync_backoff) ---
   virtual double backoff_delay_seconds(std::int64_t attempt_index) = 0;

@@ -117,14 +117,14 @@ bool is_connection_error(const std::exception& e) {
 }
 
 std::optional<std::int64_t> compare_versions(const json::value& a, const json::value& b) {
-  json::value r = host().call_module_function("tidewright.deployment", "_compare_versions", json::array{a, b});
+  json::value r = host().compare_versions(a, b);
   std::optional<std::int64_t> n = to_int(r);
   if (!n) throw ValueError("_compare_versions returned " + python_repr(r));
   return n;
 }
 
 json::value current_library_version() {
-  return host().call_module_function("tidewright.deployment", "_CURRENT_VERSION", json::array{});
+  return host().current_version();
 }
 
 // Raises LibraryUpdateRequired when the running package is older than the
@@ -142,7 +142,7 @@ void check_library_version(const json::object& era_config, std::int64_t new_era_
                                std::to_string(new_era_number);
   std::optional<std::string> failure;
   try {
-    json::value outcome = host().call_module_function("tidewright.deployment", "auto_update", json::array{});
+    json::value outcome = host().auto_update();
     const json::object* fields = as_object(&outcome);
     const json::value* success = fields ? fields->if_contains("success") : nullptr;
     if (!success || !truthy(*success)) {
@@ -371,7 +371,7 @@ std::optional<std::int64_t> EraTransition::attempt(std::int64_t new_era_number, 
   // The sibling modules the transition needs are loaded before anything
   // changes: a missing or broken one fails it with the searches running and
   // the directory untouched.
-  host().call_module_function("tidewright.sync", "_load_era_transition_modules", json::array{});
+  host().load_era_transition_modules();
   Run run;
   run.era = new_era_number;
   run.era_text = std::to_string(new_era_number);
@@ -451,7 +451,7 @@ std::optional<std::int64_t> EraTransition::attempt(std::int64_t new_era_number, 
 // the disk space: everything decided before the staging directory exists.
 void EraTransition::prepare(Run& run) {
   try {
-    host().call_module_function("tidewright.deployment", "check_update", json::array{});
+    host().check_update();
   } catch (const std::exception& e) {
     // Only a lost connection is left behind: the version gate below decides.
     if (!is_connection_error(e)) throw;
@@ -617,7 +617,7 @@ void EraTransition::switch_to_new_era(Run& run) {
     if (!sha.empty()) manager_.hash_cache().remember(path, final_paths[i], sha);
     updates.push_back(json::object{{"relative_path", path}, {"kind", kind_of(entry)}, {"sha256", sha}});
   }
-  host().call_module_function("tidewright.sync", "_record_runtime_freshness_updates", json::array{updates});
+  host().record_runtime_freshness_updates(updates);
   const std::string staging_root = real_path(run.staging);
   const std::string data_root = real_path(data_dir_);
   for (const std::string& name : {std::string(SHUFFLE_SEED_FILENAME), shuffle_seed_meta_path(SHUFFLE_SEED_FILENAME)}) {
@@ -671,14 +671,12 @@ void EraTransition::complete(Run& run, const SearchesFn& restart_searches_fn) {
   if (!run.cancelled_after_switch) manager_.schedule_cleanup_old_eras(true);
 
   try {
-    host().call_module_function("tidewright.auth", "notify_era_change", json::array{run.era});
+    host().notify_era_change(run.era);
   } catch (const std::exception& e) {
     log_warning("Failed to notify auth about era change: %s", {json::value(e.what())});
   }
-  host().call_module_function(
-      "tidewright.sync", "_track_era_transition",
-      json::array{json::value(data_dir_), json::value(run.era),
-                  run.old_manifest ? run.old_manifest->era_number() : json::value(nullptr)});
+  host().track_era_transition(data_dir_, run.era,
+                              run.old_manifest ? run.old_manifest->era_number() : json::value(nullptr));
 
   manager_.install_vocabularies(manager_.validated_vocabularies(*run.manifest));
   if (run.rotation_refresh) manager_.notify_era_callbacks(ROTATION_REFRESH_EVENT, run.era, *run.rotation_refresh);

@@ -1062,8 +1062,7 @@ void TransferEngine::promote(const DownloadJob& job, FileRun& run, SyncResult& r
   }
   if (job.kind == "vault_module" && target == context_.data_dir) {
     // Only a module in its final place: a staged era's files are not live yet.
-    host().call_module_function("tidewright.runtime_module_freshness", "vault_module_updated", {},
-                                {{"relative_path", job.path}, {"local_path", run.local}, {"sha256", run.actual_sha}});
+    host().vault_module_updated(job.path, run.local, run.actual_sha);
   }
   if (target == context_.data_dir) context_.hash_cache->remember(job.path, run.local, run.actual_sha);
   // What this run fetched: a download resumed from an earlier run's staging
