@@ -435,80 +435,81 @@ class _Keyring:
         return self.token
 
 
-# A new version of BIG is published; its download is then refused. The error
-# names the cause and the data directory is the one of version 1.
-MID_SYNC_FAILURES = {
-    "file-401": (lambda svc, keyring: svc.add_fault(BIG_URL_PATH, "status", status=401, count=None),
+def publish(svc, *touched):
+    svc.set_version(touch=list(touched))
+
+
+def _entry(size=4):
+    return {"size_bytes": size, "sha256": "0" * 64, "kind": "feature"}
+
+
+# A new version is published and something of it fails to arrive or to
+# validate, or the service or the token source refuses the sync.
+FAILED_SYNCS = {
+    "file-404": (lambda svc, keyring: (publish(svc, FEATURE, BIG),
+                                       svc.add_fault("/data/files/" + FEATURE, "status", status=404, count=None)),
+                 sync.PermanentDownloadError, f"Download failed for {FEATURE}: HTTP 404"),
+    "file-401": (lambda svc, keyring: (publish(svc, BIG), svc.add_fault(BIG_URL_PATH, "status", status=401, count=None)),
                  tidewright.auth.AuthError, f"Authentication failed while downloading {BIG}: HTTP 401"),
-    "token-source-fails": (lambda svc, keyring: svc.on_request("/data/manifest", keyring.lock),
+    "version-401": (lambda svc, keyring: svc.add_fault("/data/manifest/version", "status", status=401),
+                    tidewright.auth.AuthError, "Authentication failed: HTTP 401"),
+    "token-source-fails": (lambda svc, keyring: (publish(svc, BIG), svc.on_request("/data/manifest", keyring.lock)),
                            PermissionError, "keyring locked"),
-    "manifest-not-json": (lambda svc, keyring: svc.add_fault("/data/manifest", "status", status=200, body="<html>"),
+    "manifest-refused": (lambda svc, keyring: (publish(svc), svc.add_fault("/data/manifest", "status", status=503,
+                                                                            retryable=False)),
+                         sync.SyncUnavailableError, "retryable=False"),
+    "manifest-not-json": (lambda svc, keyring: (publish(svc, BIG), svc.add_fault("/data/manifest", "status",
+                                                                                  status=200, body="<html>")),
                           sync.ManifestError, "Invalid manifest JSON: "),
-}
-
-
-@pytest.mark.parametrize("break_sync, error, message", MID_SYNC_FAILURES.values(), ids=MID_SYNC_FAILURES.keys())
-def test_a_sync_refused_half_way_leaves_the_previous_state(svc, tmp_path, break_sync, error, message):
-    keyring = _Keyring(svc.token)
-    m = sync.SyncManager(str(tmp_path), svc.url, keyring, sync_http_chunk_bytes=CHUNK)
-    with request_budget(svc):
-        m.sync()
-    before = tree(tmp_path)
-    svc.set_version(touch=[BIG])
-    break_sync(svc, keyring)
-    with request_budget(svc), pytest.raises(error) as info:
-        m.sync()
-    assert str(info.value).startswith(message)
-    # Only the staging file and the progress report of the failed run are new.
-    after = tree(tmp_path)
-    assert {p: b for p, b in after.items() if p in before} == before
-    assert set(after) - set(before) <= {BIG + ".tmp", "sync-progress.json"}
-    assert m.get_manifest().version == 1 and m.verify().valid
-
-    svc.clear_faults()
-    keyring.locked = False
-    with request_budget(svc):
-        m.sync()
-    assert_in_step(svc, tmp_path)
-    assert m.get_manifest().version == 2
-
-
-# The era's side files of a new version fail to arrive or to validate: the
-# sync fails naming the cause, the local manifest stays at the old version
-# (files already fetched stay, found by their digest later), and the next
-# sync once the service is right completes.
-SIDE_FILE_FAILURES = {
-    "functions-404": (lambda svc: (svc.set_version(touch=[BIG, "functions.json"]),
-                                   svc.add_fault("/data/files/functions.json", "status", status=404, count=None)),
+    "hostile-entry": (lambda svc, keyring: svc.set_version(entry_overrides={"../escape.arrow": _entry()}),
+                      sync.ManifestError, "unsafe segments"),
+    "disk-space": (lambda svc, keyring: svc.set_version(entry_overrides={FEATURE: {"size_bytes": 2 ** 60}}),
+                   sync.DiskSpaceError, "Insufficient disk space: need "),
+    # The era's side files: files already fetched stay, found by their digest later.
+    "functions-404": (lambda svc, keyring: (publish(svc, BIG, "functions.json"),
+                                            svc.add_fault("/data/files/functions.json", "status", status=404,
+                                                          count=None)),
                       sync.PermanentDownloadError, "Download failed for functions.json: HTTP 404"),
-    "seed-404": (lambda svc: (svc.set_version(touch=[BIG]),
-                              svc.add_fault("/data/shuffle", "status", status=404, count=None)),
+    "seed-404": (lambda svc, keyring: (publish(svc, BIG), svc.add_fault("/data/shuffle", "status", status=404,
+                                                                         count=None)),
                  sync.SyncError, "Failed to download shuffle seed: HTTP 404"),
-    "seed-of-another-era": (lambda svc: (svc.set_version(touch=[BIG]),
-                                         svc.add_fault("/data/shuffle", "headers", count=None,
-                                                       set_headers={"X-Era-Number": "7"})),
-                            sync.EraError, "shuffle_seed.enc response era_number=7 does not match manifest era_number=1"),
-    "seed-retired-generation": (lambda svc: (svc.set_version(touch=[BIG]), svc.add_fault(
+    "seed-of-another-era": (lambda svc, keyring: (publish(svc, BIG), svc.add_fault(
+        "/data/shuffle", "headers", count=None, set_headers={"X-Era-Number": "7"})),
+        sync.EraError, "shuffle_seed.enc response era_number=7 does not match manifest era_number=1"),
+    "seed-retired-generation": (lambda svc, keyring: (publish(svc, BIG), svc.add_fault(
         "/data/shuffle", "headers", count=None, set_headers={"X-Tidewright-Shuffle-Key-Generation": "legacy-era-only-v1"})),
         sync.SyncError, "retired shuffle_key_generation 'legacy-era-only-v1' is not supported"),
 }
 
 
-@pytest.mark.parametrize("break_sync, error, message", SIDE_FILE_FAILURES.values(), ids=SIDE_FILE_FAILURES.keys())
-def test_a_side_file_that_fails_keeps_the_previous_manifest(svc, tmp_path, break_sync, error, message):
-    m, _ = synced(svc, tmp_path)
-    local_manifest = (tmp_path / "manifest.json").read_bytes()
-    break_sync(svc)
+@pytest.mark.parametrize("break_sync, error, message", FAILED_SYNCS.values(), ids=FAILED_SYNCS.keys())
+def test_a_failed_sync_leaves_the_previous_state_and_the_next_one_completes(svc, tmp_path, break_sync, error,
+                                                                             message):
+    keyring = _Keyring(svc.token)
+    m = sync.SyncManager(str(tmp_path), svc.url, keyring, sync_http_chunk_bytes=CHUNK)
+    with request_budget(svc):
+        m.sync()
+    before = tree(tmp_path)
+    break_sync(svc, keyring)
     with request_budget(svc), pytest.raises(error) as info:
         m.sync()
-    assert str(info.value).startswith(message)
-    assert (tmp_path / "manifest.json").read_bytes() == local_manifest and m.get_manifest().version == 1
+    assert message in str(info.value)
+    # The committed manifest stays; only the large file (fetched before the
+    # side files), staging files and the progress report may have changed.
+    after = tree(tmp_path)
+    assert {p: b for p, b in after.items() if p in before and p != BIG} == {p: b for p, b in before.items()
+                                                                            if p != BIG}
+    assert all(p.endswith(".tmp") or p == "sync-progress.json" for p in set(after) - set(before))
+    verified = m.verify()
+    assert m.get_manifest().version == 1 and verified.missing_files == [] and set(verified.corrupted_files) <= {BIG}
+    assert sync.SyncManager(str(tmp_path), svc.url, token=svc.token).get_manifest().version == 1
 
     svc.clear_faults()
+    keyring.locked = False
+    svc.set_version(manifest_overrides={}, entry_overrides={})
     with request_budget(svc):
         m.sync()
     assert_in_step(svc, tmp_path)
-    assert m.verify().valid
 
 
 # -- hostile services: memory and time stay bounded ------------------------------------

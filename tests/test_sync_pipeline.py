@@ -1,6 +1,6 @@
 """The sync pipeline against the reference data service: cold and no-op syncs,
-new manifest versions, verify and repair, disk space, hostile manifests, and
-what a failed sync leaves behind."""
+new manifest versions, verify and repair, hostile manifests and found files
+missing from storage (what a failed sync leaves behind: test_sync_faults.py)."""
 
 import hashlib
 import json
@@ -10,7 +10,6 @@ import re
 
 import pytest
 
-import tidewright.auth
 import tidewright.sync as sync
 from sync_helpers import (BIG, BIG_BYTES, FEATURE, FOUND_PNL, FOUND_PNL_KINDS, assert_in_step, body_bytes_served,
                           file_requests, local_bytes, manager, request_budget, requested_paths, tmp_files)
@@ -281,59 +280,6 @@ def test_symlink_out_of_the_data_directory_is_refused(dataservice, tmp_path):
         m.sync()
     assert os.listdir(outside) == []
     assert m.get_manifest() is None and not (data / "manifest.json").exists()
-
-
-def _missing_file(svc):
-    svc.set_version(touch=[FEATURE, BIG])
-    svc.add_fault("/data/files/" + FEATURE, "status", status=404, count=None)
-
-
-@pytest.mark.parametrize("break_next_sync, error, message", [
-    (_missing_file, sync.PermanentDownloadError, f"Download failed for {FEATURE}: HTTP 404"),
-    (lambda svc: svc.set_version(entry_overrides={FEATURE: {"size_bytes": 2 ** 60}}), sync.DiskSpaceError,
-     "Insufficient disk space: need "),
-    (lambda svc: (svc.set_version(), svc.add_fault("/data/manifest", "status", status=503, retryable=False)),
-     sync.SyncUnavailableError, "retryable=False"),
-    (lambda svc: svc.add_fault("/data/manifest/version", "status", status=401), tidewright.auth.AuthError,
-     "Authentication failed: HTTP 401"),
-    (lambda svc: svc.set_version(entry_overrides={"../escape.arrow": _entry()}), sync.ManifestError,
-     "unsafe segments"),
-    (lambda svc: svc.publish_era(), sync.EraError, "Era mismatch: local era_number=1, server era_number=2"),
-], ids=["missing-file", "disk-space", "unavailable", "auth", "hostile", "new-era"])
-def test_failure_before_commit_leaves_the_local_manifest_untouched(dataservice_factory, tmp_path, break_next_sync,
-                                                                   error, message):
-    svc = dataservice_factory(large_file_bytes=BIG_BYTES)
-    m = manager(svc, tmp_path)
-    m.sync()
-    committed = {name: local_bytes(tmp_path, name) for name in ("manifest.json", ".manifest_sync_metadata.json")}
-
-    break_next_sync(svc)
-    svc.clear_requests()
-    with request_budget(svc), pytest.raises(error, match=re.escape(message)) as info:
-        m.sync()
-
-    if error is sync.PermanentDownloadError:
-        assert (info.value.file_path, info.value.status) == (FEATURE, 404)
-    if error is sync.DiskSpaceError:  # refused before any file is asked for
-        need, have = map(int, re.fullmatch(r"Insufficient disk space: need (\d+) bytes, have (\d+) bytes available",
-                                           str(info.value)).groups())
-        assert need >= 2 ** 60 > have and file_requests(svc) == []
-    assert {name: local_bytes(tmp_path, name) for name in committed} == committed
-    assert (m.get_manifest().version, m.get_manifest().era_number) == (1, 1)
-    assert sync.SyncManager(str(tmp_path), svc.url, token=svc.token).get_manifest().version == 1
-
-
-def test_recovery_after_a_failed_sync_completes_the_new_version(dataservice_factory, tmp_path):
-    svc = dataservice_factory(large_file_bytes=BIG_BYTES)
-    m = manager(svc, tmp_path)
-    m.sync()
-    _missing_file(svc)
-    with request_budget(svc), pytest.raises(sync.PermanentDownloadError):
-        m.sync()
-    svc.clear_faults()
-    m.sync()
-    assert m.get_manifest().version == 2
-    assert_in_step(svc, tmp_path)
 
 
 def test_found_pnl_missing_from_storage_is_excluded_until_the_manifest_changes(dataservice, tmp_path, caplog):
