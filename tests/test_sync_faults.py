@@ -26,7 +26,6 @@ def manager(svc, data_dir, **knobs):
     knobs.setdefault("sync_max_concurrency", 1)
     return any_manager(svc, data_dir, **knobs)
 
-pytestmark = pytest.mark.usefixtures("instant_backoff")
 
 BIG_URL_PATH = "/data/files/" + BIG
 
@@ -628,20 +627,26 @@ CRAFTED_MANIFESTS = {
                      "collide: 'u.arrow.tmp' is the staging file of 'u.arrow'"),
     "version-nan": (dict(manifest_overrides={"version": float("nan")}),
                     "Manifest version must be a non-negative integer: nan"),
+    "parent": (dict(entry_overrides={"../outside/evil.arrow": _entry()}), "contains unsafe segments"),
+    "nested-parent": (dict(entry_overrides={"features/../../outside/evil.arrow": _entry()}), "contains unsafe segments"),
+    "absolute": (lambda outside: dict(entry_overrides={str(outside / "evil.arrow"): _entry()}), "must be relative"),
+    "list-files": (dict(manifest_overrides={"files": [FEATURE]}), '"files" must be a JSON object'),
+    "text-files": (dict(manifest_overrides={"files": "features"}), '"files" must be a JSON object'),
 }
 
 
 @pytest.mark.parametrize("layout, message", CRAFTED_MANIFESTS.values(), ids=CRAFTED_MANIFESTS.keys())
 def test_a_crafted_manifest_is_refused_before_anything_is_written(dataservice_factory, tmp_path, layout, message):
-    svc = dataservice_factory(**layout)
-    settings = tmp_path / "rotation-settings.json"
-    settings.write_bytes(b'{"mine": true}')
-    m = manager(svc, tmp_path)
+    data = tmp_path / "data"
+    data.mkdir()
+    svc = dataservice_factory(**(layout(tmp_path / "outside") if callable(layout) else layout))
+    (data / "rotation-settings.json").write_bytes(b'{"mine": true}')
+    m = manager(svc, data)
     with request_budget(svc), pytest.raises(sync.ManifestError) as info:
         m.sync()
     assert message in str(info.value)
     assert file_requests(svc) == [] and svc.requests_for("/data/shuffle") == []
-    assert tree(tmp_path) == {"rotation-settings.json": b'{"mine": true}'}
+    assert tree(tmp_path) == {"data/rotation-settings.json": b'{"mine": true}'}
     assert m.get_manifest() is None
 
 
