@@ -89,6 +89,9 @@ def test_sync_verify_status_repair_round_trip(service, data_dir, tmp_path):
     token_file.write_text(SECRET + "\n")
     common = ("--server", service.url, "--data-dir", data_dir, "--token-file", token_file, "-vv")
     manifest = service.manifest()
+    # Retries and a repair, so that -vv has events to print (never the token).
+    service.add_fault("/data/manifest", "status", status=503)
+    service.add_fault("/data/files/*px000*", "corrupt")
 
     code, out, err = run_json("sync", *common, "--verify")
     assert code == 0, err
