@@ -69,7 +69,6 @@ def cli_process(*argv, **kwargs):
                             stderr=subprocess.PIPE, text=True, **kwargs)
 
 
-
 def status_line(text, label):
     """The value of one line of the human ``status`` output ("label   value")."""
     for line in text.splitlines():
@@ -487,6 +486,8 @@ def test_the_diagnosis_probe_is_bounded_by_its_timeout_however_slowly_the_head_t
         assert cli.probe_http(srv.url("/slow"), timeout=1) is None
     # The probe left long before a limit on the number of header lines could end it.
     assert len(lines) < 50
+
+
 # -- options a user sets on the command line --------------------------------------------------------------
 
 

@@ -45,7 +45,6 @@ def publish_next(svc, era=None, **fields):
     return svc.publish_era(era, extra_files={"shared/same.bin": ("data", SAME)}, **fields)
 
 
-
 def leftovers(data_dir):
     """Transition and download debris in the data directory."""
     found = [n for n in os.listdir(data_dir) if n.startswith((".transition_", ".sync_flock"))]

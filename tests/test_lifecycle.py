@@ -35,7 +35,6 @@ def manager_for(svc, data_dir, poll_interval_s=3600.0, url=None):
                                           poll_interval_s=poll_interval_s)
 
 
-
 def returns(fn, within=60.0):
     """Whether fn() returns before the watchdog gives up on it (a hang guard,
     not a measure of speed: the figures are in bench/)."""
@@ -229,6 +228,8 @@ def test_membership_is_read_from_python_threads_while_syncs_run(dataservice, dat
         m.stop()
     assert len(reads) == 2 and all(seen and all(seen) for seen in reads)
     assert m.get_manifest().version == 2
+
+
 def kernel_thread_name(native_id=None):
     try:
         with open(f"/proc/self/task/{native_id or threading.get_native_id()}/comm", encoding="utf-8") as handle:

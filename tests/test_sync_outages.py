@@ -51,7 +51,6 @@ def in_background():
     pool.shutdown(wait=False, cancel_futures=True)
 
 
-
 def budgeted_sync(svc, m):
     with request_budget(svc):
         return m.sync()
