@@ -470,20 +470,6 @@ SYNC_CHILD = """
 """
 
 
-def test_four_processes_syncing_one_directory(dataservice_factory, data_dir):
-    svc = dataservice_factory(features=24, feature_bytes=64 * 1024)
-    children = [subprocess.Popen([sys.executable, "-c", textwrap.dedent(SYNC_CHILD), str(data_dir), svc.url,
-                                  svc.token], stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
-                for _ in range(4)]
-    for child in children:
-        out, err = child.communicate(timeout=120)
-        assert child.returncode == 0, err
-        assert json.loads(out) == {"era": 1, "valid": True, "bad": []}
-    for path in svc.manifest()["files"]:
-        assert (data_dir / path).read_bytes() == svc.file_bytes(None, path)
-    assert not (data_dir / ".sync_flock").exists()
-
-
 LOCK_CHILD = """
     import os, sys, time
     import tidewright.sync as sync

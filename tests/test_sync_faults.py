@@ -16,15 +16,8 @@ import tidewright.sync as sync
 from peak_rss import MEMORY_UNMEASURABLE, describe, measure
 from raw_http_server import RawHttpServer, endless_body, respond, trickled_headers
 from sync_helpers import (BIG, BIG_BYTES, CHUNK, FEATURE, assert_in_step, body_bytes_served, file_requests,
-                          local_bytes, manager as any_manager, range_starts, request_budget, tmp_files, tree)
-
-
-def manager(svc, data_dir, **knobs):
-    """A manager that fetches a file in one stream, its ranges one after
-    another, as these tests follow request by request (ranges fetched at once
-    are covered by test_parallel_ranges.py)."""
-    knobs.setdefault("sync_max_concurrency", 1)
-    return any_manager(svc, data_dir, **knobs)
+                          local_bytes, range_starts, request_budget, sequential_manager as manager, tmp_files,
+                          tree)
 
 
 BIG_URL_PATH = "/data/files/" + BIG
@@ -720,7 +713,7 @@ def test_two_keys_reaching_one_file_through_a_link_are_not_both_written(dataserv
     svc = dataservice_factory(extra_files={"y/z.arrow": ("feature", b"y" * 200), "x/z.arrow": ("feature", b"x" * 100)})
     (tmp_path / "y").mkdir()
     (tmp_path / "x").symlink_to("y", target_is_directory=True)
-    m = manager(svc, tmp_path, sync_max_concurrency=1)
+    m = manager(svc, tmp_path)
     with request_budget(svc), pytest.raises(sync.ManifestError) as info:
         m.sync()
     assert str(info.value).startswith("Manifest file path passes through a link inside the data directory: 'x/z.arrow'")
