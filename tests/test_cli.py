@@ -31,13 +31,6 @@ def service(dataservice_factory):
     return dataservice_factory(token=SECRET, features=6, feature_bytes=4096)
 
 
-@pytest.fixture
-def data_dir(tmp_path):
-    path = tmp_path / "data"
-    path.mkdir()
-    return path
-
-
 @pytest.fixture(autouse=True)
 def no_token_in_environment(monkeypatch):
     monkeypatch.delenv(cli.TOKEN_ENV, raising=False)

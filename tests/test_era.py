@@ -28,13 +28,6 @@ def svc(dataservice_factory):
     return dataservice_factory(extra_files={"shared/same.bin": ("data", SAME), "old/only.bin": ("data", b"era 1")})
 
 
-@pytest.fixture
-def data_dir(tmp_path):
-    path = tmp_path / "data"
-    path.mkdir()
-    return path
-
-
 def synced(svc, data_dir, poll_interval_s=3600.0):
     m = sync.SyncManager.get_or_create(str(data_dir), svc.url, lambda: svc.token, poll_interval_s=poll_interval_s)
     assert m.sync().era_number == 1

@@ -23,13 +23,6 @@ FEATURE = "features/top50/signal_is/px000__ret__lag0__v1.arrow"
 NOT_RUNNING = "Sync thread is not running. Call start() or acquire() first."
 
 
-@pytest.fixture
-def data_dir(tmp_path):
-    path = tmp_path / "data"
-    path.mkdir()
-    return path
-
-
 def manager_for(svc, data_dir, poll_interval_s=3600.0, url=None):
     return sync.SyncManager.get_or_create(str(data_dir), url or svc.url, lambda: svc.token,
                                           poll_interval_s=poll_interval_s)

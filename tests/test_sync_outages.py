@@ -2,7 +2,6 @@
 or not listening at all. Each ends with correct files, or with a typed error and the previous state
 kept, and the next sync after the service is back completes."""
 
-import concurrent.futures
 import os
 import threading
 
@@ -31,14 +30,6 @@ def backoff_waits(monkeypatch):
 
     monkeypatch.setattr(SyncBackoffPolicy, "delay_seconds", classmethod(delay_seconds))
     return asked
-
-
-@pytest.fixture
-def in_background():
-    """Runs a callable on another thread; its future is joined (bounded) at teardown."""
-    pool = concurrent.futures.ThreadPoolExecutor(max_workers=2)
-    yield pool.submit
-    pool.shutdown(wait=False, cancel_futures=True)
 
 
 def budgeted_sync(svc, m):
