@@ -45,13 +45,27 @@ def test_transient_statuses_in_a_burst_are_retried(svc, tmp_path):
     assert [r.status for r in file_requests(svc, BIG)][:8] == [503, 502, 500, 429, 408, 425, 504, 206]
 
 
-@pytest.mark.parametrize("path", ["/data/manifest", BIG_URL_PATH])
-def test_a_refused_retry_ends_the_sync_with_sync_unavailable(svc, tmp_path, path):
-    svc.add_fault(path, "status", status=503, retryable=False, count=None)
+# One request, then the sync ends: the service refused the token, or answered
+# a transient status with a body that says not to retry.
+REFUSALS = {
+    **{f"401-{where}": (path, dict(status=401), tidewright.auth.AuthError)
+       for where, path in [("version", "/data/manifest/version"), ("manifest", "/data/manifest"),
+                           ("file", BIG_URL_PATH), ("seed", "/data/shuffle")]},
+    **{f"503-not-retryable-{where}": (path, dict(status=503, retryable=False), sync.SyncUnavailableError)
+       for where, path in [("manifest", "/data/manifest"), ("file", BIG_URL_PATH)]},
+}
+
+
+@pytest.mark.parametrize("path, fault, error", REFUSALS.values(), ids=REFUSALS.keys())
+def test_a_refusal_ends_the_sync_after_one_request(svc, tmp_path, path, fault, error):
+    svc.add_fault(path, "status", count=None, **fault)
     m = manager(svc, tmp_path)
-    with request_budget(svc), pytest.raises(sync.SyncUnavailableError) as info:
+    with request_budget(svc), pytest.raises(error) as info:
         m.sync()
-    assert info.value.retryable is False and info.value.statuses == [503]
+    if error is sync.SyncUnavailableError:
+        assert info.value.retryable is False and info.value.statuses == [503]
+    else:
+        assert "HTTP 401" in str(info.value)
     assert len(svc.requests_for(path)) == 1
     assert m.get_manifest() is None and not (tmp_path / "manifest.json").exists()
     if path == "/data/manifest":
@@ -213,16 +227,22 @@ def test_a_version_probe_refusing_the_token_ends_the_sync(svc, tmp_path):
     synced(svc, tmp_path)
 
 
+def interrupted_after_10_000_bytes(svc, data_dir):
+    """A manager whose sync ended with 10,000 bytes of the large file staged."""
+    svc.add_fault(BIG_URL_PATH, "truncate", after_bytes=10_000)
+    svc.add_fault(BIG_URL_PATH, "status", status=400)  # permanent: ends this sync
+    m = manager(svc, data_dir)
+    with request_budget(svc), pytest.raises(sync.PermanentDownloadError):
+        m.sync()
+    assert os.path.getsize(data_dir / (BIG + ".tmp")) == 10_000
+    return m
+
+
 def test_partial_download_resumes_in_the_next_sync(svc, tmp_path):
     orphan = tmp_path / "features" / "top200" / "gone.arrow.tmp"
     orphan.parent.mkdir(parents=True)
     orphan.write_bytes(b"left by a file no manifest lists")
-    svc.add_fault(BIG_URL_PATH, "truncate", after_bytes=10_000)
-    svc.add_fault(BIG_URL_PATH, "status", status=400)  # permanent: ends this sync
-    m = manager(svc, tmp_path)
-    with request_budget(svc), pytest.raises(sync.PermanentDownloadError):
-        m.sync()
-    assert os.path.getsize(tmp_path / (BIG + ".tmp")) == 10_000
+    m = interrupted_after_10_000_bytes(svc, tmp_path)
 
     with request_budget(svc):
         m.sync()
@@ -232,20 +252,8 @@ def test_partial_download_resumes_in_the_next_sync(svc, tmp_path):
     assert not orphan.exists()
 
 
-def test_a_staging_file_longer_than_the_file_is_started_over(svc, tmp_path):
-    staging = tmp_path / (BIG + ".tmp")
-    staging.parent.mkdir(parents=True)
-    staging.write_bytes(b"\0" * (BIG_BYTES + 10))  # not a prefix of the file whatever it holds
-    synced(svc, tmp_path)
-    assert range_starts(svc, BIG) == [0, CHUNK, 2 * CHUNK, 3 * CHUNK]
-
-
 def test_partial_download_of_a_file_changed_since_starts_over(svc, tmp_path):
-    svc.add_fault(BIG_URL_PATH, "truncate", after_bytes=10_000)
-    svc.add_fault(BIG_URL_PATH, "status", status=400)
-    m = manager(svc, tmp_path)
-    with request_budget(svc), pytest.raises(sync.PermanentDownloadError):
-        m.sync()
+    m = interrupted_after_10_000_bytes(svc, tmp_path)
     svc.set_version(touch=[BIG])
     svc.clear_requests()
 
@@ -277,13 +285,19 @@ def test_partial_vocabulary_left_by_a_killed_sync_is_resumed_at_the_commit(svc, 
     assert len(range_starts(svc, vocabulary)) == 1
 
 
-def test_leftover_staging_file_that_is_not_a_prefix_is_replaced(svc, tmp_path):
+# A staging file left beside the large file: resumed from its length, its
+# bytes are then refused by the digest and the file starts over; one longer
+# than the file cannot be a prefix of it and starts over at once.
+@pytest.mark.parametrize("length, starts", [
+    (5_000, [5_000, 5_000 + CHUNK, 5_000 + 2 * CHUNK, 0, CHUNK, 2 * CHUNK, 3 * CHUNK]),
+    (BIG_BYTES + 10, [0, CHUNK, 2 * CHUNK, 3 * CHUNK]),
+], ids=["shorter", "longer"])
+def test_a_leftover_staging_file_that_is_not_a_prefix_is_replaced(svc, tmp_path, length, starts):
     staging = tmp_path / (BIG + ".tmp")
     staging.parent.mkdir(parents=True)
-    staging.write_bytes(b"\0" * 5_000)
+    staging.write_bytes(b"\0" * length)
     synced(svc, tmp_path)
-    # Resumed from its length; the digest then fails and the file starts over.
-    assert range_starts(svc, BIG) == [5_000, 5_000 + CHUNK, 5_000 + 2 * CHUNK, 0, CHUNK, 2 * CHUNK, 3 * CHUNK]
+    assert range_starts(svc, BIG) == starts
 
 
 def test_file_without_size_in_the_manifest_ends_at_the_served_length(dataservice_factory, tmp_path):
@@ -293,16 +307,6 @@ def test_file_without_size_in_the_manifest_ends_at_the_served_length(dataservice
     assert len(local_bytes(tmp_path, BIG)) == 2 * CHUNK
     assert body_bytes_served(svc, BIG) == 2 * CHUNK
     assert not m.needs_sync()
-
-
-@pytest.mark.parametrize("path", ["/data/manifest/version", "/data/manifest", BIG_URL_PATH, "/data/shuffle"])
-def test_401_is_an_auth_error(svc, tmp_path, path):
-    svc.add_fault(path, "status", status=401, count=None)
-    m = manager(svc, tmp_path)
-    with request_budget(svc), pytest.raises(tidewright.auth.AuthError, match="HTTP 401"):
-        m.sync()
-    assert len(svc.requests_for(path)) == 1
-    assert m.get_manifest() is None and not (tmp_path / "manifest.json").exists()
 
 
 def test_one_failing_worker_stops_the_queued_downloads(dataservice_factory, tmp_path):
