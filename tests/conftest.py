@@ -1,5 +1,6 @@
 """Shared fixtures: the reference data service, started per test on 127.0.0.1."""
 
+import concurrent.futures
 import logging
 import pathlib
 import signal
@@ -35,9 +36,26 @@ def dataservice_factory():
 
 
 @pytest.fixture
+def data_dir(tmp_path):
+    """An empty data directory, "data" below the test's temporary directory."""
+    path = tmp_path / "data"
+    path.mkdir()
+    return path
+
+
+@pytest.fixture
 def dataservice(dataservice_factory):
     """A started service with one tiny era (market 1, era 1, token ``svc.token``)."""
     return dataservice_factory()
+
+
+@pytest.fixture
+def in_background():
+    """Runs a callable on another thread (``in_background(fn, *args)`` is its
+    future); the threads are not waited for at teardown."""
+    pool = concurrent.futures.ThreadPoolExecutor(max_workers=2)
+    yield pool.submit
+    pool.shutdown(wait=False, cancel_futures=True)
 
 
 def pytest_configure(config):

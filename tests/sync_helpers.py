@@ -25,6 +25,14 @@ def manager(svc, data_dir, **knobs):
     return sync.SyncManager(str(data_dir), svc.url, token=svc.token, **knobs)
 
 
+def sequential_manager(svc, data_dir, **knobs):
+    """A manager that fetches a file in one stream and its ranges one after
+    another, for tests that follow request by request (ranges fetched at once:
+    test_parallel_ranges.py)."""
+    knobs.setdefault("sync_max_concurrency", 1)
+    return manager(svc, data_dir, **knobs)
+
+
 @contextlib.contextmanager
 def request_budget(svc, limit=400):
     """Cancels the sync's retry waits once the service has seen ``limit``

@@ -31,13 +31,6 @@ def service(dataservice_factory):
     return dataservice_factory(token=SECRET, features=6, feature_bytes=4096)
 
 
-@pytest.fixture
-def data_dir(tmp_path):
-    path = tmp_path / "data"
-    path.mkdir()
-    return path
-
-
 @pytest.fixture(autouse=True)
 def no_token_in_environment(monkeypatch):
     monkeypatch.delenv(cli.TOKEN_ENV, raising=False)
@@ -69,7 +62,6 @@ def cli_process(*argv, **kwargs):
                             stderr=subprocess.PIPE, text=True, **kwargs)
 
 
-
 def status_line(text, label):
     """The value of one line of the human ``status`` output ("label   value")."""
     for line in text.splitlines():
@@ -89,6 +81,9 @@ def test_sync_verify_status_repair_round_trip(service, data_dir, tmp_path):
     token_file.write_text(SECRET + "\n")
     common = ("--server", service.url, "--data-dir", data_dir, "--token-file", token_file, "-vv")
     manifest = service.manifest()
+    # Retries and a repair, so that -vv has events to print (never the token).
+    service.add_fault("/data/manifest", "status", status=503)
+    service.add_fault("/data/files/*px000*", "corrupt")
 
     code, out, err = run_json("sync", *common, "--verify")
     assert code == 0, err
@@ -173,34 +168,6 @@ def test_refusals_get_their_exit_code_and_one_line(service, data_dir, tmp_path, 
     assert code == cli.EXIT_ERA and "sync" in err
 
 
-def test_disk_space_shortage_stops_before_anything_is_written(dataservice_factory, data_dir, monkeypatch):
-    svc = dataservice_factory(token=SECRET, features=2)
-    feature = next(p for p, e in svc.manifest()["files"].items() if e["kind"] == "feature")
-    svc.set_version(entry_overrides={feature: {"size_bytes": 1 << 60}})
-    monkeypatch.setenv(cli.TOKEN_ENV, SECRET)
-    code, out, err = run_json("sync", "--server", svc.url, "--data-dir", data_dir)
-    assert code == cli.EXIT_DISK_SPACE and out["error"]["kind"] == "disk_space"
-    assert "disk space" in err
-    assert not (data_dir / "manifest.json").exists()
-
-
-def test_an_unavailable_service_ends_with_exit_4(dataservice_factory, data_dir, monkeypatch):
-    monkeypatch.setenv(cli.TOKEN_ENV, SECRET)
-    svc = dataservice_factory(token=SECRET)
-    # The service says not to retry: the engine gives up at once.
-    svc.add_fault("/data/manifest/version", "status", status=503, retryable=False, reason="maintenance")
-    code, out, err = run_json("sync", "--server", svc.url, "--data-dir", data_dir)
-    assert code == cli.EXIT_UNAVAILABLE and out["error"]["statuses"] == [503]
-    assert "unavailable" in err and "reason=maintenance" in err
-
-    # Transient answers are retried until the give-up time.
-    svc.clear_faults()
-    svc.add_fault("/data/manifest/version", "status", status=503, count=None)
-    code, out, err = run_json("sync", "--server", svc.url, "--data-dir", data_dir, "--give-up-after", "0")
-    assert code == cli.EXIT_UNAVAILABLE and "kept answering HTTP 503" in err
-    assert os.listdir(data_dir) == []
-
-
 def test_unreachable_service_gives_up_with_exit_4(data_dir):
     url = f"http://127.0.0.1:{closed_port()}"
     proc = cli_process("sync", "--server", url, "--data-dir", data_dir, "--give-up-after", "0", "--json",
@@ -223,17 +190,6 @@ def test_a_new_era_on_the_service_is_refused_with_exit_7(service, data_dir, monk
     assert "another era" in err and "watch" in err
     assert (data_dir / "manifest.json").read_bytes() == before
     assert run_json("verify", "--data-dir", data_dir)[0] == 0
-
-
-def test_downloads_that_keep_failing_verification_end_with_exit_5(dataservice_factory, data_dir, monkeypatch):
-    monkeypatch.setenv(cli.TOKEN_ENV, SECRET)
-    svc = dataservice_factory(token=SECRET, features=1, found_signals=0, found_strategies=0, useful_signals=0)
-    feature = next(p for p, e in svc.manifest()["files"].items() if e["kind"] == "feature")
-    svc.add_fault("/data/files/" + feature, "corrupt", count=None)
-    code, out, err = run_json("sync", "--server", svc.url, "--data-dir", data_dir, "--give-up-after", "0")
-    assert code == cli.EXIT_INTEGRITY and out["error"]["kind"] == "integrity"
-    assert "verification" in err
-    assert not (data_dir / feature).exists() and not (data_dir / "manifest.json").exists()
 
 
 @pytest.mark.parametrize("signum, expected, word", [(signal.SIGINT, cli.EXIT_INTERRUPTED, "interrupted"),
@@ -343,41 +299,63 @@ def one_feature(dataservice_factory):
     return svc, next(p for p, e in svc.manifest()["files"].items() if e["kind"] == "feature")
 
 
-def self_redirect(svc, path):
-    return dict(kind="status", status=302, set_headers={"Location": svc.url + path})
+PATHS = {"file": None, "manifest": "/data/manifest", "version": "/data/manifest/version", "all": "*"}
 
 
-@pytest.mark.parametrize("where, fault, code, words", [
-    ("file", lambda svc, path: dict(kind="status", status=416), cli.EXIT_ERA, "HTTP 416"),
-    ("file", lambda svc, path: dict(kind="bad_content_range"), cli.EXIT_ERA, None),
-    ("file", self_redirect, cli.EXIT_ERA, "redirect (HTTP 302"),
-    ("manifest", self_redirect, cli.EXIT_ERA, "redirect (HTTP 302"),
-    ("file", lambda svc, path: dict(kind="status", status=503), cli.EXIT_UNAVAILABLE, "kept answering HTTP 503"),
-], ids=["range-refused", "wrong-content-range", "file-redirect-loop", "manifest-redirect-loop", "file-503"])
-def test_a_service_that_keeps_answering_wrongly_is_told_apart_from_an_unreachable_one(
-        one_feature, data_dir, monkeypatch, instant_backoff, where, fault, code, words):
+def fault(where, kind, **options):
+    """Breaks every answer at ``where`` ("file": the one feature file); kind
+    "redirect" sends each request back to its own URL."""
+    def apply(svc, feature):
+        path = PATHS[where] or "/data/files/" + feature
+        if kind == "redirect":
+            svc.add_fault(path, "status", status=302, set_headers={"Location": svc.url + path}, count=None)
+        else:
+            svc.add_fault(path, kind, **{"count": None, **options})
+    return apply
+
+
+def too_big(svc, feature):
+    svc.set_version(entry_overrides={feature: {"size_bytes": 1 << 60}})
+
+
+# (break the service, exit code, error kind, words on stderr, where the message
+# points, fields of the JSON error)
+FAILURES = {
+    "disk-space": (too_big, cli.EXIT_DISK_SPACE, "disk_space", "disk space", None),
+    # The service says not to retry: the engine gives up at once.
+    "not-retryable": (fault("version", "status", status=503, retryable=False, reason="maintenance", count=1),
+                      cli.EXIT_UNAVAILABLE, "unavailable", "reason=maintenance", None, {"statuses": [503]}),
+    # Transient answers are retried until the give-up time.
+    "version-503": (fault("version", "status", status=503), cli.EXIT_UNAVAILABLE, "unavailable",
+                    "kept answering HTTP 503", None),
+    "file-503": (fault("file", "status", status=503), cli.EXIT_UNAVAILABLE, "unavailable",
+                 "kept answering HTTP 503", None),
+    "corrupt-file": (fault("file", "corrupt"), cli.EXIT_INTEGRITY, "integrity", "verification", None),
+    "range-refused": (fault("file", "status", status=416), cli.EXIT_ERA, "era_manifest", "HTTP 416", "file"),
+    "wrong-content-range": (fault("file", "bad_content_range"), cli.EXIT_ERA, "era_manifest", "", "file"),
+    "file-redirect-loop": (fault("file", "redirect"), cli.EXIT_ERA, "era_manifest", "redirect (HTTP 302", "file"),
+    "manifest-redirect-loop": (fault("manifest", "redirect"), cli.EXIT_ERA, "era_manifest", "redirect (HTTP 302",
+                               "manifest"),
+    "all-401": (fault("all", "status", status=401), cli.EXIT_AUTH, "auth", "HTTP 401", None),
+    "all-403": (fault("all", "status", status=403), cli.EXIT_AUTH, "auth", "HTTP 403", None),
+}
+
+
+@pytest.mark.parametrize("break_service, code, kind, words, named, details",
+                         [case if len(case) == 6 else case + ({},) for case in FAILURES.values()], ids=FAILURES.keys())
+def test_each_failure_gets_its_exit_code_and_one_line(one_feature, data_dir, monkeypatch, break_service, code, kind,
+                                                      words, named, details):
     svc, feature = one_feature
-    path = "/data/files/" + feature if where == "file" else "/data/manifest"
-    options = fault(svc, path)
-    svc.add_fault(path, options.pop("kind"), count=None, **options)
+    break_service(svc, feature)
     monkeypatch.setenv(cli.TOKEN_ENV, SECRET)
     code_, out, err = run_json("sync", "--server", svc.url, "--data-dir", data_dir, "--give-up-after", "0")
-    assert code_ == code, err
-    assert out["error"]["kind"] == ("unavailable" if code == cli.EXIT_UNAVAILABLE else "era_manifest")
-    if code != cli.EXIT_UNAVAILABLE:  # an outage names the service, a wrong answer what was asked for
-        assert (feature if where == "file" else "/data/manifest") in err
-    assert words is None or words in err
-    assert "cannot reach" not in err and len(err.strip().splitlines()) == 1
-    assert not (data_dir / "manifest.json").exists()
-
-
-@pytest.mark.parametrize("status", [401, 403])
-def test_a_service_refusing_everything_is_an_authentication_failure(service, data_dir, monkeypatch, status):
-    service.add_fault("*", "status", status=status, count=None)
-    monkeypatch.setenv(cli.TOKEN_ENV, SECRET)
-    code, out, err = run_json("sync", "--server", service.url, "--data-dir", data_dir)
-    assert code == cli.EXIT_AUTH and out["error"]["kind"] == "auth"
-    assert f"HTTP {status}" in err and len(err.strip().splitlines()) == 1
+    assert (code_, out["error"]["kind"]) == (code, kind), err
+    assert words in err and len(err.strip().splitlines()) == 1, err
+    if named:  # a wrong answer names what was asked for
+        assert (feature if named == "file" else "/data/manifest") in err
+    assert "cannot reach" not in err
+    assert not (data_dir / "manifest.json").exists() and not (data_dir / feature).exists()
+    assert {key: out["error"][key] for key in details} == details
 
 
 @pytest.mark.parametrize("extra_files, named", [
@@ -501,6 +479,8 @@ def test_the_diagnosis_probe_is_bounded_by_its_timeout_however_slowly_the_head_t
         assert cli.probe_http(srv.url("/slow"), timeout=1) is None
     # The probe left long before a limit on the number of header lines could end it.
     assert len(lines) < 50
+
+
 # -- options a user sets on the command line --------------------------------------------------------------
 
 
@@ -511,29 +491,20 @@ def test_version_names_the_installed_package():
     assert proc.stdout == f"tidewright-sync {importlib.metadata.version('tidewright')}\n"
 
 
-@pytest.mark.parametrize("state, expected", [
-    ("never synced", {"manifest": "none (never synced)", "sync": "idle", "consumers": "0"}),
-    ("synced", {"manifest": "era 1, version 1, {files} files, ", "sync": "idle", "consumers": "0"}),
-    ("in use during a transition", {"consumers": "2", "era transition": "in progress"}),
-])
-def test_human_status_tells_what_the_directory_holds(service, data_dir, state, expected):
-    if state != "never synced":
-        assert run_cli("sync", "--server", service.url, "--data-dir", data_dir, "--token", SECRET)[0] == 0
-    if state == "in use during a transition":
-        (data_dir / ".consumer_count").write_text("2")
-        (data_dir / ".transition_lock").write_text(str(os.getpid()))
-    code, out, err = run_cli("status", "--data-dir", data_dir)
-    assert code == 0 and err == ""
-    assert status_line(out, "data directory") == str(data_dir)
-    for label, value in expected.items():
-        assert status_line(out, label).startswith(value.format(files=len(service.manifest()["files"]))), out
-    assert ("era transition" in out) == ("era transition" in expected)
+# state -> lines of the human output (label: start of the value)
+STATUS_LINES = {
+    "never synced": {"manifest": "none (never synced)", "sync": "idle", "consumers": "0"},
+    "sync starting elsewhere": {"manifest": "none (never synced)", "sync": "running (no download yet)"},
+    "synced": {"manifest": "era 1, version 1, {files} files, ", "sync": "idle", "consumers": "0"},
+    "in use during a transition": {"sync": "idle", "consumers": "2", "era transition": "in progress"},
+}
 
 
-@pytest.mark.parametrize("state", ["never synced", "sync starting elsewhere", "synced", "in use during a transition"])
-def test_json_status_tells_what_the_directory_holds(service, data_dir, state):
+@pytest.mark.parametrize("state, lines", STATUS_LINES.items(), ids=STATUS_LINES.keys())
+def test_status_tells_what_the_directory_holds(service, data_dir, state, lines):
     manifest = service.manifest()
-    if state in ("synced", "in use during a transition"):
+    synced = state in ("synced", "in use during a transition")
+    if synced:
         assert run_cli("sync", "--server", service.url, "--data-dir", data_dir, "--token", SECRET)[0] == 0
     if state == "in use during a transition":
         (data_dir / ".consumer_count").write_text("2")
@@ -546,9 +517,8 @@ def test_json_status_tells_what_the_directory_holds(service, data_dir, state):
             fcntl.flock(fd, fcntl.LOCK_EX)
         # status asks neither the service nor for a token: a --server it cannot use is no matter.
         code, status, err = run_json("status", "--data-dir", data_dir, "--server", "not a url")
-        human = run_cli("status", "--data-dir", data_dir)[1]
-    assert code == 0 and err == ""
-    synced = state != "never synced" and state != "sync starting elsewhere"
+        human_code, human, human_err = run_cli("status", "--data-dir", data_dir)
+    assert (code, err, human_code, human_err) == (0, "", 0, "")
     assert (status["era_number"], status["version"]) == ((1, 1) if synced else (None, None))
     assert status["files"] == (len(manifest["files"]) if synced else 0)
     assert status["bytes"] == (sum(e["size_bytes"] for e in manifest["files"].values()) if synced else 0)
@@ -557,7 +527,10 @@ def test_json_status_tells_what_the_directory_holds(service, data_dir, state):
     assert status["sync_running"] == (state == "sync starting elsewhere")
     assert status["consumer_count"] == (2 if state == "in use during a transition" else 0)
     assert status["in_transition"] == (state == "in use during a transition")
-    assert status_line(human, "sync") == ("running (no download yet)" if status["sync_running"] else "idle")
+    assert status_line(human, "data directory") == str(data_dir)
+    for label, value in lines.items():
+        assert status_line(human, label).startswith(value.format(files=len(manifest["files"]))), human
+    assert ("era transition" in human) == ("era transition" in lines)
 
 
 def test_status_and_verify_agree_on_a_manifest_the_engine_cannot_use(data_dir):

@@ -13,8 +13,7 @@ import tidewright.sync as sync
 from sync_helpers import BIG, assert_in_step, file_requests, local_bytes, manager, range_starts, request_budget, tmp_files
 from tidewright.sync_backoff import SyncBackoffCancelled, backoff_context
 
-pytestmark = [pytest.mark.skipif(os.geteuid() != 0, reason="mounting a tmpfs needs root"),
-              pytest.mark.usefixtures("instant_backoff")]
+pytestmark = pytest.mark.skipif(os.geteuid() != 0, reason="mounting a tmpfs needs root")
 
 MIB = 1024 * 1024
 SHARED_BIG = b"b" * (1200 * 1024)  # more than half the disk of an era

@@ -28,13 +28,6 @@ def svc(dataservice_factory):
     return dataservice_factory(extra_files={"shared/same.bin": ("data", SAME), "old/only.bin": ("data", b"era 1")})
 
 
-@pytest.fixture
-def data_dir(tmp_path):
-    path = tmp_path / "data"
-    path.mkdir()
-    return path
-
-
 def synced(svc, data_dir, poll_interval_s=3600.0):
     m = sync.SyncManager.get_or_create(str(data_dir), svc.url, lambda: svc.token, poll_interval_s=poll_interval_s)
     assert m.sync().era_number == 1
@@ -43,7 +36,6 @@ def synced(svc, data_dir, poll_interval_s=3600.0):
 
 def publish_next(svc, era=None, **fields):
     return svc.publish_era(era, extra_files={"shared/same.bin": ("data", SAME)}, **fields)
-
 
 
 def leftovers(data_dir):
@@ -73,19 +65,10 @@ def assert_era_files(svc, data_dir, m, era):
     ({"era": {"era_number": 7}, "state": None}, {"era_number": 7}),
     ([1, 2], {}),
     ("text", {}),
+    ({"era_number": 3, "state": "active"}, {"era_number": 3, "state": "active"}),  # flat: taken as it is
 ])
 def test_era_current_answers_normalise(answer, config):
     assert sync._normalize_era_current_response(answer) == config
-
-
-def test_flat_answers_and_urls():
-    flat = {"era_number": 3, "state": "active", "next_closing_at": "soon"}
-    assert sync._normalize_era_current_response(flat) is flat
-    wrapped = {"era": {"era_number": 4}, "state": "active"}
-    sync._normalize_era_current_response(wrapped)
-    assert wrapped == {"era": {"era_number": 4}, "state": "active"}  # the answer is not changed
-    assert sync._market_era_current_url("http://h:1", "3") == "http://h:1/market/3/era/current"
-    assert sync._market_era_current_url("http://h:1/", 2) == "http://h:1//market/2/era/current"
 
 
 def era_directory_id(name):
@@ -125,13 +108,13 @@ def test_era_thread_lifecycle(svc, data_dir):
                             market_id="1")
     thread.stop()  # not started: nothing to do
     thread.start()
-    with pytest.raises(sync.StateError, match="^EraThread already started$"):
+    with pytest.raises(sync.StateError):
         thread.start()
-    assert thread.is_alive() and thread._thread.is_alive() and thread._started
+    assert thread.is_alive()
     assert wait_for(lambda: svc.requests_for(ERA_CURRENT))  # polls at once
     assert thread._last_known_era_number is None  # no manifest: no new-era transitions
     thread.stop()
-    assert not thread.is_alive() and thread._stop_event.is_set() and not thread._started
+    assert not thread.is_alive()
     m.sync()
     thread.start()  # a stopped thread starts again, now knowing the held era
     assert thread._last_known_era_number == 1
@@ -139,8 +122,6 @@ def test_era_thread_lifecycle(svc, data_dir):
 
     with pytest.raises(ValueError):
         sync.EraThread("http://example.com", lambda: svc.token, m)  # no bearer token over plain remote http
-    with pytest.raises(TypeError, match="sync_manager must be a SyncManager"):
-        sync.EraThread(svc.url, lambda: svc.token, object())
 
 
 @pytest.mark.parametrize("body, logged", [
@@ -501,25 +482,18 @@ def test_a_missing_sibling_module_fails_the_transition_before_anything_changes(s
     assert not m._in_transition and leftovers(data_dir) == []
 
 
-def test_unchanged_files_are_recognised_by_their_digest(svc, data_dir):
-    m = synced(svc, data_dir)
-    same = data_dir / "shared/same.bin"
-    os.utime(same, ns=(1_000_000_000, 2_000_000_000))
-    publish_next(svc)
-    svc.clear_requests()
-    m.trigger_era_transition(2)
-    assert "/data/files/shared/same.bin" not in {r.path for r in svc.requests_for("/data/files/*")}
-
+def test_a_file_rewritten_in_place_is_recognised_by_its_digest(svc, data_dir):
     # Rewritten in place with its size and times kept: only its digest (or a
     # cache entry that the rewrite invalidated) tells that it changed.
+    m = synced(svc, data_dir)
+    same = data_dir / "shared/same.bin"
     times = same.stat()
     same.write_bytes(b"X" * len(SAME))
     os.utime(same, ns=(times.st_atime_ns, times.st_mtime_ns))
-    publish_next(svc, 3)
-    svc.clear_requests()
-    m.trigger_era_transition(3)
+    publish_next(svc)
+    m.trigger_era_transition(2)
     assert svc.requests_for("/data/files/shared/same.bin")
-    assert_era_files(svc, data_dir, m, 3)
+    assert_era_files(svc, data_dir, m, 2)
 
 
 # A stop request cancels a running transition: the era thread's, when the

@@ -25,12 +25,9 @@ def temporaries(directory):
 
 # --- hashing -----------------------------------------------------------------
 
-@pytest.mark.parametrize("data", [b"", b"abc", bytearray(b"\x00" * 1000), memoryview(b"xyz" * 7)])
-def test_sha256_of_bytes_like_values(data):
-    assert sync._sha256(data) == hashlib.sha256(data).hexdigest()
-
-
-def test_sha256_refuses_text():
+def test_sha256_of_bytes_like_values_and_not_of_text():
+    for data in (b"", b"abc", bytearray(b"\x00" * 1000), memoryview(b"xyz" * 7)):
+        assert sync._sha256(data) == hashlib.sha256(data).hexdigest()
     with pytest.raises(TypeError):
         sync._sha256("abc")
 
@@ -102,8 +99,7 @@ def test_progress_file_summarises_the_download_set(tmp_path, progress_module):
     sync._write_sync_progress_json(str(tmp_path), manifest, files)
 
     path = sync._sync_progress_path(str(tmp_path))
-    assert path == os.path.join(str(tmp_path), "sync-progress.json") == os.path.join(
-        str(tmp_path), sync._SYNC_PROGRESS_FILENAME)
+    assert path == os.path.join(str(tmp_path), "sync-progress.json")
     text = pathlib.Path(path).read_text(encoding="utf-8")
     progress = json.loads(text)
     assert text == json.dumps(progress, sort_keys=True)
@@ -159,9 +155,8 @@ def test_removing_the_progress_file_never_raises(tmp_path, progress_module, capl
     os.mkdir(path)
     with caplog.at_level(logging.DEBUG, logger="tidewright.sync"):
         sync._remove_sync_progress_json(str(tmp_path))
-    messages = [r.getMessage() for r in caplog.records if r.name == "tidewright.sync"]
-    assert messages == [f"best-effort sync progress cleanup failed for {path}: "
-                        f"[Errno 21] Is a directory: '{path}'"]
+    [record] = [r for r in caplog.records if r.name == "tidewright.sync"]
+    assert path in record.getMessage()
 
 
 # --- manifest files ----------------------------------------------------------
@@ -194,8 +189,7 @@ def test_side_file_records_the_server_hashes_and_the_bytes_written(tmp_path):
     before = time.time()
     sync._write_manifest_json(data_dir, MANIFEST, server_manifest_body_sha256="bodyhash")
     path = sync._manifest_sync_metadata_path(data_dir)
-    assert path == os.path.join(data_dir, ".manifest_sync_metadata.json") == os.path.join(
-        data_dir, sync._MANIFEST_SYNC_METADATA_FILENAME)
+    assert path == os.path.join(data_dir, ".manifest_sync_metadata.json")
     text = pathlib.Path(path).read_text(encoding="utf-8")
     metadata = json.loads(text)
     assert text == json.dumps(metadata, sort_keys=True)

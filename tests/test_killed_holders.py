@@ -15,13 +15,6 @@ import tidewright.sync as sync
 REJECTED = "Sync is in era transition mode \u2014 request_for_sync rejected"
 
 
-@pytest.fixture
-def data_dir(tmp_path):
-    path = tmp_path / "data"
-    path.mkdir()
-    return path
-
-
 def spawn(script, *args):
     return subprocess.Popen([sys.executable, "-c", textwrap.dedent(script), *map(str, args)],
                             stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)

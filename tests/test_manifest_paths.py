@@ -3,7 +3,6 @@
 import enum
 import importlib
 import os
-import re
 import types
 from pathlib import PurePosixPath
 
@@ -48,11 +47,6 @@ def test_local_path_refuses_links_out_of_the_data_directory(tmp_path):
     with pytest.raises(sync.ManifestError) as caught:
         sync._manifest_local_path(str(data), "features/u/x.arrow")
     assert str(caught.value) == "Manifest file path escapes data directory: 'features/u/x.arrow'"
-
-
-def test_platform_is_computed_once_at_load():
-    assert sync.CURRENT_PLATFORM == sync._detect_platform()
-    assert re.fullmatch(r"[a-z0-9_]+_[a-z0-9_]+", sync.CURRENT_PLATFORM)
 
 
 class ExpressionType(enum.Enum):

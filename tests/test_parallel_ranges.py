@@ -4,7 +4,6 @@ file across, a checksum still covers every byte, a stop ends every range, and
 a kill leaves ranges in flight beyond the prefix to be resumed, not fetched
 again."""
 
-import concurrent.futures
 import os
 import signal
 import subprocess
@@ -26,13 +25,6 @@ BOUNDARIES = list(range(0, BIG_BYTES, CHUNK))  # BIG is four ranges of CHUNK
 @pytest.fixture
 def svc(dataservice_factory):
     return dataservice_factory(large_file_bytes=BIG_BYTES)
-
-
-@pytest.fixture
-def in_background():
-    pool = concurrent.futures.ThreadPoolExecutor(max_workers=1)
-    yield pool.submit
-    pool.shutdown(wait=False, cancel_futures=True)
 
 
 def parallel_manager(svc, data_dir, **knobs):

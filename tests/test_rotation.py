@@ -62,10 +62,8 @@ def svc(dataservice_factory):
 
 
 @pytest.fixture
-def data(tmp_path):
-    path = tmp_path / "data"
-    path.mkdir()
-    return path
+def data(data_dir):
+    return data_dir
 
 
 def budget_for(svc, n_features):

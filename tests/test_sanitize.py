@@ -9,7 +9,6 @@ from hypothesis import given, strategies as st
 from tidewright import sync
 
 
-
 def entry(kind, **extra):
     return {"size_bytes": 1, "sha256": "0" * 64, "kind": kind, **extra}
 
@@ -214,7 +213,7 @@ def test_an_entry_that_cannot_be_synced_is_left_out_alone(field, value):
     dict(entry("feature"), size_bytes=123.0), dict(entry("feature"), size_bytes=None),
     {"kind": "feature"}, dict(entry("feature"), sha256=None), dict(entry("feature"), size_bytes=0),
 ])
-def test_entries_the_spec_takes_are_kept_as_written(info):
+def test_entries_of_unknown_size_or_digest_are_kept_as_written(info):
     data = files_manifest(**{"b.arrow": info})
     assert sync._sanitize_manifest_data_for_sync(data) is data
     assert sync.Manifest(data).files == {"b.arrow": info}

@@ -141,24 +141,6 @@ def test_native_marked_defaults_agree_with_their_contract():
     assert [retired(n) for n in ("f0", "f123", "f", "F1", "f1a", "f1\n", "xf1", "f١", 5)] == [
         True, True, False, False, False, False, False, False, False]
 
-    for fn, name in [(kind, "manifest_file_kind"), (size, "manifest_file_size"),
-                     (runtime_module_freshness.is_runtime_module_kind, "is_runtime_module_kind"),
-                     (retired, "is_retired_public_function_token_name")]:
-        assert fn.__tidewright_native__ == name
-
-
-def test_rotation_state_payload_round_trip():
-    state = rotation.FeatureRotationState(
-        era_number=4, active_relative_paths=["features/u/signal_is/b.arrow", "features/u/signal_is/a.arrow"],
-        rotated_at=1700000000.5, rotation_seed=9, algorithm="seeded_shuffle", feature_budget_bytes=2**31)
-    payload = rotation.rotation_state_payload(state, schema_version=1)
-    assert payload["schema_version"] == 1
-    assert payload["active_relative_paths"] == sorted(state.active_relative_paths)
-    import json
-
-    restored = rotation.rotation_state_from_payload(json.loads(json.dumps(payload)), source="f.json", schema_version=1)
-    assert restored == state
-
 
 @pytest.mark.parametrize(
     "change, words",

@@ -2,24 +2,13 @@
 or not listening at all. Each ends with correct files, or with a typed error and the previous state
 kept, and the next sync after the service is back completes."""
 
-import concurrent.futures
 import os
 import threading
 
 import pytest
 
-import tidewright.sync as sync
-from sync_helpers import (BIG, BIG_BYTES, CHUNK, FEATURE, assert_in_step, body_bytes_served,
-                          manager as any_manager, range_starts,
-                          request_budget, stop_when, tree, wait_for)
-
-
-def manager(svc, data_dir, **knobs):
-    """A manager that fetches a file in one stream, its ranges one after
-    another, as these tests follow request by request (ranges fetched at once
-    are covered by test_parallel_ranges.py)."""
-    knobs.setdefault("sync_max_concurrency", 1)
-    return any_manager(svc, data_dir, **knobs)
+from sync_helpers import (BIG, BIG_BYTES, CHUNK, FEATURE, assert_in_step, body_bytes_served, range_starts,
+                          request_budget, sequential_manager as manager, stop_when, tree, wait_for)
 from tidewright.sync_backoff import SyncBackoffCancelled, SyncBackoffPolicy, backoff_context
 
 BIG_URL_PATH = "/data/files/" + BIG
@@ -43,30 +32,32 @@ def backoff_waits(monkeypatch):
     return asked
 
 
-@pytest.fixture
-def in_background():
-    """Runs a callable on another thread; its future is joined (bounded) at teardown."""
-    pool = concurrent.futures.ThreadPoolExecutor(max_workers=2)
-    yield pool.submit
-    pool.shutdown(wait=False, cancel_futures=True)
-
-
-
 def budgeted_sync(svc, m):
     with request_budget(svc):
         return m.sync()
 
 
-def test_a_service_restarted_under_a_download_is_resumed_where_it_broke_off(svc, tmp_path, backoff_waits,
-                                                                             in_background):
+@pytest.mark.parametrize("broken_by", ["service restart", "manager stop"])
+def test_a_stalled_download_broken_off_is_resumed_where_it_broke_off(svc, tmp_path, backoff_waits, in_background,
+                                                                     broken_by):
+    # The second chunk of the large file hangs after 1000 bytes.
     svc.add_fault(BIG_URL_PATH, "stall", skip=1, after_bytes=1000)
     m = manager(svc, tmp_path)
     running = in_background(budgeted_sync, svc, m)
     assert wait_for(lambda: any(r.fault == "stall" and r.bytes_sent == 1000 for r in svc.requests_for(BIG_URL_PATH)))
-    svc.restart()
-    running.result(timeout=60)
+    if broken_by == "service restart":
+        svc.restart()
+        running.result(timeout=60)  # the same sync goes on
+    else:
+        m.start()  # its poll finds the sync running and leaves it alone
+        m.stop()  # does not wait for the stalled transfer
+        with pytest.raises(SyncBackoffCancelled):
+            running.result(timeout=30)
+        assert not m.is_alive() and m.get_manifest() is None
+        assert os.path.getsize(tmp_path / (BIG + ".tmp")) == CHUNK + 1000
+        budgeted_sync(svc, m)
     assert_in_step(svc, tmp_path)
-    # The 1000 bytes received before the restart are kept: nothing is sent twice.
+    # The 1000 bytes received before are kept: nothing is sent twice.
     assert range_starts(svc, BIG)[:3] == [0, CHUNK, CHUNK + 1000]
     assert body_bytes_served(svc, BIG) == BIG_BYTES
 
@@ -99,23 +90,3 @@ def test_nothing_listening_is_retried_until_stopped_and_the_next_sync_completes(
     budgeted_sync(svc, m)
     assert_in_step(svc, tmp_path)
     assert m.get_manifest().version == 2
-
-
-def test_stop_cancels_a_running_download_at_once_and_the_next_sync_resumes_it(svc, tmp_path, backoff_waits,
-                                                                               in_background):
-    # The second chunk of the large file hangs after 1000 bytes.
-    svc.add_fault(BIG_URL_PATH, "stall", skip=1, after_bytes=1000)
-    m = manager(svc, tmp_path)
-    running = in_background(budgeted_sync, svc, m)
-    assert wait_for(lambda: any(r.fault == "stall" and r.bytes_sent == 1000 for r in svc.requests_for(BIG_URL_PATH)))
-    m.start()  # its poll finds the sync running and leaves it alone
-    m.stop()  # does not wait for the stalled transfer
-    with pytest.raises(SyncBackoffCancelled):
-        running.result(timeout=30)
-    assert not m.is_alive() and m.get_manifest() is None
-    assert os.path.getsize(tmp_path / (BIG + ".tmp")) == CHUNK + 1000
-
-    budgeted_sync(svc, m)
-    assert_in_step(svc, tmp_path)
-    assert range_starts(svc, BIG)[:3] == [0, CHUNK, CHUNK + 1000]
-    assert body_bytes_served(svc, BIG) == BIG_BYTES
