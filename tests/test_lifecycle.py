@@ -137,6 +137,33 @@ def test_concurrent_requests_for_sync_share_one_sync(dataservice, data_dir):
     assert (data_dir / FEATURE).read_bytes() == svc.file_bytes(None, FEATURE)
 
 
+def test_a_caller_asked_to_stop_leaves_a_shared_sync_it_waits_for(dataservice, data_dir):
+    from tidewright.sync_backoff import backoff_context
+
+    svc = dataservice
+    m = manager_for(svc, data_dir)
+    m.start()
+    svc.add_fault("/data/files/" + FEATURE, "stall", count=None)
+    first = threading.Thread(target=lambda: pytest.raises(Exception, m.request_for_sync), daemon=True)
+    first.start()
+    assert wait_for(lambda: svc.requests_for("/data/files/" + FEATURE))  # the first sync is stuck downloading
+    leave = threading.Event()
+    returned = []
+
+    def second():
+        with backoff_context(surface="search", stop_requested=leave.is_set):
+            returned.append(m.request_for_sync())
+
+    waiter = threading.Thread(target=second, daemon=True)
+    waiter.start()
+    leave.set()
+    waiter.join(10)
+    assert returned == [[]] and first.is_alive()  # it went on with what is on disk; the sync still runs
+    m.stop()
+    first.join(30)
+    assert not first.is_alive()
+
+
 def test_background_work_keeps_the_directory_current(dataservice, data_dir):
     svc = dataservice
     m = manager_for(svc, data_dir, poll_interval_s=0.2)

@@ -1,12 +1,20 @@
 #include "tidewright/sync/manager/sync_coalescing.hpp"
 
+#include "tidewright/sync/transport/http_request.hpp"
+
+#include <algorithm>
+
 namespace tidewright::sync {
 
-void SyncCoalescing::wait_for(Round& round) {
+void SyncCoalescing::wait_for(Round& round) const {
   const auto deadline = std::chrono::steady_clock::now() + WAIT;
-  MutexLock lock(round.mu);
-  while (!round.done) {
-    if (!round.done_cv.wait_until(round.mu, deadline)) break;
+  // The stop tests may ask the host: asked with no lock held.
+  while (!stopped_() && !sync_backoff_stop_requested()) {
+    const auto now = std::chrono::steady_clock::now();
+    if (now >= deadline) return;
+    MutexLock lock(round.mu);
+    if (round.done) return;
+    round.done_cv.wait_until(round.mu, std::min(deadline, now + STOP_POLL));
   }
 }
 

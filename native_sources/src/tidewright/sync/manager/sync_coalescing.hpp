@@ -19,10 +19,13 @@ namespace tidewright::sync {
 class SyncCoalescing {
  public:
   // How long a caller waits for a sync under way (a timeout is not an
-  // error: the caller goes on with what is on disk).
+  // error: the caller goes on with what is on disk). A stop request ends
+  // the wait the same way, within STOP_POLL: `stopped` (the manager's stop)
+  // and the calling thread's backoff context are asked.
   static constexpr std::chrono::seconds WAIT{30};
+  static constexpr std::chrono::milliseconds STOP_POLL{100};
 
-  SyncCoalescing() = default;
+  explicit SyncCoalescing(std::function<bool()> stopped) : stopped_(std::move(stopped)) {}
   SyncCoalescing(const SyncCoalescing&) = delete;
   SyncCoalescing& operator=(const SyncCoalescing&) = delete;
 
@@ -39,9 +42,10 @@ class SyncCoalescing {
     CondVar done_cv;
     bool done GUARDED_BY(mu) = false;
   };
-  static void wait_for(Round& round);
+  void wait_for(Round& round) const;
   void finish(Round& round) EXCLUDES(mu_);
 
+  const std::function<bool()> stopped_;
   Mutex mu_;
   std::shared_ptr<Round> running_ GUARDED_BY(mu_);
 };

@@ -457,7 +457,7 @@ class SyncManager : public std::enable_shared_from_this<SyncManager>, public Era
   BackgroundWork workers_;  // repairs of reported files and the old-era cleanup
 
   // The sync that request_for_sync callers arriving meanwhile wait for.
-  SyncCoalescing coalescing_;
+  SyncCoalescing coalescing_{[this] { return stop_requested(); }};
 
   EraCallbacks era_callbacks_;
 
