@@ -194,3 +194,17 @@ def test_a_managers_manifest_is_one_object_and_the_engine_keeps_its_own_copy(dat
     m.sync()
     fresh = m.get_manifest()
     assert fresh is not held and fresh.version == 2 and FEATURE in fresh.files
+
+
+def test_file_totals_count_on_the_engine_copy_until_the_files_map_is_built():
+    from tidewright.cli.status import manifest_totals
+
+    digest = "ab" * 32
+    m = sync.Manifest({"era_number": 1, "version": 1, "files": {
+        "features/a.arrow": {"sha256": digest, "size_bytes": 5, "kind": "feature"},
+        "features/b.arrow": {"sha256": digest, "size_bytes": 0, "kind": "feature"},
+        "functions.json": {"sha256": digest, "kind": "functions"},  # no size: counts 0 bytes
+    }})
+    assert m._file_totals() == manifest_totals(m) == (3, 5)
+    m.files["features/a.arrow"]["size_bytes"] = 9  # a change made in Python is what the summary shows
+    assert m._file_totals() is None and manifest_totals(m) == (3, 9)

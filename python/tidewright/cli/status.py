@@ -24,6 +24,12 @@ def manifest_totals(manifest) -> tuple[int, int]:
     """Number of files a manifest lists and the sum of their sizes (entries without a usable size count 0 bytes)."""
     if manifest is None:
         return 0, 0
+    # Counted by the engine when the files map was never built in Python (a
+    # 100,000-file map would cost the process far more than the sync did).
+    native = getattr(manifest, "_file_totals", None)
+    totals = native() if callable(native) else None
+    if totals is not None:
+        return totals
     files = manifest.files or {}
     total = 0
     for info in files.values():

@@ -7,10 +7,13 @@
 #include "tidewright/sync/reporting/errors.hpp"
 
 #include <nanobind/stl/optional.h>
+#include <nanobind/stl/pair.h>
 #include <nanobind/stl/shared_ptr.h>
 #include <nanobind/stl/string.h>
 
+#include <cstdint>
 #include <string_view>
+#include <utility>
 
 namespace tidewright::sync::bindings {
 
@@ -148,6 +151,27 @@ std::string face_repr(nb::handle_t<ManifestFace> self) {
          " version=" + shown("version", face.manifest->version()) + " files=" + count + ">";
 }
 
+// The number of files and the sum of their usable sizes (an entry without
+// a non-negative integer "size_bytes" counts 0 bytes), counted on the
+// engine's copy; None once the files map exists in Python, which may have
+// been changed since, or when the sum does not fit 64 bits. Summaries of large manifests then never build that map.
+std::optional<std::pair<std::int64_t, std::int64_t>> face_file_totals(nb::handle_t<ManifestFace> self) {
+  const ManifestFace& face = manifest_face(self);
+  if (face.built & kData) return std::nullopt;
+  std::int64_t total = 0;
+  for (const auto& kv : face.manifest->files()) {
+    const json::object* entry = as_object(&kv.value());
+    const json::value* size = entry ? entry->if_contains("size_bytes") : nullptr;
+    if (!size) continue;
+    if (size->is_uint64()) return std::nullopt;  // past 64 bits: Python adds it exactly
+    if (size->is_int64() && size->get_int64() >= 0) {
+      if (size->get_int64() > INT64_MAX - total) return std::nullopt;
+      total += size->get_int64();
+    }
+  }
+  return std::make_pair(static_cast<std::int64_t>(face.manifest->files().size()), total);
+}
+
 json::object object_argument(nb::handle data) {
   if (!PyDict_Check(data.ptr())) {
     throw nb::type_error(("manifest data must be a dict, got " + to_text(nb::repr(data.type()))).c_str());
@@ -213,6 +237,8 @@ void bind_manifest(nb::module_& m) {
       .def("to_dict", &face_to_dict, nb::sig("def to_dict(self) -> dict[str, typing.Any]"),
            "Return a new shallow copy of the manifest object (_data): a fresh top-level map whose nested maps "
            "are the manifest's own.")
+      .def("_file_totals", &face_file_totals,
+           nb::sig("def _file_totals(self) -> tuple[int, int] | None"))
       .def("__getattr__", &face_getattr, nb::arg("name"), nb::sig("def __getattr__(self, name: str) -> typing.Any"))
       .def("__repr__", &face_repr);
 }
