@@ -45,9 +45,9 @@ class EraSwitchTest : public ::testing::Test {
   // data directory or outside it.
   void expect_nothing_moved() {
     for (const auto& path : paths_) {
-      EXPECT_EQ(read_text(staging() + "/" + path), "new " + path) << path;
+      EXPECT_EQ(read_file(staging() + "/" + path), "new " + path) << path;
     }
-    EXPECT_EQ(read_text(outside() + "/victim.bin"), "outside");
+    EXPECT_EQ(read_file(outside() + "/victim.bin"), "outside");
     EXPECT_FALSE(fs::exists(outside() + "/b.bin"));
     EXPECT_FALSE(fs::exists(outside() + "/a.bin"));
   }
@@ -61,7 +61,7 @@ TEST_F(EraSwitchTest, MovesEveryStagedFileOverTheOldOneAndCreatesMissingDirector
   const std::vector<std::string> finals = move_staged_files_into_place(staging(), data(), paths_);
   ASSERT_EQ(finals.size(), paths_.size());
   for (std::size_t i = 0; i < paths_.size(); ++i) {
-    EXPECT_EQ(read_text(finals[i]), "new " + paths_[i]);
+    EXPECT_EQ(read_file(finals[i]), "new " + paths_[i]);
     EXPECT_TRUE(fs::equivalent(finals[i], data() + "/" + paths_[i]));
     EXPECT_FALSE(fs::exists(staging() + "/" + paths_[i]));
   }
@@ -127,31 +127,20 @@ INSTANTIATE_TEST_SUITE_P(Writers, TransitionLockFileTest,
 
 // --- the poll thread and its stop event -----------------------------------------
 
-// What ends a poll thread's wait between polls, looked at without waiting.
-struct RunEndCase {
-  const char* name;
-  bool stop_requested;
-  bool later_run;
-  bool ended;
-};
-
-class RunEndTest : public ::testing::TestWithParam<RunEndCase> {};
-
-TEST_P(RunEndTest, WaitEndsOnlyForAStopOrALaterRun) {
-  const RunEndCase& c = GetParam();
-  SyncThreads threads;
-  const std::uint64_t generation = threads.begin_run();
-  if (c.stop_requested) threads.request_stop();
-  if (c.later_run) threads.begin_run();
-  EXPECT_EQ(threads.wait_for_stop(generation, std::chrono::seconds(0)), c.ended);
+// What ends a poll thread's wait between polls, looked at without waiting:
+// a stop or a later run, nothing else.
+TEST(SyncThreadsTest, WaitEndsOnlyForAStopOrALaterRun) {
+  for (bool stop : {false, true}) {
+    for (bool later_run : {false, true}) {
+      SyncThreads threads;
+      const std::uint64_t generation = threads.begin_run();
+      if (stop) threads.request_stop();
+      if (later_run) threads.begin_run();
+      EXPECT_EQ(threads.wait_for_stop(generation, std::chrono::seconds(0)), stop || later_run)
+          << "stop " << stop << ", later run " << later_run;
+    }
+  }
 }
-
-INSTANTIATE_TEST_SUITE_P(Cases, RunEndTest,
-                         ::testing::Values(RunEndCase{"Nothing", false, false, false},
-                                           RunEndCase{"Stop", true, false, true},
-                                           RunEndCase{"LaterRun", false, true, true},
-                                           RunEndCase{"StopThenRestart", true, true, true}),
-                         [](const auto& info) { return std::string(info.param.name); });
 
 TEST(SyncThreadsTest, AStopWakesTheWaitingPollThreadAndTheNextRunStartsCleared) {
   SyncThreads threads;

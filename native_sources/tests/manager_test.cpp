@@ -1,11 +1,9 @@
 // The manager's cross-process sync lock: flock, and the owner file used
 // where flock does not exclude other processes.
 #include "tidewright/sync/common/fs.hpp"
-#include "tidewright/sync/common/json.hpp"
 #include "tidewright/sync/manager/side_files.hpp"
 #include "tidewright/sync/manager/sync_manager.hpp"
 #include "tidewright/sync/reporting/errors.hpp"
-#include "tidewright/sync/transport/files.hpp"
 
 #include "test_support.hpp"
 
@@ -59,22 +57,6 @@ void expect_stop_ends_the_wait(SyncManager& m) {
     m.stop_internal();
   } while (waited.wait_for(50ms) != std::future_status::ready);
   EXPECT_THROW(waited.get(), SyncBackoffCancelled);
-}
-
-// A file rewritten after its digest was cached is hashed again, not vouched
-// for by the cache.
-TEST_F(ManagerTest, FileChangedAfterItsDigestWasCachedIsHashedAgain) {
-  write_text(dir_ / "a.bin", "alpha");
-  json::object entries{{"a.bin", json::object{{"sha256", sha256("alpha")}, {"size_bytes", 5}}}};
-  write_text(dir_ / "manifest.json",
-             dump_json(json::value(json::object{{"era_number", 3}, {"version", 1}, {"files", entries}})));
-  SyncManager& m = manager();
-  const json::value& entry = m.get_manifest()->files().at("a.bin");
-  ASSERT_TRUE(m.local_file_matches_manifest("a.bin", dir_ / "a.bin", entry));
-  write_text(dir_ / "a.bin", "ALPHA");
-  EXPECT_FALSE(m.local_file_matches_manifest("a.bin", dir_ / "a.bin", entry));
-  write_text(dir_ / "a.bin", "alph");  // another size: refused without hashing
-  EXPECT_FALSE(m.local_file_matches_manifest("a.bin", dir_ / "a.bin", entry));
 }
 
 // --- flock ---

@@ -76,18 +76,6 @@ TEST(SanitizePredicates, PlatformAndSyncExclusion) {
   EXPECT_FALSE(manifest_file_is_sync_excluded("f.arrow", info("feature"), siblings, here));
 }
 
-TEST(SanitizeFilters, NothingToRemoveHandsTheVeryStorageBack) {
-  json::object clean;
-  clean["files"] = json::object{{"features/u/signal_is/f.arrow", info("feature")}};
-  json::object moved = clean;
-  const json::value* files_before = &moved.at("files").as_object().begin()->value();
-  bool changed = true;
-  json::object result = sanitize_manifest_data_for_sync(std::move(moved), default_manifest_siblings(), &changed);
-  EXPECT_FALSE(changed);
-  EXPECT_EQ(result, clean);
-  EXPECT_EQ(&result.at("files").as_object().begin()->value(), files_before);
-}
-
 TEST(SanitizeFilters, AnEntryRemovedEarlierIsNotSeenByLaterFilters) {
   // A declaration that also looks like a retired PnL path leaves the found
   // sections alone: the retired filter never sees it.
@@ -149,7 +137,7 @@ TEST(SanitizeChecks, EntriesAreRefusedOneByOneWithTheirPathAndReason) {
   EXPECT_TRUE(rejected.empty());
 }
 
-TEST(SanitizeChecks, MovingAndCopyingGiveTheSameDigestsAndRefusals) {
+TEST(SanitizeChecks, MovingAndCopyingGiveTheSameDigestsAndRefusalsAndACleanObjectIsHandedBack) {
   std::string upper(kDigest);
   for (auto& c : upper) c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
   json::object data;
@@ -170,6 +158,14 @@ TEST(SanitizeChecks, MovingAndCopyingGiveTheSameDigestsAndRefusals) {
   ASSERT_EQ(copied_rejected.size(), 1u);
   ASSERT_EQ(moved_rejected.size(), 1u);
   EXPECT_EQ(copied_rejected[0].message, moved_rejected[0].message);
+
+  // With nothing left to remove, the moved object's storage comes back as it is.
+  const json::value* first_entry = &moved.at("files").as_object().begin()->value();
+  bool changed = true;
+  json::object same = sanitize_manifest_data_for_sync(std::move(moved), siblings, &changed);
+  EXPECT_FALSE(changed);
+  EXPECT_EQ(same, copied);
+  EXPECT_EQ(&same.at("files").as_object().begin()->value(), first_entry);
 }
 
 }  // namespace
