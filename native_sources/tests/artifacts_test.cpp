@@ -16,7 +16,8 @@ TEST(Vocabulary, UniverseNamesAndPaths) {
             "named_universe is required");
   EXPECT_EQ(vocabulary_named_universe_from_path("named_universes/crypto/vocabulary.json"), "crypto");
   for (const char* other : {"named_universes/crypto/other.json", "../named_universes/x/vocabulary.json",
-                            "named_universes/a/b/vocabulary.json", "named_universes/vocabulary.json"}) {
+                            "named_universes/a/b/vocabulary.json", "named_universes/vocabulary.json",
+                            "named_universes/ /vocabulary.json"}) {
     EXPECT_FALSE(vocabulary_named_universe_from_path(other)) << other;
   }
 }

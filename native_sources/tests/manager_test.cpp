@@ -1,9 +1,11 @@
 // The manager's cross-process sync lock: flock, and the owner file used
 // where flock does not exclude other processes.
 #include "tidewright/sync/common/fs.hpp"
+#include "tidewright/sync/common/json.hpp"
 #include "tidewright/sync/manager/side_files.hpp"
 #include "tidewright/sync/manager/sync_manager.hpp"
 #include "tidewright/sync/reporting/errors.hpp"
+#include "tidewright/sync/transport/files.hpp"
 
 #include "test_support.hpp"
 
@@ -14,6 +16,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <cstring>
 #include <filesystem>
 #include <functional>
 #include <future>
@@ -57,6 +60,29 @@ void expect_stop_ends_the_wait(SyncManager& m) {
     m.stop_internal();
   } while (waited.wait_for(50ms) != std::future_status::ready);
   EXPECT_THROW(waited.get(), SyncBackoffCancelled);
+}
+
+// Missing and corrupted files are told apart (also through the module, by
+// test_cli and test_concurrency); a file rewritten after its digest was
+// cached is hashed again, not vouched for by the cache.
+TEST_F(ManagerTest, VerifyTellsMissingFromCorruptedAndHashesAFileChangedAfterItsDigestWasCached) {
+  json::object entries;
+  for (const char* path : {"a.bin", "sub/b.bin", "c.bin"}) {
+    write_text(dir_ / path, path);
+    entries[path] = json::object{{"sha256", sha256(path)}, {"size_bytes", static_cast<std::int64_t>(std::strlen(path))}};
+  }
+  write_text(dir_ / "manifest.json",
+             dump_json(json::value(json::object{{"era_number", 3}, {"version", 1}, {"files", entries}})));
+  SyncManager& m = manager();
+  ASSERT_TRUE(m.verify().valid);
+  EXPECT_EQ(m.first_local_mismatch(*m.get_manifest(), default_manifest_siblings()), std::nullopt);
+  write_text(dir_ / "sub/b.bin", "SUB/B.BIN");  // same size, other bytes
+  std::filesystem::remove(dir_ / "c.bin");
+  VerifyResult result = m.verify();
+  EXPECT_FALSE(result.valid);
+  EXPECT_EQ(result.corrupted_files, std::vector<std::string>{"sub/b.bin"});
+  EXPECT_EQ(result.missing_files, std::vector<std::string>{"c.bin"});
+  EXPECT_TRUE(m.first_local_mismatch(*m.get_manifest(), default_manifest_siblings()).has_value());
 }
 
 // --- flock ---

@@ -36,7 +36,7 @@ json::object files_of(std::initializer_list<std::string_view> paths) {
 // messages, the links and the edges of each rule.
 TEST(SafeManifestRelativePath, RejectsEachFaultWithItsMessage) {
   EXPECT_EQ(safe_error(""), "Manifest file path must be a non-empty relative path");
-  EXPECT_EQ(safe_error(" \t\u2028"), "Manifest file path must be a non-empty relative path");
+  EXPECT_EQ(safe_error(" \t\u2028\u1680\u205f"), "Manifest file path must be a non-empty relative path");
   EXPECT_EQ(safe_error(std::string_view("a\0b", 3)), "Manifest file path contains NUL byte: 'a\\x00b'");
   EXPECT_EQ(safe_error("/etc/passwd"), "Manifest file path must be relative: '/etc/passwd'");
   EXPECT_EQ(safe_error("\\\\server\\share"), "Manifest file path must be relative: '\\\\\\\\server\\\\share'");
@@ -182,6 +182,20 @@ TEST_F(ManifestUrls, BuildFromTheServerOrTheBaseUrl) {
   // The path is checked before anything else.
   EXPECT_EQ(manifest_error_of([] { manifest_file_url("nonsense", "/x", std::nullopt); }),
             "Manifest file path must be relative: '/x'");
+}
+
+// The validator the module really has is checked through it (test_manifest_
+// paths); here that its refusal, whatever it says, becomes a ManifestError.
+TEST_F(ManifestUrls, TransportRefusalBecomesAManifestError) {
+  std::vector<std::string> seen;
+  host_->set_module_function("tidewright._transport_security", "validate_bearer_transport_url",
+                             [&](const json::array& args, const json::object&) -> json::value {
+                               seen.push_back(python_str(args.at(0)));
+                               throw ValueError("refusing plain http to remote host");
+                             });
+  EXPECT_EQ(manifest_error_of([] { manifest_file_url("http://remote.example/", "x", std::nullopt); }),
+            "refusing plain http to remote host");
+  EXPECT_EQ(seen, std::vector<std::string>{"http://remote.example/data/files"});
 }
 
 TEST(SignalGroupKey, GroupsPoolFilesWhoseDirectoryMatchesTheirEpoch) {

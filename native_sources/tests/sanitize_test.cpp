@@ -29,9 +29,8 @@ std::vector<std::string> keys_of(const json::value& files) {
   return keys;
 }
 
-// The filters themselves, and the siblings that decide a runtime module's
-// kind, are checked through the module (the Python sanitising and manifest
-// tests); here the edges of the rules and what only the engine can see.
+// The module's own filters (the binding's, on the caller's objects) are
+// checked by the Python sanitising tests; these are the engine's.
 TEST(SanitizePredicates, DeclarationsByExtensionOrKind) {
   EXPECT_TRUE(is_agent_bundle_declaration_file("vault/a.pxd", info("vault")));
   EXPECT_TRUE(is_agent_bundle_declaration_file("vault/a.txt", info("vault_declaration")));
@@ -74,6 +73,93 @@ TEST(SanitizePredicates, PlatformAndSyncExclusion) {
   EXPECT_TRUE(manifest_file_is_sync_excluded("m.so", info("backtester_module"), siblings, here));
   EXPECT_FALSE(manifest_file_is_sync_excluded("m.so", info("vault_module", "linux_x86_64"), siblings, here));
   EXPECT_FALSE(manifest_file_is_sync_excluded("f.arrow", info("feature"), siblings, here));
+}
+
+// A manifest touching every filter.
+json::object mixed_manifest() {
+  json::object files;
+  files["features/u/signal_is/f.arrow"] = info("feature");
+  files["vault/a.pxd"] = info("vault");
+  files["vault/m.so"] = info("vault_module");
+  files["vault/old.so"] = info("backtester_module");
+  files["found_signals/p/i/signal_is/pnl_long.arrow"] = info("found_pnl");
+  files["found_signals/p/i/signal_is/pnl.arrow"] = info("found_pnl");
+  json::object data;
+  data["era"] = 7;
+  data["files"] = std::move(files);
+  data["artifacts"] = json::array{
+      json::object{{"relative_path", "vault/old.so"}, {"kind", "backtester_module"}},
+      json::object{{"path", "vault/m.so"}, {"kind", "vault_module"}},
+      json::object{{"path", "x"}, {"kind", "risk_module"}},
+      "not a map",
+  };
+  data["found_signals"] = json::object{
+      {"p/i", json::object{{"files", json::array{"found_signals/p/i/signal_is/pnl.arrow",
+                                                 "found_signals/p/i/signal_is/pnl_long.arrow", 3}}}},
+      {"p/j", json::object{{"files", json::array{"found_signals/p/j/signal_is/pnl.arrow"}}}},
+  };
+  return data;
+}
+
+TEST(SanitizeFilters, EachFilterRemovesOnlyItsOwnEntriesAndKeepsOrderOrMakesNoCopy) {
+  const json::object data = mixed_manifest();
+  const json::object original = data;
+  const ManifestSiblings siblings = default_manifest_siblings();
+
+  std::optional<json::object> declarations = drop_agent_bundle_declaration_files(data);
+  ASSERT_TRUE(declarations);
+  EXPECT_EQ(keys_of(declarations->at("files")),
+            (std::vector<std::string>{"features/u/signal_is/f.arrow", "vault/m.so", "vault/old.so",
+                                      "found_signals/p/i/signal_is/pnl_long.arrow",
+                                      "found_signals/p/i/signal_is/pnl.arrow"}));
+  EXPECT_EQ(declarations->at("artifacts"), data.at("artifacts"));
+
+  std::optional<json::object> modules = drop_unsupported_runtime_module_files(data, siblings);
+  ASSERT_TRUE(modules);
+  EXPECT_FALSE(modules->at("files").as_object().contains("vault/old.so"));
+  EXPECT_EQ(modules->at("files").as_object().size(), 5u);
+  EXPECT_EQ(modules->at("artifacts"),
+            (json::array{json::object{{"path", "vault/m.so"}, {"kind", "vault_module"}}, "not a map"}));
+
+  std::optional<json::object> retired = drop_retired_found_pnl_long_files(data);
+  ASSERT_TRUE(retired);
+  EXPECT_FALSE(retired->at("files").as_object().contains("found_signals/p/i/signal_is/pnl_long.arrow"));
+  EXPECT_EQ(retired->at("found_signals").at("p/i").at("files"),
+            (json::array{"found_signals/p/i/signal_is/pnl.arrow", 3}));
+  EXPECT_EQ(retired->at("found_signals").at("p/j"), data.at("found_signals").at("p/j"));
+  EXPECT_EQ(retired->at("era"), 7);
+
+  EXPECT_EQ(data, original);
+
+  // Nothing to remove: no copy.
+  const json::object clean = sanitize_manifest_data_for_sync(data, siblings);
+  EXPECT_FALSE(drop_agent_bundle_declaration_files(clean));
+  EXPECT_FALSE(drop_unsupported_runtime_module_files(clean, siblings));
+  EXPECT_FALSE(drop_retired_found_pnl_long_files(clean));
+}
+
+TEST(SanitizeFilters, SanitizeAppliesAllThreeAndIsIdempotent) {
+  const json::object data = mixed_manifest();
+  const ManifestSiblings siblings = default_manifest_siblings();
+  bool changed = false;
+  json::object once = sanitize_manifest_data_for_sync(data, siblings, &changed);
+  EXPECT_TRUE(changed);
+  EXPECT_EQ(keys_of(once.at("files")),
+            (std::vector<std::string>{"features/u/signal_is/f.arrow", "vault/m.so",
+                                      "found_signals/p/i/signal_is/pnl.arrow"}));
+  EXPECT_EQ(once.at("artifacts").as_array().size(), 2u);
+  EXPECT_FALSE(manifest_has_agent_bundle_declarations(once));
+  EXPECT_FALSE(manifest_has_retired_found_pnl_long_files(once));
+  EXPECT_TRUE(manifest_has_agent_bundle_declarations(data));
+  EXPECT_TRUE(manifest_has_retired_found_pnl_long_files(data));
+
+  json::object twice = sanitize_manifest_data_for_sync(once, siblings, &changed);
+  EXPECT_FALSE(changed);
+  EXPECT_EQ(twice, once);
+
+  // Moving through the filters gives the same result as copying.
+  json::object moved = data;
+  EXPECT_EQ(sanitize_manifest_data_for_sync(std::move(moved), siblings), once);
 }
 
 TEST(SanitizeFilters, AnEntryRemovedEarlierIsNotSeenByLaterFilters) {

@@ -1,4 +1,5 @@
 #include "tidewright/sync/common/json.hpp"
+#include "tidewright/sync/manager/hash_cache.hpp"
 #include "tidewright/sync/manager/side_files.hpp"
 #include "tidewright/sync/transport/files.hpp"
 
@@ -35,6 +36,16 @@ TEST(ConsumerCountFile, ReadsLikeTheHostsIntAndBackWhatIsWritten) {
   for (std::int64_t n : {0LL, 7LL, -2LL, static_cast<long long>(INT64_MAX)}) {
     EXPECT_EQ(parse_consumer_count(consumer_count_text(n)), n);
   }
+}
+
+TEST(HashCacheFile, KeepsObjectEntriesOfAVersionOneCacheOnly) {
+  json::object files = parse_hash_cache_text(R"({"version": 1, "files": {"a": {"sha256": "x"}, "b": [], "c": 3}})");
+  EXPECT_EQ(files.size(), 1u);
+  EXPECT_TRUE(files.contains("a"));
+  EXPECT_EQ(parse_hash_cache_text(hash_cache_text(files)), files);
+  EXPECT_TRUE(parse_hash_cache_text(R"({"version": 2, "files": {"a": {}}})").empty());
+  EXPECT_TRUE(parse_hash_cache_text(R"({"version": true, "files": {"a": {}}})").empty());
+  EXPECT_THROW(parse_hash_cache_text("{"), JsonParseError);
 }
 
 }  // namespace

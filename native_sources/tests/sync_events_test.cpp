@@ -78,7 +78,7 @@ TEST_F(SyncEventsTest, BackoffWaitsAreRoundedAndFilesNamedByTheirPathBelowTheDat
   EXPECT_EQ(lines[0].event->at("count"), 3);
   EXPECT_DOUBLE_EQ(lines[0].event->at("wait_seconds").as_double(), 1.235);
   EXPECT_EQ(sync_event_file_from_url("https://h/data/manifest/version"), "/data/manifest/version");
-  EXPECT_EQ(sync_event_file_from_url("https://h/base/data/files/x/y.arrow?sig=1"), "x/y.arrow");
+  EXPECT_EQ(sync_event_file_from_url("https://h/base/data/files/x/y%20z%2e%2Earrow?sig=1"), "x/y z..arrow");
   EXPECT_EQ(sync_event_file_from_url(""), "");
 }
 
