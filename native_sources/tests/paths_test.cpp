@@ -100,6 +100,7 @@ TEST(Platform, TagsFollowTheTableAndFallBackToSystemAndMachine) {
   EXPECT_EQ(platform_tag("Windows", "ARM64"), "windows_amd64");
   EXPECT_EQ(platform_tag("Linux", "riscv64"), "linux_riscv64");
   EXPECT_EQ(platform_tag("FreeBSD", "AMD64"), "freebsd_amd64");
+  EXPECT_EQ(current_platform(), detect_platform());
 }
 
 TEST(FeaturePaths, DirectPathWinsThenTheFirstMatchingPathInManifestOrder) {

@@ -58,6 +58,27 @@ TEST_F(SyncEventsTest, LevelsFollowTheEventsContent) {
       << "only a list is searched item by item";
 }
 
+TEST_F(SyncEventsTest, CoalescingKeysIgnoreVolatileFieldsAndCanonicaliseValues) {
+  auto a = sync_event_coalesce_key(event_of(
+      R"({"event_type":"http_retry","file":"f","count":1,"wait_seconds":0.4,"attempt":0,"range_start":0,
+          "range_end":9,"elapsed_seconds":1.5,"bytes_existing":3,"actual_size":4,"status":503,
+          "detail":{"b":1,"a":[true,null]}})"));
+  auto b = sync_event_coalesce_key(event_of(
+      R"({"detail":{"a":[true,null],"b":1},"status":503,"count":7,"file":"f","event_type":"http_retry"})"));
+  EXPECT_EQ(a, b);
+  SyncEventCoalesceKey expected = {{"detail", R"({"a": [true, null], "b": 1})"},
+                                   {"event_type", "http_retry"},
+                                   {"file", "f"},
+                                   {"status", "503"}};
+  EXPECT_EQ(a, expected);
+
+  json::value flag(false), missing(nullptr), number(2.5);
+  EXPECT_EQ(sync_event_stable_coalesce_value(&flag), "false");
+  EXPECT_EQ(sync_event_stable_coalesce_value(&missing), "null");
+  EXPECT_EQ(sync_event_stable_coalesce_value(nullptr), "null");
+  EXPECT_EQ(sync_event_stable_coalesce_value(&number), "2.5");
+}
+
 TEST_F(SyncEventsTest, CoalescingCountsHoldUnderConcurrentEmitters) {
   std::vector<std::thread> threads;
   for (int t = 0; t < 8; ++t) {
@@ -69,8 +90,8 @@ TEST_F(SyncEventsTest, CoalescingCountsHoldUnderConcurrentEmitters) {
   EXPECT_EQ(events().size(), static_cast<std::size_t>(SYNC_EVENT_COALESCE_LIMIT));
 }
 
-// The reports' other fields, and the keys events are coalesced by, are
-// checked through the module (the Python sync event tests).
+// The reports' other fields are checked through the module (the Python
+// sync event tests).
 TEST_F(SyncEventsTest, BackoffWaitsAreRoundedAndFilesNamedByTheirPathBelowTheDataRoute) {
   emit_sync_backoff_wait("http_request", 2, "http_503", "reports/a b.bin", 1.23456);
   auto lines = events();
