@@ -1,47 +1,28 @@
 // The manager's components on their own: putting staged files in place
 // without following links planted in the data directory, the era
-// transition's book-keeping (lock file, wait for its end), and the rotation
-// sync's per-era set of prefetched feature files.
+// transition's lock file, the poll thread's stop event and the background
+// workers.
 #include "tidewright/sync/common/fs.hpp"
-#include "tidewright/sync/host/fake_host.hpp"
 #include "tidewright/sync/manager/background_work.hpp"
 #include "tidewright/sync/manager/placement.hpp"
 #include "tidewright/sync/manager/sync_manager.hpp"
 #include "tidewright/sync/manager/sync_threads.hpp"
 #include "tidewright/sync/reporting/errors.hpp"
-#include "tidewright/sync/rotation/state.hpp"
 
 #include "test_support.hpp"
 
 #include <gtest/gtest.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <atomic>
 #include <chrono>
 #include <filesystem>
-#include <fstream>
 #include <future>
-#include <sstream>
 
 namespace tidewright::sync {
 namespace {
 
-using test_support::TempDir;
+using namespace test_support;
 namespace fs = std::filesystem;
-
-void write_text(const std::string& path, std::string_view text) {
-  fs::create_directories(fs::path(path).parent_path());
-  std::ofstream out(path, std::ios::binary | std::ios::trunc);
-  out << text;
-}
-
-std::string read_text(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  std::stringstream buffer;
-  buffer << in.rdbuf();
-  return buffer.str();
-}
 
 // --- the era switch ---------------------------------------------------------
 
@@ -64,9 +45,9 @@ class EraSwitchTest : public ::testing::Test {
   // data directory or outside it.
   void expect_nothing_moved() {
     for (const auto& path : paths_) {
-      EXPECT_EQ(read_text(staging() + "/" + path), "new " + path) << path;
+      EXPECT_EQ(read_file(staging() + "/" + path), "new " + path) << path;
     }
-    EXPECT_EQ(read_text(outside() + "/victim.bin"), "outside");
+    EXPECT_EQ(read_file(outside() + "/victim.bin"), "outside");
     EXPECT_FALSE(fs::exists(outside() + "/b.bin"));
     EXPECT_FALSE(fs::exists(outside() + "/a.bin"));
   }
@@ -80,7 +61,7 @@ TEST_F(EraSwitchTest, MovesEveryStagedFileOverTheOldOneAndCreatesMissingDirector
   const std::vector<std::string> finals = move_staged_files_into_place(staging(), data(), paths_);
   ASSERT_EQ(finals.size(), paths_.size());
   for (std::size_t i = 0; i < paths_.size(); ++i) {
-    EXPECT_EQ(read_text(finals[i]), "new " + paths_[i]);
+    EXPECT_EQ(read_file(finals[i]), "new " + paths_[i]);
     EXPECT_TRUE(fs::equivalent(finals[i], data() + "/" + paths_[i]));
     EXPECT_FALSE(fs::exists(staging() + "/" + paths_[i]));
   }
@@ -120,39 +101,7 @@ TEST_F(EraSwitchTest, APathOutOfTheDataDirectoryIsRefused) {
   expect_nothing_moved();
 }
 
-// --- the transition's book-keeping -------------------------------------------
-
-class EraTransitionTest : public ::testing::Test {
- protected:
-  void SetUp() override { set_host(host_); }
-  void TearDown() override {
-    if (manager_) manager_->stop_internal();
-    manager_.reset();
-    set_host(nullptr);
-  }
-
-  SyncManager& manager() {
-    SyncManagerArgs args;
-    args.data_dir = dir_.path();
-    args.server_url = "http://127.0.0.1:9";
-    args.get_token = FakeHost::make_callable([](const json::array&) { return json::value("token"); });
-    manager_ = std::make_shared<SyncManager>(std::move(args));
-    return *manager_;
-  }
-
-  std::shared_ptr<FakeHost> host_ = std::make_shared<FakeHost>();
-  TempDir dir_;
-  std::shared_ptr<SyncManager> manager_;
-};
-
-// A process id that no process has: a child that has exited and been reaped.
-pid_t gone_pid() {
-  pid_t child = ::fork();
-  if (child == 0) ::_exit(0);
-  int status = 0;
-  ::waitpid(child, &status, 0);
-  return child;
-}
+// --- the transition's lock file ---------------------------------------------
 
 struct LockFileCase {
   const char* name;
@@ -160,7 +109,7 @@ struct LockFileCase {
   bool in_progress;
 };
 
-class TransitionLockFileTest : public EraTransitionTest, public ::testing::WithParamInterface<LockFileCase> {};
+class TransitionLockFileTest : public ManagerTest, public ::testing::WithParamInterface<LockFileCase> {};
 
 TEST_P(TransitionLockFileTest, InProgressOnlyWhileItsWriterRuns) {
   EraTransition& transition = manager().transition();
@@ -176,89 +125,22 @@ INSTANTIATE_TEST_SUITE_P(Writers, TransitionLockFileTest,
                          ::testing::Values(LockFileCase{"live", true, true}, LockFileCase{"gone", false, false}),
                          [](const auto& info) { return std::string(info.param.name); });
 
-TEST_F(EraTransitionTest, NothingToWaitForWithoutATransition) {
-  const EraTransition::EndWait wait = manager().transition().wait_for_end(std::chrono::milliseconds(0));
-  EXPECT_TRUE(wait.ended);
-  EXPECT_FALSE(wait.on_transition_thread);
-}
-
-// --- the prefetched feature files of rotation -------------------------------
-
-class PrefetchedSetTest : public ::testing::Test {
- protected:
-  void SetUp() override { set_host(host_); }
-  void TearDown() override { set_host(nullptr); }
-
-  static ManifestPtr era(std::int64_t number) {
-    json::object files{{"features/f1.arrow", json::object{{"kind", "feature"}}},
-                       {"features/f2.arrow", json::object{{"kind", "feature"}}},
-                       {"signals/index.json", json::object{{"kind", "signals_index"}}}};
-    return Manifest::create(json::object{{"era_number", number}, {"files", std::move(files)}},
-                            default_manifest_siblings());
-  }
-
-  std::shared_ptr<FakeHost> host_ = std::make_shared<FakeHost>();
-  TempDir dir_;
-};
-
-TEST_F(PrefetchedSetTest, KeepsOnlyFeatureFilesOfTheEraAndSurvivesANewInstance) {
-  const ManifestPtr first = era(1);
-  {
-    RotationSync rotation(dir_.path());
-    rotation.remember_prefetched(*first, {"features/f2.arrow", "signals/index.json", "features/gone.arrow"});
-    rotation.remember_prefetched(*first, {"features/f1.arrow"});
-    EXPECT_EQ(rotation.prefetched_keep_paths(*first),
-              (std::vector<std::string>{"features/f1.arrow", "features/f2.arrow"}));
-  }
-  RotationSync reread(dir_.path());
-  EXPECT_EQ(reread.prefetched_keep_paths(*first),
-            (std::vector<std::string>{"features/f1.arrow", "features/f2.arrow"}));
-  EXPECT_EQ(reread.prefetched_era_number(), 1);
-  // The next era starts with nothing kept, though it lists the same files.
-  EXPECT_TRUE(reread.prefetched_keep_paths(*era(2)).empty());
-  EXPECT_EQ(reread.prefetched_era_number(), 2);
-}
-
-TEST_F(PrefetchedSetTest, NothingIsWrittenWithoutAFeatureFile) {
-  RotationSync rotation(dir_.path());
-  rotation.remember_prefetched(*era(1), {"signals/index.json", "features/gone.arrow"});
-  EXPECT_FALSE(fs::exists(prefetched_features_state_path(dir_.path())));
-  EXPECT_TRUE(rotation.prefetched_paths().empty());
-}
-
-TEST_F(PrefetchedSetTest, WithoutAStateEveryFileIsCovered) {
-  RotationSync rotation(dir_.path());
-  rotation.load_state();
-  EXPECT_FALSE(rotation.coverage(*era(1)).active.has_value());
-}
-
 // --- the poll thread and its stop event -----------------------------------------
 
-// What ends a poll thread's wait between polls, looked at without waiting.
-struct RunEndCase {
-  const char* name;
-  bool stop_requested;
-  bool later_run;
-  bool ended;
-};
-
-class RunEndTest : public ::testing::TestWithParam<RunEndCase> {};
-
-TEST_P(RunEndTest, WaitEndsOnlyForAStopOrALaterRun) {
-  const RunEndCase& c = GetParam();
-  SyncThreads threads;
-  const std::uint64_t generation = threads.begin_run();
-  if (c.stop_requested) threads.request_stop();
-  if (c.later_run) threads.begin_run();
-  EXPECT_EQ(threads.wait_for_stop(generation, std::chrono::seconds(0)), c.ended);
+// What ends a poll thread's wait between polls, looked at without waiting:
+// a stop or a later run, nothing else.
+TEST(SyncThreadsTest, WaitEndsOnlyForAStopOrALaterRun) {
+  for (bool stop : {false, true}) {
+    for (bool later_run : {false, true}) {
+      SyncThreads threads;
+      const std::uint64_t generation = threads.begin_run();
+      if (stop) threads.request_stop();
+      if (later_run) threads.begin_run();
+      EXPECT_EQ(threads.wait_for_stop(generation, std::chrono::seconds(0)), stop || later_run)
+          << "stop " << stop << ", later run " << later_run;
+    }
+  }
 }
-
-INSTANTIATE_TEST_SUITE_P(Cases, RunEndTest,
-                         ::testing::Values(RunEndCase{"Nothing", false, false, false},
-                                           RunEndCase{"Stop", true, false, true},
-                                           RunEndCase{"LaterRun", false, true, true},
-                                           RunEndCase{"StopThenRestart", true, true, true}),
-                         [](const auto& info) { return std::string(info.param.name); });
 
 TEST(SyncThreadsTest, AStopWakesTheWaitingPollThreadAndTheNextRunStartsCleared) {
   SyncThreads threads;

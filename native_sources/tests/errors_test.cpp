@@ -50,11 +50,10 @@ TEST(ErrorClassification, FatalAndRetryableNeverOverlap) {
   }
 }
 
+// The codes of the host's standard classes are checked through the module
+// (test_errors); here a sibling's class that is also a standard one.
 TEST(ErrorClassification, HostErrorTakesItsMostSpecificCode) {
-  EXPECT_EQ(host_error(HostError::kIsOSError | HostError::kIsConnectionError).code(), ErrorCode::kNetwork);
-  EXPECT_EQ(host_error(HostError::kIsOSError).code(), ErrorCode::kFileSystem);
   EXPECT_EQ(host_error(HostError::kIsRotationStatePayloadError | HostError::kIsValueError).code(), ErrorCode::kState);
-  EXPECT_EQ(host_error(0).code(), ErrorCode::kOther);
   EXPECT_EQ(error_code(FileNotFoundError("gone")), ErrorCode::kFileSystem);
 }
 

@@ -46,16 +46,10 @@ TEST(HashCache, TrustsAnUnchangedFileOnlyOnceItsTimesAreOlderThanTheDigest) {
   EXPECT_EQ(cache.cached_sha("a.bin", file, sha_a), sha_a);
   EXPECT_FALSE(cache.cached_sha("a.bin", file, sha256("other")));
 
-  // Survives a round trip through the cache file.
-  cache.persist();
-  HashCache reloaded(cache.path());
-  reloaded.load();
-  EXPECT_EQ(reloaded.cached_sha("a.bin", file, sha_a), sha_a);
-
   // A rewrite of the same size with new times is a miss.
   wait_for_next_tick(coarse_now());
   write_in_place(file, "bbbb");
-  EXPECT_FALSE(reloaded.cached_sha("a.bin", file, sha_a));
+  EXPECT_FALSE(cache.cached_sha("a.bin", file, sha_a));
 }
 
 TEST(HashCache, AnEntryWhoseTimesAreNotOlderThanTheDigestIsHashedAgain) {
@@ -115,19 +109,20 @@ TEST(HashCache, TheFileIsWrittenBackAsItsEntriesWriteWhateverTheirForm) {
   EXPECT_FALSE(cache.cached_sha("e/none", StatKey{3, 4, 5, 6}, digest));
 }
 
-TEST(HashCache, InvalidCacheFilesAreACompleteMiss) {
+TEST(HashCache, InvalidCacheFilesAreACompleteMissAndOnlyObjectEntriesAreKept) {
   TempDir dir;
   std::string path = path_join(dir.path(), ".sync_hash_cache.json");
-  for (const char* content : {"{", "[]", R"({"version": 2, "files": {}})", R"({"version": 1, "files": []})"}) {
+  for (const char* content : {"{", "[]", R"({"version": 2, "files": {"a": {}}})", R"({"version": 1, "files": []})",
+                              R"({"version": true, "files": {"a": {}}})"}) {
     atomic_write(path, content);
     HashCache cache(path);
     cache.load();
     EXPECT_TRUE(cache.entries().empty()) << content;
   }
-  atomic_write(path, R"({"version": 1, "files": {"a": {"sha256": "x"}, "b": 3}})");
+  atomic_write(path, R"({"version": 1, "files": {"a": {"sha256": "x"}, "b": 3, "c": []}})");
   HashCache cache(path);
   cache.load();
-  EXPECT_EQ(cache.entries().size(), 1u);
+  EXPECT_EQ(cache.entries(), (json::object{{"a", json::object{{"sha256", "x"}}}}));
 }
 
 }  // namespace

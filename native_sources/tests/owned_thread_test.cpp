@@ -4,40 +4,22 @@
 
 #include <atomic>
 #include <chrono>
-#include <condition_variable>
+#include <future>
 #include <memory>
-#include <mutex>
+#include <thread>
 
 namespace tidewright::sync {
 namespace {
 
 using namespace std::chrono_literals;
 
-// A latch the test opens to let a thread finish.
-struct Gate {
-  std::mutex mu;
-  std::condition_variable cv;
-  bool open = false;
-  void release() {
-    {
-      std::lock_guard<std::mutex> lock(mu);
-      open = true;
-    }
-    cv.notify_all();
-  }
-  void wait() {
-    std::unique_lock<std::mutex> lock(mu);
-    cv.wait(lock, [this] { return open; });
-  }
-};
-
 TEST(OwnedThread, JoinForWaitsOnlyAsLongAsAskedAndJoinsAFinishedThread) {
-  auto gate = std::make_shared<Gate>();
-  OwnedThread thread([gate] { gate->wait(); });
+  std::promise<void> gate;
+  OwnedThread thread([opened = gate.get_future().share()] { opened.wait(); });
   EXPECT_TRUE(thread.running());
   EXPECT_FALSE(thread.join_for(50ms));
   EXPECT_TRUE(thread.joinable());
-  gate->release();
+  gate.set_value();
   EXPECT_TRUE(thread.join_for(10s));
   EXPECT_FALSE(thread.running());
   EXPECT_FALSE(thread.joinable());
@@ -64,18 +46,18 @@ struct SelfOwned {
 
 TEST(OwnedThread, AnOwnerDestroyedOnItsOwnThreadDetachesIt) {
   std::atomic<bool> destroyed{false};
-  auto gate = std::make_shared<Gate>();
+  std::promise<void> gate;
   {
     auto owner = std::make_shared<SelfOwned>();
     owner->destroyed = &destroyed;
     std::shared_ptr<SelfOwned> keep = owner;
-    owner->thread = OwnedThread([keep, gate]() mutable {
-      gate->wait();
+    owner->thread = OwnedThread([keep, opened = gate.get_future().share()]() mutable {
+      opened.wait();
       EXPECT_FALSE(keep->thread.join_for(0ms));  // never waits for itself
       keep.reset();
     });
   }
-  gate->release();
+  gate.set_value();
   for (int i = 0; i < 1000 && !destroyed.load(); ++i) std::this_thread::sleep_for(10ms);
   EXPECT_TRUE(destroyed.load());
 }

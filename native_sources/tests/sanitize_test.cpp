@@ -1,22 +1,15 @@
 #include "tidewright/sync/manifest/sanitize.hpp"
 
-#include "tidewright/sync/artifacts/functions_file.hpp"
-#include "tidewright/sync/artifacts/shuffle_seed.hpp"
-#include "tidewright/sync/manager/hash_cache.hpp"
 #include "tidewright/sync/manifest/manifest.hpp"
 #include "tidewright/sync/manifest/manifest_files.hpp"
 #include "tidewright/sync/manifest/paths.hpp"
 #include "tidewright/sync/reporting/errors.hpp"
-#include "tidewright/sync/rotation/catalog.hpp"
-#include "tidewright/sync/rotation/state.hpp"
-#include "tidewright/sync/transport/files.hpp"
 
 #include "test_support.hpp"
 
 #include <gtest/gtest.h>
 
 #include <cmath>
-#include <limits>
 
 namespace tidewright::sync {
 namespace {
@@ -36,23 +29,13 @@ std::vector<std::string> keys_of(const json::value& files) {
   return keys;
 }
 
-TEST(SanitizePredicates, DeclarationsByExtensionOrKindAndRuntimeModulesBySiblingKind) {
+// The module's own filters (the binding's, on the caller's objects) are
+// checked by the Python sanitising tests; these are the engine's.
+TEST(SanitizePredicates, DeclarationsByExtensionOrKind) {
   EXPECT_TRUE(is_agent_bundle_declaration_file("vault/a.pxd", info("vault")));
   EXPECT_TRUE(is_agent_bundle_declaration_file("vault/a.txt", info("vault_declaration")));
   EXPECT_FALSE(is_agent_bundle_declaration_file("vault/a.txt", info("vault")));
   EXPECT_FALSE(is_agent_bundle_declaration_file("a.pxd.txt", json::value(nullptr)));
-
-  ManifestSiblings siblings = default_manifest_siblings();
-  EXPECT_FALSE(is_unsupported_runtime_module_file("m.so", info("vault_module"), siblings));
-  EXPECT_TRUE(is_unsupported_runtime_module_file("m.so", info("backtester_module"), siblings));
-  EXPECT_FALSE(is_unsupported_runtime_module_file("m.so", info("feature"), siblings));
-  // The kind and the suffix come from the siblings, not from the entry.
-  siblings.manifest_file_kind = [](std::string_view path, const json::value&) {
-    return std::string(path.ends_with(".so") ? "risk_mod" : "feature");
-  };
-  siblings.runtime_module_kind_suffix = "_mod";
-  EXPECT_TRUE(is_unsupported_runtime_module_file("x.so", info("vault_module"), siblings));
-  EXPECT_FALSE(is_unsupported_runtime_module_file("x.arrow", info("backtester_module"), siblings));
 }
 
 TEST(SanitizePredicates, RetiredRuntimeModulesOnlyForThisPlatform) {
@@ -118,7 +101,7 @@ json::object mixed_manifest() {
   return data;
 }
 
-TEST(SanitizeFilters, EachFilterRemovesOnlyItsOwnEntriesAndKeepsOrder) {
+TEST(SanitizeFilters, EachFilterRemovesOnlyItsOwnEntriesAndKeepsOrderOrMakesNoCopy) {
   const json::object data = mixed_manifest();
   const json::object original = data;
   const ManifestSiblings siblings = default_manifest_siblings();
@@ -147,27 +130,12 @@ TEST(SanitizeFilters, EachFilterRemovesOnlyItsOwnEntriesAndKeepsOrder) {
   EXPECT_EQ(retired->at("era"), 7);
 
   EXPECT_EQ(data, original);
-}
 
-TEST(SanitizeFilters, NothingToRemoveMeansNoCopy) {
-  json::object clean;
-  clean["files"] = json::object{{"features/u/signal_is/f.arrow", info("feature")}};
-  clean["found_signals"] = json::object{{"p/i", json::object{{"files", json::array{"x"}}}}};
-  const ManifestSiblings siblings = default_manifest_siblings();
+  // Nothing to remove: no copy.
+  const json::object clean = sanitize_manifest_data_for_sync(data, siblings);
   EXPECT_FALSE(drop_agent_bundle_declaration_files(clean));
   EXPECT_FALSE(drop_unsupported_runtime_module_files(clean, siblings));
   EXPECT_FALSE(drop_retired_found_pnl_long_files(clean));
-  EXPECT_FALSE(drop_agent_bundle_declaration_files(json::object{{"files", nullptr}}));
-  EXPECT_FALSE(drop_retired_found_pnl_long_files(json::object{}));
-
-  // The rvalue form hands the very same storage back.
-  json::object moved = clean;
-  const json::value* files_before = &moved.at("files").as_object().begin()->value();
-  bool changed = true;
-  json::object result = sanitize_manifest_data_for_sync(std::move(moved), siblings, &changed);
-  EXPECT_FALSE(changed);
-  EXPECT_EQ(result, clean);
-  EXPECT_EQ(&result.at("files").as_object().begin()->value(), files_before);
 }
 
 TEST(SanitizeFilters, SanitizeAppliesAllThreeAndIsIdempotent) {
@@ -213,38 +181,6 @@ TEST(SanitizeFilters, AnEntryRemovedEarlierIsNotSeenByLaterFilters) {
   EXPECT_EQ(kind_calls, 0);
 }
 
-// The ManifestError message of sanitising `files`, or "<no exception>".
-std::string sanitize_error(json::object files) {
-  return test_support::message_of<ManifestError>([&] {
-    sanitize_manifest_data_for_sync(json::object{{"files", std::move(files)}}, default_manifest_siblings());
-  });
-}
-
-TEST(SanitizeChecks, EveryFileTheEngineKeepsRefusesTheManifest) {
-  // Named by the constants of the components that own the files, so that a
-  // file added to one of them without a rule here shows up.
-  const std::string seed(SHUFFLE_SEED_FILENAME);
-  const std::vector<std::string> owned = {
-      "manifest.json", ".sync_flock", ".sync_flock.owner", ".consumer_count", ".transition_lock",
-      std::string(MANIFEST_SYNC_METADATA_FILENAME), SYNC_HASH_CACHE_FILENAME, std::string(SYNC_PROGRESS_FILENAME),
-      seed, shuffle_seed_meta_path(seed), std::string(ROTATION_SETTINGS_FILENAME),
-      std::string(FEATURE_ROTATION_STATE_FILENAME), std::string(PREFETCHED_FEATURES_FILENAME),
-      ".transition_era12.tmp/features/f.arrow", "era_3/f.arrow", "era3"};
-  for (const auto& name : owned) {
-    json::object files{{"features/u/signal_is/f.arrow", info("feature")}, {name, info("config")}};
-    EXPECT_EQ(sanitize_error(files),
-              "Manifest file path names a file the sync engine keeps for itself: '" + name + "'");
-    EXPECT_TRUE(is_engine_owned_path(name)) << name;
-  }
-  // The temporary file of an atomic write next to one of them.
-  const std::string temporary = "manifest.json.123.456.789.tmp";
-  EXPECT_TRUE(is_engine_owned_path(temporary));
-  for (std::string_view name : {FUNCTIONS_FILENAME, "named_universes/u/vocabulary.json", "features/manifest.json",
-                                "era_/x", "erax/y", "manifest.jsonx", "_control/signals_index.json"}) {
-    EXPECT_EQ(sanitize_error(json::object{{name, info("feature")}}), "<no exception>") << name;
-  }
-}
-
 TEST(SanitizeChecks, EntriesAreRefusedOneByOneWithTheirPathAndReason) {
   json::object files;
   files["ok.arrow"] = info("feature");
@@ -287,7 +223,7 @@ TEST(SanitizeChecks, EntriesAreRefusedOneByOneWithTheirPathAndReason) {
   EXPECT_TRUE(rejected.empty());
 }
 
-TEST(SanitizeChecks, MovingAndCopyingGiveTheSameDigestsAndRefusals) {
+TEST(SanitizeChecks, MovingAndCopyingGiveTheSameDigestsAndRefusalsAndACleanObjectIsHandedBack) {
   std::string upper(kDigest);
   for (auto& c : upper) c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
   json::object data;
@@ -308,21 +244,14 @@ TEST(SanitizeChecks, MovingAndCopyingGiveTheSameDigestsAndRefusals) {
   ASSERT_EQ(copied_rejected.size(), 1u);
   ASSERT_EQ(moved_rejected.size(), 1u);
   EXPECT_EQ(copied_rejected[0].message, moved_rejected[0].message);
-}
 
-TEST(SanitizeChecks, ManifestAndManifestJsonNeverHoldNaN) {
-  const ManifestSiblings siblings = default_manifest_siblings();
-  const double nan = std::numeric_limits<double>::quiet_NaN();
-  for (const char* field : {"era_number", "version"}) {
-    json::object data{{"era_number", 1}};
-    data[field] = nan;
-    EXPECT_THROW(Manifest::create(data, siblings), ManifestError) << field;
-  }
-  // An integral float is the number it spells.
-  ManifestPtr manifest = Manifest::create(json::object{{"era_number", 2.0}, {"version", 3.0}}, siblings);
-  EXPECT_EQ(manifest->era_number_int(), 2);
-  EXPECT_EQ(manifest->version_int(), 3);
-  EXPECT_THROW(write_manifest_json("/nonexistent-dir", json::object{{"x", json::array{1, -nan}}}), ManifestError);
+  // With nothing left to remove, the moved object's storage comes back as it is.
+  const json::value* first_entry = &moved.at("files").as_object().begin()->value();
+  bool changed = true;
+  json::object same = sanitize_manifest_data_for_sync(std::move(moved), siblings, &changed);
+  EXPECT_FALSE(changed);
+  EXPECT_EQ(same, copied);
+  EXPECT_EQ(&same.at("files").as_object().begin()->value(), first_entry);
 }
 
 }  // namespace

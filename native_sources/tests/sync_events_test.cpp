@@ -1,6 +1,8 @@
 #include "tidewright/sync/host/fake_host.hpp"
 #include "tidewright/sync/reporting/sync_events.hpp"
 
+#include "test_support.hpp"
+
 #include <gtest/gtest.h>
 
 #include <thread>
@@ -10,13 +12,12 @@ namespace {
 
 json::object event_of(std::string_view json_text) { return parse_json(json_text).get_object(); }
 
-class SyncEventsTest : public ::testing::Test {
+class SyncEventsTest : public test_support::HostTest {
  protected:
   void SetUp() override {
-    set_host(host_);
+    HostTest::SetUp();
     reset_sync_event_coalescing();
   }
-  void TearDown() override { set_host(nullptr); }
 
   // Sync-event log lines, in order.
   std::vector<FakeHost::LogLine> events() {
@@ -26,7 +27,6 @@ class SyncEventsTest : public ::testing::Test {
     }
     return out;
   }
-  std::shared_ptr<FakeHost> host_ = std::make_shared<FakeHost>();
 };
 
 TEST_F(SyncEventsTest, LevelsFollowTheEventsContent) {
@@ -90,34 +90,16 @@ TEST_F(SyncEventsTest, CoalescingCountsHoldUnderConcurrentEmitters) {
   EXPECT_EQ(events().size(), static_cast<std::size_t>(SYNC_EVENT_COALESCE_LIMIT));
 }
 
-TEST_F(SyncEventsTest, OutageAndBackoffReportsDescribeTheRequest) {
-  auto started = std::chrono::steady_clock::now() - std::chrono::seconds(2);
-  emit_sync_unavailable_status("sync_unavailable_status", "http://127.0.0.1:1/data/files/reports/a%20b.bin",
-                               {503}, {"TimeoutError"},
-                               event_of(R"({"error":"busy","dependency":"storage","retryable":true})"), started);
+// The reports' other fields are checked through the module (the Python
+// sync event tests).
+TEST_F(SyncEventsTest, BackoffWaitsAreRoundedAndFilesNamedByTheirPathBelowTheDataRoute) {
   emit_sync_backoff_wait("http_request", 2, "http_503", "reports/a b.bin", 1.23456);
-
   auto lines = events();
-  ASSERT_EQ(lines.size(), 2u);
-  const json::object& outage = *lines[0].event;
-  EXPECT_EQ(outage.at("event_type"), "sync_unavailable_status");
-  EXPECT_EQ(outage.at("file"), "reports/a b.bin");
-  EXPECT_EQ(outage.at("endpoint"), "/data/files/reports/a%20b.bin");
-  EXPECT_EQ(outage.at("error_code"), "busy");
-  EXPECT_EQ(outage.at("dependency"), "storage");
-  EXPECT_EQ(outage.at("statuses"), parse_json("[503]"));
-  EXPECT_GE(outage.at("elapsed_seconds").as_double(), 2.0);
-  EXPECT_EQ(lines[0].level, LogLevel::kError) << "a timeout among the failures makes the outage an error";
-
-  const json::object& wait = *lines[1].event;
-  EXPECT_EQ(wait.at("event_type"), "sync_backoff_wait");
-  EXPECT_EQ(wait.at("surface"), "http_request");
-  EXPECT_EQ(wait.at("count"), 3);
-  EXPECT_EQ(wait.at("reason"), "http_503");
-  EXPECT_DOUBLE_EQ(wait.at("wait_seconds").as_double(), 1.235);
-
+  ASSERT_EQ(lines.size(), 1u);
+  EXPECT_EQ(lines[0].event->at("count"), 3);
+  EXPECT_DOUBLE_EQ(lines[0].event->at("wait_seconds").as_double(), 1.235);
   EXPECT_EQ(sync_event_file_from_url("https://h/data/manifest/version"), "/data/manifest/version");
-  EXPECT_EQ(sync_event_file_from_url("https://h/base/data/files/x/y.arrow?sig=1"), "x/y.arrow");
+  EXPECT_EQ(sync_event_file_from_url("https://h/base/data/files/x/y%20z%2e%2Earrow?sig=1"), "x/y z..arrow");
   EXPECT_EQ(sync_event_file_from_url(""), "");
 }
 

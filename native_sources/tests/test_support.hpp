@@ -1,13 +1,23 @@
 // Helpers shared by the C++ tests.
 #pragma once
 
-#include <stdlib.h>
+#include "tidewright/sync/host/fake_host.hpp"
+#include "tidewright/sync/manager/sync_manager.hpp"
 
+#include <gtest/gtest.h>
+#include <stdlib.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
 #include <filesystem>
+#include <fstream>
+#include <memory>
 #include <stdexcept>
 #include <string>
 #include <string_view>
 #include <system_error>
+#include <vector>
 
 namespace tidewright::sync::test_support {
 
@@ -47,5 +57,66 @@ std::string message_of(F&& fn) {
   }
   return "<no exception>";
 }
+
+// Writes `text` to `path`, creating the directories on the way.
+inline void write_text(const std::string& path, std::string_view text) {
+  std::filesystem::create_directories(std::filesystem::path(path).parent_path());
+  std::ofstream out(path, std::ios::binary | std::ios::trunc);
+  out << text;
+}
+
+inline std::string this_host_name() {
+  char name[256] = {0};
+  ::gethostname(name, sizeof name - 1);
+  return name;
+}
+
+// A process id that no process has: a child that has exited and been reaped.
+inline pid_t gone_pid() {
+  pid_t child = ::fork();
+  if (child == 0) ::_exit(0);
+  int status = 0;
+  ::waitpid(child, &status, 0);
+  return child;
+}
+
+// A test whose code talks to a fake host (log capture, host callables),
+// installed for the test and removed after it.
+class HostTest : public ::testing::Test {
+ protected:
+  void SetUp() override { set_host(host_); }
+  void TearDown() override { set_host(nullptr); }
+
+  bool log_has(std::string_view text) {
+    auto lines = host_->log_lines();
+    return std::any_of(lines.begin(), lines.end(),
+                       [&](const FakeHost::LogLine& l) { return l.message.find(text) != std::string::npos; });
+  }
+
+  std::shared_ptr<FakeHost> host_ = std::make_shared<FakeHost>();
+};
+
+// Managers of their own (not the registry's) on one data directory, stopped
+// when the test ends.
+class ManagerTest : public HostTest {
+ protected:
+  void TearDown() override {
+    for (auto& m : managers_) m->stop_internal();
+    managers_.clear();
+    HostTest::TearDown();
+  }
+
+  SyncManager& manager() {
+    SyncManagerArgs args;
+    args.data_dir = dir_.path();
+    args.server_url = "http://127.0.0.1:9";
+    args.get_token = FakeHost::make_callable([](const json::array&) { return json::value("token"); });
+    managers_.push_back(std::make_shared<SyncManager>(std::move(args)));
+    return *managers_.back();
+  }
+
+  TempDir dir_;
+  std::vector<std::shared_ptr<SyncManager>> managers_;
+};
 
 }  // namespace tidewright::sync::test_support
