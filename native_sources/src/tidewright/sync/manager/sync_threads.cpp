@@ -6,9 +6,15 @@
 namespace tidewright::sync {
 
 std::uint64_t SyncThreads::begin_run() {
-  MutexLock lock(mu_);
-  stop_event_ = false;
-  return ++generation_;
+  std::uint64_t generation = 0;
+  {
+    MutexLock lock(mu_);
+    stop_event_ = false;
+    generation = ++generation_;
+  }
+  // A poll thread of an earlier run still waiting between polls ends now.
+  stop_cv_.notify_all();
+  return generation;
 }
 
 void SyncThreads::adopt_poll_thread(std::shared_ptr<OwnedThread> thread) {
