@@ -16,6 +16,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <memory>
 
 using namespace tidewright::sync;
 using tidewright::sync::fuzz::require;
@@ -125,5 +126,11 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     (void)python_repr(v);
   } catch (const JsonParseError&) {
   }
+  return 0;
+}
+
+extern "C" int LLVMFuzzerInitialize(int*, char***) {
+  // Log lines and sibling defaults come from the host: a quiet fake one.
+  tidewright::sync::set_host(std::make_shared<tidewright::sync::fuzz::QuietHost>());
   return 0;
 }

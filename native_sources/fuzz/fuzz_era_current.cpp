@@ -7,7 +7,7 @@
 #include "tidewright/sync/common/json.hpp"
 #include "tidewright/sync/era/era_current.hpp"
 #include "tidewright/sync/era/market.hpp"
-#include "tidewright/sync/host/fake_host.hpp"
+#include "fake_host.hpp"
 #include "tidewright/sync/reporting/errors.hpp"
 
 #include <algorithm>

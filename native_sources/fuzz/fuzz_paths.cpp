@@ -9,6 +9,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <memory>
 #include <string>
 
 using namespace tidewright::sync;
@@ -29,5 +30,11 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   require(accepted_quietly && quiet == safe, "the two forms of the path check disagree");
   require(is_safe_relative_path(safe), "an accepted path is not a safe relative path");
   (void)feature_artifact_family_prefix(input);
+  return 0;
+}
+
+extern "C" int LLVMFuzzerInitialize(int*, char***) {
+  // Log lines and sibling defaults come from the host: a quiet fake one.
+  tidewright::sync::set_host(std::make_shared<tidewright::sync::fuzz::QuietHost>());
   return 0;
 }

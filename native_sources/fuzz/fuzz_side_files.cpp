@@ -12,7 +12,7 @@
 #include "tidewright/sync/artifacts/shuffle_seed.hpp"
 #include "tidewright/sync/common/fs.hpp"
 #include "tidewright/sync/common/json.hpp"
-#include "tidewright/sync/host/fake_host.hpp"
+#include "fake_host.hpp"
 #include "tidewright/sync/manager/hash_cache.hpp"
 #include "tidewright/sync/manager/side_files.hpp"
 #include "tidewright/sync/manifest/manifest.hpp"

@@ -2,7 +2,7 @@
 // and a check that stops the run on a broken invariant.
 #pragma once
 
-#include "tidewright/sync/host/fake_host.hpp"
+#include "fake_host.hpp"
 
 #include <cstdio>
 #include <cstdlib>

@@ -109,7 +109,10 @@ TEST(HashCache, TheFileIsWrittenBackAsItsEntriesWriteWhateverTheirForm) {
   EXPECT_FALSE(cache.cached_sha("e/none", StatKey{3, 4, 5, 6}, digest));
 }
 
-TEST(HashCache, InvalidCacheFilesAreACompleteMissAndOnlyObjectEntriesAreKept) {
+// Reports an unreadable cache file through the host's log.
+using UnreadableHashCache = test_support::HostTest;
+
+TEST_F(UnreadableHashCache, InvalidCacheFilesAreACompleteMissAndOnlyObjectEntriesAreKept) {
   TempDir dir;
   std::string path = path_join(dir.path(), ".sync_hash_cache.json");
   for (const char* content : {"{", "[]", R"({"version": 2, "files": {"a": {}}})", R"({"version": 1, "files": []})",

@@ -1,6 +1,6 @@
 #include "tidewright/sync/common/fs.hpp"
 #include "tidewright/sync/common/url.hpp"
-#include "tidewright/sync/host/fake_host.hpp"
+#include "fake_host.hpp"
 #include "tidewright/sync/transport/curl_program.hpp"
 #include "tidewright/sync/transport/http_client.hpp"
 #include "tidewright/sync/transport/http_request.hpp"

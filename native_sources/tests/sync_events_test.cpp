@@ -1,4 +1,4 @@
-#include "tidewright/sync/host/fake_host.hpp"
+#include "fake_host.hpp"
 #include "tidewright/sync/reporting/sync_events.hpp"
 
 #include "test_support.hpp"

@@ -1,7 +1,7 @@
 // Helpers shared by the C++ tests.
 #pragma once
 
-#include "tidewright/sync/host/fake_host.hpp"
+#include "fake_host.hpp"
 #include "tidewright/sync/manager/sync_manager.hpp"
 
 #include <gtest/gtest.h>

@@ -1,17 +1,18 @@
 #include "tidewright/sync/host/host.hpp"
 
-#include "tidewright/sync/host/fake_host.hpp"
+#include "tidewright/sync/common/mutex.hpp"
 
 #include <atomic>
 #include <cctype>
 #include <mutex>
+#include <stdexcept>
 
 namespace tidewright::sync {
 
 namespace {
 
-std::mutex g_host_mu;
-std::shared_ptr<Host> g_host;  // guarded by g_host_mu
+Mutex g_host_mu;
+std::shared_ptr<Host> g_host GUARDED_BY(g_host_mu);
 
 }  // namespace
 
@@ -51,13 +52,15 @@ ManifestSiblings default_manifest_siblings() {
 }
 
 Host& host() {
-  std::lock_guard<std::mutex> lock(g_host_mu);
-  if (!g_host) g_host = std::make_shared<FakeHost>();
+  MutexLock lock(g_host_mu);
+  // Installed when the module loads; code that runs without one (a test
+  // or a fuzzer that forgot to install its own) is a bug, not a default.
+  if (!g_host) throw std::logic_error("no host is installed: call set_host() before using the engine");
   return *g_host;
 }
 
 void set_host(std::shared_ptr<Host> new_host) {
-  std::lock_guard<std::mutex> lock(g_host_mu);
+  MutexLock lock(g_host_mu);
   g_host = std::move(new_host);
 }
 

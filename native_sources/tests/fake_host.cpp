@@ -1,4 +1,4 @@
-#include "tidewright/sync/host/fake_host.hpp"
+#include "fake_host.hpp"
 
 #include "tidewright/sync/artifacts/functions_vocabulary.hpp"
 #include "tidewright/sync/reporting/errors.hpp"

@@ -1,5 +1,5 @@
-// FakeHost: a Host for C++ tests and for code that runs before the binding
-// installs its own. It behaves like the package's default sibling modules,
+// FakeHost: the Host of the C++ tests and the fuzzers (the engine itself
+// has none without the binding's: a missing host is an error). It behaves like the package's default sibling modules,
 // records log lines, and lets a test install module functions by name.
 //
 // Thread-safe: every member is guarded by mu_.
