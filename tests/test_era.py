@@ -80,15 +80,6 @@ def era_directory_id(name):
     return number if number < 2**63 else None
 
 
-@pytest.mark.parametrize("name", [
-    "era_12", "era12", "era_0", "era_007", "era_\u0663", "era\u0661\u0662", "era_\uff17", "era_\U0001d7ce",
-    "era_3\u0664", "era_9223372036854775807", "era_9223372036854775808", "era_" + "9" * 40, "era_", "era",
-    "era__5", "era_-1", "era_+1", "era_1_000", "era_ 1", "era_1 ", "era_\u00b2", "era_1.0", "Era_1", "xera_1",
-])
-def test_era_directory_names(name):
-    assert sync._parse_era_directory_id(name) == era_directory_id(name)
-
-
 @settings(max_examples=100, deadline=None)
 @given(st.sampled_from(["era_", "era", "er", ""]),
        st.text(st.characters(whitelist_categories=("Nd",)) | st.sampled_from("_ x\u00b2-"), max_size=21))
@@ -195,23 +186,6 @@ def test_closing_is_handled_once_and_a_cancelled_close_restarts_searches(svc, da
     other._poll_once()
     assert not other._in_closing
     assert "Restart searches callback failed: no searches to restart" in caplog.messages
-
-
-def test_a_failed_new_era_transition_is_retried_on_the_next_poll(svc, data_dir, caplog):
-    m = synced(svc, data_dir)
-    thread = sync.EraThread(svc.url, lambda: svc.token, m)
-    thread._last_known_era_number = 1
-    publish_next(svc)
-    svc.add_fault("/data/manifest", "status", status=404)
-    thread._poll_once()
-    assert thread._transition_failed and thread._last_known_era_number == 1
-    assert thread._last_transition_error == "new era: Failed to fetch era 2 manifest: HTTP 404"
-    assert m.get_manifest().era_number == 1 and leftovers(data_dir) == []
-    assert (data_dir / "old/only.bin").exists()
-    thread._poll_once()
-    assert not thread._transition_failed and thread._last_transition_error is None
-    assert thread._last_known_era_number == 2
-    assert_era_files(svc, data_dir, m, 2)
 
 
 class StandInManager:

@@ -8,7 +8,6 @@ import sys
 import threading
 import time
 import urllib.request
-from urllib.parse import urlsplit
 
 import pytest
 
@@ -80,16 +79,6 @@ def test_requests_carry_token_agent_and_range(server):
     assert [h.get("authorization") for h in sent] == [f"Bearer {TOKEN}"] * 4 + [None]
 
 
-def test_manifest_version_url_goes_to_the_version_poll(server):
-    url = server.route("/data/manifest/version/", respond(200, b'{"version": 3}', [("X-Era-Number", "2")]))
-    assert sync._is_manifest_version_url(url)
-    assert not sync._is_manifest_version_url(server.url("/data/manifest/versions"))
-
-    status, headers, body = sync._http_get(url, TOKEN)
-    assert (status, body, headers["X-Era-Number"]) == (200, b'{"version": 3}', "2")
-    assert server.headers_for(url)[0]["authorization"] == f"Bearer {TOKEN}"
-
-
 def test_a_backoff_policy_error_reaches_the_caller_unchanged(server, monkeypatch):
     # (URLs the transport refuses: test_security.py)
     class Boom(Exception):
@@ -104,30 +93,6 @@ def test_a_backoff_policy_error_reaches_the_caller_unchanged(server, monkeypatch
 
 
 # -- the retry loop --------------------------------------------------------------
-
-
-def test_non_transient_statuses_are_returned(server, logged):
-    url = server.script(respond(404, b'{"error_code": "not_found"}', [("X-Why", "gone")]))
-    status, headers, body = sync._http_get(url, TOKEN)
-    assert (status, headers["X-Why"], body) == (404, "gone", b'{"error_code": "not_found"}')
-    assert len(server.requests_for(url)) == 1
-    assert logged.events == []
-
-
-def test_transient_status_is_retried_with_one_outage_and_one_recovery_report(server, logged, fast_backoff):
-    url = server.script(respond(503, b'{"error_code": "busy", "dependency": "storage"}'), respond(200, b"payload"))
-    status, _, body = sync._http_get(url, TOKEN)
-    assert (status, body) == (200, b"payload")
-
-    label = urlsplit(url).path.split("/data/files/")[1]
-    assert [e["event_type"] for e in logged.events] == [
-        "sync_unavailable_status", "http_retry", "sync_backoff_wait", "sync_recovered_status"]
-    outage, retry, wait, recovered = logged.events
-    assert outage["file"] == retry["file"] == wait["file"] == label
-    assert (outage["statuses"], outage["error_code"], outage["dependency"]) == ([503], "busy", "storage")
-    assert (retry["count"], retry["reason"], retry["status"], retry["error_code"]) == (1, "http_503", 503, "busy")
-    assert (wait["surface"], wait["reason"]) == ("http_request", "http_503")
-    assert recovered["_level"] == "INFO"
 
 
 def test_server_refusing_retries_raises_after_the_first_attempt(server, logged):
@@ -506,27 +471,6 @@ def test_a_head_trickled_line_by_line_ends_at_the_header_deadline(server, fake_c
 
 
 # -- streaming downloads -----------------------------------------------------------
-
-
-def test_download_to_path_streams_successful_bodies_only(server, tmp_path):
-    payload = os.urandom(300_000)
-    ok = server.script(respond(206, payload, [("Content-Range", f"bytes 0-{len(payload) - 1}/{len(payload)}")]))
-    target = tmp_path / "out.bin"
-    target.write_bytes(b"old content that must go")
-    status, headers = sync._download_request_to_path(urllib.request.Request(ok, headers={"Range": "bytes=0-"}),
-                                                     str(target), 5.0)
-    assert (status, headers["Content-Range"]) == (206, f"bytes 0-{len(payload) - 1}/{len(payload)}")
-    assert target.read_bytes() == payload
-    assert server.headers_for(ok)[0]["range"] == "bytes=0-"
-
-    missing = tmp_path / "missing.bin"
-    assert sync._download_request_to_path(server.script(respond(416, b"no")), missing, 5.0)[0] == 416
-    assert not missing.exists()
-
-    partial = tmp_path / "partial.bin"
-    with pytest.raises(ConnectionError):
-        sync._download_request_to_path(server.script(short_body(100, b"first-bytes")), str(partial), 5.0)
-    assert partial.read_bytes() == b"first-bytes"
 
 
 def test_error_body_helpers():

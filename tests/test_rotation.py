@@ -301,17 +301,6 @@ def test_bad_settings_fail_the_sync_and_leave_the_directory_alone(svc, data, tex
     assert directory_listing(data) == before
 
 
-def test_bad_settings_after_a_sync_change_nothing(svc, data):
-    m = make_manager(svc, data)
-    m.sync()
-    before = {p: os.path.getmtime(data / p) for p in local_features(data)}
-    write_settings(data, feature_budget_bytes=1)
-    with pytest.raises(rotation.MandatoryArtifactsTooLargeError):
-        m.sync()
-    assert {p: os.path.getmtime(data / p) for p in local_features(data)} == before
-    assert not (data / "feature-rotation-state.json").exists()
-
-
 # -- state files ----------------------------------------------------------------
 
 def test_rotation_state_file_round_trip_and_errors(tmp_path, caplog):
@@ -438,20 +427,6 @@ def test_legacy_scope_and_artifact_rows():
     assert (context["current_market"], context["current_universes"]) == ("equities", ["top50"])
     assert context["named_universes"] == ["top200", "top50"]
     assert sync._rotation_catalog_context_from_manifest({**data, "artifacts": []})["named_universes"] == []
-
-
-@pytest.mark.parametrize("artifact, required", [
-    ({"artifact_kind": "feature", "named_universe": "top50"}, True),
-    ({"kind": "feature", "market": "crypto", "mandatory": False}, True),
-    ({"artifact_kind": "feature", "named_universe": "top50", "mandatory": True}, False),  # always kept
-    ({"artifact_kind": "feature", "named_universe": " "}, False),  # rotates, but in no scope
-    ({"artifact_kind": "functions", "named_universe": "top50"}, False),
-    ("not an artifact", False),
-])
-def test_scoped_settings_are_required_by_scoped_rotating_features(artifact, required):
-    unscoped = {"artifact_kind": "feature", "relative_path": "features/signal_is/b.arrow"}
-    assert sync._rotation_artifacts_require_scoped_settings([unscoped, artifact]) is required
-    assert sync._rotation_artifacts_require_scoped_settings([]) is False
 
 
 def test_scoped_settings_for_the_artifacts_of_a_manifest():
