@@ -161,48 +161,6 @@ void FakeHost::set_backoff_delay(double seconds) {
   backoff_delay_ = seconds;
 }
 
-json::value FakeHost::current_version() {
-  return call_module_function("tidewright.deployment", "_CURRENT_VERSION", json::array{}, {});
-}
-
-json::value FakeHost::compare_versions(const json::value& a, const json::value& b) {
-  return call_module_function("tidewright.deployment", "_compare_versions", json::array{a, b}, {});
-}
-
-void FakeHost::check_update() { call_module_function("tidewright.deployment", "check_update", json::array{}, {}); }
-
-json::value FakeHost::auto_update() {
-  return call_module_function("tidewright.deployment", "auto_update", json::array{}, {});
-}
-
-void FakeHost::load_era_transition_modules() {
-  call_module_function("tidewright.sync", "_load_era_transition_modules", json::array{}, {});
-}
-
-void FakeHost::record_runtime_freshness_updates(const json::array& updates) {
-  call_module_function("tidewright.sync", "_record_runtime_freshness_updates", json::array{updates}, {});
-}
-
-void FakeHost::notify_era_change(std::int64_t era_number) {
-  call_module_function("tidewright.auth", "notify_era_change", json::array{era_number}, {});
-}
-
-void FakeHost::track_era_transition(const std::string& data_dir, std::int64_t era_number,
-                                    const json::value& previous_era_number) {
-  call_module_function("tidewright.sync", "_track_era_transition",
-                       json::array{json::value(data_dir), json::value(era_number), previous_era_number}, {});
-}
-
-void FakeHost::vault_module_updated(const std::string& relative_path, const std::string& local_path,
-                                    const std::string& sha256) {
-  call_module_function("tidewright.runtime_module_freshness", "vault_module_updated", {},
-                       {{"relative_path", relative_path}, {"local_path", local_path}, {"sha256", sha256}});
-}
-
-void FakeHost::update_nudge(std::string_view event, const json::object& fields) {
-  call_module_function("tidewright.agent_onboarding", "update_nudge", json::array{json::value(event)}, fields);
-}
-
 double FakeHost::backoff_delay_seconds(std::int64_t) {
   std::lock_guard<std::mutex> lock(mu_);
   return backoff_delay_;

@@ -44,18 +44,6 @@ class FakeHost : public Host {
                           const json::object& kwargs) override;
   // The notices to sibling modules call the module functions a test
   // installed under their names (null, doing nothing, when none is).
-  json::value current_version() override;
-  json::value compare_versions(const json::value& a, const json::value& b) override;
-  void check_update() override;
-  json::value auto_update() override;
-  void load_era_transition_modules() override;
-  void record_runtime_freshness_updates(const json::array& updates) override;
-  void notify_era_change(std::int64_t era_number) override;
-  void track_era_transition(const std::string& data_dir, std::int64_t era_number,
-                            const json::value& previous_era_number) override;
-  void vault_module_updated(const std::string& relative_path, const std::string& local_path,
-                            const std::string& sha256) override;
-  void update_nudge(std::string_view event, const json::object& fields) override;
   double backoff_delay_seconds(std::int64_t attempt_index) override;
   bool backoff_sleep(double wait_seconds, const std::function<bool()>& stop_requested) override;
   HostRef current_backoff_context() override;

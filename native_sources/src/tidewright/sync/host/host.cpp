@@ -51,6 +51,48 @@ ManifestSiblings default_manifest_siblings() {
   return s;
 }
 
+json::value Host::current_version() {
+  return call_module_function("tidewright.deployment", "_CURRENT_VERSION", json::array{}, {});
+}
+
+json::value Host::compare_versions(const json::value& a, const json::value& b) {
+  return call_module_function("tidewright.deployment", "_compare_versions", json::array{a, b}, {});
+}
+
+void Host::check_update() { call_module_function("tidewright.deployment", "check_update", json::array{}, {}); }
+
+json::value Host::auto_update() {
+  return call_module_function("tidewright.deployment", "auto_update", json::array{}, {});
+}
+
+void Host::load_era_transition_modules() {
+  call_module_function("tidewright.sync", "_load_era_transition_modules", json::array{}, {});
+}
+
+void Host::record_runtime_freshness_updates(const json::array& updates) {
+  call_module_function("tidewright.sync", "_record_runtime_freshness_updates", json::array{updates}, {});
+}
+
+void Host::notify_era_change(std::int64_t era_number) {
+  call_module_function("tidewright.auth", "notify_era_change", json::array{era_number}, {});
+}
+
+void Host::track_era_transition(const std::string& data_dir, std::int64_t era_number,
+                                const json::value& previous_era_number) {
+  call_module_function("tidewright.sync", "_track_era_transition",
+                       json::array{json::value(data_dir), json::value(era_number), previous_era_number}, {});
+}
+
+void Host::vault_module_updated(const std::string& relative_path, const std::string& local_path,
+                                const std::string& sha256) {
+  call_module_function("tidewright.runtime_module_freshness", "vault_module_updated", {},
+                       {{"relative_path", relative_path}, {"local_path", local_path}, {"sha256", sha256}});
+}
+
+void Host::update_nudge(std::string_view event, const json::object& fields) {
+  call_module_function("tidewright.agent_onboarding", "update_nudge", json::array{json::value(event)}, fields);
+}
+
 Host& host() {
   MutexLock lock(g_host_mu);
   // Installed when the module loads; code that runs without one (a test

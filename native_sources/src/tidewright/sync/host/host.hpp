@@ -116,33 +116,34 @@ class Host {
                                   const json::array& args, const json::object& kwargs = {}) = 0;
 
   // --- the era transition's and the engine's notices to sibling modules ---
-  // Each calls the named module function with plain data; an exception it
-  // raises reaches the caller as a HostError.
+  // Each calls the named module function through call_module_function with
+  // plain data (the one place that names them); an exception it raises
+  // reaches the caller as a HostError.
   // tidewright.deployment._CURRENT_VERSION (the package version).
-  virtual json::value current_version() = 0;
+  json::value current_version();
   // tidewright.deployment._compare_versions(a, b), as returned.
-  virtual json::value compare_versions(const json::value& a, const json::value& b) = 0;
+  json::value compare_versions(const json::value& a, const json::value& b);
   // tidewright.deployment.check_update()
-  virtual void check_update() = 0;
+  void check_update();
   // tidewright.deployment.auto_update(), as returned (a mapping with
   // "success" and "warning").
-  virtual json::value auto_update() = 0;
+  json::value auto_update();
   // tidewright.sync._load_era_transition_modules(): loads the modules an era
   // transition needs, raising when one cannot be loaded.
-  virtual void load_era_transition_modules() = 0;
+  void load_era_transition_modules();
   // tidewright.sync._record_runtime_freshness_updates(updates)
-  virtual void record_runtime_freshness_updates(const json::array& updates) = 0;
+  void record_runtime_freshness_updates(const json::array& updates);
   // tidewright.auth.notify_era_change(era_number)
-  virtual void notify_era_change(std::int64_t era_number) = 0;
+  void notify_era_change(std::int64_t era_number);
   // tidewright.sync._track_era_transition(data_dir, era_number, previous_era_number)
-  virtual void track_era_transition(const std::string& data_dir, std::int64_t era_number,
-                                    const json::value& previous_era_number) = 0;
+  void track_era_transition(const std::string& data_dir, std::int64_t era_number,
+                                    const json::value& previous_era_number);
   // tidewright.runtime_module_freshness.vault_module_updated(relative_path=,
   // local_path=, sha256=)
-  virtual void vault_module_updated(const std::string& relative_path, const std::string& local_path,
-                                    const std::string& sha256) = 0;
+  void vault_module_updated(const std::string& relative_path, const std::string& local_path,
+                                    const std::string& sha256);
   // tidewright.agent_onboarding.update_nudge(event, **fields)
-  virtual void update_nudge(std::string_view event, const json::object& fields) = 0;
+  void update_nudge(std::string_view event, const json::object& fields);
 
   // --- backoff (tidewright.sync_backoff) ---
   virtual double backoff_delay_seconds(std::int64_t attempt_index) = 0;
