@@ -50,12 +50,12 @@ void FakeHost::log(LogLevel level, std::string_view format, const json::array& a
                    const json::object* event, bool) {
   LogLine line{level, format_message(format, args), std::nullopt};
   if (event) line.event = *event;
-  std::lock_guard<std::mutex> lock(mu_);
+  MutexLock lock(mu_);
   lines_.push_back(std::move(line));
 }
 
 std::vector<FakeHost::LogLine> FakeHost::log_lines() {
-  std::lock_guard<std::mutex> lock(mu_);
+  MutexLock lock(mu_);
   return lines_;
 }
 
@@ -82,7 +82,7 @@ json::value FakeHost::call(const HostRef& fn, const json::array& args) {
 
 std::string FakeHost::validate_bearer_transport_url(const std::string& url) {
   {
-    std::lock_guard<std::mutex> lock(mu_);
+    MutexLock lock(mu_);
     auto it = functions_.find(module_key("tidewright._transport_security", "validate_bearer_transport_url"));
     if (it != functions_.end()) {
       return python_str(it->second(json::array{json::value(url)}, {}));
@@ -98,12 +98,12 @@ std::string FakeHost::validate_bearer_transport_url(const std::string& url) {
 }
 
 ManifestSiblings FakeHost::manifest_siblings() {
-  std::lock_guard<std::mutex> lock(mu_);
+  MutexLock lock(mu_);
   return siblings_ ? *siblings_ : default_manifest_siblings();
 }
 
 void FakeHost::set_manifest_siblings(ManifestSiblings siblings) {
-  std::lock_guard<std::mutex> lock(mu_);
+  MutexLock lock(mu_);
   siblings_ = std::move(siblings);
 }
 
@@ -113,7 +113,7 @@ json::value FakeHost::merge_functions_vocabulary(const json::value& functions, j
   constexpr std::string_view kModule = "tidewright._functions_vocabulary";
   constexpr std::string_view kFunction = "merge_functions_vocabulary";
   {
-    std::lock_guard<std::mutex> lock(mu_);
+    MutexLock lock(mu_);
     if (!functions_.contains(module_key(kModule, kFunction))) {
       return sync::merge_functions_vocabulary(functions, std::move(vocabulary), named_universe, expected_era_number);
     }
@@ -130,7 +130,7 @@ json::value FakeHost::call_module_function(std::string_view module, std::string_
                                            const json::array& args, const json::object& kwargs) {
   ModuleFunction fn;
   {
-    std::lock_guard<std::mutex> lock(mu_);
+    MutexLock lock(mu_);
     auto it = functions_.find(module_key(module, function));
     if (it == functions_.end()) return nullptr;
     fn = it->second;
@@ -152,17 +152,17 @@ json::value FakeHost::call_method(const HostRef& object, std::string_view method
 
 void FakeHost::set_module_function(const std::string& module, const std::string& function,
                                    ModuleFunction fn) {
-  std::lock_guard<std::mutex> lock(mu_);
+  MutexLock lock(mu_);
   functions_[module_key(module, function)] = std::move(fn);
 }
 
 void FakeHost::set_backoff_delay(double seconds) {
-  std::lock_guard<std::mutex> lock(mu_);
+  MutexLock lock(mu_);
   backoff_delay_ = seconds;
 }
 
 double FakeHost::backoff_delay_seconds(std::int64_t) {
-  std::lock_guard<std::mutex> lock(mu_);
+  MutexLock lock(mu_);
   return backoff_delay_;
 }
 

@@ -5,10 +5,10 @@
 // Thread-safe: every member is guarded by mu_.
 #pragma once
 
+#include "tidewright/sync/common/mutex.hpp"
 #include "tidewright/sync/host/host.hpp"
 
 #include <map>
-#include <mutex>
 
 namespace tidewright::sync {
 
@@ -70,11 +70,11 @@ class FakeHost : public Host {
   static HostRef make_callable(Callable fn);
 
  private:
-  std::mutex mu_;
-  std::vector<LogLine> lines_;                                   // guarded by mu_
-  std::map<std::string, ModuleFunction> functions_;              // guarded by mu_
-  std::optional<ManifestSiblings> siblings_;                     // guarded by mu_
-  double backoff_delay_ = 0.0;                                   // guarded by mu_
+  Mutex mu_;
+  std::vector<LogLine> lines_ GUARDED_BY(mu_);
+  std::map<std::string, ModuleFunction> functions_ GUARDED_BY(mu_);
+  std::optional<ManifestSiblings> siblings_ GUARDED_BY(mu_);
+  double backoff_delay_ GUARDED_BY(mu_) = 0.0;
 };
 
 }  // namespace tidewright::sync

@@ -5,20 +5,25 @@
 
 #include <algorithm>
 #include <map>
-#include <mutex>
+#include "tidewright/sync/common/mutex.hpp"
 #include <string>
 
 namespace tidewright::sync::bindings {
 
 namespace {
 
-std::mutex g_mu;
-std::vector<std::weak_ptr<SyncManager>> g_managers;  // guarded by g_mu
-std::vector<std::weak_ptr<EraThread>> g_threads;     // guarded by g_mu
+// Every engine object created for the host, so that interpreter exit can
+// let go of the host objects they hold.
+struct EngineObjects {
+  std::vector<std::weak_ptr<SyncManager>> managers;
+  std::vector<std::weak_ptr<EraThread>> threads;
+};
+
+Mutex g_mu;
+EngineObjects g_objects GUARDED_BY(g_mu);
 
 template <typename T>
 void remember(std::vector<std::weak_ptr<T>>& list, const std::shared_ptr<T>& object) {
-  std::lock_guard<std::mutex> lock(g_mu);
   std::erase_if(list, [&](const std::weak_ptr<T>& w) { return w.expired() || w.lock() == object; });
   list.push_back(object);
 }
@@ -26,7 +31,6 @@ void remember(std::vector<std::weak_ptr<T>>& list, const std::shared_ptr<T>& obj
 template <typename T>
 std::vector<std::shared_ptr<T>> live(const std::vector<std::weak_ptr<T>>& list) {
   std::vector<std::shared_ptr<T>> out;
-  std::lock_guard<std::mutex> lock(g_mu);
   for (const auto& w : list) {
     if (auto p = w.lock()) out.push_back(std::move(p));
   }
@@ -35,9 +39,15 @@ std::vector<std::shared_ptr<T>> live(const std::vector<std::weak_ptr<T>>& list) 
 
 }  // namespace
 
-void remember_engine_object(const std::shared_ptr<SyncManager>& manager) { remember(g_managers, manager); }
+void remember_engine_object(const std::shared_ptr<SyncManager>& manager) {
+  MutexLock lock(g_mu);
+  remember(g_objects.managers, manager);
+}
 
-void remember_engine_object(const std::shared_ptr<EraThread>& thread) { remember(g_threads, thread); }
+void remember_engine_object(const std::shared_ptr<EraThread>& thread) {
+  MutexLock lock(g_mu);
+  remember(g_objects.threads, thread);
+}
 
 void release_engine_host_objects() {
   std::map<std::string, std::shared_ptr<SyncManager>> registered;  // released last, with the GIL
@@ -47,8 +57,15 @@ void release_engine_host_objects() {
     registered = SyncManager::instances();
     for (const auto& [key, manager] : registered) SyncManager::evict(key);
   }
-  for (const auto& thread : live(g_threads)) thread->drop_host_refs();
-  for (const auto& manager : live(g_managers)) manager->drop_host_refs();
+  std::vector<std::shared_ptr<EraThread>> threads;
+  std::vector<std::shared_ptr<SyncManager>> managers;
+  {
+    MutexLock lock(g_mu);
+    threads = live(g_objects.threads);
+    managers = live(g_objects.managers);
+  }
+  for (const auto& thread : threads) thread->drop_host_refs();
+  for (const auto& manager : managers) manager->drop_host_refs();
 }
 
 }  // namespace tidewright::sync::bindings

@@ -15,11 +15,11 @@ namespace {
 
 constexpr auto STOP_JOIN_TIMEOUT = std::chrono::seconds(10);
 
-std::mutex g_started_mu;
-std::vector<std::weak_ptr<EraThread>> g_started;  // guarded by g_started_mu
+Mutex g_started_mu;
+std::vector<std::weak_ptr<EraThread>> g_started GUARDED_BY(g_started_mu);
 
 void remember_started(const std::shared_ptr<EraThread>& thread) {
-  std::lock_guard<std::mutex> lock(g_started_mu);
+  MutexLock lock(g_started_mu);
   std::erase_if(g_started, [&](const std::weak_ptr<EraThread>& w) {
     auto p = w.lock();
     return !p || p == thread;
@@ -89,11 +89,11 @@ void EraThread::start() {
   // Asked before the lock: a host's own manager answers with host code.
   std::optional<json::value> held_era;
   {
-    std::lock_guard<std::mutex> lock(mu_);
+    MutexLock lock(mu_);
     if (started_) throw StateError("EraThread already started");
   }
   held_era = sync_manager_->held_manifest_era_number();
-  std::lock_guard<std::mutex> lock(mu_);
+  MutexLock lock(mu_);
   if (started_) throw StateError("EraThread already started");
   if (held_era) last_known_era_number_ = *held_era;
   std::shared_ptr<EraThread> self = shared_from_this();
@@ -108,7 +108,7 @@ void EraThread::start() {
 void EraThread::stop() {
   std::shared_ptr<OwnedThread> worker;
   {
-    std::lock_guard<std::mutex> lock(mu_);
+    MutexLock lock(mu_);
     if (!started_) return;
     stop_requested_.store(true);
     cv_.notify_all();
@@ -117,14 +117,14 @@ void EraThread::stop() {
   // From the worker itself (a callback stopping its own thread) there is
   // nothing to wait for: the loop ends after this poll.
   if (worker) worker->join_for(STOP_JOIN_TIMEOUT);
-  std::lock_guard<std::mutex> lock(mu_);
+  MutexLock lock(mu_);
   started_ = false;
 }
 
 bool EraThread::is_alive() const {
   std::shared_ptr<OwnedThread> worker;
   {
-    std::lock_guard<std::mutex> lock(mu_);
+    MutexLock lock(mu_);
     worker = worker_;
   }
   return worker && worker->running();
@@ -133,7 +133,7 @@ bool EraThread::is_alive() const {
 void EraThread::stop_all() {
   std::vector<std::shared_ptr<EraThread>> threads;
   {
-    std::lock_guard<std::mutex> lock(g_started_mu);
+    MutexLock lock(g_started_mu);
     for (auto& w : g_started) {
       if (auto p = w.lock()) threads.push_back(std::move(p));
     }
@@ -150,8 +150,11 @@ void EraThread::run() {
     poll_once();
     while (true) {
       {
-        std::unique_lock<std::mutex> lock(mu_);
-        if (cv_.wait_for(lock, interval_of(poll_interval_), [this] { return stop_requested_.load(); })) break;
+        const auto deadline = std::chrono::steady_clock::now() + interval_of(poll_interval_);
+        MutexLock lock(mu_);
+        while (!stop_requested_.load() && cv_.wait_until(mu_, deadline)) {
+        }
+        if (stop_requested_.load()) break;
       }
       poll_once();
     }
@@ -163,7 +166,7 @@ void EraThread::run() {
 }
 
 void EraThread::poll_once() {
-  std::lock_guard<std::mutex> lock(poll_mu_);
+  MutexLock lock(poll_mu_);
   try {
     poll_locked();
   } catch (const std::exception& e) {
@@ -180,7 +183,7 @@ void EraThread::poll_locked() {
   HostRef token_ref;
   SearchesFn kill_searches_fn, restart_searches_fn;
   {
-    std::lock_guard<std::mutex> lock(mu_);
+    MutexLock lock(mu_);
     token_ref = get_token_ref_;
     kill_searches_fn = kill_searches_fn_;
     restart_searches_fn = restart_searches_fn_;
@@ -208,7 +211,7 @@ void EraThread::poll_locked() {
 
   bool cancelled = false;
   {
-    std::lock_guard<std::mutex> state_lock(mu_);
+    MutexLock state_lock(mu_);
     if (in_closing_ && active && same_era_number(era_number, last_known_era_number_)) {
       in_closing_ = false;
       cancelled = true;
@@ -227,7 +230,7 @@ void EraThread::poll_locked() {
 
   bool handle_close = false;
   {
-    std::lock_guard<std::mutex> state_lock(mu_);
+    MutexLock state_lock(mu_);
     if (closing && !in_closing_) {
       in_closing_ = true;
       handle_close = true;
@@ -246,7 +249,7 @@ void EraThread::poll_locked() {
 
   json::value previous;
   {
-    std::lock_guard<std::mutex> state_lock(mu_);
+    MutexLock state_lock(mu_);
     if (last_known_era_number_.is_null() || same_era_number(era_number, last_known_era_number_)) return;
     previous = last_known_era_number_;
     in_closing_ = false;
@@ -259,7 +262,7 @@ void EraThread::poll_locked() {
     return;
   }
   {
-    std::lock_guard<std::mutex> state_lock(mu_);
+    MutexLock state_lock(mu_);
     last_known_era_number_ = era_number;
   }
   clear_transition_failed();
@@ -275,7 +278,7 @@ void EraThread::poll_locked() {
 
 void EraThread::mark_transition_failed(const std::string& context, const std::string& error) {
   {
-    std::lock_guard<std::mutex> lock(mu_);
+    MutexLock lock(mu_);
     transition_failed_ = true;
     last_transition_error_ = context + ": " + error;
   }
@@ -283,13 +286,13 @@ void EraThread::mark_transition_failed(const std::string& context, const std::st
 }
 
 void EraThread::clear_transition_failed() {
-  std::lock_guard<std::mutex> lock(mu_);
+  MutexLock lock(mu_);
   transition_failed_ = false;
   last_transition_error_.reset();
 }
 
 EraThread::State EraThread::state() const {
-  std::lock_guard<std::mutex> lock(mu_);
+  MutexLock lock(mu_);
   State s;
   s.started = started_;
   s.has_thread = static_cast<bool>(worker_);
@@ -302,33 +305,33 @@ EraThread::State EraThread::state() const {
 }
 
 void EraThread::set_last_known_era_number(json::value value) {
-  std::lock_guard<std::mutex> lock(mu_);
+  MutexLock lock(mu_);
   last_known_era_number_ = std::move(value);
 }
 
 HostRef EraThread::get_token_ref() const {
-  std::lock_guard<std::mutex> lock(mu_);
+  MutexLock lock(mu_);
   return get_token_ref_;
 }
 
 SearchesFn EraThread::kill_searches_fn() const {
-  std::lock_guard<std::mutex> lock(mu_);
+  MutexLock lock(mu_);
   return kill_searches_fn_;
 }
 
 SearchesFn EraThread::restart_searches_fn() const {
-  std::lock_guard<std::mutex> lock(mu_);
+  MutexLock lock(mu_);
   return restart_searches_fn_;
 }
 
 HostRef EraThread::sync_manager_ref() const {
-  std::lock_guard<std::mutex> lock(mu_);
+  MutexLock lock(mu_);
   return sync_manager_ref_;
 }
 
 bool EraThread::try_collect_host_refs(std::vector<const void*>& out) const {
-  std::unique_lock<std::mutex> lock(mu_, std::try_to_lock);
-  if (!lock.owns_lock()) return false;
+  if (!mu_.try_lock()) return false;
+  MutexLock lock(mu_, MutexLock::adopt);
   for (const HostRef* ref : {&get_token_ref_, &sync_manager_ref_, &kill_searches_fn_.host_ref(),
                              &restart_searches_fn_.host_ref()}) {
     if (*ref) out.push_back(ref->get());
@@ -339,7 +342,7 @@ bool EraThread::try_collect_host_refs(std::vector<const void*>& out) const {
 void EraThread::drop_host_refs() {
   HostRef token, manager;
   SearchesFn kill, restart;  // released after the lock
-  std::lock_guard<std::mutex> lock(mu_);
+  MutexLock lock(mu_);
   token = std::exchange(get_token_ref_, nullptr);
   manager = std::exchange(sync_manager_ref_, nullptr);
   kill = std::exchange(kill_searches_fn_, SearchesFn());
@@ -347,7 +350,7 @@ void EraThread::drop_host_refs() {
 }
 
 void EraThread::set_in_closing(bool value) {
-  std::lock_guard<std::mutex> lock(mu_);
+  MutexLock lock(mu_);
   in_closing_ = value;
 }
 

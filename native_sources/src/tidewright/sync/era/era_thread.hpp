@@ -23,15 +23,14 @@
 #pragma once
 
 #include "tidewright/sync/common/json.hpp"
+#include "tidewright/sync/common/mutex.hpp"
 #include "tidewright/sync/common/owned_thread.hpp"
 #include "tidewright/sync/host/host.hpp"
 
 #include <atomic>
-#include <condition_variable>
 #include <cstdint>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <vector>
@@ -150,7 +149,7 @@ class EraThread : public std::enable_shared_from_this<EraThread> {
 
  private:
   void run();
-  void poll_locked();  // REQUIRES: poll_mu_ held
+  void poll_locked() REQUIRES(poll_mu_);
 
   const std::string server_url_;
   const std::int64_t market_id_;
@@ -158,23 +157,23 @@ class EraThread : public std::enable_shared_from_this<EraThread> {
   const std::shared_ptr<EraTransitionTarget> sync_manager_;
   const double poll_interval_;
 
-  mutable std::mutex mu_;
-  HostRef get_token_ref_;            // guarded by mu_
-  HostRef sync_manager_ref_;         // guarded by mu_
-  SearchesFn kill_searches_fn_;      // guarded by mu_
-  SearchesFn restart_searches_fn_;   // guarded by mu_
-  std::condition_variable cv_;  // signals stop requests
+  mutable Mutex mu_;
+  HostRef get_token_ref_ GUARDED_BY(mu_);
+  HostRef sync_manager_ref_ GUARDED_BY(mu_);
+  SearchesFn kill_searches_fn_ GUARDED_BY(mu_);
+  SearchesFn restart_searches_fn_ GUARDED_BY(mu_);
+  CondVar cv_;  // signals stop requests
   std::atomic<bool> stop_requested_{false};  // written under mu_, read anywhere
-  bool started_ = false;                            // guarded by mu_
-  std::shared_ptr<OwnedThread> worker_;                  // guarded by mu_
-  std::vector<std::shared_ptr<OwnedThread>> lingering_;  // guarded by mu_: outlived a stop()
-  json::value last_known_era_number_;               // guarded by mu_
-  json::value last_known_state_;                    // guarded by mu_
-  bool in_closing_ = false;                         // guarded by mu_
-  bool transition_failed_ = false;                  // guarded by mu_
-  std::optional<std::string> last_transition_error_;  // guarded by mu_
+  bool started_ GUARDED_BY(mu_) = false;
+  std::shared_ptr<OwnedThread> worker_ GUARDED_BY(mu_);
+  std::vector<std::shared_ptr<OwnedThread>> lingering_ GUARDED_BY(mu_);  // outlived a stop()
+  json::value last_known_era_number_ GUARDED_BY(mu_);
+  json::value last_known_state_ GUARDED_BY(mu_);
+  bool in_closing_ GUARDED_BY(mu_) = false;
+  bool transition_failed_ GUARDED_BY(mu_) = false;
+  std::optional<std::string> last_transition_error_ GUARDED_BY(mu_);
 
-  std::mutex poll_mu_;  // serialises polls
+  Mutex poll_mu_;  // serialises polls
 };
 
 }  // namespace tidewright::sync

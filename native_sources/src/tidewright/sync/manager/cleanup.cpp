@@ -37,20 +37,22 @@ bool ends_with_tmp(std::string_view name) {
 // directory remembered clean and unchanged costs one stat.
 class TmpWalk {
  public:
-  TmpWalk(const std::string& data_dir, const std::function<void(const std::string&)>& visit, TmpScanMemo* memo)
-      : data_dir_(data_dir), visit_(visit), memo_(memo), started_ns_(coarse_now_ns()) {}
+  using CleanDirs = std::unordered_map<std::string, TmpScanMemo::Dir>;
+  // `clean_dirs`: a memo's map, whose lock the caller holds for the walk.
+  TmpWalk(const std::string& data_dir, const std::function<void(const std::string&)>& visit, CleanDirs* clean_dirs)
+      : data_dir_(data_dir), visit_(visit), clean_dirs_(clean_dirs), started_ns_(coarse_now_ns()) {}
 
   void walk(const std::string& dir) {
     std::optional<StatKey> identity;
-    if (memo_) {
+    if (clean_dirs_) {
       struct stat st;
       if (::lstat(dir.c_str(), &st) != 0 || !S_ISDIR(st.st_mode)) {
-        memo_->clean_dirs.erase(dir);
+        clean_dirs_->erase(dir);
         return;
       }
       identity = stat_key_of(st);
-      auto it = memo_->clean_dirs.find(dir);
-      if (it != memo_->clean_dirs.end() && it->second.identity == *identity) {
+      auto it = clean_dirs_->find(dir);
+      if (it != clean_dirs_->end() && it->second.identity == *identity) {
         std::vector<std::string> subdirs = it->second.subdirs;  // the recursion may change the map
         for (const auto& name : subdirs) walk(dir + "/" + name);
         return;
@@ -61,7 +63,7 @@ class TmpWalk {
       if (errno != EACCES) {
         log_debug("best-effort tmp scan failed for %s: %s", {json::value(data_dir_), json::value(std::strerror(errno))});
       }
-      if (memo_) memo_->clean_dirs.erase(dir);
+      if (clean_dirs_) clean_dirs_->erase(dir);
       return;
     }
     bool saw_tmp = false;
@@ -86,11 +88,11 @@ class TmpWalk {
       }
     }
     listing.reset();
-    if (memo_) {
+    if (clean_dirs_) {
       if (!saw_tmp && identity->mtime_ns < started_ns_ && identity->ctime_ns < started_ns_) {
-        memo_->clean_dirs[dir] = TmpScanMemo::Dir{*identity, subdirs};
+        (*clean_dirs_)[dir] = TmpScanMemo::Dir{*identity, subdirs};
       } else {
-        memo_->clean_dirs.erase(dir);
+        clean_dirs_->erase(dir);
       }
     }
     for (const auto& name : subdirs) walk(dir + "/" + name);
@@ -99,7 +101,7 @@ class TmpWalk {
  private:
   const std::string& data_dir_;
   const std::function<void(const std::string&)>& visit_;
-  TmpScanMemo* memo_;
+  CleanDirs* clean_dirs_;
   const std::int64_t started_ns_;
 };
 
@@ -130,9 +132,12 @@ void remove_tmp_files(const std::string& data_dir, Keep keep, TmpScanMemo* memo 
       log_debug("best-effort tmp cleanup failed for %s: %s", {json::value(path), json::value(std::strerror(errno))});
     }
   };
-  std::unique_lock<std::mutex> lock;
-  if (memo) lock = std::unique_lock<std::mutex>(memo->mu);
-  TmpWalk(data_dir, visit, memo).walk(real_path(data_dir));
+  if (!memo) {
+    TmpWalk(data_dir, visit, nullptr).walk(real_path(data_dir));
+    return;
+  }
+  MutexLock lock(memo->mu);
+  TmpWalk(data_dir, visit, &memo->clean_dirs).walk(real_path(data_dir));
 }
 
 }  // namespace

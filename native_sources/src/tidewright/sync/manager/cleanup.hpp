@@ -3,10 +3,10 @@
 #pragma once
 
 #include "tidewright/sync/common/fs.hpp"
+#include "tidewright/sync/common/mutex.hpp"
 #include "tidewright/sync/common/json.hpp"
 
 #include <cstdint>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <unordered_map>
@@ -30,8 +30,8 @@ class TmpScanMemo {
     StatKey identity;
     std::vector<std::string> subdirs;  // names
   };
-  std::mutex mu;
-  std::unordered_map<std::string, Dir> clean_dirs;  // by path; guarded by mu
+  Mutex mu;
+  std::unordered_map<std::string, Dir> clean_dirs GUARDED_BY(mu);  // by path
 };
 
 // Files of the manifests at hand, as "files" maps: a manifest file whose own

@@ -1,13 +1,13 @@
 #include "tidewright/sync/manifest/manifest_files.hpp"
 
 #include "tidewright/sync/common/fs.hpp"
+#include "tidewright/sync/common/mutex.hpp"
 #include "tidewright/sync/manifest/sanitize.hpp"
 #include "tidewright/sync/reporting/errors.hpp"
 #include "tidewright/sync/transport/files.hpp"
 
 #include <chrono>
 #include <map>
-#include <mutex>
 #include <set>
 
 namespace tidewright::sync {
@@ -28,8 +28,8 @@ json::value get_or_null(const json::object& object, std::string_view key) {
 // Digests of manifest.json files by identity, as the hash cache keeps data
 // files: a manifest of 100,000 files is tens of megabytes, hashed on every
 // version probe otherwise. Any change of size, times or inode is a miss.
-std::mutex g_manifest_digest_mu;
-std::map<std::string, std::pair<StatKey, std::string>> g_manifest_digests;  // guarded by g_manifest_digest_mu
+Mutex g_manifest_digest_mu;
+std::map<std::string, std::pair<StatKey, std::string>> g_manifest_digests GUARDED_BY(g_manifest_digest_mu);
 constexpr std::size_t kMaxManifestDigests = 16;
 
 // The hash of manifest.json, or empty when it cannot be read.
@@ -37,7 +37,7 @@ std::optional<std::string> local_manifest_sha256(const std::string& data_dir) {
   const std::string path = manifest_json_path(data_dir);
   std::optional<StatKey> before = try_stat_key(path);
   if (before) {
-    std::lock_guard<std::mutex> lock(g_manifest_digest_mu);
+    MutexLock lock(g_manifest_digest_mu);
     auto it = g_manifest_digests.find(path);
     if (it != g_manifest_digests.end() && it->second.first == *before) return it->second.second;
   }
@@ -51,7 +51,7 @@ std::optional<std::string> local_manifest_sha256(const std::string& data_dir) {
   // Remembered only when the file did not change while it was read, and
   // only when its times are older than the reading (see coarse_now_ns).
   if (before && try_stat_key(path) == before && before->mtime_ns < hashed_at && before->ctime_ns < hashed_at) {
-    std::lock_guard<std::mutex> lock(g_manifest_digest_mu);
+    MutexLock lock(g_manifest_digest_mu);
     if (g_manifest_digests.size() >= kMaxManifestDigests && !g_manifest_digests.count(path)) {
       g_manifest_digests.erase(g_manifest_digests.begin());
     }

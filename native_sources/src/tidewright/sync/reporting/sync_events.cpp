@@ -8,7 +8,7 @@
 #include <array>
 #include <cmath>
 #include <map>
-#include <mutex>
+#include "tidewright/sync/common/mutex.hpp"
 
 namespace tidewright::sync {
 
@@ -21,7 +21,7 @@ class CoalesceCounts {
  public:
   // Counts one more event with `key`; true while the count was below the limit.
   bool admit(SyncEventCoalesceKey key) {
-    std::lock_guard<std::mutex> lock(mu_);
+    MutexLock lock(mu_);
     std::int64_t& seen = counts_[std::move(key)];
     bool emit = seen < SYNC_EVENT_COALESCE_LIMIT;
     // Saturate: a key seen billions of times must not wrap around.
@@ -30,13 +30,13 @@ class CoalesceCounts {
   }
 
   void clear() {
-    std::lock_guard<std::mutex> lock(mu_);
+    MutexLock lock(mu_);
     counts_.clear();
   }
 
  private:
-  std::mutex mu_;
-  std::map<SyncEventCoalesceKey, std::int64_t> counts_;  // guarded by mu_
+  Mutex mu_;
+  std::map<SyncEventCoalesceKey, std::int64_t> counts_ GUARDED_BY(mu_);
 };
 
 CoalesceCounts& coalesce_counts() {

@@ -1,5 +1,6 @@
 #include "tidewright/sync/transport/bearer_token.hpp"
 
+#include "tidewright/sync/common/mutex.hpp"
 #include "tidewright/sync/common/owned_thread.hpp"
 #include "tidewright/sync/reporting/errors.hpp"
 #include "tidewright/sync/transport/http_request.hpp"
@@ -8,11 +9,9 @@
 #include <pthread.h>
 
 #include <chrono>
-#include <condition_variable>
 #include <cstdio>
 #include <exception>
 #include <memory>
-#include <mutex>
 #include <optional>
 
 namespace tidewright::sync {
@@ -40,11 +39,11 @@ std::string code_point_text(unsigned code_point) {
 // the call and its thread (OwnedThread detaches itself when released on its
 // own thread).
 struct TokenCall {
-  std::mutex mu;
-  std::condition_variable cv;
-  bool done = false;            // guarded by mu
-  Host::TokenAnswer answer;     // guarded by mu
-  std::exception_ptr error;     // guarded by mu
+  Mutex mu;
+  CondVar cv;
+  bool done GUARDED_BY(mu) = false;
+  Host::TokenAnswer answer GUARDED_BY(mu);
+  std::exception_ptr error GUARDED_BY(mu);
   OwnedThread thread;           // assigned once, by the caller, before it waits
 };
 
@@ -63,7 +62,7 @@ void run_token_call(const std::shared_ptr<TokenCall>& call, const HostRef& provi
     error = std::current_exception();
   }
   {
-    std::lock_guard<std::mutex> lock(call->mu);
+    MutexLock lock(call->mu);
     call->answer = std::move(answer);
     call->error = std::move(error);
     call->done = true;
@@ -84,8 +83,9 @@ Host::TokenAnswer ask_on_helper_thread(const HostRef& provider) {
   }
   call->thread = OwnedThread(std::move(name), [call, provider, context] { run_token_call(call, provider, context); });
 
-  std::unique_lock<std::mutex> lock(call->mu);
-  while (!call->cv.wait_for(lock, STOP_CHECK_INTERVAL, [&] { return call->done; })) {
+  MutexLock lock(call->mu);
+  while (!call->done) {
+    if (call->cv.wait_for(call->mu, STOP_CHECK_INTERVAL)) continue;
     lock.unlock();
     const bool stop = sync_backoff_stop_requested();
     lock.lock();
