@@ -434,6 +434,21 @@ def test_an_old_library_refuses_the_era(svc, data_dir, monkeypatch, caplog, auto
     assert_era_files(svc, data_dir, m, 2)
 
 
+def test_an_interrupt_during_the_auto_update_ends_the_transition_as_an_interrupt(svc, data_dir, monkeypatch):
+    import tidewright.deployment
+
+    def interrupted():
+        raise KeyboardInterrupt
+
+    monkeypatch.setattr(tidewright.deployment, "auto_update", interrupted)
+    m = synced(svc, data_dir)
+    publish_next(svc)
+    svc.set_era_state(min_library_version="99.1")
+    with pytest.raises(KeyboardInterrupt):
+        m.trigger_era_transition(2)
+    assert m.get_manifest().era_number == 1 and leftovers(data_dir) == []
+
+
 @pytest.mark.parametrize("module, broken", [
     ("tidewright.search_tracking", None),           # cannot be imported
     ("tidewright.search_tracking", "SearchTracker"),  # imported, without what the transition uses

@@ -150,9 +150,10 @@ void check_library_version(const json::object& era_config, std::int64_t new_era_
       failure = warning ? text_of(*warning) : std::string("Could not auto-update to latest.");
     }
   } catch (const std::exception& e) {
-    // LibraryUpdateRequired passes through; any other failure of the update
-    // is the reason the library stays too old.
-    if (error_code(e) == ErrorCode::kUpdateRequired) throw;
+    // A fatal error passes through (LibraryUpdateRequired, a stop request
+    // or interrupt); any other failure of the update is the reason the
+    // library stays too old.
+    if (is_fatal(e)) throw;
     failure = e.what();
   }
   if (failure) {

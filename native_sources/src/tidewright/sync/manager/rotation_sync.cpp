@@ -293,10 +293,9 @@ bool RotationSync::needs_sync(const Manifest& manifest) {
     if (!state || !same_era(*state, manifest_era_number_or_none(&manifest))) return true;
     return rotation_is_due(*state, loaded->rotation_frequency, wall_clock_seconds());
   } catch (const Error& e) {
-    // The sync this asks for reports a broken settings file; only the
-    // host's interrupt ends the check.
-    const auto* raised = dynamic_cast<const HostError*>(&e);
-    if (raised && raised->is(HostError::kIsKeyboardInterrupt)) throw;
+    // The sync this asks for reports a broken settings file; only a fatal
+    // error (an interrupt or stop request) ends the check.
+    if (is_fatal(e)) throw;
     log_debug("Feature rotation check failed: %s", {json::value(e.what())});
     return true;
   }
