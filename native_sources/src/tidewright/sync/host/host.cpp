@@ -93,6 +93,52 @@ void Host::update_nudge(std::string_view event, const json::object& fields) {
   call_module_function("tidewright.agent_onboarding", "update_nudge", json::array{json::value(event)}, fields);
 }
 
+namespace {
+constexpr std::string_view kRotationSettingsModule = "tidewright._rotation_settings";
+}  // namespace
+
+json::value Host::rotation_full_download_marker() {
+  return call_module_function(ARTIFACT_ROTATION_MODULE, "FULL_DOWNLOAD", json::array{}, {});
+}
+
+json::value Host::load_rotation_settings(const std::string& data_dir, json::value catalog_context) {
+  json::object kwargs;
+  kwargs["catalog_context"] = std::move(catalog_context);
+  return call_module_function(kRotationSettingsModule, "load_rotation_settings", json::array{json::value(data_dir)},
+                              kwargs);
+}
+
+bool Host::rotation_settings_loader_is_default() {
+  return module_function_is_native_default(kRotationSettingsModule, "load_rotation_settings");
+}
+
+json::value Host::plan_rotation(json::array descriptors, json::object settings, const json::object& options) {
+  return call_module_function(ARTIFACT_ROTATION_MODULE, "plan_rotation",
+                              json::array{json::value(std::move(descriptors)), json::value(std::move(settings))},
+                              options);
+}
+
+json::value Host::artifact_descriptor(const std::string& path, const json::value& row,
+                                      const json::array& feature_kinds) {
+  json::object kwargs;
+  kwargs["feature_kinds"] = feature_kinds;
+  return call_module_function(ARTIFACT_ROTATION_MODULE, "artifact_descriptor_from_manifest_file",
+                              json::array{json::value(path), row}, kwargs);
+}
+
+json::value Host::rotation_state_payload(const json::value& state, const json::object& options) {
+  return call_module_function(ARTIFACT_ROTATION_MODULE, "rotation_state_payload", json::array{state}, options);
+}
+
+json::value Host::rotation_state_from_payload(const json::value& payload, const json::object& options) {
+  return call_module_function(ARTIFACT_ROTATION_MODULE, "rotation_state_from_payload", json::array{payload}, options);
+}
+
+HostRef Host::rotation_state_object_from_payload(const json::value& payload, const json::object& options) {
+  return call_module_function_ref(ARTIFACT_ROTATION_MODULE, "rotation_state_from_payload", json::array{payload},
+                                  options);
+}
+
 Host& host() {
   MutexLock lock(g_host_mu);
   // Installed when the module loads; code that runs without one (a test

@@ -20,6 +20,9 @@
 
 namespace tidewright::sync {
 
+// The sibling module that plans feature rotation and reads its state.
+inline constexpr std::string_view ARTIFACT_ROTATION_MODULE = "tidewright._artifact_rotation";
+
 enum class LogLevel : int { kDebug = 10, kInfo = 20, kWarning = 30, kError = 40 };
 
 // An opaque reference to a host object (a callable, a context, an instance).
@@ -144,6 +147,25 @@ class Host {
                                     const std::string& sha256);
   // tidewright.agent_onboarding.update_nudge(event, **fields)
   void update_nudge(std::string_view event, const json::object& fields);
+
+  // --- feature rotation (the artifact rotation module, tidewright._rotation_settings) ---
+  // The FULL_DOWNLOAD marker: rotation settings that ask for every file.
+  json::value rotation_full_download_marker();
+  // load_rotation_settings(data_dir, catalog_context=): the user's settings
+  // for the directory, or the FULL_DOWNLOAD marker.
+  json::value load_rotation_settings(const std::string& data_dir, json::value catalog_context);
+  // Whether load_rotation_settings is still the package's own loader.
+  bool rotation_settings_loader_is_default();
+  // plan_rotation(descriptors, settings, **options): the selection.
+  json::value plan_rotation(json::array descriptors, json::object settings, const json::object& options);
+  // artifact_descriptor_from_manifest_file(path, row, feature_kinds=)
+  json::value artifact_descriptor(const std::string& path, const json::value& row, const json::array& feature_kinds);
+  // rotation_state_payload(state, **options): the state as stored.
+  json::value rotation_state_payload(const json::value& state, const json::object& options);
+  // rotation_state_from_payload(payload, **options): the state read back,
+  // as plain data or (the _ref form) as the module's own object.
+  json::value rotation_state_from_payload(const json::value& payload, const json::object& options);
+  HostRef rotation_state_object_from_payload(const json::value& payload, const json::object& options);
 
   // --- backoff (tidewright.sync_backoff) ---
   virtual double backoff_delay_seconds(std::int64_t attempt_index) = 0;

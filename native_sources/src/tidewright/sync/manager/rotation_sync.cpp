@@ -24,7 +24,7 @@ struct LoadedRotationSettings {
 };
 
 std::string full_download_marker() {
-  return python_str(host().call_module_function(ARTIFACT_ROTATION_MODULE, "FULL_DOWNLOAD", {}));
+  return python_str(host().rotation_full_download_marker());
 }
 
 json::value field_or_null(const json::object& object, std::string_view key) {
@@ -36,7 +36,7 @@ json::value field_or_null(const json::object& object, std::string_view key) {
 // a settings file has rotation off, and nothing needs the era's catalogue
 // (building it walks every manifest file, the bulk of a no-op sync).
 bool rotation_known_off(const std::string& data_dir) {
-  if (!host().module_function_is_native_default(ROTATION_SETTINGS_MODULE, "load_rotation_settings")) return false;
+  if (!host().rotation_settings_loader_is_default()) return false;
   struct stat st {};
   return ::stat(path_join(data_dir, ROTATION_SETTINGS_FILENAME).c_str(), &st) != 0 && errno == ENOENT;
 }
@@ -48,11 +48,8 @@ std::optional<LoadedRotationSettings> load_rotation_settings(const std::string& 
                                                              const json::object& manifest_data,
                                                              const ManifestSiblings& siblings,
                                                              std::int64_t free_disk_bytes) {
-  json::object kwargs;
-  kwargs["catalog_context"] =
-      rotation_catalog_context(manifest_data, rotation_artifact_rows_for_sync(manifest_data, siblings));
-  json::value loaded =
-      host().call_module_function(ROTATION_SETTINGS_MODULE, "load_rotation_settings", {json::value(data_dir)}, kwargs);
+  json::value loaded = host().load_rotation_settings(
+      data_dir, rotation_catalog_context(manifest_data, rotation_artifact_rows_for_sync(manifest_data, siblings)));
   std::string marker = full_download_marker();
   if (loaded.is_string() && loaded.get_string() == marker) return std::nullopt;
   if (!loaded.is_object()) {
@@ -193,10 +190,7 @@ RotationPlan RotationSync::plan(const Manifest& manifest, std::int64_t free_disk
   kwargs["force_new_candidate"] = due;
   kwargs["keep_relative_paths"] = std::move(keep);
   kwargs["era_number"] = era ? json::value(*era) : json::value(nullptr);
-  json::value selection = host().call_module_function(
-      ARTIFACT_ROTATION_MODULE, "plan_rotation",
-      json::array{json::value(rotation_descriptors(rows, siblings)), loaded->settings},
-      kwargs);
+  json::value selection = host().plan_rotation(rotation_descriptors(rows, siblings), loaded->settings, kwargs);
   if (!selection.is_object()) throw SyncError("Feature rotation planner returned no selection");
 
   plan.rotating = true;

@@ -37,10 +37,7 @@ json::array feature_kinds_list(const ManifestSiblings& siblings) {
 }
 
 json::value descriptor_for(const std::string& path, const json::value& row, const json::array& feature_kinds) {
-  json::object kwargs;
-  kwargs["feature_kinds"] = feature_kinds;
-  return host().call_module_function(ARTIFACT_ROTATION_MODULE, "artifact_descriptor_from_manifest_file",
-                                     json::array{json::value(path), row}, kwargs);
+  return host().artifact_descriptor(path, row, feature_kinds);
 }
 
 json::array sorted_list(const std::set<std::string>& items) {

@@ -23,8 +23,6 @@
 
 namespace tidewright::sync {
 
-inline constexpr std::string_view ARTIFACT_ROTATION_MODULE = "tidewright._artifact_rotation";
-inline constexpr std::string_view ROTATION_SETTINGS_MODULE = "tidewright._rotation_settings";
 inline constexpr std::string_view ROTATION_SETTINGS_FILENAME = "rotation-settings.json";
 
 // The universe segment of "features/<universe>/..." (backslashes read as

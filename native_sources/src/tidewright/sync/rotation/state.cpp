@@ -31,8 +31,7 @@ auto rotation_call(F&& call) -> decltype(call()) {
 
 json::value state_payload(const json::value& state) {
   json::value payload = rotation_call([&] {
-    return host().call_module_function(ARTIFACT_ROTATION_MODULE, "rotation_state_payload", json::array{state},
-                                       schema_kwargs());
+    return host().rotation_state_payload(state, schema_kwargs());
   });
   if (!payload.is_object()) throw FeatureRotationStateError("rotation_state_payload did not return a JSON object");
   return payload;
@@ -73,8 +72,7 @@ std::optional<json::object> load_feature_rotation_state(const std::string& data_
   json::object kwargs = schema_kwargs();
   kwargs["source"] = path;
   json::value state = rotation_call([&] {
-    return host().call_module_function(ARTIFACT_ROTATION_MODULE, "rotation_state_from_payload",
-                                       json::array{payload}, kwargs);
+    return host().rotation_state_from_payload(payload, kwargs);
   });
   if (!state.is_object()) {
     throw FeatureRotationStateError("invalid feature rotation state at " + path +
@@ -96,8 +94,7 @@ HostRef feature_rotation_state_object(const std::optional<json::object>& state) 
   json::object kwargs = schema_kwargs();
   kwargs["source"] = nullptr;
   return rotation_call([&] {
-    return host().call_module_function_ref(ARTIFACT_ROTATION_MODULE, "rotation_state_from_payload",
-                                           json::array{payload}, kwargs);
+    return host().rotation_state_object_from_payload(payload, kwargs);
   });
 }
 
