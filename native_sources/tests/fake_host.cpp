@@ -1,6 +1,5 @@
 #include "fake_host.hpp"
 
-#include "tidewright/sync/artifacts/functions_vocabulary.hpp"
 #include "tidewright/sync/reporting/errors.hpp"
 
 #include <chrono>
@@ -107,23 +106,9 @@ void FakeHost::set_manifest_siblings(ManifestSiblings siblings) {
   siblings_ = std::move(siblings);
 }
 
-json::value FakeHost::merge_functions_vocabulary(const json::value& functions, json::value vocabulary,
-                                                 const std::string& named_universe,
-                                                 std::int64_t expected_era_number) {
-  constexpr std::string_view kModule = "tidewright._functions_vocabulary";
-  constexpr std::string_view kFunction = "merge_functions_vocabulary";
-  {
-    MutexLock lock(mu_);
-    if (!functions_.contains(module_key(kModule, kFunction))) {
-      return sync::merge_functions_vocabulary(functions, std::move(vocabulary), named_universe, expected_era_number);
-    }
-  }
-  json::object kwargs;
-  kwargs["functions"] = functions;
-  kwargs["vocabulary"] = std::move(vocabulary);
-  kwargs["named_universe"] = named_universe;
-  kwargs["expected_era_number"] = expected_era_number;
-  return call_module_function(kModule, kFunction, {}, kwargs);
+bool FakeHost::module_function_is_native_default(std::string_view module, std::string_view function) {
+  MutexLock lock(mu_);
+  return !functions_.contains(module_key(module, function));
 }
 
 json::value FakeHost::call_module_function(std::string_view module, std::string_view function,

@@ -30,14 +30,11 @@ class FakeHost : public Host {
   json::value call(const HostRef& fn, const json::array& args) override;
   std::string validate_bearer_transport_url(const std::string& url) override;
   ManifestSiblings manifest_siblings() override;
-  // The native merge, unless a test installed a module function for it.
-  json::value merge_functions_vocabulary(const json::value& functions, json::value vocabulary,
-                                         const std::string& named_universe,
-                                         std::int64_t expected_era_number) override;
   json::value call_module_function(std::string_view module, std::string_view function,
                                    const json::array& args, const json::object& kwargs) override;
   // Registered functions are the test's own; nothing counts as a default.
-  bool module_function_is_native_default(std::string_view, std::string_view) override { return false; }
+  // True unless a test installed a module function of that name.
+  bool module_function_is_native_default(std::string_view module, std::string_view function) override;
   HostRef call_module_function_ref(std::string_view module, std::string_view function,
                                    const json::array& args, const json::object& kwargs) override;
   json::value call_method(const HostRef& object, std::string_view method, const json::array& args,

@@ -1,6 +1,7 @@
 #include "tidewright/sync/artifacts/vocabulary.hpp"
 
 #include "tidewright/sync/artifacts/functions_file.hpp"
+#include "tidewright/sync/artifacts/functions_vocabulary.hpp"
 #include "tidewright/sync/common/fs.hpp"
 #include "tidewright/sync/common/url.hpp"
 #include "tidewright/sync/manifest/paths.hpp"
@@ -211,7 +212,11 @@ json::object validate_manifest_vocabulary_files(const std::string& data_dir, con
     std::string local = manifest_local_path(data_dir, path);
     // The validated vocabulary is handed over: the merge moves its entries.
     json::value vocabulary(validate_vocabulary_file(local, era, universe, siblings));
-    out[universe] = host().merge_functions_vocabulary(functions, std::move(vocabulary), universe, era);
+    // While the package's own merge is installed it runs natively, and the
+    // vocabulary is taken over, never handed to the host.
+    out[universe] = host().functions_vocabulary_merge_is_default()
+                        ? merge_functions_vocabulary(functions, std::move(vocabulary), universe, era)
+                        : host().merge_functions_vocabulary(functions, std::move(vocabulary), universe, era);
   }
   return out;
 }

@@ -2,7 +2,6 @@
 
 #include <cerrno>
 
-#include "tidewright/sync/artifacts/functions_vocabulary.hpp"
 #include "tidewright/sync/bindings/convert.hpp"
 #include "tidewright/sync/common/owned_thread.hpp"
 #include "tidewright/sync/reporting/errors.hpp"
@@ -340,22 +339,6 @@ ManifestSiblings PythonHost::manifest_siblings() {
     return 0;
   });
   return s;
-}
-
-json::value PythonHost::merge_functions_vocabulary(const json::value& functions, json::value vocabulary,
-                                                   const std::string& named_universe,
-                                                   std::int64_t expected_era_number) {
-  constexpr std::string_view kModule = "tidewright._functions_vocabulary";
-  constexpr std::string_view kFunction = "merge_functions_vocabulary";
-  if (module_function_is_native_default(kModule, kFunction)) {
-    return sync::merge_functions_vocabulary(functions, std::move(vocabulary), named_universe, expected_era_number);
-  }
-  json::object kwargs;
-  kwargs["functions"] = functions;
-  kwargs["vocabulary"] = std::move(vocabulary);
-  kwargs["named_universe"] = named_universe;
-  kwargs["expected_era_number"] = expected_era_number;
-  return call_module_function(kModule, kFunction, {}, kwargs);
 }
 
 json::value PythonHost::call_module_function(std::string_view module, std::string_view function,

@@ -23,9 +23,6 @@ class PythonHost : public Host {
   json::value call(const HostRef& fn, const json::array& args) override;
   std::string validate_bearer_transport_url(const std::string& url) override;
   ManifestSiblings manifest_siblings() override;
-  json::value merge_functions_vocabulary(const json::value& functions, json::value vocabulary,
-                                         const std::string& named_universe,
-                                         std::int64_t expected_era_number) override;
   json::value call_module_function(std::string_view module, std::string_view function,
                                    const json::array& args, const json::object& kwargs) override;
   bool module_function_is_native_default(std::string_view module, std::string_view function) override;

@@ -94,8 +94,23 @@ void Host::update_nudge(std::string_view event, const json::object& fields) {
 }
 
 namespace {
+constexpr std::string_view kFunctionsVocabularyModule = "tidewright._functions_vocabulary";
 constexpr std::string_view kRotationSettingsModule = "tidewright._rotation_settings";
 }  // namespace
+
+json::value Host::merge_functions_vocabulary(const json::value& functions, json::value vocabulary,
+                                             const std::string& named_universe, std::int64_t expected_era_number) {
+  json::object kwargs;
+  kwargs["functions"] = functions;
+  kwargs["vocabulary"] = std::move(vocabulary);
+  kwargs["named_universe"] = named_universe;
+  kwargs["expected_era_number"] = expected_era_number;
+  return call_module_function(kFunctionsVocabularyModule, "merge_functions_vocabulary", json::array{}, kwargs);
+}
+
+bool Host::functions_vocabulary_merge_is_default() {
+  return module_function_is_native_default(kFunctionsVocabularyModule, "merge_functions_vocabulary");
+}
 
 json::value Host::rotation_full_download_marker() {
   return call_module_function(ARTIFACT_ROTATION_MODULE, "FULL_DOWNLOAD", json::array{}, {});

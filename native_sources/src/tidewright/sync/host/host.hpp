@@ -93,14 +93,6 @@ class Host {
   // tidewright._transport_security.validate_bearer_transport_url(url)
   virtual std::string validate_bearer_transport_url(const std::string& url) = 0;
   virtual ManifestSiblings manifest_siblings() = 0;
-  // tidewright._functions_vocabulary.merge_functions_vocabulary(functions=,
-  // vocabulary=, named_universe=, expected_era_number=): the vocabulary with
-  // the functions file merged in. While the package's own default is
-  // installed the merge is native and the vocabulary is taken over, never
-  // handed to the host.
-  virtual json::value merge_functions_vocabulary(const json::value& functions, json::value vocabulary,
-                                                 const std::string& named_universe,
-                                                 std::int64_t expected_era_number) = 0;
   // A module-level function or attribute of a sibling module called with
   // plain data; returns plain data. Raises HostError for errors in the call.
   virtual json::value call_module_function(std::string_view module, std::string_view function,
@@ -147,6 +139,13 @@ class Host {
                                     const std::string& sha256);
   // tidewright.agent_onboarding.update_nudge(event, **fields)
   void update_nudge(std::string_view event, const json::object& fields);
+  // tidewright._functions_vocabulary.merge_functions_vocabulary(functions=,
+  // vocabulary=, named_universe=, expected_era_number=): the vocabulary with
+  // the functions file merged in, by the host's replacement of the merge.
+  json::value merge_functions_vocabulary(const json::value& functions, json::value vocabulary,
+                                         const std::string& named_universe, std::int64_t expected_era_number);
+  // Whether that merge is still the package's own (the engine merges natively).
+  bool functions_vocabulary_merge_is_default();
 
   // --- feature rotation (the artifact rotation module, tidewright._rotation_settings) ---
   // The FULL_DOWNLOAD marker: rotation settings that ask for every file.
