@@ -68,7 +68,7 @@ std::string FakeHost::type_repr(const HostRef& object) {
   return object ? "<class 'function'>" : "<class 'NoneType'>";
 }
 
-Host::TokenAnswer FakeHost::call_for_token(const HostRef& fn) {
+Host::TokenAnswer FakeHost::call_for_token(const HostRef& fn, const HostRef&) {
   json::value v = call(fn, {});
   if (v.is_string()) return {std::string(v.get_string()), ""};
   return {std::nullopt, std::string("returned ") + (v.is_null() ? "None" : v.is_bool() ? "bool" : v.is_number() ? "a number" : "a container")};

@@ -26,7 +26,7 @@ class FakeHost : public Host {
            const json::object* event, bool with_traceback) override;
   bool is_callable(const HostRef& fn) override;
   std::string type_repr(const HostRef& object) override;
-  TokenAnswer call_for_token(const HostRef& fn) override;
+  TokenAnswer call_for_token(const HostRef& fn, const HostRef& context = nullptr) override;
   json::value call(const HostRef& fn, const json::array& args) override;
   std::string validate_bearer_transport_url(const std::string& url) override;
   ManifestSiblings manifest_siblings() override;

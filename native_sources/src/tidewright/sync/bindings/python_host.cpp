@@ -252,8 +252,58 @@ std::string PythonHost::type_repr(const HostRef& object) {
   return with_gil([&] { return to_text(nb::repr(ref_object(object).type())); });
 }
 
-Host::TokenAnswer PythonHost::call_for_token(const HostRef& fn) {
+namespace {
+
+// A backoff context entered for the scope of one call, with the GIL held
+// throughout; not entering it (the backoff module broken) leaves the call
+// without it.
+class BackoffContextScope {
+ public:
+  explicit BackoffContextScope(nb::handle fields) {
+    try {
+      nb::object mod = loaded_module("tidewright.sync_backoff");
+      if (!mod.is_valid()) mod = import_module("tidewright.sync_backoff");
+      nb::dict layered;
+      for (nb::handle key : fields) layered[key] = fields[key];
+      nb::object context = mod.attr("backoff_context")(**layered);
+      context.attr("__enter__")();
+      context_ = std::move(context);
+    } catch (nb::python_error& e) {
+      std::string what = e.what();
+      e.restore();
+      PyErr_Clear();
+      log_debug("Backoff context not entered: %s", {json::value(what)});
+    }
+  }
+  ~BackoffContextScope() {
+    if (!context_.is_valid()) return;
+    // Left like a with-statement whose body returned: the call's own error
+    // is already held by the caller's exception, not by the interpreter.
+    PyObject* type = nullptr;
+    PyObject* value = nullptr;
+    PyObject* traceback = nullptr;
+    PyErr_Fetch(&type, &value, &traceback);
+    try {
+      context_.attr("__exit__")(nb::none(), nb::none(), nb::none());
+    } catch (nb::python_error& e) {
+      e.restore();
+      PyErr_Clear();
+    }
+    PyErr_Restore(type, value, traceback);
+  }
+  BackoffContextScope(const BackoffContextScope&) = delete;
+  BackoffContextScope& operator=(const BackoffContextScope&) = delete;
+
+ private:
+  nb::object context_;
+};
+
+}  // namespace
+
+Host::TokenAnswer PythonHost::call_for_token(const HostRef& fn, const HostRef& context) {
   return with_gil([&]() -> TokenAnswer {
+    std::optional<BackoffContextScope> scope;
+    if (context) scope.emplace(ref_object(context));
     nb::object result = ref_object(fn)();
     // Only a str is a token: str() of None, a number or bytes would be sent
     // as "Bearer None", "Bearer 42" or "Bearer b'...'".

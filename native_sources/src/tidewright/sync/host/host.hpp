@@ -84,7 +84,9 @@ class Host {
     std::optional<std::string> text;
     std::string problem;
   };
-  virtual TokenAnswer call_for_token(const HostRef& fn) = 0;
+  // With `context` (a backoff context taken on another thread), the call
+  // runs inside that context, entered and left in the same host call.
+  virtual TokenAnswer call_for_token(const HostRef& fn, const HostRef& context = nullptr) = 0;
   // fn(*args) with plain-data arguments; the result as plain data (null when
   // it is not representable).
   virtual json::value call(const HostRef& fn, const json::array& args) = 0;

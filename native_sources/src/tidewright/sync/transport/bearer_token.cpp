@@ -7,12 +7,14 @@
 
 #include <cxxabi.h>
 #include <pthread.h>
+#include <unistd.h>
 
 #include <chrono>
 #include <cstdio>
 #include <exception>
 #include <memory>
 #include <optional>
+#include <utility>
 
 namespace tidewright::sync {
 
@@ -33,66 +35,132 @@ std::string code_point_text(unsigned code_point) {
   return text;
 }
 
-// One call of the token provider on its own thread. The helper holds a
-// reference to the call until the provider returns, so a caller that stops
-// waiting can drop its own: the last reference, on whichever thread, ends
-// the call and its thread (OwnedThread detaches itself when released on its
-// own thread).
-struct TokenCall {
+// The token provider's helper for one engine thread, kept between requests
+// (a thread started per request cost more than asking the provider). The
+// helper holds a reference to this state while it runs, so a caller that
+// gives up on a provider that does not return can let go of it: the helper
+// ends when the provider returns, and the caller's next request starts a new
+// one. (OwnedThread detaches itself when released on its own thread.)
+struct TokenHelper {
   Mutex mu;
   CondVar cv;
-  bool done GUARDED_BY(mu) = false;
+  HostRef provider GUARDED_BY(mu);  // the request posted, until the helper takes it
+  HostRef context GUARDED_BY(mu);
+  bool posted GUARDED_BY(mu) = false;
+  bool busy GUARDED_BY(mu) = false;  // posted and not answered yet
+  bool quit GUARDED_BY(mu) = false;  // the owner let go: end when idle
   Host::TokenAnswer answer GUARDED_BY(mu);
   std::exception_ptr error GUARDED_BY(mu);
-  OwnedThread thread;           // assigned once, by the caller, before it waits
+  OwnedThread thread;  // assigned once, by the owner, right after creation
 };
 
-void run_token_call(const std::shared_ptr<TokenCall>& call, const HostRef& provider, const HostRef& context) {
-  Host::TokenAnswer answer;
-  std::exception_ptr error;
-  try {
-    // The provider sees the asking thread's backoff context (its surface,
-    // its stop test), as it would if it were called there.
-    std::optional<ScopedBackoffContext> scope;
-    if (context) scope.emplace(context, json::object{});
-    answer = host().call_for_token(provider);
-  } catch (abi::__forced_unwind&) {
-    throw;  // the thread is being ended (the interpreter is finalising)
-  } catch (...) {
-    error = std::current_exception();
+void serve_token_requests(const std::shared_ptr<TokenHelper>& helper) {
+  while (true) {
+    HostRef provider, context;
+    {
+      MutexLock lock(helper->mu);
+      while (!helper->posted && !helper->quit) helper->cv.wait(helper->mu);
+      if (!helper->posted) return;
+      provider = std::move(helper->provider);
+      context = std::move(helper->context);
+      helper->posted = false;
+    }
+    Host::TokenAnswer answer;
+    std::exception_ptr error;
+    try {
+      // The provider sees the asking thread's backoff context (its surface,
+      // its stop test), as it would if it were called there.
+      answer = host().call_for_token(provider, context);
+    } catch (abi::__forced_unwind&) {
+      throw;  // the thread is being ended (the interpreter is finalising)
+    } catch (...) {
+      error = std::current_exception();
+    }
+    provider = nullptr;  // the host's objects are let go here, not by the caller
+    context = nullptr;
+    {
+      MutexLock lock(helper->mu);
+      helper->answer = std::move(answer);
+      helper->error = std::move(error);
+      helper->busy = false;
+      if (helper->quit) return;
+    }
+    helper->cv.notify_all();
   }
-  {
-    MutexLock lock(call->mu);
-    call->answer = std::move(answer);
-    call->error = std::move(error);
-    call->done = true;
-  }
-  call->cv.notify_all();
 }
 
-Host::TokenAnswer ask_on_helper_thread(const HostRef& provider) {
-  auto call = std::make_shared<TokenCall>();
-  HostRef context = host().current_backoff_context();
+// The calling thread's helper, started on its first request.
+class TokenHelperSlot {
+ public:
+  TokenHelperSlot() = default;
+  TokenHelperSlot(const TokenHelperSlot&) = delete;
+  TokenHelperSlot& operator=(const TokenHelperSlot&) = delete;
+  ~TokenHelperSlot() { let_go(); }
+
+  // An idle helper: the one kept, or a new one when the kept one still runs
+  // a request its caller gave up on.
+  TokenHelper& idle_helper() {
+    if (helper_ && owner_pid_ != ::getpid()) {
+      // A forked child has no helper thread behind the kept state, and
+      // cannot join or release it: it is forgotten on purpose.
+      (void)std::make_unique<std::shared_ptr<TokenHelper>>(std::move(helper_)).release();
+    }
+    if (helper_) {
+      MutexLock lock(helper_->mu);
+      if (!helper_->busy) return *helper_;
+    }
+    let_go();
+    helper_ = std::make_shared<TokenHelper>();
+    owner_pid_ = ::getpid();
+    helper_->thread = OwnedThread(name_for_helper(), [helper = helper_] { serve_token_requests(helper); });
+    return *helper_;
+  }
+
+ private:
   // Named after the asking thread, so that the provider sees the name of the
   // engine thread it was asked from (debuggers, logs, py-spy).
-  ThreadName name;
-  if (!current_thread_name().empty()) {
+  static ThreadName name_for_helper() {
+    if (current_thread_name().empty()) return {};
     char kernel_name[32] = {0};
     pthread_getname_np(pthread_self(), kernel_name, sizeof kernel_name);
-    name = ThreadName{current_thread_name(), kernel_name};
+    return ThreadName{current_thread_name(), kernel_name};
   }
-  call->thread = OwnedThread(std::move(name), [call, provider, context] { run_token_call(call, provider, context); });
 
-  MutexLock lock(call->mu);
-  while (!call->done) {
-    if (call->cv.wait_for(call->mu, STOP_CHECK_INTERVAL)) continue;
+  void let_go() {
+    if (!helper_ || owner_pid_ != ::getpid()) return;
+    {
+      MutexLock lock(helper_->mu);
+      helper_->quit = true;
+    }
+    helper_->cv.notify_all();
+    helper_.reset();
+  }
+
+  std::shared_ptr<TokenHelper> helper_;
+  pid_t owner_pid_ = 0;
+};
+
+thread_local TokenHelperSlot t_token_helper;
+
+Host::TokenAnswer ask_on_helper_thread(const HostRef& provider) {
+  HostRef context = host().current_backoff_context();
+  TokenHelper& helper = t_token_helper.idle_helper();
+  MutexLock lock(helper.mu);
+  helper.provider = provider;
+  helper.context = std::move(context);
+  helper.posted = true;
+  helper.busy = true;
+  helper.cv.notify_all();
+  while (helper.busy) {
+    if (helper.cv.wait_for(helper.mu, STOP_CHECK_INTERVAL)) continue;
     lock.unlock();
     const bool stop = sync_backoff_stop_requested();
     lock.lock();
-    if (stop && !call->done) throw SyncBackoffCancelled("bearer token request cancelled: stop requested");
+    // The helper is left to finish; the next request starts another.
+    if (stop && helper.busy) throw SyncBackoffCancelled("bearer token request cancelled: stop requested");
   }
-  if (call->error) std::rethrow_exception(call->error);
-  return std::move(call->answer);
+  if (helper.error) std::rethrow_exception(std::exchange(helper.error, nullptr));
+  return std::move(helper.answer);
 }
 
 }  // namespace
