@@ -3,27 +3,26 @@
 import hashlib
 import http.client
 import json
-import socket
-import ssl
 import threading
 import time
 import urllib.error
 import urllib.request
 
 import pytest
+from sync_helpers import wait_for
 
 
 FEATURE = "features/top50/signal_is/px000__ret__lag0__v1.arrow"
 ERROR_KEYS = {"error_code", "dependency", "retryable", "recovery", "reason"}
 
 
-def get(svc, path, headers=None, *, auth=True, context=None, timeout=10):
+def get(svc, path, headers=None, *, auth=True, timeout=10):
     """(status, headers, body) of a GET; HTTP errors are returned, not raised."""
     all_headers = dict(svc.auth_headers if auth else {})
     all_headers.update(headers or {})
     request = urllib.request.Request(svc.url + path, headers=all_headers)
     try:
-        with urllib.request.urlopen(request, timeout=timeout, context=context) as resp:
+        with urllib.request.urlopen(request, timeout=timeout) as resp:
             return resp.status, resp.headers, resp.read()
     except urllib.error.HTTPError as exc:
         with exc:
@@ -66,14 +65,10 @@ def test_shuffle_seed_and_era_current(dataservice_factory):
         (None, 200, None, slice(0, 2048)),
         ("bytes=0-9", 206, "bytes 0-9/2048", slice(0, 10)),
         ("bytes=100-", 206, "bytes 100-2047/2048", slice(100, 2048)),
-        ("bytes=-5", 206, "bytes 2043-2047/2048", slice(2043, 2048)),
         ("bytes=2040-999999", 206, "bytes 2040-2047/2048", slice(2040, 2048)),
-        ("bytes=9-3", 200, None, slice(0, 2048)),       # invalid: ignored
-        ("bytes=0-1,5-6", 200, None, slice(0, 2048)),   # multi-range: whole file
         ("bytes=2048-", 416, "bytes */2048", None),
-        ("bytes=5000-6000", 416, "bytes */2048", None),
-        ("bytes=-0", 416, "bytes */2048", None),
     ],
+    ids=["whole", "closed", "open", "past-the-end", "unsatisfiable"],
 )
 def test_ranges(dataservice, range_header, status, content_range, piece):
     full = dataservice.file_bytes(None, FEATURE)
@@ -84,16 +79,6 @@ def test_ranges(dataservice, range_header, status, content_range, piece):
         assert set(json.loads(body)) == ERROR_KEYS
     else:
         assert body == full[piece] and int(headers["Content-Length"]) == len(body)
-
-
-def test_ranges_across_generation_blocks_of_a_large_file(dataservice_factory):
-    svc = dataservice_factory(large_file_bytes=3 * 65536 + 123)
-    path = next(p for p in svc.manifest()["files"] if "large__" in p)
-    full = svc.file_bytes(None, path)
-    assert hashlib.sha256(full).hexdigest() == svc.manifest()["files"][path]["sha256"]
-    for start, end in [(65530, 65545), (1, 3 * 65536 + 122), (131072, 131072)]:
-        status, _, body = get(svc, "/data/files/" + path, {"Range": f"bytes={start}-{end}"})
-        assert status == 206 and body == full[start:end + 1]
 
 
 def test_bearer_auth(dataservice_factory):
@@ -142,18 +127,12 @@ def test_status_sequences_and_error_bodies(dataservice):
     assert get(dataservice, "/data/shuffle")[2] == b"x" * 59
 
 
-def test_broken_bodies(dataservice):
-    full = dataservice.file_bytes(None, FEATURE)
+# Only the faults whose effect a sync test cannot see for itself: a truncated,
+# corrupted, range-ignoring or empty answer shows in the ranges the engine asks
+# for next (test_sync_faults.py); a reset, an answer that is not HTTP or a
+# dropped header may not.
+def test_resets_non_http_answers_and_header_changes(dataservice):
     path = "/data/files/" + FEATURE
-
-    dataservice.add_fault(path, "truncate", after_bytes=100)
-    conn, resp = raw_get(dataservice, path)
-    assert resp.getheader("Content-Length") == "2048"
-    with pytest.raises(http.client.IncompleteRead) as info:
-        resp.read()
-    assert info.value.partial == full[:100]
-    conn.close()
-
     dataservice.add_fault(path, "reset", after_bytes=100)
     conn, resp = raw_get(dataservice, path)
     time.sleep(0.2)  # let the RST arrive before the body is read
@@ -165,29 +144,10 @@ def test_broken_bodies(dataservice):
     with pytest.raises(http.client.BadStatusLine):
         raw_get(dataservice, path)
 
-    dataservice.add_fault(path, "corrupt", offset=1000)
-    body = get(dataservice, path)[2]
-    assert len(body) == len(full) and [i for i in range(len(full)) if body[i] != full[i]] == [1000]
-
-    dataservice.add_fault(path, "ignore_range")
+    dataservice.add_fault(path, "headers", drop_headers=["Content-Range"], set_headers={"X-Era-Number": "7"})
     status, headers, body = get(dataservice, path, {"Range": "bytes=10-19"})
-    assert (status, headers.get("Content-Range"), body) == (200, None, full)
-
-    dataservice.add_fault(path, "empty_206")
-    status, headers, body = get(dataservice, path, {"Range": "bytes=10-19"})
-    assert (status, headers["Content-Range"], body) == (206, "bytes 10-19/2048", b"")
-
-    dataservice.add_fault(path, "bad_content_range")
-    status, headers, body = get(dataservice, path, {"Range": "bytes=10-19"})
-    assert status == 206 and headers["Content-Range"] != "bytes 10-19/2048" and body == full[10:20]
-
-    dataservice.add_fault("/data/shuffle", "headers", drop_headers=["X-Era-Number"],
-                          set_headers={"X-Tidewright-Shuffle-Key-Generation": "legacy-era-only-v1"})
-    _, headers, _ = get(dataservice, "/data/shuffle")
-    assert "X-Era-Number" not in headers
-    assert headers["X-Tidewright-Shuffle-Key-Generation"] == "legacy-era-only-v1"
-
-    assert get(dataservice, path)[2] == full  # every fault was used once
+    assert (status, headers.get("Content-Range"), headers["X-Era-Number"]) == (206, None, "7")
+    assert body == dataservice.file_bytes(None, FEATURE)[10:20]
 
 
 def test_a_stall_with_seconds_ends_by_closing_the_connection(dataservice):
@@ -219,9 +179,7 @@ def test_restart_breaks_open_answers_and_serves_again_on_the_same_port(dataservi
 
     thread = threading.Thread(target=client)
     thread.start()
-    deadline = time.monotonic() + 10
-    while not any(r.bytes_sent == 10 for r in svc.requests_for(path)) and time.monotonic() < deadline:
-        time.sleep(0.01)
+    assert wait_for(lambda: any(r.bytes_sent == 10 for r in svc.requests_for(path)))
     svc.restart()
     thread.join(10)
     assert not thread.is_alive() and outcomes == ["IncompleteRead"]
@@ -230,14 +188,6 @@ def test_restart_breaks_open_answers_and_serves_again_on_the_same_port(dataservi
     # Faults and the request log outlive the restart.
     assert [get(svc, "/data/manifest")[0] for _ in range(2)] == [200, 503]
     assert len(svc.requests_for(path)) == 2
-
-    svc.stop()
-    with pytest.raises(ConnectionRefusedError):
-        socket.create_connection(("127.0.0.1", int(url.rsplit(":", 1)[1])), timeout=5)
-    svc.start()
-    assert svc.url == url and get(svc, "/data/manifest/version")[0] == 200
-    with pytest.raises(RuntimeError):
-        svc.start()
 
 
 def test_new_versions_and_eras(dataservice):
@@ -252,42 +202,17 @@ def test_new_versions_and_eras(dataservice):
     assert hashlib.sha256(get(dataservice, "/data/files/" + FEATURE)[2]).hexdigest() == after["files"][FEATURE][
         "sha256"]
 
-    dataservice.set_version(touch=[after["signals_index"]])
-    assert dataservice.manifest()["signals_index"] != after["signals_index"]
-
     gone = "found_signals/pool_a/sig0099/signal_is/pnl.arrow"
-    dataservice.set_version(entry_overrides={gone: {"size_bytes": 3, "sha256": "0" * 64, "kind": "found_signal_is_pnl"},
-                                             FEATURE: {"platform": "linux_x86_64", "epoch": None}})
-    listed = dataservice.manifest()["files"]
-    assert listed[gone]["kind"] == "found_signal_is_pnl" and get(dataservice, "/data/files/" + gone)[0] == 404
-    assert listed[FEATURE]["platform"] == "linux_x86_64" and "epoch" not in listed[FEATURE]
+    dataservice.set_version(entry_overrides={gone: {"size_bytes": 3, "sha256": "0" * 64, "kind": "found_signal_is_pnl"}})
+    assert get(dataservice, "/data/files/" + gone)[0] == 404  # listed, not stored
 
     # A new era published in the middle of a download: the third file request already sees era 2.
     dataservice.on_request("/data/files/*", dataservice.publish_era, after=3)
     eras = [get(dataservice, "/data/files/" + FEATURE)[1]["X-Era-Number"] for _ in range(4)]
     assert eras == ["1", "1", "2", "2"]
     assert dataservice.current_era == 2 and dataservice.manifest()["era_number"] == 2
-    status, _, body = get(dataservice, "/market/1/era/current")
-    assert json.loads(body)["era_number"] == 2
-    vocabulary = json.loads(get(dataservice, "/data/files/named_universes/top50/vocabulary.json")[2])
-    assert vocabulary["era_number"] == 2
+    assert json.loads(get(dataservice, "/market/1/era/current")[2])["era_number"] == 2
 
 
 def get_version_sha(svc):
     return json.loads(get(svc, "/data/manifest/version")[2])["manifest_sha256"]
-
-
-def test_tls_with_the_generated_certificate(dataservice_factory):
-    svc = dataservice_factory(tls=True)
-    assert svc.url.startswith("https://127.0.0.1:")
-    context = ssl.create_default_context(cafile=svc.ca_file)
-    status, _, body = get(svc, "/data/manifest", context=context)
-    assert status == 200 and json.loads(body)["era_number"] == 1
-    with pytest.raises(urllib.error.URLError) as info:
-        get(svc, "/data/manifest", context=ssl.create_default_context())
-    assert isinstance(info.value.reason, ssl.SSLCertVerificationError)
-    # A client that never completes the handshake does not block others.
-    with socket.create_connection(("127.0.0.1", int(svc.url.rsplit(":", 1)[1]))):
-        assert get(svc, "/data/manifest/version", context=context)[0] == 200
-    svc.restart()  # the certificate is kept
-    assert get(svc, "/data/manifest/version", context=context)[0] == 200
