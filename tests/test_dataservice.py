@@ -1,4 +1,6 @@
-"""The reference data service does what the sync tests rely on."""
+"""The reference data service does what the sync tests rely on and cannot
+see for themselves: a sync test that meets a wrong era, token or digest
+fails on its own, one whose scripted fault never happened may not."""
 
 import hashlib
 import http.client
@@ -16,9 +18,9 @@ FEATURE = "features/top50/signal_is/px000__ret__lag0__v1.arrow"
 ERROR_KEYS = {"error_code", "dependency", "retryable", "recovery", "reason"}
 
 
-def get(svc, path, headers=None, *, auth=True, timeout=10):
+def get(svc, path, headers=None, *, timeout=10):
     """(status, headers, body) of a GET; HTTP errors are returned, not raised."""
-    all_headers = dict(svc.auth_headers if auth else {})
+    all_headers = dict(svc.auth_headers)
     all_headers.update(headers or {})
     request = urllib.request.Request(svc.url + path, headers=all_headers)
     try:
@@ -36,39 +38,15 @@ def raw_get(svc, path, headers=None, timeout=10):
     return conn, conn.getresponse()
 
 
-def test_shuffle_seed_and_era_current(dataservice_factory):
-    svc = dataservice_factory(era_shape="wrapped")
-    status, headers, body = get(svc, "/data/shuffle")
-    assert status == 200 and len(body) == 60 and body == svc.shuffle_seed()
-    assert headers["X-Era-Number"] == "1"
-    assert headers["X-Tidewright-Shuffle-Key-Generation"] == "market-era-v1"
-    assert headers["X-Tidewright-Shuffle-Key-Source"] == svc.manifest()["shuffle_key_source"]
-
-    def era_current(market=1):
-        status, _, body = get(svc, f"/market/{market}/era/current")
-        return status, json.loads(body)
-
-    assert era_current() == (200, {"era": {"era_number": 1, "market_id": 1, "min_library_version": "0.0.0"},
-                                   "state": "active"})
-    svc.set_era_state("closing", next_closing_at="2030-01-01T00:00:00Z", min_library_version="9.9.9", shape="flat")
-    assert era_current()[1] == {"era_number": 1, "market_id": 1, "min_library_version": "9.9.9",
-                                "next_closing_at": "2030-01-01T00:00:00Z", "state": "closing"}
-    svc.set_era_state("between_eras", era_number=None, shape="wrapped")
-    assert era_current()[1] == {"era": None, "state": "between_eras"}
-    status, body = era_current(market=2)
-    assert status == 404 and set(body) == ERROR_KEYS
-
-
 @pytest.mark.parametrize(
     "range_header, status, content_range, piece",
     [
         (None, 200, None, slice(0, 2048)),
         ("bytes=0-9", 206, "bytes 0-9/2048", slice(0, 10)),
         ("bytes=100-", 206, "bytes 100-2047/2048", slice(100, 2048)),
-        ("bytes=2040-999999", 206, "bytes 2040-2047/2048", slice(2040, 2048)),
         ("bytes=2048-", 416, "bytes */2048", None),
     ],
-    ids=["whole", "closed", "open", "past-the-end", "unsatisfiable"],
+    ids=["whole", "closed", "open", "unsatisfiable"],
 )
 def test_ranges(dataservice, range_header, status, content_range, piece):
     full = dataservice.file_bytes(None, FEATURE)
@@ -79,33 +57,6 @@ def test_ranges(dataservice, range_header, status, content_range, piece):
         assert set(json.loads(body)) == ERROR_KEYS
     else:
         assert body == full[piece] and int(headers["Content-Length"]) == len(body)
-
-
-def test_bearer_auth(dataservice_factory):
-    svc = dataservice_factory(token="s3cret")
-    for headers in [None, {"Authorization": "Bearer wrong"}, {"Authorization": "Basic s3cret"}]:
-        status, resp_headers, body = get(svc, "/data/manifest", headers, auth=False)
-        assert status == 401 and resp_headers["WWW-Authenticate"] == "Bearer"
-        assert json.loads(body)["error_code"] == "unauthorized" and json.loads(body)["retryable"] is False
-    assert get(svc, "/data/manifest")[0] == 200
-    log = svc.requests
-    assert [(r.has_authorization, r.authorized) for r in log] == [(False, False), (True, False), (True, False),
-                                                                  (True, True)]
-    assert all("authorization" not in r.headers for r in log)
-
-    open_svc = dataservice_factory(token=None)
-    assert get(open_svc, "/data/manifest", auth=False)[0] == 200
-
-
-@pytest.mark.parametrize("public, file_prefix", [(True, "/data/files/"), ("/public/files", "/public/files/")])
-def test_public_files(dataservice_factory, public, file_prefix):
-    svc = dataservice_factory(public_files=public)
-    manifest = svc.manifest()
-    assert manifest["base_url"] == svc.url + file_prefix.rstrip("/")
-    assert get(svc, file_prefix + FEATURE, auth=False)[0] == 200
-    assert get(svc, "/data/manifest", auth=False)[0] == 401
-    if public is not True:
-        assert get(svc, "/data/files/" + FEATURE, auth=False)[0] == 401
 
 
 def test_status_sequences_and_error_bodies(dataservice):
