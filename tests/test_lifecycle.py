@@ -68,27 +68,38 @@ def test_consumers_start_the_threads_once_and_the_last_release_stops_and_evicts(
     assert not fresh.is_alive()
 
 
-def test_request_for_sync_and_report_corruption_refuse_when_not_running(dataservice, data_dir):
+# What a consumer asks of the manager's threads: refused until they run, and
+# (but for a corruption report) while another process's era transition holds
+# the directory.
+CONSUMER_CALLS = {
+    "request_for_sync": lambda m: m.request_for_sync(),
+    "request_feature_files_for_sync": lambda m: m.request_feature_files_for_sync(["px000__ret__lag0__v1"]),
+    "report_corruption": lambda m: m.report_corruption(FEATURE),
+}
+
+
+@pytest.mark.parametrize("name", CONSUMER_CALLS)
+def test_consumer_calls_refuse_until_the_threads_run_and_during_a_transition(dataservice, data_dir, name):
+    call = CONSUMER_CALLS[name]
     m = manager_for(dataservice, data_dir)
     m.sync()
     with pytest.raises(sync.StateError) as info:
-        m.request_for_sync()
-    assert str(info.value) == NOT_RUNNING
-    with pytest.raises(sync.StateError) as info:
-        m.report_corruption(FEATURE)
+        call(m)
     assert str(info.value) == NOT_RUNNING
 
     m.start()
-    with pytest.raises(ValueError, match="^File not in manifest: features/nope.arrow$"):
-        m.report_corruption("features/nope.arrow")
-    # Another process's transition marker is enough to refuse.
-    (data_dir / ".transition_lock").write_text(str(os.getppid()))
-    with pytest.raises(sync.StateError) as info:
-        m.request_for_sync()
-    assert str(info.value) == "Sync is in era transition mode \u2014 request_for_sync rejected"
-    (data_dir / ".transition_lock").unlink()
-    assert m.request_for_sync()
-    assert not (data_dir / ".sync_flock").exists()
+    if name != "report_corruption":
+        (data_dir / ".transition_lock").write_text(str(os.getppid()))  # a live holder
+        with pytest.raises(sync.StateError) as info:
+            call(m)
+        assert str(info.value) == f"Sync is in era transition mode \u2014 {name} rejected"
+        (data_dir / ".transition_lock").unlink()
+        call(m)
+        assert not (data_dir / ".sync_flock").exists()  # the sync it ran is over
+    else:
+        with pytest.raises(ValueError, match="^File not in manifest: features/nope.arrow$"):
+            m.report_corruption("features/nope.arrow")
+        m.report_corruption(FEATURE)
 
 
 def test_request_for_sync_answers_the_found_pnl_files_it_downloaded(dataservice, data_dir):

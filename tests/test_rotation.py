@@ -244,15 +244,9 @@ def test_prefetch_across_a_new_manifest_version_delivers_the_new_files(svc, data
     assert not (data / "sync-progress.json").exists()
 
 
-def test_prefetch_preconditions(svc, data, request):
+def test_prefetch_without_a_manifest_and_of_an_unknown_feature(svc, data, request):
+    # (refused before the threads run or during a transition: test_lifecycle.py)
     m = running_manager(svc, data, request)
-    with pytest.raises(sync.StateError, match=r"^Sync thread is not running\. Call start\(\) or acquire\(\) first\.$"):
-        m.request_feature_files_for_sync(["px000__ret__lag0__v1"])
-    (data / ".transition_lock").write_text(str(os.getppid()))  # a live holder
-    with pytest.raises(sync.StateError) as info:
-        m.request_feature_files_for_sync(["px000__ret__lag0__v1"])
-    assert str(info.value) == "Sync is in era transition mode \u2014 request_feature_files_for_sync rejected"
-    (data / ".transition_lock").unlink()
     svc.add_fault("/data/manifest*", "status", status=404, count=None)  # the poll thread cannot sync either
     m.start()
     with pytest.raises(sync.StateError, match="run sync"):
