@@ -72,18 +72,6 @@ def budget_for(svc, n_features):
 
 # -- the pipeline ---------------------------------------------------------------
 
-def test_without_settings_every_file_is_downloaded_and_no_state_is_kept(svc, data):
-    result = make_manager(svc, data).sync()
-    manifest = svc.manifest()
-    assert sorted(local_features(data)) == feature_paths(manifest)
-    assert all((data / path).is_file() for path in manifest["files"])
-    assert result.features_downloaded == 12
-    assert (result.active_relative_paths, result.skipped_relative_paths, result.mandatory_relative_paths) == ((), (), ())
-    assert result.rotation_seed is None and result.feature_budget_bytes is None
-    assert not (data / "feature-rotation-state.json").exists()
-    assert sync.load_feature_rotation_state(str(data)) is None
-
-
 def test_budget_bounds_the_feature_bytes_a_fresh_sync_downloads(svc, data):
     budget = budget_for(svc, 4)
     write_settings(data, seed=11, feature_budget_bytes=budget)
@@ -109,8 +97,14 @@ def test_budget_bounds_the_feature_bytes_a_fresh_sync_downloads(svc, data):
 
 
 def test_shrinking_budget_removes_inactive_features_and_lifting_it_restores_them(svc, data):
+    # Without settings every file is downloaded and no rotation state is kept.
     m = make_manager(svc, data)
-    m.sync()
+    result = m.sync()
+    assert sorted(local_features(data)) == feature_paths(svc.manifest()) and result.features_downloaded == 12
+    assert (result.active_relative_paths, result.skipped_relative_paths, result.mandatory_relative_paths) == ((), (), ())
+    assert result.rotation_seed is None and result.feature_budget_bytes is None
+    assert sync.load_feature_rotation_state(str(data)) is None
+
     budget = budget_for(svc, 2)
     write_settings(data, seed=5, feature_budget_bytes=budget)
     result = m.sync()  # same manifest version: decided locally, nothing downloaded
