@@ -111,9 +111,6 @@ def test_era_thread_lifecycle(svc, data_dir):
     assert thread._last_known_era_number == 1
     thread.stop()
 
-    with pytest.raises(ValueError):
-        sync.EraThread("http://example.com", lambda: svc.token, m)  # no bearer token over plain remote http
-
 
 @pytest.mark.parametrize("body, logged", [
     (b"not json", "Era poll failed: "),
