@@ -415,6 +415,7 @@ EXIT_CHILDREN = {
         manager.acquire()
         manager.register_era_callback(lambda event_type, era_number: manager.status())
         held = manager.get_manifest()
+        unregistered = sync.SyncManager({str(data_dir)!r}, {url!r}, token="t")
     """),
     "era thread of a stand-in manager": lambda data_dir, url: textwrap.dedent(f"""
         import sys
