@@ -1,6 +1,7 @@
 """The reference data service does what the sync tests rely on and cannot
-see for themselves: a sync test that meets a wrong era, token or digest
-fails on its own, one whose scripted fault never happened may not."""
+see for themselves: a sync test served a wrong era, token check or digest
+fails on its own, but one whose scripted fault never happened may pass all
+the same."""
 
 import hashlib
 import http.client
