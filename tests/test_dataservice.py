@@ -1,29 +1,31 @@
-"""The reference data service does what the sync tests rely on."""
+"""The reference data service does what the sync tests rely on and cannot
+see for themselves: a sync test served a wrong era, token check or digest
+fails on its own, but one whose scripted fault never happened may pass all
+the same."""
 
 import hashlib
 import http.client
 import json
-import socket
-import ssl
 import threading
 import time
 import urllib.error
 import urllib.request
 
 import pytest
+from sync_helpers import wait_for
 
 
 FEATURE = "features/top50/signal_is/px000__ret__lag0__v1.arrow"
 ERROR_KEYS = {"error_code", "dependency", "retryable", "recovery", "reason"}
 
 
-def get(svc, path, headers=None, *, auth=True, context=None, timeout=10):
+def get(svc, path, headers=None, *, timeout=10):
     """(status, headers, body) of a GET; HTTP errors are returned, not raised."""
-    all_headers = dict(svc.auth_headers if auth else {})
+    all_headers = dict(svc.auth_headers)
     all_headers.update(headers or {})
     request = urllib.request.Request(svc.url + path, headers=all_headers)
     try:
-        with urllib.request.urlopen(request, timeout=timeout, context=context) as resp:
+        with urllib.request.urlopen(request, timeout=timeout) as resp:
             return resp.status, resp.headers, resp.read()
     except urllib.error.HTTPError as exc:
         with exc:
@@ -37,43 +39,15 @@ def raw_get(svc, path, headers=None, timeout=10):
     return conn, conn.getresponse()
 
 
-def test_shuffle_seed_and_era_current(dataservice_factory):
-    svc = dataservice_factory(era_shape="wrapped")
-    status, headers, body = get(svc, "/data/shuffle")
-    assert status == 200 and len(body) == 60 and body == svc.shuffle_seed()
-    assert headers["X-Era-Number"] == "1"
-    assert headers["X-Tidewright-Shuffle-Key-Generation"] == "market-era-v1"
-    assert headers["X-Tidewright-Shuffle-Key-Source"] == svc.manifest()["shuffle_key_source"]
-
-    def era_current(market=1):
-        status, _, body = get(svc, f"/market/{market}/era/current")
-        return status, json.loads(body)
-
-    assert era_current() == (200, {"era": {"era_number": 1, "market_id": 1, "min_library_version": "0.0.0"},
-                                   "state": "active"})
-    svc.set_era_state("closing", next_closing_at="2030-01-01T00:00:00Z", min_library_version="9.9.9", shape="flat")
-    assert era_current()[1] == {"era_number": 1, "market_id": 1, "min_library_version": "9.9.9",
-                                "next_closing_at": "2030-01-01T00:00:00Z", "state": "closing"}
-    svc.set_era_state("between_eras", era_number=None, shape="wrapped")
-    assert era_current()[1] == {"era": None, "state": "between_eras"}
-    status, body = era_current(market=2)
-    assert status == 404 and set(body) == ERROR_KEYS
-
-
 @pytest.mark.parametrize(
     "range_header, status, content_range, piece",
     [
         (None, 200, None, slice(0, 2048)),
         ("bytes=0-9", 206, "bytes 0-9/2048", slice(0, 10)),
         ("bytes=100-", 206, "bytes 100-2047/2048", slice(100, 2048)),
-        ("bytes=-5", 206, "bytes 2043-2047/2048", slice(2043, 2048)),
-        ("bytes=2040-999999", 206, "bytes 2040-2047/2048", slice(2040, 2048)),
-        ("bytes=9-3", 200, None, slice(0, 2048)),       # invalid: ignored
-        ("bytes=0-1,5-6", 200, None, slice(0, 2048)),   # multi-range: whole file
         ("bytes=2048-", 416, "bytes */2048", None),
-        ("bytes=5000-6000", 416, "bytes */2048", None),
-        ("bytes=-0", 416, "bytes */2048", None),
     ],
+    ids=["whole", "closed", "open", "unsatisfiable"],
 )
 def test_ranges(dataservice, range_header, status, content_range, piece):
     full = dataservice.file_bytes(None, FEATURE)
@@ -84,43 +58,6 @@ def test_ranges(dataservice, range_header, status, content_range, piece):
         assert set(json.loads(body)) == ERROR_KEYS
     else:
         assert body == full[piece] and int(headers["Content-Length"]) == len(body)
-
-
-def test_ranges_across_generation_blocks_of_a_large_file(dataservice_factory):
-    svc = dataservice_factory(large_file_bytes=3 * 65536 + 123)
-    path = next(p for p in svc.manifest()["files"] if "large__" in p)
-    full = svc.file_bytes(None, path)
-    assert hashlib.sha256(full).hexdigest() == svc.manifest()["files"][path]["sha256"]
-    for start, end in [(65530, 65545), (1, 3 * 65536 + 122), (131072, 131072)]:
-        status, _, body = get(svc, "/data/files/" + path, {"Range": f"bytes={start}-{end}"})
-        assert status == 206 and body == full[start:end + 1]
-
-
-def test_bearer_auth(dataservice_factory):
-    svc = dataservice_factory(token="s3cret")
-    for headers in [None, {"Authorization": "Bearer wrong"}, {"Authorization": "Basic s3cret"}]:
-        status, resp_headers, body = get(svc, "/data/manifest", headers, auth=False)
-        assert status == 401 and resp_headers["WWW-Authenticate"] == "Bearer"
-        assert json.loads(body)["error_code"] == "unauthorized" and json.loads(body)["retryable"] is False
-    assert get(svc, "/data/manifest")[0] == 200
-    log = svc.requests
-    assert [(r.has_authorization, r.authorized) for r in log] == [(False, False), (True, False), (True, False),
-                                                                  (True, True)]
-    assert all("authorization" not in r.headers for r in log)
-
-    open_svc = dataservice_factory(token=None)
-    assert get(open_svc, "/data/manifest", auth=False)[0] == 200
-
-
-@pytest.mark.parametrize("public, file_prefix", [(True, "/data/files/"), ("/public/files", "/public/files/")])
-def test_public_files(dataservice_factory, public, file_prefix):
-    svc = dataservice_factory(public_files=public)
-    manifest = svc.manifest()
-    assert manifest["base_url"] == svc.url + file_prefix.rstrip("/")
-    assert get(svc, file_prefix + FEATURE, auth=False)[0] == 200
-    assert get(svc, "/data/manifest", auth=False)[0] == 401
-    if public is not True:
-        assert get(svc, "/data/files/" + FEATURE, auth=False)[0] == 401
 
 
 def test_status_sequences_and_error_bodies(dataservice):
@@ -142,18 +79,12 @@ def test_status_sequences_and_error_bodies(dataservice):
     assert get(dataservice, "/data/shuffle")[2] == b"x" * 59
 
 
-def test_broken_bodies(dataservice):
-    full = dataservice.file_bytes(None, FEATURE)
+# Only the faults whose effect a sync test cannot see for itself: a truncated,
+# corrupted, range-ignoring or empty answer shows in the ranges the engine asks
+# for next (test_sync_faults.py); a reset, an answer that is not HTTP or a
+# dropped header may not.
+def test_resets_non_http_answers_and_header_changes(dataservice):
     path = "/data/files/" + FEATURE
-
-    dataservice.add_fault(path, "truncate", after_bytes=100)
-    conn, resp = raw_get(dataservice, path)
-    assert resp.getheader("Content-Length") == "2048"
-    with pytest.raises(http.client.IncompleteRead) as info:
-        resp.read()
-    assert info.value.partial == full[:100]
-    conn.close()
-
     dataservice.add_fault(path, "reset", after_bytes=100)
     conn, resp = raw_get(dataservice, path)
     time.sleep(0.2)  # let the RST arrive before the body is read
@@ -165,29 +96,10 @@ def test_broken_bodies(dataservice):
     with pytest.raises(http.client.BadStatusLine):
         raw_get(dataservice, path)
 
-    dataservice.add_fault(path, "corrupt", offset=1000)
-    body = get(dataservice, path)[2]
-    assert len(body) == len(full) and [i for i in range(len(full)) if body[i] != full[i]] == [1000]
-
-    dataservice.add_fault(path, "ignore_range")
+    dataservice.add_fault(path, "headers", drop_headers=["Content-Range"], set_headers={"X-Era-Number": "7"})
     status, headers, body = get(dataservice, path, {"Range": "bytes=10-19"})
-    assert (status, headers.get("Content-Range"), body) == (200, None, full)
-
-    dataservice.add_fault(path, "empty_206")
-    status, headers, body = get(dataservice, path, {"Range": "bytes=10-19"})
-    assert (status, headers["Content-Range"], body) == (206, "bytes 10-19/2048", b"")
-
-    dataservice.add_fault(path, "bad_content_range")
-    status, headers, body = get(dataservice, path, {"Range": "bytes=10-19"})
-    assert status == 206 and headers["Content-Range"] != "bytes 10-19/2048" and body == full[10:20]
-
-    dataservice.add_fault("/data/shuffle", "headers", drop_headers=["X-Era-Number"],
-                          set_headers={"X-Tidewright-Shuffle-Key-Generation": "legacy-era-only-v1"})
-    _, headers, _ = get(dataservice, "/data/shuffle")
-    assert "X-Era-Number" not in headers
-    assert headers["X-Tidewright-Shuffle-Key-Generation"] == "legacy-era-only-v1"
-
-    assert get(dataservice, path)[2] == full  # every fault was used once
+    assert (status, headers.get("Content-Range"), headers["X-Era-Number"]) == (206, None, "7")
+    assert body == dataservice.file_bytes(None, FEATURE)[10:20]
 
 
 def test_a_stall_with_seconds_ends_by_closing_the_connection(dataservice):
@@ -219,9 +131,7 @@ def test_restart_breaks_open_answers_and_serves_again_on_the_same_port(dataservi
 
     thread = threading.Thread(target=client)
     thread.start()
-    deadline = time.monotonic() + 10
-    while not any(r.bytes_sent == 10 for r in svc.requests_for(path)) and time.monotonic() < deadline:
-        time.sleep(0.01)
+    assert wait_for(lambda: any(r.bytes_sent == 10 for r in svc.requests_for(path)))
     svc.restart()
     thread.join(10)
     assert not thread.is_alive() and outcomes == ["IncompleteRead"]
@@ -230,14 +140,6 @@ def test_restart_breaks_open_answers_and_serves_again_on_the_same_port(dataservi
     # Faults and the request log outlive the restart.
     assert [get(svc, "/data/manifest")[0] for _ in range(2)] == [200, 503]
     assert len(svc.requests_for(path)) == 2
-
-    svc.stop()
-    with pytest.raises(ConnectionRefusedError):
-        socket.create_connection(("127.0.0.1", int(url.rsplit(":", 1)[1])), timeout=5)
-    svc.start()
-    assert svc.url == url and get(svc, "/data/manifest/version")[0] == 200
-    with pytest.raises(RuntimeError):
-        svc.start()
 
 
 def test_new_versions_and_eras(dataservice):
@@ -252,42 +154,17 @@ def test_new_versions_and_eras(dataservice):
     assert hashlib.sha256(get(dataservice, "/data/files/" + FEATURE)[2]).hexdigest() == after["files"][FEATURE][
         "sha256"]
 
-    dataservice.set_version(touch=[after["signals_index"]])
-    assert dataservice.manifest()["signals_index"] != after["signals_index"]
-
     gone = "found_signals/pool_a/sig0099/signal_is/pnl.arrow"
-    dataservice.set_version(entry_overrides={gone: {"size_bytes": 3, "sha256": "0" * 64, "kind": "found_signal_is_pnl"},
-                                             FEATURE: {"platform": "linux_x86_64", "epoch": None}})
-    listed = dataservice.manifest()["files"]
-    assert listed[gone]["kind"] == "found_signal_is_pnl" and get(dataservice, "/data/files/" + gone)[0] == 404
-    assert listed[FEATURE]["platform"] == "linux_x86_64" and "epoch" not in listed[FEATURE]
+    dataservice.set_version(entry_overrides={gone: {"size_bytes": 3, "sha256": "0" * 64, "kind": "found_signal_is_pnl"}})
+    assert get(dataservice, "/data/files/" + gone)[0] == 404  # listed, not stored
 
     # A new era published in the middle of a download: the third file request already sees era 2.
     dataservice.on_request("/data/files/*", dataservice.publish_era, after=3)
     eras = [get(dataservice, "/data/files/" + FEATURE)[1]["X-Era-Number"] for _ in range(4)]
     assert eras == ["1", "1", "2", "2"]
     assert dataservice.current_era == 2 and dataservice.manifest()["era_number"] == 2
-    status, _, body = get(dataservice, "/market/1/era/current")
-    assert json.loads(body)["era_number"] == 2
-    vocabulary = json.loads(get(dataservice, "/data/files/named_universes/top50/vocabulary.json")[2])
-    assert vocabulary["era_number"] == 2
+    assert json.loads(get(dataservice, "/market/1/era/current")[2])["era_number"] == 2
 
 
 def get_version_sha(svc):
     return json.loads(get(svc, "/data/manifest/version")[2])["manifest_sha256"]
-
-
-def test_tls_with_the_generated_certificate(dataservice_factory):
-    svc = dataservice_factory(tls=True)
-    assert svc.url.startswith("https://127.0.0.1:")
-    context = ssl.create_default_context(cafile=svc.ca_file)
-    status, _, body = get(svc, "/data/manifest", context=context)
-    assert status == 200 and json.loads(body)["era_number"] == 1
-    with pytest.raises(urllib.error.URLError) as info:
-        get(svc, "/data/manifest", context=ssl.create_default_context())
-    assert isinstance(info.value.reason, ssl.SSLCertVerificationError)
-    # A client that never completes the handshake does not block others.
-    with socket.create_connection(("127.0.0.1", int(svc.url.rsplit(":", 1)[1]))):
-        assert get(svc, "/data/manifest/version", context=context)[0] == 200
-    svc.restart()  # the certificate is kept
-    assert get(svc, "/data/manifest/version", context=context)[0] == 200

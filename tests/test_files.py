@@ -25,29 +25,23 @@ def temporaries(directory):
 
 # --- hashing -----------------------------------------------------------------
 
-def test_sha256_of_bytes_like_values_and_not_of_text():
-    for data in (b"", b"abc", bytearray(b"\x00" * 1000), memoryview(b"xyz" * 7)):
-        assert sync._sha256(data) == hashlib.sha256(data).hexdigest()
-    with pytest.raises(TypeError):
-        sync._sha256("abc")
-
-
-def test_sha256_file_matches_the_bytes_for_any_block_size(tmp_path):
+def test_sha256_of_bytes_like_values_and_of_files_in_any_block_size(tmp_path):
     data = os.urandom(300_000)
+    for value in (b"", data, bytearray(b"\x00" * 1000), memoryview(b"xyz" * 7)):
+        assert sync._sha256(value) == hashlib.sha256(value).hexdigest()
+    with pytest.raises(TypeError):
+        sync._sha256("abc")  # text has no bytes to hash
+
     path = tmp_path / "data.bin"
     path.write_bytes(data)
     (tmp_path / "empty.bin").write_bytes(b"")
-    expected = hashlib.sha256(data).hexdigest()
-    for chunk in (0, 1, 4093, 65536, 300_000, sync._SYNC_HASH_FILE_CHUNK_BYTES, 1 << 40):
-        assert sync._sha256_file(str(path), chunk) == expected
-    assert sync._sha256_file(path) == expected
+    for chunk in (0, 1, 4093, 65536, 300_000, 1 << 40):
+        assert sync._sha256_file(str(path), chunk) == hashlib.sha256(data).hexdigest()
+    assert sync._sha256_file(path) == hashlib.sha256(data).hexdigest()
     assert sync._sha256_file(tmp_path / "empty.bin") == sync._sha256(b"")
-
-
-def test_sha256_file_raises_os_errors(tmp_path):
-    with pytest.raises(FileNotFoundError) as excinfo:
+    with pytest.raises(FileNotFoundError) as info:
         sync._sha256_file(str(tmp_path / "missing"))
-    assert excinfo.value.filename == str(tmp_path / "missing")
+    assert info.value.filename == str(tmp_path / "missing")
     with pytest.raises(IsADirectoryError):
         sync._sha256_file(str(tmp_path))
 

@@ -4,9 +4,6 @@ import json
 import logging
 import os
 import re
-import subprocess
-import sys
-import textwrap
 
 import pytest
 
@@ -159,13 +156,3 @@ def test_a_manager_over_a_synced_directory_has_membership_and_vocabularies_at_on
     m.sync()
     assert _membership(m.get_manifest()) == served and sorted(m._vocabulary) == ["top200", "top50"]
 
-
-def test_interpreter_exit_with_live_managers_is_clean(tmp_path):
-    script = textwrap.dedent(f"""
-        import tidewright.sync as sync
-        a = sync.SyncManager.get_or_create({str(tmp_path)!r}, "http://127.0.0.1:9", lambda: "t")
-        b = sync.SyncManager({str(tmp_path)!r}, "http://127.0.0.1:9", token="t")
-        print("ok")
-    """)
-    proc = subprocess.run([sys.executable, "-c", script], capture_output=True, text=True, timeout=30)
-    assert (proc.returncode, proc.stdout.strip()) == (0, "ok"), proc.stderr

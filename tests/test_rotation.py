@@ -72,18 +72,6 @@ def budget_for(svc, n_features):
 
 # -- the pipeline ---------------------------------------------------------------
 
-def test_without_settings_every_file_is_downloaded_and_no_state_is_kept(svc, data):
-    result = make_manager(svc, data).sync()
-    manifest = svc.manifest()
-    assert sorted(local_features(data)) == feature_paths(manifest)
-    assert all((data / path).is_file() for path in manifest["files"])
-    assert result.features_downloaded == 12
-    assert (result.active_relative_paths, result.skipped_relative_paths, result.mandatory_relative_paths) == ((), (), ())
-    assert result.rotation_seed is None and result.feature_budget_bytes is None
-    assert not (data / "feature-rotation-state.json").exists()
-    assert sync.load_feature_rotation_state(str(data)) is None
-
-
 def test_budget_bounds_the_feature_bytes_a_fresh_sync_downloads(svc, data):
     budget = budget_for(svc, 4)
     write_settings(data, seed=11, feature_budget_bytes=budget)
@@ -109,8 +97,14 @@ def test_budget_bounds_the_feature_bytes_a_fresh_sync_downloads(svc, data):
 
 
 def test_shrinking_budget_removes_inactive_features_and_lifting_it_restores_them(svc, data):
+    # Without settings every file is downloaded and no rotation state is kept.
     m = make_manager(svc, data)
-    m.sync()
+    result = m.sync()
+    assert sorted(local_features(data)) == feature_paths(svc.manifest()) and result.features_downloaded == 12
+    assert (result.active_relative_paths, result.skipped_relative_paths, result.mandatory_relative_paths) == ((), (), ())
+    assert result.rotation_seed is None and result.feature_budget_bytes is None
+    assert sync.load_feature_rotation_state(str(data)) is None
+
     budget = budget_for(svc, 2)
     write_settings(data, seed=5, feature_budget_bytes=budget)
     result = m.sync()  # same manifest version: decided locally, nothing downloaded
@@ -244,15 +238,9 @@ def test_prefetch_across_a_new_manifest_version_delivers_the_new_files(svc, data
     assert not (data / "sync-progress.json").exists()
 
 
-def test_prefetch_preconditions(svc, data, request):
+def test_prefetch_without_a_manifest_and_of_an_unknown_feature(svc, data, request):
+    # (refused before the threads run or during a transition: test_lifecycle.py)
     m = running_manager(svc, data, request)
-    with pytest.raises(sync.StateError, match=r"^Sync thread is not running\. Call start\(\) or acquire\(\) first\.$"):
-        m.request_feature_files_for_sync(["px000__ret__lag0__v1"])
-    (data / ".transition_lock").write_text(str(os.getppid()))  # a live holder
-    with pytest.raises(sync.StateError) as info:
-        m.request_feature_files_for_sync(["px000__ret__lag0__v1"])
-    assert str(info.value) == "Sync is in era transition mode \u2014 request_feature_files_for_sync rejected"
-    (data / ".transition_lock").unlink()
     svc.add_fault("/data/manifest*", "status", status=404, count=None)  # the poll thread cannot sync either
     m.start()
     with pytest.raises(sync.StateError, match="run sync"):

@@ -145,9 +145,7 @@ def test_native_marked_defaults_agree_with_their_contract():
 @pytest.mark.parametrize(
     "change, words",
     [
-        ({"schema_version": 2}, "schema_version"),
-        ({"schema_version": True}, "schema_version"),
-        ({"active_relative_paths": "a"}, "active_relative_paths"),
+        ({"schema_version": True}, "schema_version"),  # (version 2 and a path list as text: test_rotation.py)
         ({"era_number": "4"}, "era_number"),
         ({"rotated_at": "yesterday"}, "rotated_at"),
         ({"feature_budget_bytes": -1}, "feature_budget_bytes"),
@@ -175,11 +173,7 @@ def test_rotation_settings_file(tmp_path):
     settings_file.write_text('{"seed": 3, "named_universe": "top50", "feature_budget_gb": 1.5}')
     settings = _rotation_settings.load_rotation_settings(tmp_path, catalog_context={"named_universes": {"top50": {}}})
     assert (settings.seed, settings.named_universes, settings.feature_budget_gb) == (3, ("top50",), 1.5)
-    with pytest.raises(rotation.VocabularyScopeError, match="top50"):
-        _rotation_settings.load_rotation_settings(tmp_path, catalog_context={"named_universes": ["other"]})
-    settings_file.write_text("{")
-    with pytest.raises(ValueError, match="rotation-settings.json"):
-        _rotation_settings.load_rotation_settings(tmp_path)
+    # (settings that are not JSON or name another universe: test_rotation.py)
 
 
 def test_artifact_descriptor_and_settings_read_as_mappings():

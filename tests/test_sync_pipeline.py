@@ -1,5 +1,5 @@
-"""The sync pipeline against the reference data service: cold and no-op syncs,
-new manifest versions, verify and repair, found files missing from storage and
+"""The sync pipeline against the reference data service: cold and no-op syncs
+and a new manifest version, verify and repair, found files missing from storage and
 what needs_sync sees."""
 
 import hashlib
@@ -51,23 +51,16 @@ def test_cold_sync_brings_every_file_and_a_second_sync_makes_one_request(dataser
         assert (again.era_number, again.bytes_downloaded, again.n_features) == (1, 0, len(features))
         assert not current.needs_sync()
 
-
-def test_new_version_fetches_only_the_changed_file(dataservice, tmp_path):
-    m = manager(dataservice, tmp_path)
-    m.sync()
-    old = local_bytes(tmp_path, FEATURE)
-
-    dataservice.set_version(touch=[FEATURE])
+    # A new version: the changed file alone.
+    old = local_bytes(data, FEATURE)
+    svc.set_version(touch=[FEATURE])
     assert m.needs_sync()
-    dataservice.clear_requests()
+    svc.clear_requests()
     result = m.sync()
-
-    assert requested_paths(dataservice) == [FEATURE]
-    assert local_bytes(tmp_path, FEATURE) != old
-    assert_in_step(dataservice, tmp_path)
+    assert requested_paths(svc) == [FEATURE] and local_bytes(data, FEATURE) != old
     assert (result.features_downloaded, result.bytes_downloaded) == (1, len(old))
-    assert m.get_manifest().version == 2
-    assert not m.needs_sync()
+    assert_in_step(svc, data)
+    assert m.get_manifest().version == 2 and not m.needs_sync()
 
 
 def test_verify_finds_missing_and_corrupted_files_and_repair_restores_them(dataservice_factory, tmp_path):
