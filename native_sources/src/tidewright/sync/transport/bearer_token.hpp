@@ -20,11 +20,12 @@ void check_bearer_token(std::string_view token);
 // token. Anything but a str is refused with AuthError, as is a str that
 // fails check_bearer_token, so a request is never made with "Bearer None".
 //
-// The provider runs on a helper thread while the calling thread waits and
-// observes its stop requests (those of sync_backoff_stop_requested): a
-// provider that blocks cannot hold up a stop. The wait then ends with
-// SyncBackoffCancelled and the helper ends whenever the provider returns,
-// its answer discarded. (A caller that holds the host's interpreter lock
+// The provider runs on a helper thread (one per calling thread, kept
+// between requests) while the calling thread waits and observes its stop
+// requests (those of sync_backoff_stop_requested): a provider that blocks
+// cannot hold up a stop. The wait then ends with SyncBackoffCancelled; that
+// helper ends whenever the provider returns, its answer discarded, and the
+// thread's next request starts another. (A caller that holds the host's interpreter lock
 // asks on its own thread: the helper could not run before it lets go.) An
 // error raised by the provider passes through unchanged.
 std::string fetch_bearer_token(const HostRef& provider);
