@@ -1043,7 +1043,8 @@ void TransferEngine::promote(const DownloadJob& job, FileRun& run, SyncResult& r
   // The identity the hash cache keeps is that of the file verified, taken
   // through its descriptor once it has its final name (the rename changes
   // its ctime). A close that fails (a file system that reports deferred
-  // write errors there) fails the file before the cache vouches for it.
+  // write errors there) fails the download: the file has its final name
+  // then, but the cache does not vouch for it, so the next check reads it.
   struct stat st;
   const bool identified = ::fstat(run.verified.get(), &st) == 0;
   if (run.verified.reset() != 0) throw_os_error(errno, run.local);
