@@ -293,6 +293,22 @@ def test_a_leftover_staging_file_that_is_not_a_prefix_is_replaced(svc, tmp_path,
     assert range_starts(svc, BIG) == starts
 
 
+# The same for a file fetched in one request: a staging file that exists is
+# never taken for a new, empty one.
+@pytest.mark.parametrize("leftover, starts", [
+    (lambda body: body[:7], [7]),
+    (lambda body: b"\0" * 7, [7, 0]),
+    (lambda body: body + b"\0" * 7, [0]),
+], ids=["prefix", "other bytes", "longer"])
+def test_a_leftover_staging_file_of_a_small_file(svc, tmp_path, leftover, starts):
+    staging = tmp_path / (FEATURE + ".tmp")
+    staging.parent.mkdir(parents=True)
+    staging.write_bytes(leftover(svc.file_bytes(None, FEATURE)))
+    synced(svc, tmp_path)
+    assert range_starts(svc, FEATURE) == starts
+    assert not staging.exists()
+
+
 def test_file_without_size_in_the_manifest_ends_at_the_served_length(dataservice_factory, tmp_path):
     # 2 * CHUNK bytes: the chunk loop must not ask past the end for ever.
     svc = dataservice_factory(large_file_bytes=2 * CHUNK, entry_overrides={BIG: {"size_bytes": None}})

@@ -247,6 +247,10 @@ void HashCache::remember(const std::string& file_path, const std::string& local_
   } catch (const std::exception&) {
     return;
   }
+  remember(file_path, key, actual_sha);
+}
+
+void HashCache::remember(const std::string& file_path, const StatKey& key, const std::string& actual_sha) {
   std::optional<Entry> compact = compact_entry(actual_sha, key);
   Entry fresh = compact ? std::move(*compact) : make_entry(entry_for(actual_sha, key));
   std::int64_t now = coarse_now_ns();

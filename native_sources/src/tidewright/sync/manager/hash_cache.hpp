@@ -67,6 +67,8 @@ class HashCache {
   std::vector<char> cached_batch(const std::vector<Query>& queries);
   // Remembers `actual_sha` for the file's current identity.
   void remember(const std::string& file_path, const std::string& local_path, const std::string& actual_sha);
+  // The same for the identity the caller took of the file it verified.
+  void remember(const std::string& file_path, const StatKey& key, const std::string& actual_sha);
   // Writes the cache when it changed since the last write, after flushing the
   // files it describes to stable storage; failures are logged and leave it
   // dirty.

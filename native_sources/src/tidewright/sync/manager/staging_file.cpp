@@ -89,39 +89,46 @@ StagingFile::StagingFile(const std::string& root, const std::string& local, cons
   std::string_view relative;
   if (parent.size() > root.size()) relative = std::string_view(parent).substr(root.size());
   try {
-    dir_ = open_directory_beneath(root, relative);
+    dir_ = std::make_shared<const UniqueFd>(open_directory_beneath(root, relative));
   } catch (const OSError& e) {
     if (e.error_number != ELOOP) throw;
     throw ManifestError("Manifest file path escapes data directory: " + python_repr(file_path));
   }
 }
 
-StagingFile::StagingFile(UniqueFd dir, const std::string& local, const std::string& file_path)
+StagingFile::StagingFile(std::shared_ptr<const UniqueFd> dir, const std::string& local, const std::string& file_path)
     : path_(local + ".tmp"), name_(path_basename(local) + ".tmp"), final_name_(path_basename(local)),
       file_path_(file_path), dir_(std::move(dir)) {}
 
-UniqueFd StagingFile::open() {
+StagingFile::Opened StagingFile::open() {
+  constexpr int kFlags = O_RDWR | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
+  const int dir = dir_->get();
+  // Usually nothing is staged yet: a file this open creates needs no look
+  // at what it is or holds.
+  UniqueFd created(::openat(dir, name_.c_str(), kFlags | O_EXCL, 0666));
+  if (created.valid()) return {std::move(created), true, 0};
+  if (errno != EEXIST) throw_os_error(errno, path_);
   for (int attempt = 0;; ++attempt) {
-    UniqueFd fd(::openat(dir_.get(), name_.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0666));
+    UniqueFd fd(::openat(dir, name_.c_str(), kFlags, 0666));
     if (fd.valid()) {
       struct stat st;
       if (::fstat(fd.get(), &st) != 0) throw_os_error(errno, path_);
-      if (S_ISREG(st.st_mode)) return fd;
+      if (S_ISREG(st.st_mode)) return {std::move(fd), false, static_cast<std::int64_t>(st.st_size)};
     } else if (errno != ELOOP) {
       throw_os_error(errno, path_);
     }
     if (attempt > 0) throw_os_error(ELOOP, path_);
     log_warning("Removing %s: a staging file must be a regular file", {json::value(path_)});
-    if (::unlinkat(dir_.get(), name_.c_str(), 0) != 0 && errno != ENOENT) throw_os_error(errno, path_);
+    if (::unlinkat(dir, name_.c_str(), 0) != 0 && errno != ENOENT) throw_os_error(errno, path_);
   }
 }
 
 void StagingFile::truncate() {
-  UniqueFd fd = open();
-  if (::ftruncate(fd.get(), 0) != 0) throw_os_error(errno, path_);
+  Opened staged = open();
+  if (staged.length > 0 && ::ftruncate(staged.fd.get(), 0) != 0) throw_os_error(errno, path_);
 }
 
-void StagingFile::promote() { rename_into_place(dir_.get(), name_, dir_.get(), final_name_, file_path_, path_); }
+void StagingFile::promote() { rename_into_place(dir_->get(), name_, dir_->get(), final_name_, file_path_, path_); }
 
 // --- RangeTable --------------------------------------------------------------
 

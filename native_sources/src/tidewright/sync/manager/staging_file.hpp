@@ -16,6 +16,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
@@ -32,14 +33,19 @@ class StagingFile {
   // ManifestError when a link on the way leads out of the data directory.
   StagingFile(const std::string& root, const std::string& local, const std::string& file_path);
   // The same in `dir`, the directory of `local` already opened beneath the
-  // root (no link on the way).
-  StagingFile(UniqueFd dir, const std::string& local, const std::string& file_path);
+  // root (no link on the way), shared with the other files of a batch.
+  StagingFile(std::shared_ptr<const UniqueFd> dir, const std::string& local, const std::string& file_path);
 
   const std::string& path() const { return path_; }
 
+  struct Opened {
+    UniqueFd fd;
+    bool created = false;     // by this open: empty, without a mark or a range table
+    std::int64_t length = 0;  // its length when opened
+  };
   // Opens (creating) the staging file for reading and writing. Anything
   // but a regular file at the name is never ours: removed, not followed.
-  UniqueFd open();
+  Opened open();
   // Empties the staging file (its range table with it).
   void truncate();
   // The atomic rename onto the final name, in the same directory
@@ -52,7 +58,7 @@ class StagingFile {
   std::string name_;
   std::string final_name_;
   std::string file_path_;  // the manifest path, for the errors
-  UniqueFd dir_;
+  std::shared_ptr<const UniqueFd> dir_;
 };
 
 struct DownloadJob;

@@ -154,7 +154,7 @@ class StagingSink : public BodySink {
   }
 
   void start_over() {
-    if (::ftruncate(fd_, 0) != 0 || ::lseek(fd_, 0, SEEK_SET) < 0) throw_os_error(errno, file_path_);
+    if (::ftruncate(fd_, 0) != 0) throw_os_error(errno, file_path_);
     hasher_.reset();
     if (progress_) progress_->add_bytes(-received_);
     received_ = 0;
@@ -166,8 +166,9 @@ class StagingSink : public BodySink {
   void set_fetched_counter(std::int64_t* fetched) { fetched_ = fetched; }
 
  private:
+  // At the end of the bytes received, which is the end of the file.
   void append(std::string_view bytes) {
-    write_fully(fd_, bytes, file_path_);
+    write_fully(fd_, bytes, file_path_, received_);
     hasher_.update(bytes);
     received_ += static_cast<std::int64_t>(bytes.size());
     written_ += static_cast<std::int64_t>(bytes.size());
@@ -265,28 +266,6 @@ bool hash_file_bytes(int fd, Sha256& hasher, std::int64_t from, std::int64_t to,
   return true;
 }
 
-// Reads an existing staging file into the hasher; returns its length.
-std::int64_t hash_existing(int fd, Sha256& hasher, const std::string& staging) {
-  struct stat st;
-  if (::fstat(fd, &st) != 0) throw_os_error(errno, staging);
-  if (st.st_size == 0) return 0;  // the usual case: nothing staged, no buffer
-  auto buffer_space = std::make_unique_for_overwrite<char[]>(kResumeHashBlockBytes);
-  std::span<char> buffer(buffer_space.get(), kResumeHashBlockBytes);
-  std::int64_t total = 0;
-  if (::lseek(fd, 0, SEEK_SET) < 0) throw_os_error(errno, staging);
-  while (true) {
-    ssize_t n = ::read(fd, buffer.data(), buffer.size());
-    if (n < 0) {
-      if (errno == EINTR) continue;
-      throw_os_error(errno, staging);
-    }
-    if (n == 0) break;
-    hasher.update(std::string_view(buffer.data(), static_cast<std::size_t>(n)));
-    total += n;
-  }
-  return total;
-}
-
 }  // namespace
 
 // --- jobs --------------------------------------------------------------------
@@ -336,31 +315,28 @@ struct RangeFetch;
 // reports what is wrong with it.
 class BatchDirectories {
  public:
-  // A descriptor of `parent` (relative to `root`, "" for the root itself)
-  // of the caller's own; none when it cannot be opened without a link.
-  std::optional<UniqueFd> open(const std::string& root, const std::string& parent) {
+  // A descriptor of `parent` (relative to `root`, "" for the root itself),
+  // shared with the other files of the batch; none when it cannot be opened
+  // without a link.
+  std::shared_ptr<const UniqueFd> open(const std::string& root, const std::string& parent) {
     std::shared_ptr<const UniqueFd> dir;
     {
       MutexLock lock(mu_);
       if (root != root_) {
-        if (!root_.empty()) return std::nullopt;  // one root per batch
+        if (!root_.empty()) return nullptr;  // one root per batch
         root_ = root;
       }
       auto it = open_.find(parent);
-      if (it != open_.end()) dir = it->second;
+      if (it != open_.end()) return it->second;
     }
-    if (!dir) {
-      try {
-        dir = std::make_shared<const UniqueFd>(open_directory_beneath(root, parent));
-      } catch (const OSError&) {
-        return std::nullopt;
-      }
-      MutexLock lock(mu_);
-      if (open_.size() < kMaxOpen) dir = open_.try_emplace(parent, dir).first->second;
+    try {
+      dir = std::make_shared<const UniqueFd>(open_directory_beneath(root, parent));
+    } catch (const OSError&) {
+      return nullptr;
     }
-    UniqueFd own(::fcntl(dir->get(), F_DUPFD_CLOEXEC, 0));
-    if (!own.valid()) return std::nullopt;
-    return own;
+    MutexLock lock(mu_);
+    if (open_.size() < kMaxOpen) dir = open_.try_emplace(parent, dir).first->second;
+    return dir;
   }
 
  private:
@@ -611,12 +587,13 @@ void RangeFetch::fetch(std::size_t i, Sha256* hasher, std::int64_t* hashed) {
 struct TransferEngine::FileRun {
   FileRun(const std::string& root, std::string local_path, const std::string& file_path)
       : local(std::move(local_path)), staging(root, local, file_path) {}
-  FileRun(UniqueFd dir, std::string local_path, const std::string& file_path)
+  FileRun(std::shared_ptr<const UniqueFd> dir, std::string local_path, const std::string& file_path)
       : local(std::move(local_path)), staging(std::move(dir), local, file_path) {}
   std::string local;
   StagingFile staging;
   std::string actual_sha;
   std::int64_t fetched = 0;  // bytes that arrived during this call
+  UniqueFd verified;         // the staging file, verified: open until it is in place
 };
 
 namespace {
@@ -748,6 +725,8 @@ struct TransferEngine::FileDownload {
 struct TransferEngine::FilePass {
   Sha256 hasher;
   UniqueFd fd;
+  bool created = false;     // the staging file is new: nothing to resume
+  std::int64_t length = 0;  // the staging file's length, as opened
   bool marked = false;
   std::optional<RangeTable> table;
   std::int64_t received = 0;
@@ -785,11 +764,11 @@ void TransferEngine::open_file_run(const DownloadJob& job, const DownloadOptions
     const std::size_t slash = relative.rfind('/');
     const std::string parent = slash == std::string::npos ? std::string() : relative.substr(0, slash);
     const std::string leaf = slash == std::string::npos ? relative : relative.substr(slash + 1);
-    if (std::optional<UniqueFd> dir = batch->directories.open(batch->root, parent)) {
+    if (std::shared_ptr<const UniqueFd> dir = batch->directories.open(batch->root, parent)) {
       struct stat st;
       const int rc = ::fstatat(dir->get(), leaf.c_str(), &st, AT_SYMLINK_NOFOLLOW);
       if ((rc == 0 && !S_ISLNK(st.st_mode)) || (rc != 0 && errno == ENOENT)) {
-        opened.emplace(std::move(*dir), path_join(batch->root, relative), file_path);
+        opened.emplace(std::move(dir), path_join(batch->root, relative), file_path);
       }
     }
   }
@@ -843,7 +822,10 @@ bool TransferEngine::run_pass(FileDownload& d) {
 
 bool TransferEngine::attempt_pass(FileDownload& d) {
   FilePass pass;
-  pass.fd = d.run.staging.open();
+  StagingFile::Opened staged = d.run.staging.open();
+  pass.fd = std::move(staged.fd);
+  pass.created = staged.created;
+  pass.length = staged.length;
   resume_staging(d, pass);
   if (pass.table) {
     fetch_in_ranges(d, pass);
@@ -859,41 +841,44 @@ void TransferEngine::resume_staging(FileDownload& d, FilePass& pass) {
   const std::string& staging = d.run.staging.path();
   const std::int64_t expected_size = d.expected_size;
   const int fd = pass.fd.get();
+  std::int64_t length = pass.length;
   // A file fetched in one request has nothing worth marking: a prefix
   // of other bytes costs at most that one request again.
-  const std::optional<std::string> mark = staging_mark(fd);
+  const std::optional<std::string> mark = pass.created ? std::nullopt : staging_mark(fd);
   pass.marked = mark.has_value();
   if (mark && !expected_sha.empty() && *mark != expected_sha) {
     json::object fields;
     fields["expected_size"] = expected_size;
-    fields["actual_size"] = file_size(staging);
+    fields["actual_size"] = length;
     fields["expected_sha"] = expected_sha;
     log_sync_event("range_resume_reset", file_path, 1, "stale_tmp", fields);
     if (::ftruncate(fd, 0) != 0) throw_os_error(errno, staging);
+    length = 0;
   }
   if (expected_size < 0 || expected_size > d.chunk) {
     mark_staging(fd, expected_sha);
     pass.marked = true;
   }
 
-  // What the staging file holds: ranges recorded in its range table, or
-  // a prefix of the file.
+  // What the staging file holds: ranges recorded in its range table
+  // (after the file's last byte), or a prefix of the file.
   std::optional<RangeTable>& table = pass.table;
-  if (expected_size > 0) table = RangeTable::open_existing(fd, expected_size, expected_sha, staging);
+  if (expected_size > 0 && length > expected_size) {
+    table = RangeTable::open_existing(fd, expected_size, expected_sha, staging);
+  }
   if (table && d.one_stream) {
     const std::int64_t prefix = table->contiguous_prefix();
     table.reset();  // unmapped before the file shrinks under it
     if (::ftruncate(fd, prefix) != 0) throw_os_error(errno, staging);
+    length = prefix;
   }
   if (table) {
     std::int64_t staged = 0;
     for (std::size_t i = 0; i < table->range_count(); ++i) staged += table->written(i) - table->range_start(i);
     if (staged > 0) log_sync_event("range_resume", file_path, 1, "partial_tmp", {{"bytes_existing", staged}});
   } else {
-    struct stat st;
-    if (::fstat(fd, &st) != 0) throw_os_error(errno, staging);
     std::int64_t& received = pass.received;
-    received = static_cast<std::int64_t>(st.st_size);
+    received = length;
     if (expected_size >= 0 && received > expected_size) {
       // Longer than the file can be: not a prefix of it.
       if (::ftruncate(fd, 0) != 0) throw_os_error(errno, staging);
@@ -948,8 +933,10 @@ void TransferEngine::fetch_in_one_stream(FileDownload& d, FilePass& pass) {
   const std::int64_t chunk = d.chunk;
   const int fd = pass.fd.get();
   std::int64_t& received = pass.received;
-  received = hash_existing(fd, pass.hasher, staging);
-  if (::lseek(fd, 0, SEEK_END) < 0) throw_os_error(errno, staging);
+  if (received > 0) {  // the prefix in place, as resume_staging found it
+    std::vector<char> buffer;
+    hash_file_bytes(fd, pass.hasher, 0, received, buffer, staging);
+  }
 
   // Without a size in the manifest, the length comes from the server's
   // Content-Range; a short chunk or an unsatisfiable range at the end
@@ -1003,8 +990,8 @@ void TransferEngine::fetch_in_one_stream(FileDownload& d, FilePass& pass) {
 }
 
 // Size and checksum of what the pass fetched: true when the staging file is
-// ready to promote (closed, its mark gone); false after waiting for another
-// pass.
+// ready to promote (its mark gone, its descriptor handed to the run); false
+// after waiting for another pass.
 bool TransferEngine::verify_pass(FileDownload& d, FilePass& pass) {
   const std::string& file_path = d.job.path;
   const std::string& expected_sha = d.job.sha256;
@@ -1047,12 +1034,20 @@ bool TransferEngine::verify_pass(FileDownload& d, FilePass& pass) {
     return false;
   }
   if (pass.marked) ::fremovexattr(fd.get(), kStagingDigestAttribute);  // the mark belongs to the staging file only
-  if (fd.reset() != 0) throw_os_error(errno, staging);
+  d.run.verified = std::move(fd);
   return true;
 }
 
 void TransferEngine::promote(const DownloadJob& job, FileRun& run, SyncResult& result, const DownloadOptions& options) {
   run.staging.promote();
+  // The identity the hash cache keeps is that of the file verified, taken
+  // through its descriptor once it has its final name (the rename changes
+  // its ctime). A close that fails (a file system that reports deferred
+  // write errors there) fails the download: the file has its final name
+  // then, but the cache does not vouch for it, so the next check reads it.
+  struct stat st;
+  const bool identified = ::fstat(run.verified.get(), &st) == 0;
+  if (run.verified.reset() != 0) throw_os_error(errno, run.local);
   const std::string target = options.target_data_dir.value_or(context_.data_dir);
   if (HostRef guard = context_.freshness_guard ? context_.freshness_guard() : HostRef()) {
     json::object kwargs;
@@ -1064,7 +1059,7 @@ void TransferEngine::promote(const DownloadJob& job, FileRun& run, SyncResult& r
     // Only a module in its final place: a staged era's files are not live yet.
     host().vault_module_updated(job.path, run.local, run.actual_sha);
   }
-  if (target == context_.data_dir) context_.hash_cache->remember(job.path, run.local, run.actual_sha);
+  if (target == context_.data_dir && identified) context_.hash_cache->remember(job.path, stat_key_of(st), run.actual_sha);
   // What this run fetched: a download resumed from an earlier run's staging
   // file counts only the rest of the file.
   result.bytes_downloaded += run.fetched;

@@ -52,6 +52,9 @@ Clock::duration seconds(double s) {
 struct EasyDeleter {
   void operator()(CURL* easy) const { curl_easy_cleanup(easy); }
 };
+struct MultiDeleter {
+  void operator()(CURLM* multi) const { curl_multi_cleanup(multi); }
+};
 struct ShareDeleter {
   void operator()(CURLSH* share) const { curl_share_cleanup(share); }
 };
@@ -59,6 +62,7 @@ struct SlistDeleter {
   void operator()(curl_slist* list) const { curl_slist_free_all(list); }
 };
 using EasyPtr = std::unique_ptr<CURL, EasyDeleter>;
+using MultiPtr = std::unique_ptr<CURLM, MultiDeleter>;
 using SlistPtr = std::unique_ptr<curl_slist, SlistDeleter>;
 
 // The DNS cache and TLS sessions shared by the handles of all threads.
@@ -261,9 +265,11 @@ std::optional<ContentRange> parse_content_range(std::string_view value) {
   return range;
 }
 
-// The handles of one client.
+// The handles of one client. The transfers run in a multi handle of the
+// client's own, which keeps the live connections between them.
 struct HttpClient::Handles {
   std::shared_ptr<CurlShare> share = process_share();
+  MultiPtr multi{curl_multi_init()};
   EasyPtr easy{curl_easy_init()};
 };
 
@@ -533,6 +539,35 @@ struct HttpClient::Transfer {
   }
 };
 
+namespace {
+
+// What curl_easy_perform does, except that it waits for the sockets only
+// while the transfer still needs them: a small answer that is there by the
+// time the request is sent costs no wait at all. The wait wakes at least
+// every second, so that the progress callback sees a stop request.
+CURLcode run_transfer(CURLM* multi, CURL* easy) {
+  if (curl_multi_add_handle(multi, easy) != CURLM_OK) return CURLE_FAILED_INIT;
+  struct Detach {
+    CURLM* multi;
+    CURL* easy;
+    ~Detach() { curl_multi_remove_handle(multi, easy); }
+  } detach{multi, easy};
+  int running = 0;
+  CURLMcode mc = curl_multi_perform(multi, &running);
+  while (mc == CURLM_OK && running > 0) {
+    mc = curl_multi_poll(multi, nullptr, 0, 1000, nullptr);
+    if (mc == CURLM_OK) mc = curl_multi_perform(multi, &running);
+  }
+  if (mc != CURLM_OK) return mc == CURLM_OUT_OF_MEMORY ? CURLE_OUT_OF_MEMORY : CURLE_BAD_FUNCTION_ARGUMENT;
+  int queued = 0;
+  while (CURLMsg* message = curl_multi_info_read(multi, &queued)) {
+    if (message->msg == CURLMSG_DONE && message->easy_handle == easy) return message->data.result;
+  }
+  return CURLE_FAILED_INIT;
+}
+
+}  // namespace
+
 HttpClient::HttpClient() : handles_(std::make_unique<Handles>()) {}
 HttpClient::~HttpClient() = default;
 
@@ -543,7 +578,8 @@ HttpClient& HttpClient::for_current_thread() {
 
 void HttpClient::perform(const HttpRequest& request, Transfer& transfer) {
   CURL* easy = handles_->easy.get();
-  if (!easy || !handles_->share->get()) throw OSError("libcurl could not be initialised");
+  CURLM* multi = handles_->multi.get();
+  if (!easy || !multi || !handles_->share->get()) throw OSError("libcurl could not be initialised");
   transfer.easy = easy;
 
   // A reset keeps the live connections, the DNS cache and the TLS sessions.
@@ -594,7 +630,7 @@ void HttpClient::perform(const HttpRequest& request, Transfer& transfer) {
   curl_easy_setopt(easy, CURLOPT_PREREQDATA, &transfer);
 
   transfer.started = transfer.last_progress = Clock::now();
-  CURLcode rc = curl_easy_perform(easy);
+  CURLcode rc = run_transfer(multi, easy);
   // The request's header list dies with this frame; no handle may keep it.
   curl_easy_setopt(easy, CURLOPT_HTTPHEADER, nullptr);
   curl_easy_setopt(easy, CURLOPT_ERRORBUFFER, nullptr);
