@@ -122,7 +122,8 @@ TEST(SyncProgress, TotalsOfHugeSizesSaturateInsteadOfWrappingAround) {
   DownloadSet set;
   for (const auto& kv : files) set.push_back(DownloadJob::from_entry(std::string(kv.key()), kv.value().as_object()));
   TempDir dir;
-  EXPECT_THROW(require_disk_space(dir.path(), set, files, 1LL << 40, siblings), DiskSpaceError);
+  EXPECT_THROW(require_disk_space(dir.path(), set, ManifestFiles::from_object(files), 1LL << 40, siblings),
+               DiskSpaceError);
 }
 
 TEST(DiskSpace, StagedBytesThatWillBeResumedAreNotNeededAgain) {
@@ -136,8 +137,9 @@ TEST(DiskSpace, StagedBytesThatWillBeResumedAreNotNeededAgain) {
   write_plain(dir / "a.arrow.tmp", std::string(70, 'a'));  // resumes: 30 left
   write_plain(dir / "b.arrow.tmp", std::string(50, 'b'));  // longer than the file: starts over
   fs::create_directory(dir / "c.arrow.tmp");               // not a staging file: starts over
-  EXPECT_EQ(require_disk_space(dir.path(), set, entries, 50, siblings), 30 + 10 + 10);
-  EXPECT_THROW(require_disk_space(dir.path(), set, entries, 49, siblings), DiskSpaceError);
+  const ManifestFiles table = ManifestFiles::from_object(entries);
+  EXPECT_EQ(require_disk_space(dir.path(), set, table, 50, siblings), 30 + 10 + 10);
+  EXPECT_THROW(require_disk_space(dir.path(), set, table, 49, siblings), DiskSpaceError);
 }
 
 }  // namespace

@@ -95,8 +95,8 @@ void SyncManager::load_local_manifest() {
     bool changed = false;
     std::vector<RejectedManifestEntry> rejected;
     json::object data = sanitize_manifest_data_for_sync(std::move(raw.get_object()), siblings, &changed, &rejected);
-    if (changed) write_manifest_json(settings_.data_dir, data);
     ManifestPtr manifest = Manifest::from_sanitized(std::move(data), std::move(rejected));
+    if (changed) write_manifest_json(settings_.data_dir, *manifest);
     // Consumers read membership straight after get_or_create, before any
     // sync. A missing or broken index still keeps the manifest (with empty
     // membership): the next sync fetches the index.
@@ -132,7 +132,7 @@ void SyncManager::load_local_vocabulary() {
 ManifestPtr SyncManager::with_local_signals_index(const ManifestPtr& manifest) {
   std::optional<SignalsIndexMembership> membership = read_manifest_signals_index(settings_.data_dir, *manifest);
   if (!membership || *membership == SignalsIndexMembership::of(*manifest)) return manifest;
-  ManifestPtr fresh = Manifest::from_sanitized(manifest->data());
+  ManifestPtr fresh = manifest->without_membership();
   std::move(*membership).apply_to(*fresh);
   return fresh;
 }
