@@ -101,12 +101,18 @@ TEST(SyncProgress, AListOfEntriesWritesWhatTheSameEntriesAsAnObjectWrite) {
   // the object the set used to be copied into held it).
   const json::value none = json::object();
   std::vector<SyncProgressFile> list;
-  for (const auto& kv : files) list.push_back({std::string_view(kv.key()), &kv.value()});
+  for (const auto& kv : files) list.push_back({std::string_view(kv.key()), &kv.value(), std::nullopt});
   list.push_back(list.front());
   EXPECT_EQ(sync_progress_text(2, 9, list, siblings, 1.5), expected);
+  // Entries read off a manifest's files table, as the sync hands them.
+  const ManifestFiles table = ManifestFiles::from_object(files);
+  std::vector<SyncProgressFile> listed;
+  for (const auto& kv : files) listed.push_back({std::string_view(kv.key()), nullptr, table.find(kv.key())});
+  listed.push_back(listed.front());
+  EXPECT_EQ(sync_progress_text(2, 9, listed, siblings, 1.5), expected);
   json::object with_missing = files;
   with_missing["q.arrow"] = none;
-  list.push_back({"q.arrow", nullptr});
+  list.push_back({"q.arrow", nullptr, std::nullopt});
   EXPECT_EQ(sync_progress_text(2, 9, list, siblings, 1.5), sync_progress_text(2, 9, with_missing, siblings, 1.5));
   EXPECT_EQ(sync_progress_text(2, 9, std::vector<SyncProgressFile>{}, siblings, 1.5),
             sync_progress_text(2, 9, json::object(), siblings, 1.5));

@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <cstring>
 #include <limits>
-#include <unordered_set>
 
 namespace tidewright::sync {
 
@@ -261,22 +260,6 @@ void ManifestFiles::set(std::string_view path, json::value info) {
   rows_.push_back(row);
 }
 
-void ManifestFiles::erase(const std::vector<std::string>& paths) {
-  std::unordered_set<std::string_view> gone;
-  for (const auto& p : paths) {
-    if (contains(p)) gone.insert(p);
-  }
-  if (gone.empty()) return;
-  // Rebuilt without them: the paths and entries are stored anew.
-  ManifestFiles kept;
-  kept.rows_.reserve(rows_.size() - gone.size());
-  kept.index_.reserve(rows_.size() - gone.size());
-  for (const Entry entry : *this) {
-    if (!gone.contains(entry.path())) kept.set(entry.path(), entry.info());
-  }
-  *this = std::move(kept);
-}
-
 json::object ManifestFiles::to_object() const {
   json::object out;
   out.reserve(rows_.size());
@@ -307,25 +290,6 @@ void ManifestFiles::append_entry_json(std::string& out, const Entry& entry, cons
     } else {
       append_json_string(out, strings_[value]);
     }
-  }
-  out.push_back('}');
-}
-
-void ManifestFiles::append_json(std::string& out, const JsonWriteOptions& options) const {
-  if (options.sort_keys) {
-    tidewright::sync::append_json(out, to_object(), options);
-    return;
-  }
-  const char* item_sep = options.compact ? "," : ", ";
-  const char* key_sep = options.compact ? ":" : ": ";
-  out.push_back('{');
-  bool first = true;
-  for (const Entry entry : *this) {
-    if (!first) out += item_sep;
-    first = false;
-    append_json_string(out, entry.path());
-    out += key_sep;
-    append_entry_json(out, entry, options);
   }
   out.push_back('}');
 }

@@ -126,13 +126,9 @@ class ManifestFiles {
 
   // Sets the entry of `path`: replaced in place when present, appended otherwise.
   void set(std::string_view path, json::value info);
-  // Removes the entries of `paths` (the others keep their order).
-  void erase(const std::vector<std::string>& paths);
 
   // The map as a JSON object, in order.
   json::object to_object() const;
-  // Appends the map as the manifest.json encoder writes it.
-  void append_json(std::string& out, const JsonWriteOptions& options) const;
   // The (key, value) id pairs of a compact entry; empty for a verbatim one.
   std::span<const std::uint32_t> compact_fields(const Entry& entry) const;
   // The text of a string id.
