@@ -12,6 +12,8 @@
 #include "tidewright/sync/transport/http_request.hpp"
 #include "tidewright/sync/transport/settings.hpp"
 
+#include <malloc.h>
+
 #include <exception>
 #include <utility>
 
@@ -52,6 +54,9 @@ SyncManager::SyncManager(SyncManagerArgs args)
   load_local_manifest();
   rotation_.load_state();
   load_local_vocabulary();
+  // What loading parsed and let go goes back to the system now, not at the
+  // first sync's downloads.
+  malloc_trim(0);
 }
 
 std::optional<json::value> SyncManager::held_manifest_era_number() const {
@@ -87,7 +92,11 @@ void SyncManager::load_local_manifest() {
   std::string path = path_join(settings_.data_dir, "manifest.json");
   if (!path_exists(path)) return;
   try {
-    json::value raw = parse_json(read_file(path));
+    // Parsed as it is read: the text of a large manifest is tens of
+    // megabytes, and its parsed form is held only until the table is built.
+    JsonStreamParser parser;
+    read_file_in_pieces(path, [&](std::string_view piece) { parser.write(piece); });
+    json::value raw = parser.finish();
     if (!raw.is_object()) throw ManifestError("manifest.json must contain a JSON object");
     ManifestSiblings siblings = host().manifest_siblings();
     // Sanitised as a server manifest is: one written by an older version of
