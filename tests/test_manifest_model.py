@@ -34,6 +34,33 @@ def test_values_are_kept_as_decoded_and_to_dict_is_a_fresh_copy():
     assert m.to_dict() == data
 
 
+DIGEST = "ab" * 32
+
+
+@pytest.mark.parametrize("entry", [
+    {"size_bytes": 5, "sha256": DIGEST, "kind": "feature"},
+    {"kind": "feature", "sha256": DIGEST, "size_bytes": 5, "named_universe": "top50", "family": "px"},
+    {"size_bytes": 3.0, "sha256": DIGEST, "kind": "feature"},
+    {"size_bytes": 5, "sha256": DIGEST, "kind": "vault_module", "platform": "macos_arm64", "tags": [1, {"x": None}]},
+    {"size_bytes": 5, "sha256": DIGEST, "kind": "f\u00e9ature \u2603", "note": "say \"hi\"\n"},
+    {"sha256": DIGEST, "kind": "functions"},
+    {"size_bytes": 5, "kind": "feature"},
+])
+def test_entries_of_any_form_come_back_exactly_from_manifest_json_and_the_python_face(entry, tmp_path):
+    # An upper-case digest is rewritten on load, so the engine writes manifest.json again.
+    files = {"features/a.arrow": {"size_bytes": 1, "sha256": DIGEST.upper(), "kind": "feature"},
+             "features/\u00fcn\u00ef.arrow": entry,
+             "features/c.arrow": {"size_bytes": 2, "sha256": DIGEST, "kind": "feature"}}
+    (tmp_path / "manifest.json").write_text(json.dumps({"era_number": 1, "files": files, "version": 2}))
+    expected = {"era_number": 1, "files": {**files, "features/a.arrow": {**files["features/a.arrow"], "sha256": DIGEST}},
+                "version": 2}
+    m = sync.SyncManager(str(tmp_path), "http://127.0.0.1:9", token="x")
+    assert (tmp_path / "manifest.json").read_text() == json.dumps(expected)
+    held = m.get_manifest()
+    assert json.dumps(held.to_dict()) == json.dumps(expected) and held.to_dict() == expected
+    assert json.dumps(held.files) == json.dumps(expected["files"])
+
+
 @pytest.mark.parametrize("field, value", [
     ("era_number", float("nan")), ("era_number", "7"), ("era_number", True), ("era_number", -1),
     ("era_number", 2.5), ("version", float("nan")), ("version", float("inf")), ("version", None),

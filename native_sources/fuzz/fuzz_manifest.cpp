@@ -126,10 +126,13 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
                 rebuilt->era_number_int() == manifest->era_number_int(),
             "a manifest changes when built again from its own object");
     require(!holds_non_finite_number(json::value(manifest->to_dict())), "a manifest holding NaN was built");
-    for (const auto& kv : manifest->files()) {
+    for (const ManifestFiles::Entry entry : manifest->files()) {
       try {
-        std::string safe = safe_manifest_relative_path(kv.key());
-        (void)manifest_file_is_sync_excluded(safe, kv.value(), siblings);
+        std::string safe = safe_manifest_relative_path(entry.path());
+        (void)manifest_file_is_sync_excluded(safe, entry.info(), siblings);
+        require(manifest_file_is_sync_excluded(entry, siblings) ==
+                    manifest_file_is_sync_excluded(entry.path(), entry.info(), siblings),
+                "an entry's sync exclusion depends on how it is stored");
         (void)agent_signal_group_key(safe, "", siblings.epochs);
       } catch (const ManifestError&) {
       }

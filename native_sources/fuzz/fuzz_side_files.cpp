@@ -195,8 +195,8 @@ void progress(std::string_view text, const ManifestSiblings& siblings) {
 void prefetched(std::string_view text, const Manifest& manifest, const ManifestSiblings& siblings) {
   std::set<std::string> paths = parse_prefetched_features_text(text, manifest, siblings);
   for (const auto& path : paths) {
-    const json::value* info = manifest.files().if_contains(path);
-    require(info && siblings.manifest_file_kind(path, *info) == "feature",
+    std::optional<ManifestFiles::Entry> info = manifest.files().find(path);
+    require(info && siblings.manifest_file_kind(path, info->info()) == "feature",
             "a prefetched path is no feature file of the manifest");
   }
   require(parse_prefetched_features_text(prefetched_features_text(7, paths), manifest, siblings) == paths,

@@ -101,12 +101,18 @@ TEST(SyncProgress, AListOfEntriesWritesWhatTheSameEntriesAsAnObjectWrite) {
   // the object the set used to be copied into held it).
   const json::value none = json::object();
   std::vector<SyncProgressFile> list;
-  for (const auto& kv : files) list.push_back({std::string_view(kv.key()), &kv.value()});
+  for (const auto& kv : files) list.push_back({std::string_view(kv.key()), &kv.value(), std::nullopt});
   list.push_back(list.front());
   EXPECT_EQ(sync_progress_text(2, 9, list, siblings, 1.5), expected);
+  // Entries read off a manifest's files table, as the sync hands them.
+  const ManifestFiles table = ManifestFiles::from_object(files);
+  std::vector<SyncProgressFile> listed;
+  for (const auto& kv : files) listed.push_back({std::string_view(kv.key()), nullptr, table.find(kv.key())});
+  listed.push_back(listed.front());
+  EXPECT_EQ(sync_progress_text(2, 9, listed, siblings, 1.5), expected);
   json::object with_missing = files;
   with_missing["q.arrow"] = none;
-  list.push_back({"q.arrow", nullptr});
+  list.push_back({"q.arrow", nullptr, std::nullopt});
   EXPECT_EQ(sync_progress_text(2, 9, list, siblings, 1.5), sync_progress_text(2, 9, with_missing, siblings, 1.5));
   EXPECT_EQ(sync_progress_text(2, 9, std::vector<SyncProgressFile>{}, siblings, 1.5),
             sync_progress_text(2, 9, json::object(), siblings, 1.5));
@@ -122,7 +128,8 @@ TEST(SyncProgress, TotalsOfHugeSizesSaturateInsteadOfWrappingAround) {
   DownloadSet set;
   for (const auto& kv : files) set.push_back(DownloadJob::from_entry(std::string(kv.key()), kv.value().as_object()));
   TempDir dir;
-  EXPECT_THROW(require_disk_space(dir.path(), set, files, 1LL << 40, siblings), DiskSpaceError);
+  EXPECT_THROW(require_disk_space(dir.path(), set, ManifestFiles::from_object(files), 1LL << 40, siblings),
+               DiskSpaceError);
 }
 
 TEST(DiskSpace, StagedBytesThatWillBeResumedAreNotNeededAgain) {
@@ -136,8 +143,9 @@ TEST(DiskSpace, StagedBytesThatWillBeResumedAreNotNeededAgain) {
   write_plain(dir / "a.arrow.tmp", std::string(70, 'a'));  // resumes: 30 left
   write_plain(dir / "b.arrow.tmp", std::string(50, 'b'));  // longer than the file: starts over
   fs::create_directory(dir / "c.arrow.tmp");               // not a staging file: starts over
-  EXPECT_EQ(require_disk_space(dir.path(), set, entries, 50, siblings), 30 + 10 + 10);
-  EXPECT_THROW(require_disk_space(dir.path(), set, entries, 49, siblings), DiskSpaceError);
+  const ManifestFiles table = ManifestFiles::from_object(entries);
+  EXPECT_EQ(require_disk_space(dir.path(), set, table, 50, siblings), 30 + 10 + 10);
+  EXPECT_THROW(require_disk_space(dir.path(), set, table, 49, siblings), DiskSpaceError);
 }
 
 }  // namespace

@@ -75,6 +75,59 @@ TEST(SanitizePredicates, PlatformAndSyncExclusion) {
   EXPECT_FALSE(manifest_file_is_sync_excluded("f.arrow", info("feature"), siblings, here));
 }
 
+// Entries of every form: those the table keeps as fields and those it keeps
+// verbatim. Each reads, looks up, excludes and writes as its JSON does.
+TEST(ManifestFilesTable, EveryEntryFormReadsAndWritesAsItsJson) {
+  const std::string upper(64, 'A');
+  json::object files;
+  files["a.arrow"] = info("feature");
+  files["b.arrow"] = json::object{{"kind", "feature"}, {"sha256", kDigest}, {"size_bytes", 3}, {"family", "px"}};
+  files["c.arrow"] = json::object{{"size_bytes", 3.0}, {"sha256", kDigest}, {"kind", "feature"}};
+  files["d.arrow"] = json::object{{"size_bytes", 3}, {"sha256", upper}, {"kind", "feature"}};
+  files["e.arrow"] = json::object{{"size_bytes", 3}, {"sha256", kDigest}, {"kind", "feature"}, {"n", json::array{1}}};
+  files["f\u00e9.arrow"] = json::object{{"size_bytes", -1}, {"sha256", kDigest}, {"kind", "\u2603 \"q\""}};
+  files["m.so"] = info("vault_module", "macos_arm64");
+  files["n.so"] = info("vault_module", "linux_x86_64");
+  files["functions.json"] = json::object{{"sha256", kDigest}, {"kind", "functions"}};
+  files["z"] = "not an entry";
+  json::object data{{"era_number", 1}, {"files", files}, {"after", "files"}};
+  ManifestPtr manifest = Manifest::from_sanitized(data);
+  const ManifestFiles& table = manifest->files();
+
+  EXPECT_EQ(manifest->to_dict(), data);
+  EXPECT_EQ(dump_json(manifest->to_dict()), dump_json(data));  // same key order everywhere
+  ASSERT_EQ(table.size(), files.size());
+  std::vector<std::string> order;
+  const ManifestSiblings siblings = default_manifest_siblings();
+  for (const ManifestFiles::Entry entry : table) {
+    order.emplace_back(entry.path());
+    const json::value& expected = files.at(entry.path());
+    EXPECT_EQ(entry.info(), expected) << entry.path();
+    EXPECT_TRUE(table.find(entry.path())->same_info(entry));
+    EXPECT_EQ(manifest_file_is_sync_excluded(entry, siblings),
+              manifest_file_is_sync_excluded(entry.path(), expected, siblings))
+        << entry.path();
+  }
+  EXPECT_EQ(order, keys_of(json::value(files)));
+  EXPECT_FALSE(table.find("missing.arrow"));
+  EXPECT_FALSE(table.contains("a.arrow/"));
+  EXPECT_EQ(table.find("a.arrow")->sha256(), kDigest);
+  EXPECT_EQ(table.find("b.arrow")->size_bytes(), 3);
+  EXPECT_EQ(table.find("functions.json")->size_bytes(), std::nullopt);
+
+  test_support::TempDir dir;
+  write_manifest_json(dir.path(), *manifest);
+  EXPECT_EQ(read_file(path_join(dir.path(), "manifest.json")), dump_json(data));
+
+  // A copy stands alone; replacing an entry keeps its place.
+  Manifest copy(*manifest);
+  copy.mutable_files().set("b.arrow", info("functions"));
+  EXPECT_EQ(copy.files().find("b.arrow")->info(), info("functions"));
+  EXPECT_EQ(table.find("b.arrow")->info(), files.at("b.arrow"));
+  EXPECT_EQ(copy.files().at(1).path(), "b.arrow");
+  EXPECT_FALSE(copy.files().find("b.arrow")->same_info(*table.find("b.arrow")));
+}
+
 // A manifest touching every filter.
 json::object mixed_manifest() {
   json::object files;

@@ -165,7 +165,28 @@ std::optional<std::string> missing_found_pnl_download_path(const PermanentDownlo
   return error.file_path;
 }
 
-void validate_membership_referenced_found_pnl_kinds(const json::object& sections, const json::object& files) {
+std::optional<std::string> missing_found_pnl_download_path(const PermanentDownloadError& error,
+                                                           const ManifestFiles& files) {
+  if (!error.status || *error.status != 404 || !error.file_path) return std::nullopt;
+  std::optional<ManifestFiles::Entry> entry = files.find(*error.file_path);
+  if (!entry || !is_manifest_found_pnl_file(*error.file_path, entry->info())) return std::nullopt;
+  return error.file_path;
+}
+
+namespace {
+
+std::string listed_kind(const json::object& files, const std::string& path) {
+  const json::value* info = files.if_contains(path);
+  return info ? kind_of(*info) : "";
+}
+
+std::string listed_kind(const ManifestFiles& files, const std::string& path) {
+  std::optional<ManifestFiles::Entry> entry = files.find(path);
+  return entry ? kind_of(entry->info()) : "";
+}
+
+template <typename Files>
+void validate_found_pnl_kinds(const json::object& sections, const Files& files) {
   for (const char* section : {"found_signals", "found_strategies"}) {
     const json::value* value = sections.if_contains(section);
     if (!value) continue;
@@ -174,8 +195,7 @@ void validate_membership_referenced_found_pnl_kinds(const json::object& sections
     for (const auto& path : membership_referenced_files(*value)) {
       std::optional<std::string> path_section = found_pnl_section_for_path(path);
       if (!path_section || *path_section != section) continue;
-      const json::value* info = files.if_contains(path);
-      std::string kind = info ? kind_of(*info) : "";
+      std::string kind = listed_kind(files, path);
       if (kind != expected) {
         throw ManifestError("membership-referenced found PnL file " + path + " in " + section +
                             " has missing or unclassifiable kind; expected " + expected + " for " + section +
@@ -184,6 +204,16 @@ void validate_membership_referenced_found_pnl_kinds(const json::object& sections
       }
     }
   }
+}
+
+}  // namespace
+
+void validate_membership_referenced_found_pnl_kinds(const json::object& sections, const json::object& files) {
+  validate_found_pnl_kinds(sections, files);
+}
+
+void validate_membership_referenced_found_pnl_kinds(const json::object& sections, const ManifestFiles& files) {
+  validate_found_pnl_kinds(sections, files);
 }
 
 }  // namespace tidewright::sync

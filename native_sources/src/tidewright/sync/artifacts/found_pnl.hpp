@@ -5,6 +5,7 @@
 #pragma once
 
 #include "tidewright/sync/common/json.hpp"
+#include "tidewright/sync/manifest/manifest_files_table.hpp"
 #include "tidewright/sync/reporting/errors.hpp"
 
 #include <optional>
@@ -47,9 +48,12 @@ std::optional<ScrubbedSignalsIndex> scrub_missing_found_pnl_paths_from_signals_i
 // on a found PnL file of the right kind), or empty.
 std::optional<std::string> missing_found_pnl_download_path(const PermanentDownloadError& error,
                                                            const json::object& files);
+std::optional<std::string> missing_found_pnl_download_path(const PermanentDownloadError& error,
+                                                           const ManifestFiles& files);
 
 // ManifestError when a membership-referenced found PnL file has the wrong kind.
 // `sections` holds "found_signals" and "found_strategies".
 void validate_membership_referenced_found_pnl_kinds(const json::object& sections, const json::object& files);
+void validate_membership_referenced_found_pnl_kinds(const json::object& sections, const ManifestFiles& files);
 
 }  // namespace tidewright::sync

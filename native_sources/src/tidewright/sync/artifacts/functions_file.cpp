@@ -16,7 +16,9 @@ json::object validate_functions_file(const std::string& data_dir, const Manifest
   const json::value& pointer = manifest.functions();
   std::string pointer_text = pointer.is_null() ? "" : python_str(pointer);
   if (pointer_text != FUNCTIONS_FILENAME) throw SyncError("manifest is missing functions.json pointer");
-  const json::object* entry = as_object(manifest.files().if_contains(FUNCTIONS_FILENAME));
+  std::optional<ManifestFiles::Entry> listed = manifest.files().find(FUNCTIONS_FILENAME);
+  const json::value info = listed ? listed->info() : json::value(nullptr);
+  const json::object* entry = as_object(&info);
   if (!entry) throw SyncError("manifest files[\"functions.json\"] must be an object");
   const json::value* kind = entry->if_contains("kind");
   if (!kind || !kind->is_string() || kind->get_string() != "functions") {

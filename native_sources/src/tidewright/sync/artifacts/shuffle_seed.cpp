@@ -71,7 +71,7 @@ std::string coerce_shuffle_key_source(const json::value& value) {
 }
 
 std::optional<std::int64_t> manifest_positive_int(const Manifest& manifest, const char* field) {
-  return positive_int(manifest.data().if_contains(field));
+  return positive_int(manifest.fields().if_contains(field));
 }
 
 std::string shuffle_seed_generation_for_manifest(const Manifest& manifest) {

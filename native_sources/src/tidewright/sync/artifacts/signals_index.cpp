@@ -22,7 +22,20 @@ std::optional<std::string> signals_index_path_digest(std::string_view path) {
   return std::string(digest);
 }
 
-std::optional<std::string> manifest_signals_index_path(const json::value& signals_index, const json::object& files) {
+namespace {
+
+std::optional<json::value> entry_of(const json::object& files, std::string_view path) {
+  if (const json::value* v = files.if_contains(path)) return *v;
+  return std::nullopt;
+}
+
+std::optional<json::value> entry_of(const ManifestFiles& files, std::string_view path) {
+  if (auto entry = files.find(path)) return entry->info();
+  return std::nullopt;
+}
+
+template <typename Files>
+std::optional<std::string> signals_index_path_in(const json::value& signals_index, const Files& files) {
   // An empty pointer ("" as well as null) means the era has no index.
   if (!truthy(signals_index)) return std::nullopt;
   std::string path = safe_manifest_relative_path(python_str(signals_index));
@@ -31,8 +44,9 @@ std::optional<std::string> manifest_signals_index_path(const json::value& signal
   }
   std::optional<std::string> digest = signals_index_path_digest(path);
   if (!digest) throw ManifestError("manifest signals_index must reference _control/signals_index.<sha256>.json");
-  const json::object* entry = as_object(files.if_contains(path));
-  if (!files.contains(path)) throw ManifestError("manifest signals_index must be present in files");
+  const std::optional<json::value> listed = entry_of(files, path);
+  const json::object* entry = listed ? as_object(&*listed) : nullptr;
+  if (!listed) throw ManifestError("manifest signals_index must be present in files");
   if (!entry) throw ManifestError("manifest signals_index must be present in files");
   if (const json::value* rel = entry->if_contains("relative_path"); rel && !rel->is_null()) {
     std::string rel_path;
@@ -60,6 +74,16 @@ std::optional<std::string> manifest_signals_index_path(const json::value& signal
     throw ManifestError("manifest signals_index file size_bytes must be non-negative");
   }
   return path;
+}
+
+}  // namespace
+
+std::optional<std::string> manifest_signals_index_path(const json::value& signals_index, const json::object& files) {
+  return signals_index_path_in(signals_index, files);
+}
+
+std::optional<std::string> manifest_signals_index_path(const json::value& signals_index, const ManifestFiles& files) {
+  return signals_index_path_in(signals_index, files);
 }
 
 std::optional<std::string> manifest_signals_index_path(const Manifest& manifest) {

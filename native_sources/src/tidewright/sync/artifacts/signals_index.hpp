@@ -22,6 +22,7 @@ inline constexpr const char* SIGNALS_INDEX_SECTIONS[] = {"found_signals", "found
 // another value the host reads as false). Throws
 // ManifestError for every broken pointer.
 std::optional<std::string> manifest_signals_index_path(const json::value& signals_index, const json::object& files);
+std::optional<std::string> manifest_signals_index_path(const json::value& signals_index, const ManifestFiles& files);
 std::optional<std::string> manifest_signals_index_path(const Manifest& manifest);
 
 // The digest in a versioned index path, or empty when the path is not one.

@@ -200,6 +200,15 @@ std::vector<std::string> vocabulary_manifest_paths(const json::object& files) {
   return out;
 }
 
+std::vector<std::string> vocabulary_manifest_paths(const ManifestFiles& files) {
+  std::vector<std::string> out;
+  for (const ManifestFiles::Entry entry : files) {
+    if (vocabulary_named_universe_from_path(entry.path())) out.emplace_back(entry.path());
+  }
+  std::sort(out.begin(), out.end());
+  return out;
+}
+
 json::object validate_manifest_vocabulary_files(const std::string& data_dir, const Manifest& manifest) {
   ManifestSiblings siblings = host().manifest_siblings();
   std::vector<std::string> paths = vocabulary_manifest_paths(manifest.files());

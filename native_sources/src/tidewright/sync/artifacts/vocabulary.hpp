@@ -52,6 +52,7 @@ json::object validate_vocabulary_file(const std::string& path, std::int64_t expe
 std::optional<std::string> vocabulary_named_universe_from_path(std::string_view file_path);
 // The manifest's vocabulary paths, sorted.
 std::vector<std::string> vocabulary_manifest_paths(const json::object& files);
+std::vector<std::string> vocabulary_manifest_paths(const ManifestFiles& files);
 
 // Validates every vocabulary of the manifest in `data_dir` and merges each
 // with the era's functions file; universe -> merged vocabulary.

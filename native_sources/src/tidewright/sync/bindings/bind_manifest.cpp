@@ -12,6 +12,8 @@
 #include <nanobind/stl/string.h>
 
 #include <cstdint>
+#include <span>
+#include <vector>
 #include <string_view>
 #include <utility>
 
@@ -79,6 +81,59 @@ const json::object& membership_map(const Manifest& m, std::string_view name) {
 
 nb::str str_of(std::string_view text) { return nb::str(text.data(), text.size()); }
 
+nb::object decoded(std::string_view text) {
+  PyObject* s = PyUnicode_DecodeUTF8(text.data(), static_cast<Py_ssize_t>(text.size()), "surrogateescape");
+  if (!s) throw nb::python_error();
+  return nb::steal(s);
+}
+
+// The files map as a dict, straight from the table: a compact entry becomes
+// the dict its JSON would, its keys and texts shared strings (one per
+// distinct text of the table); a verbatim one is converted as it stands.
+nb::object files_dict(const ManifestFiles& files) {
+  nb::dict out;
+  std::vector<nb::object> texts(files.distinct_texts());
+  auto text = [&](std::uint32_t id) -> const nb::object& {
+    if (!texts[id].is_valid()) texts[id] = decoded(files.text(id));
+    return texts[id];
+  };
+  for (const ManifestFiles::Entry entry : files) {
+    nb::object value;
+    if (const json::value* info = entry.verbatim()) {
+      value = from_json(*info);
+    } else {
+      const std::span<const std::uint32_t> fields = files.compact_fields(entry);
+      nb::dict object;
+      for (std::size_t i = 0; i < fields.size(); i += 2) {
+        nb::object item;
+        if (fields[i + 1] == ManifestFiles::kSizeValue) {
+          item = nb::steal(PyLong_FromLongLong(*entry.size_bytes()));
+          if (!item.is_valid()) throw nb::python_error();
+        } else if (fields[i + 1] == ManifestFiles::kDigestValue) {
+          const std::string sha = entry.sha256();
+          item = nb::str(sha.data(), sha.size());
+        } else {
+          item = text(fields[i + 1]);
+        }
+        if (PyDict_SetItem(object.ptr(), text(fields[i]).ptr(), item.ptr()) != 0) throw nb::python_error();
+      }
+      value = std::move(object);
+    }
+    if (PyDict_SetItem(out.ptr(), decoded(entry.path()).ptr(), value.ptr()) != 0) throw nb::python_error();
+  }
+  return out;
+}
+
+// The manifest object as a dict (what from_json_object(m.to_dict()) makes).
+nb::object data_dict(const Manifest& m) {
+  nb::dict out;
+  for (const auto& field : m.fields()) {
+    nb::object value = field.key() == "files" && m.files_held() ? files_dict(m.files()) : from_json(field.value());
+    if (PyDict_SetItem(out.ptr(), decoded(field.key()).ptr(), value.ptr()) != 0) throw nb::python_error();
+  }
+  return out;
+}
+
 nb::dict instance_dict(nb::handle self) { return nb::borrow<nb::dict>(nb::getattr(self, "__dict__")); }
 
 void build(nb::handle self, ManifestFace& face, unsigned group) {
@@ -86,7 +141,7 @@ void build(nb::handle self, ManifestFace& face, unsigned group) {
   nb::dict attributes = instance_dict(self);
   const Manifest& m = *face.manifest;
   if (group == kData) {
-    nb::object data = from_json_object(m.data());
+    nb::object data = data_dict(m);
     attributes["_data"] = data;
     nb::dict as_dict = nb::borrow<nb::dict>(data);
     attributes["files"] = as_dict.contains("files") ? nb::object(as_dict["files"]) : nb::object(nb::dict());
@@ -159,8 +214,16 @@ std::optional<std::pair<std::int64_t, std::int64_t>> face_file_totals(nb::handle
   const ManifestFace& face = manifest_face(self);
   if (face.built & kData) return std::nullopt;
   std::int64_t total = 0;
-  for (const auto& kv : face.manifest->files()) {
-    const json::object* entry = as_object(&kv.value());
+  for (const ManifestFiles::Entry listed : face.manifest->files()) {
+    const json::value* info = listed.verbatim();
+    if (!info) {
+      const std::int64_t size = *listed.size_bytes();
+      if (size < 0) continue;
+      if (size > INT64_MAX - total) return std::nullopt;
+      total += size;
+      continue;
+    }
+    const json::object* entry = as_object(info);
     const json::value* size = entry ? entry->if_contains("size_bytes") : nullptr;
     if (!size) continue;
     if (size->is_uint64()) return std::nullopt;  // past 64 bits: Python adds it exactly
@@ -213,12 +276,12 @@ void show_changed_manifest(nb::handle self, ManifestPtr changed, ManifestChange 
   if (change == ManifestChange::kFiles && (face.built & kData)) {
     nb::object files = attributes.contains("files") ? nb::object(attributes["files"]) : nb::object();
     if (!files.is_valid() || !PyDict_Check(files.ptr())) return;
-    for (const auto& kv : after.files()) {
-      const json::value* old = before->files().if_contains(kv.key());
-      if (!old || *old != kv.value()) files[str_of(kv.key())] = from_json(kv.value());
+    for (const ManifestFiles::Entry entry : after.files()) {
+      std::optional<ManifestFiles::Entry> old = before->files().find(entry.path());
+      if (!old || !old->same_info(entry)) files[str_of(entry.path())] = from_json(entry.info());
     }
-    for (const auto& kv : before->files()) {
-      if (!after.files().contains(kv.key()) && PyDict_DelItem(files.ptr(), str_of(kv.key()).ptr()) != 0) {
+    for (const ManifestFiles::Entry entry : before->files()) {
+      if (!after.files().contains(entry.path()) && PyDict_DelItem(files.ptr(), str_of(entry.path()).ptr()) != 0) {
         PyErr_Clear();
       }
     }

@@ -57,7 +57,7 @@ std::vector<std::string> texts(nb::handle iterable) {
 // with to_dict(). None is an empty manifest.
 json::object manifest_data_of(nb::handle manifest) {
   if (manifest.is_none()) return {};
-  if (nb::isinstance<ManifestFace>(manifest)) return engine_manifest(manifest)->data();
+  if (nb::isinstance<ManifestFace>(manifest)) return engine_manifest(manifest)->to_dict();
   nb::object source = nb::borrow(manifest);
   if (!PyMapping_Check(manifest.ptr()) && nb::hasattr(manifest, "to_dict")) source = manifest.attr("to_dict")();
   json::value value = to_json(source);

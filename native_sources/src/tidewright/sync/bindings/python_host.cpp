@@ -348,6 +348,7 @@ ManifestSiblings PythonHost::manifest_siblings() {
     nb::object kind_fn = rotation.attr("manifest_file_kind");
     if (!is_native_default(kind_fn, "manifest_file_kind")) {
       HostRef ref = make_ref(kind_fn);
+      s.native_file_kind = false;
       s.manifest_file_kind = [ref](std::string_view path, const json::value& info) {
         return with_gil([&] {
           return to_text(ref_object(ref)(nb::str(path.data(), path.size()), from_json(info)));

@@ -224,13 +224,16 @@ std::optional<StatKey> try_stat_key(const std::string& path) {
 
 std::int64_t file_size(const std::string& path) { return stat_key(path).size; }
 
-std::string read_file(const std::string& path) {
+namespace {
+
+// Reads `path` in pieces of up to 64 KiB; `reserve` learns the file's size first.
+void read_pieces(const std::string& path, const std::function<void(std::size_t)>& reserve,
+                 const std::function<void(std::string_view)>& piece) {
   UniqueFd fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
   if (!fd.valid()) throw_os_error(errno, path);
-  std::string out;
   struct stat st;
   if (::fstat(fd.get(), &st) == 0 && S_ISDIR(st.st_mode)) throw_os_error(EISDIR, path);
-  if (::fstat(fd.get(), &st) == 0 && st.st_size > 0) out.reserve(static_cast<std::size_t>(st.st_size));
+  if (reserve && ::fstat(fd.get(), &st) == 0 && st.st_size > 0) reserve(static_cast<std::size_t>(st.st_size));
   char buf[1 << 16];
   while (true) {
     ssize_t n = ::read(fd.get(), buf, sizeof buf);
@@ -239,9 +242,21 @@ std::string read_file(const std::string& path) {
       throw_os_error(errno, path);
     }
     if (n == 0) break;
-    out.append(buf, static_cast<std::size_t>(n));
+    piece(std::string_view(buf, static_cast<std::size_t>(n)));
   }
+}
+
+}  // namespace
+
+std::string read_file(const std::string& path) {
+  std::string out;
+  read_pieces(
+      path, [&](std::size_t size) { out.reserve(size); }, [&](std::string_view piece) { out.append(piece); });
   return out;
+}
+
+void read_file_in_pieces(const std::string& path, const std::function<void(std::string_view)>& piece) {
+  read_pieces(path, {}, piece);
 }
 
 void make_dirs(const std::string& path) {

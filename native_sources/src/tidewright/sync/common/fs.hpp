@@ -4,6 +4,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -69,6 +70,8 @@ std::int64_t coarse_now_ns();
 std::optional<StatKey> try_stat_key(const std::string& path);
 std::int64_t file_size(const std::string& path);
 std::string read_file(const std::string& path);
+// The same, handed to `piece` as it is read (a large file is never held whole).
+void read_file_in_pieces(const std::string& path, const std::function<void(std::string_view)>& piece);
 void make_dirs(const std::string& path);  // exist-ok
 // The directory `relative` ("/"-separated, below `root`), opened one segment
 // at a time from `root` without following links and created where missing

@@ -16,6 +16,11 @@ std::shared_ptr<Host> g_host GUARDED_BY(g_host_mu);
 
 }  // namespace
 
+std::string manifest_entry_kind(const ManifestSiblings& siblings, const ManifestFiles::Entry& entry) {
+  if (siblings.native_file_kind && entry.compact()) return std::string(entry.kind());
+  return siblings.manifest_file_kind(entry.path(), entry.info());
+}
+
 ManifestSiblings default_manifest_siblings() {
   ManifestSiblings s;
   s.manifest_file_kind = [](std::string_view, const json::value& info) -> std::string {

@@ -8,6 +8,7 @@
 #pragma once
 
 #include "tidewright/sync/common/json.hpp"
+#include "tidewright/sync/manifest/manifest_files_table.hpp"
 
 #include <cstdint>
 #include <functional>
@@ -43,6 +44,9 @@ struct EpochNames {
 struct ManifestSiblings {
   // tidewright._artifact_rotation.manifest_file_kind(path, info)
   std::function<std::string(std::string_view path, const json::value& info)> manifest_file_kind;
+  // Whether manifest_file_kind is the native default (the entry's "kind"):
+  // file_kind then reads a compact entry's kind without building the entry.
+  bool native_file_kind = true;
   // tidewright.runtime_module_freshness.is_runtime_module_kind(kind)
   std::function<bool(std::string_view kind)> is_runtime_module_kind;
   // tidewright.runtime_module_freshness.RUNTIME_MODULE_KIND_SUFFIX
@@ -56,6 +60,9 @@ struct ManifestSiblings {
   // tidewright.era_config.EpochName values
   EpochNames epochs;
 };
+
+// manifest_file_kind of a manifest entry.
+std::string manifest_entry_kind(const ManifestSiblings& siblings, const ManifestFiles::Entry& entry);
 
 // The package's default sibling behaviour, natively (also what FakeHost uses).
 ManifestSiblings default_manifest_siblings();

@@ -52,7 +52,7 @@ std::shared_ptr<const json::object> SyncManager::validated_vocabularies(const Ma
   paths.emplace_back(FUNCTIONS_FILENAME);
   bool cacheable = true;
   for (const auto& path : paths) {
-    const json::value* entry = manifest.files().if_contains(path);
+    std::optional<ManifestFiles::Entry> entry = manifest.files().find(path);
     std::optional<StatKey> identity;
     try {
       identity = try_stat_key(manifest_local_path(settings_.data_dir, path));
@@ -62,7 +62,7 @@ std::shared_ptr<const json::object> SyncManager::validated_vocabularies(const Ma
       cacheable = false;
       break;
     }
-    key += "\n" + path + "\n" + (entry ? dump_json(*entry) : std::string("-")) + "\n" +
+    key += "\n" + path + "\n" + (entry ? dump_json(entry->info()) : std::string("-")) + "\n" +
            std::to_string(identity->size) + " " + std::to_string(identity->mtime_ns) + " " +
            std::to_string(identity->ctime_ns) + " " + std::to_string(identity->inode);
   }
@@ -79,8 +79,9 @@ void SyncManager::repair_vocabulary_manifest_entry(Manifest& server_manifest, co
                                                    bool allow_sha_mismatch) {
   std::string actual_sha = sha256(body);
   auto actual_size = static_cast<std::int64_t>(body.size());
-  json::object& files = server_manifest.mutable_files();
-  json::value& slot = files[file_path];
+  ManifestFiles& files = server_manifest.mutable_files();
+  std::optional<ManifestFiles::Entry> listed = files.find(file_path);
+  json::value slot = listed ? listed->info() : json::value(json::object());
   if (!slot.is_object()) slot = json::object();
   json::object& entry = slot.get_object();
   const json::value* expected_sha = entry.if_contains("sha256");
@@ -89,10 +90,11 @@ void SyncManager::repair_vocabulary_manifest_entry(Manifest& server_manifest, co
   bool size_equal = expected_size && to_int(*expected_size) == actual_size;
   if (sha_equal && size_equal) return;
   if (!allow_sha_mismatch) throw IntegrityError("Refusing to repair vocabulary manifest hash for " + file_path);
-  json::value shown_sha = expected_sha ? *expected_sha : json::value(nullptr);
-  json::value shown_size = expected_size ? *expected_size : json::value(nullptr);
+  const json::value shown_sha = expected_sha ? *expected_sha : json::value(nullptr);
+  const json::value shown_size = expected_size ? *expected_size : json::value(nullptr);
   entry["sha256"] = actual_sha;
   entry["size_bytes"] = actual_size;
+  files.set(file_path, std::move(slot));
   log_warning("Manifest vocabulary metadata repaired for %s: expected sha=%s size=%s, actual sha=%s size=%s; %s",
               {json::value(file_path), shown_sha, shown_size, json::value(actual_sha), json::value(actual_size),
                json::value(reason.value_or("validated vocabulary bytes"))});
@@ -111,7 +113,10 @@ bool SyncManager::download_vocabulary(Manifest& server_manifest, const std::opti
     std::string universe = *vocabulary_named_universe_from_path(path);
     std::string local = manifest_local_path(target, path);
     json::object entry;
-    if (const json::object* e = as_object(server_manifest.files().if_contains(path))) entry = *e;
+    if (std::optional<ManifestFiles::Entry> listed = server_manifest.files().find(path)) {
+      json::value info = listed->info();
+      if (info.is_object()) entry = std::move(info.get_object());
+    }
     if (!entry.contains("base_url")) {
       std::optional<std::string> base = held ? held->base_url_text() : server_manifest.base_url_text();
       entry["base_url"] = base ? json::value(*base) : json::value(nullptr);
@@ -207,7 +212,8 @@ bool SyncManager::download_signals_index(Manifest& server_manifest, SyncResult& 
   std::optional<std::string> path = manifest_signals_index_path(server_manifest);
   if (!path) return false;
   const std::string target = target_data_dir.value_or(settings_.data_dir);
-  const json::object& entry = server_manifest.files().at(*path).get_object();
+  const json::value info = server_manifest.files().find(*path)->info();
+  const json::object& entry = info.get_object();
   std::string local = manifest_local_path(target, *path);
   if (local_file_matches_manifest(*path, local, entry, true)) {
     std::string body = read_file(local);

@@ -111,10 +111,10 @@ std::set<std::string> manifest_files_named_tmp(const std::string& data_dir, cons
   std::set<std::string> out;
   std::string root;
   std::string canonical;
-  for (const json::object* files : manifest_files) {
+  for (const ManifestFiles* files : manifest_files) {
     if (!files) continue;
-    for (const auto& entry : *files) {
-      const std::string_view key = entry.key();
+    for (const ManifestFiles::Entry entry : *files) {
+      const std::string_view key = entry.path();
       if (key.find(".tmp") == std::string_view::npos) continue;  // most keys: no need to normalise
       if (!try_safe_manifest_relative_path(key, canonical) || !ends_with_tmp(canonical)) continue;
       if (root.empty()) root = real_path(data_dir);

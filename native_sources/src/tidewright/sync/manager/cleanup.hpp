@@ -5,6 +5,7 @@
 #include "tidewright/sync/common/fs.hpp"
 #include "tidewright/sync/common/mutex.hpp"
 #include "tidewright/sync/common/json.hpp"
+#include "tidewright/sync/manifest/manifest_files_table.hpp"
 
 #include <cstdint>
 #include <optional>
@@ -36,7 +37,7 @@ class TmpScanMemo {
 
 // Files of the manifests at hand, as "files" maps: a manifest file whose own
 // name ends in ".tmp" is data, never a staging file to clean up.
-using ManifestFilesList = std::vector<const json::object*>;
+using ManifestFilesList = std::vector<const ManifestFiles*>;
 
 // Deletes every "*.tmp" file below `data_dir` except the staging files of
 // `preserve_relative_paths` (resumable downloads of the current set) and the

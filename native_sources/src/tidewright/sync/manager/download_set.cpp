@@ -10,15 +10,15 @@
 
 namespace tidewright::sync {
 
-std::int64_t require_disk_space(const std::string& data_dir, const DownloadSet& files, const json::object& entries,
+std::int64_t require_disk_space(const std::string& data_dir, const DownloadSet& files, const ManifestFiles& entries,
                                 std::int64_t free_bytes, const ManifestSiblings& siblings) {
   std::int64_t needed = 0;
   static const json::value kNoEntry = json::object();
   // Resolved a directory at a time, not a path at a time.
   std::optional<ManifestLocalPaths> locals;
   for (const auto& job : files) {
-    const json::value* entry = entries.if_contains(job.path);
-    std::optional<std::int64_t> size = siblings.manifest_file_size(entry ? *entry : kNoEntry);
+    std::optional<ManifestFiles::Entry> entry = entries.find(job.path);
+    std::optional<std::int64_t> size = siblings.manifest_file_size(entry ? entry->info() : kNoEntry);
     if (!size) continue;
     DownloadJob sized = job;
     sized.size = size;
@@ -61,7 +61,7 @@ void write_download_progress(const std::string& data_dir, const Manifest& manife
   // The entries are read in the manifest, not copied.
   std::vector<SyncProgressFile> progress_files;
   progress_files.reserve(files.size());
-  for (const auto& job : files) progress_files.push_back({job.path, manifest.files().if_contains(job.path)});
+  for (const auto& job : files) progress_files.push_back({job.path, nullptr, manifest.files().find(job.path)});
   write_sync_progress_json(data_dir, manifest.era_number_int() < 0 ? 0 : manifest.era_number_int(),
                            manifest.version_int() < 0 ? 0 : manifest.version_int(), progress_files, siblings);
 }

@@ -28,7 +28,7 @@ using ManifestEntries = std::vector<std::pair<std::string, json::object>>;
 // available" when they exceed `free_bytes`.
 // The sizes come from the manifest entries in `entries` (by path), through
 // the host's manifest_file_size.
-std::int64_t require_disk_space(const std::string& data_dir, const DownloadSet& files, const json::object& entries,
+std::int64_t require_disk_space(const std::string& data_dir, const DownloadSet& files, const ManifestFiles& entries,
                                 std::int64_t free_bytes, const ManifestSiblings& siblings);
 
 // The paths of the entries the manifest's sanitising refused (a SyncResult's

@@ -489,10 +489,12 @@ void EraTransition::prepare(Run& run) {
       throw SyncError("Active rotation path is missing from transition manifest: " + path);
     }
   }
-  for (const auto& kv : run.manifest->files()) {
-    if (!run.rotation.covers(std::string(kv.key()))) continue;
-    if (manifest_file_is_sync_excluded(kv.key(), kv.value(), run.siblings)) continue;
-    run.to_fetch.emplace_back(std::string(kv.key()), kv.value().is_object() ? kv.value().get_object() : json::object());
+  for (const ManifestFiles::Entry entry : run.manifest->files()) {
+    if (!run.rotation.covers(std::string(entry.path()))) continue;
+    if (manifest_file_is_sync_excluded(entry, run.siblings)) continue;
+    json::value info = entry.info();
+    run.to_fetch.emplace_back(std::string(entry.path()),
+                              info.is_object() ? std::move(info.get_object()) : json::object());
   }
   run.result.era_number = run.era;
   // Every file of the new era goes into staging, copied or downloaded, while
@@ -627,17 +629,17 @@ void EraTransition::switch_to_new_era(Run& run) {
   // The new era's files reach stable storage before its manifest names them.
   sync_file_system(data_dir_);
   const std::string body_sha = sha256(run.manifest_body);
-  write_manifest_json(data_dir_, run.manifest->data(), body_sha, body_sha);
+  write_manifest_json(data_dir_, *run.manifest, body_sha, body_sha);
   manager_.install_manifest(run.manifest);
 }
 
 void EraTransition::remove_files_only_the_old_era_had(const Run& run) {
   if (!run.old_manifest) return;
-  for (const auto& kv : run.old_manifest->files()) {
-    if (run.manifest->files().contains(kv.key())) continue;
+  for (const ManifestFiles::Entry entry : run.old_manifest->files()) {
+    if (run.manifest->files().contains(entry.path())) continue;
     std::string local;
     try {
-      local = manifest_local_path(data_dir_, kv.key());
+      local = manifest_local_path(data_dir_, entry.path());
     } catch (const ManifestError&) {
       continue;
     }
@@ -704,8 +706,8 @@ std::optional<json::object> EraTransition::rotation_refresh_payload(const Run& r
   if (run.previous_active) {
     previous = *run.previous_active;
   } else if (run.old_manifest) {
-    for (const auto& kv : run.old_manifest->files()) {
-      if (!manifest_file_is_sync_excluded(kv.key(), kv.value(), run.siblings)) previous.insert(std::string(kv.key()));
+    for (const ManifestFiles::Entry entry : run.old_manifest->files()) {
+      if (!manifest_file_is_sync_excluded(entry, run.siblings)) previous.insert(std::string(entry.path()));
     }
   }
   json::array active_paths, added, removed;

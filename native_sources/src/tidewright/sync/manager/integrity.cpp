@@ -44,6 +44,22 @@ std::int64_t expected_size_of(const json::value& info) {
   return -1;
 }
 
+// The same, read off a table entry (a compact one without building it).
+bool is_vault_module(const ManifestFiles::Entry& entry) {
+  const json::value* info = entry.verbatim();
+  return info ? is_vault_module(*info) : entry.kind() == "vault_module";
+}
+
+std::string expected_sha_of(const ManifestFiles::Entry& entry) {
+  const json::value* info = entry.verbatim();
+  return info ? expected_sha_of(*info) : entry.sha256();
+}
+
+std::int64_t expected_size_of(const ManifestFiles::Entry& entry) {
+  const json::value* info = entry.verbatim();
+  return info ? expected_size_of(*info) : entry.size_bytes().value_or(-1);
+}
+
 // first_local_mismatch's walk over a manifest: the files are split into
 // ranges checked by a few threads at once, each stops at the first mismatch
 // any of them found. Files whose size fits are looked up in the hash cache
@@ -87,7 +103,7 @@ class LocalMismatchScan {
     std::string local;
     StatKey identity;
     std::string expected_sha;
-    const json::value* info;
+    std::int64_t expected_size;
   };
   static constexpr std::size_t kFilesPerThread = 16384;
   static constexpr std::size_t kMaxThreads = 4;
@@ -104,9 +120,9 @@ class LocalMismatchScan {
   }
 
   // Files sync does not keep locally are not checked.
-  bool left_out(const std::string& path, const json::value& info) const {
-    return (skip_ && skip_(path, info)) || vocabulary_named_universe_from_path(path) ||
-           manifest_file_is_sync_excluded(path, info, siblings_) || is_vault_module(info);
+  bool left_out(const std::string& path, const ManifestFiles::Entry& entry) const {
+    return (skip_ && skip_(path, entry)) || vocabulary_named_universe_from_path(path) ||
+           manifest_file_is_sync_excluded(entry, siblings_) || is_vault_module(entry);
   }
 
   void check_range(std::size_t begin, std::size_t end) EXCLUDES(mu_) {
@@ -122,20 +138,20 @@ class LocalMismatchScan {
       ManifestLocalPaths locals(manager_.data_dir());
       std::vector<Pending> block;
       for (std::size_t i = begin; i < end && !stop_.load(std::memory_order_relaxed); ++i) {
-        const auto& kv = *(files_.begin() + static_cast<std::ptrdiff_t>(i));
-        std::string path(kv.key());
-        if (count_features_ && siblings_.manifest_file_kind(path, kv.value()) == "feature") ++counted;
-        if (left_out(path, kv.value())) continue;
+        const ManifestFiles::Entry entry = files_.at(i);
+        std::string path(entry.path());
+        if (count_features_ && manifest_entry_kind(siblings_, entry) == "feature") ++counted;
+        if (left_out(path, entry)) continue;
         std::optional<StatKey> identity;
         std::string local = locals.resolve(path, &identity);
-        std::string expected_sha = expected_sha_of(kv.value());
-        std::int64_t expected_size = expected_size_of(kv.value());
+        std::string expected_sha = expected_sha_of(entry);
+        std::int64_t expected_size = expected_size_of(entry);
         if (!identity || expected_sha.empty() || (expected_size >= 0 && identity->size != expected_size)) {
           // Links, missing files, size mismatches and entries without a digest.
-          if (manager_.local_file_matches_manifest(path, local, kv.value(), true, identity)) continue;
+          if (manager_.local_file_matches(path, local, expected_size, expected_sha, true, identity)) continue;
           return record_mismatch(std::move(path));
         }
-        block.push_back({std::move(path), std::move(local), *identity, std::move(expected_sha), &kv.value()});
+        block.push_back({std::move(path), std::move(local), *identity, std::move(expected_sha), expected_size});
         if (block.size() == kBlock && !settle(block)) return;
       }
       if (!stop_.load() && !block.empty()) settle(block);
@@ -154,7 +170,8 @@ class LocalMismatchScan {
     for (const auto& p : block) queries.push_back({&p.path, p.identity, &p.expected_sha});
     std::vector<char> hits = manager_.hash_cache().cached_batch(queries);
     for (std::size_t j = 0; j < block.size(); ++j) {
-      if (!hits[j] && !manager_.local_file_matches_manifest(block[j].path, block[j].local, *block[j].info, false)) {
+      const Pending& p = block[j];
+      if (!hits[j] && !manager_.local_file_matches(p.path, p.local, p.expected_size, p.expected_sha, false)) {
         record_mismatch(block[j].path);
         return false;
       }
@@ -170,7 +187,7 @@ class LocalMismatchScan {
   }
 
   SyncManager& manager_;
-  const json::object& files_;
+  const ManifestFiles& files_;
   const ManifestSiblings& siblings_;
   const SyncManager::FileFilter& skip_;
   const bool count_features_;
@@ -186,12 +203,23 @@ class LocalMismatchScan {
 bool SyncManager::local_file_matches_manifest(const std::string& file_path, const std::string& local_path,
                                               const json::value& file_info, bool cache_allowed,
                                               const std::optional<StatKey>& identity) {
+  return local_file_matches(file_path, local_path, expected_size_of(file_info), expected_sha_of(file_info),
+                            cache_allowed, identity);
+}
+
+bool SyncManager::local_file_matches_manifest(const std::string& file_path, const std::string& local_path,
+                                              const ManifestFiles::Entry& entry, bool cache_allowed) {
+  return local_file_matches(file_path, local_path, expected_size_of(entry), expected_sha_of(entry), cache_allowed,
+                            std::nullopt);
+}
+
+bool SyncManager::local_file_matches(const std::string& file_path, const std::string& local_path,
+                                     std::int64_t expected_size, const std::string& expected_sha, bool cache_allowed,
+                                     const std::optional<StatKey>& identity) {
   // One stat answers existence, size and the cache lookup.
   std::optional<StatKey> key = identity ? identity : try_stat_key(local_path);
   if (!key) return false;
-  std::int64_t expected_size = expected_size_of(file_info);
   if (expected_size >= 0 && key->size != expected_size) return false;
-  std::string expected_sha = expected_sha_of(file_info);
   if (expected_sha.empty()) return true;
   if (cache_allowed && hash_cache_.cached_sha(file_path, *key, expected_sha)) return true;
   std::string actual;
@@ -233,7 +261,9 @@ bool SyncManager::local_manifest_files_complete(const Manifest& manifest) {
   try {
     FileFilter leaves_out;
     if (rotation.active) {
-      leaves_out = [&](const std::string& path, const json::value& info) { return rotation.leaves_out(path, info, siblings); };
+      leaves_out = [&](const std::string& path, const ManifestFiles::Entry& entry) {
+        return rotation.leaves_out(path, entry, siblings);
+      };
     }
     if (first_local_mismatch(manifest, siblings, leaves_out)) return false;
   } catch (const ManifestError&) {
@@ -307,7 +337,7 @@ VerifyResult SyncManager::verify() {
   }
   enum class FileState { kIntact, kMissing, kCorrupted };
   ManifestLocalPaths locals(settings_.data_dir);
-  auto check = [&](const std::string& path, const json::value& info) {
+  auto check = [&](const std::string& path, const ManifestFiles::Entry& info) {
     std::string local;
     try {
       local = locals.resolve(path);
@@ -333,11 +363,11 @@ VerifyResult SyncManager::verify() {
   };
 
   std::vector<std::pair<std::string, FileState>> suspects;
-  for (const auto& kv : manifest->files()) {
-    std::string path(kv.key());
-    if (rotation.leaves_out(path, kv.value(), siblings)) continue;
-    if (manifest_file_is_sync_excluded(path, kv.value(), siblings)) continue;
-    FileState state = check(path, kv.value());
+  for (const ManifestFiles::Entry entry : manifest->files()) {
+    std::string path(entry.path());
+    if (rotation.leaves_out(path, entry, siblings)) continue;
+    if (manifest_file_is_sync_excluded(entry, siblings)) continue;
+    FileState state = check(path, entry);
     if (state != FileState::kIntact) suspects.emplace_back(std::move(path), state);
   }
   if (!suspects.empty()) {
@@ -345,7 +375,7 @@ VerifyResult SyncManager::verify() {
     // and writes manifest.json last: what looked wrong may be a newer file
     // of a sync under way. Look again while no sync can run.
     DirectoryLock::Guard directory(directory_lock_);
-    for (auto& [path, state] : suspects) state = check(path, manifest->files().at(path));
+    for (auto& [path, state] : suspects) state = check(path, *manifest->files().find(path));
   }
   for (const auto& [path, state] : suspects) {
     if (state == FileState::kIntact) continue;
@@ -364,9 +394,10 @@ SyncResult SyncManager::repair(const std::vector<std::string>& files) {
   ManifestSiblings siblings = host().manifest_siblings();
   try {
     for (const auto& path : files) {
-      const json::value* info = manifest->files().if_contains(path);
-      if (!info || manifest_file_is_sync_excluded(path, *info, siblings)) continue;
-      json::object entry = info->is_object() ? info->get_object() : json::object();
+      std::optional<ManifestFiles::Entry> listed = manifest->files().find(path);
+      if (!listed || manifest_file_is_sync_excluded(*listed, siblings)) continue;
+      json::value info = listed->info();
+      json::object entry = info.is_object() ? std::move(info.get_object()) : json::object();
       entry["_manifest_version"] = manifest->version_int();
       entry["_manifest_era_number"] = manifest->era_number_int();
       if (vocabulary_named_universe_from_path(path) && download_validated_vocabulary_repair(path, entry, result)) {

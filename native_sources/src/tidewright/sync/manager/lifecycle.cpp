@@ -345,11 +345,11 @@ std::vector<std::string> SyncManager::get_found_file_paths() {
   validate_membership_referenced_found_pnl_kinds(sections, manifest->files());
   ManifestSiblings siblings = host().manifest_siblings();
   std::vector<std::string> paths;
-  for (const auto& kv : manifest->files()) {
-    if (!is_found_pnl_file_kind(siblings.manifest_file_kind(kv.key(), kv.value()))) continue;
+  for (const ManifestFiles::Entry entry : manifest->files()) {
+    if (!is_found_pnl_file_kind(manifest_entry_kind(siblings, entry))) continue;
     std::string local;
     try {
-      local = manifest_local_path(settings_.data_dir, kv.key());
+      local = manifest_local_path(settings_.data_dir, entry.path());
     } catch (const ManifestError&) {
       continue;
     }

@@ -34,14 +34,7 @@ constexpr std::int64_t SUPERSEDE_RESTART_LIMIT = 3;
 // The files a rotating plan leaves out of the local checks; none otherwise.
 SyncManager::FileFilter uncovered_by(const RotationPlan& rotation) {
   if (!rotation.rotating) return {};
-  return [&rotation](const std::string& path, const json::value&) { return !rotation.covers(path); };
-}
-
-std::string kind_of(const json::value& info) {
-  if (const json::object* obj = as_object(&info)) {
-    if (const json::value* k = obj->if_contains("kind"); k && k->is_string()) return std::string(k->get_string());
-  }
-  return "";
+  return [&rotation](const std::string& path, const ManifestFiles::Entry&) { return !rotation.covers(path); };
 }
 
 std::optional<std::string> manifest_hash_from(const json::object& body) {
@@ -65,13 +58,13 @@ std::int64_t distinct_groups(const Items& items, PathOf path_of, std::string_vie
   return static_cast<std::int64_t>(groups.size());
 }
 
-std::string_view key_of(const json::key_value_pair& kv) { return kv.key(); }
+std::string_view key_of(const ManifestFiles::Entry& entry) { return entry.path(); }
 std::string_view path_of(const DownloadJob& job) { return job.path; }
 
 std::int64_t count_features(const Manifest& manifest, const ManifestSiblings& siblings) {
   std::int64_t n = 0;
-  for (const auto& kv : manifest.files()) {
-    if (siblings.manifest_file_kind(kv.key(), kv.value()) == "feature") ++n;
+  for (const ManifestFiles::Entry entry : manifest.files()) {
+    if (manifest_entry_kind(siblings, entry) == "feature") ++n;
   }
   return n;
 }
@@ -279,7 +272,7 @@ class SyncPipeline {
     bool clear_progress = false;
     // The manifests whose files an orphan staging file scan spares; no
     // scan when empty.
-    std::vector<const json::object*> tmp_scan_files;
+    std::vector<const ManifestFiles*> tmp_scan_files;
   };
 
   VersionProbe probe_version() {
@@ -315,8 +308,8 @@ class SyncPipeline {
   // Version-matched: one request in all, when the held manifest and the
   // local files still agree with it.
   std::optional<SyncResult> fast_path(const VersionProbe& probe, const ManifestPtr& local) {
-    if (!local || manifest_has_agent_bundle_declarations(local->data()) ||
-        manifest_has_retired_found_pnl_long_files(local->data()) || probe.version != local->version_int()) {
+    if (!local || manifest_has_agent_bundle_declarations(local->files()) ||
+        manifest_has_retired_found_pnl_long_files(local->files()) || probe.version != local->version_int()) {
       return std::nullopt;
     }
     const std::int64_t local_version = local->version_int();
@@ -414,7 +407,7 @@ class SyncPipeline {
   void exclude_missing_found_pnl(ManifestPtr& manifest) {
     if (missing_.paths.empty()) return;
     std::vector<std::string> missing(missing_.paths.begin(), missing_.paths.end());
-    json::object data = drop_missing_found_pnl_paths(manifest->data(), missing);
+    json::object data = drop_missing_found_pnl_paths(manifest->to_dict(), missing);
     if (auto update = scrub_missing_found_pnl_paths_from_signals_index(m_.settings_.data_dir, data, missing)) {
       m_.record_scrubbed_signals_index_update(*update);
     }
@@ -467,19 +460,20 @@ class SyncPipeline {
     const std::optional<std::string> signals_index_path = manifest_signals_index_path(manifest);
     const bool same_era_local = local && local->era_number_int() == manifest.era_number_int();
     ManifestLocalPaths locals(m_.settings_.data_dir);
-    for (const auto& kv : manifest.files()) {
-      std::string path(kv.key());
+    for (const ManifestFiles::Entry entry : manifest.files()) {
+      std::string path(entry.path());
       if (!server.rotation.covers(path)) continue;
       if (vocabulary_named_universe_from_path(path)) continue;
       if (signals_index_path && path == *signals_index_path) continue;
-      if (manifest_file_is_sync_excluded(path, kv.value(), siblings_)) continue;
+      if (manifest_file_is_sync_excluded(entry, siblings_)) continue;
       LocalPresence presence = LocalPresence::unknown;
       std::string local_path = locals.resolve(path, nullptr, &presence);
-      const json::value* local_info = same_era_local ? local->files().if_contains(path) : nullptr;
-      if (presence == LocalPresence::unknown && local_copy_is_current(path, local_path, kv.value(), local_info)) {
+      std::optional<ManifestFiles::Entry> local_info;
+      if (same_era_local) local_info = local->files().find(path);
+      if (presence == LocalPresence::unknown && local_copy_is_current(path, local_path, entry, local_info)) {
         continue;
       }
-      plan.jobs.push_back(DownloadJob::for_manifest(manifest, std::move(path), kv.value()));
+      plan.jobs.push_back(DownloadJob::for_manifest(manifest, entry));
     }
 
     // Space. The vocabularies are downloaded at the commit, through the same
@@ -499,19 +493,17 @@ class SyncPipeline {
 
   // A local file is kept when the held manifest lists it unchanged and it
   // still matches, or when its digest is the one the server lists.
-  bool local_copy_is_current(const std::string& path, const std::string& local_path, const json::value& info,
-                             const json::value* local_info) {
-    const std::string kind = kind_of(info);
+  bool local_copy_is_current(const std::string& path, const std::string& local_path,
+                             const ManifestFiles::Entry& entry, const std::optional<ManifestFiles::Entry>& local_info) {
+    const std::string kind(entry.kind());
     const bool exists = path_exists(local_path);
-    if (local_info && *local_info == info && exists && kind != "vault_module") {
-      if (m_.local_file_matches_manifest(path, local_path, info, true)) return true;
+    if (local_info && local_info->same_info(entry) && exists && kind != "vault_module") {
+      if (m_.local_file_matches_manifest(path, local_path, entry, true)) return true;
       log_info("Manifest-tracked local file failed integrity check; re-downloading: %s", {json::value(path)});
       return false;
     }
     if (!exists || kind == "vault_module") return false;
-    const json::object* fields = as_object(&info);
-    const json::value* sha_value = fields ? fields->if_contains("sha256") : nullptr;
-    const std::string expected = sha_value && sha_value->is_string() ? std::string(sha_value->get_string()) : "";
+    const std::string expected = entry.sha256();
     if (expected.empty()) return false;
     std::optional<std::string> actual = m_.hash_cache_.cached_sha(path, local_path, expected);
     if (!actual) {
@@ -522,7 +514,7 @@ class SyncPipeline {
       } catch (const OSError&) {
       }
     }
-    return actual && *actual == expected && m_.local_file_matches_manifest(path, local_path, info, true);
+    return actual && *actual == expected && m_.local_file_matches_manifest(path, local_path, entry, true);
   }
 
   // False when found PnL files that storage no longer has were met: they
@@ -540,7 +532,7 @@ class SyncPipeline {
     // other downloads go on, so one pass meets all of them.
     Mutex missing_mu;
     std::set<std::string> missing;  // guarded by missing_mu while the downloads run
-    const json::object& files = server.manifest->files();
+    const ManifestFiles& files = server.manifest->files();
     auto set_aside_missing_found_pnl = [&](const std::string&, const std::exception_ptr& error) {
       try {
         std::rethrow_exception(error);
@@ -580,10 +572,9 @@ class SyncPipeline {
       for (const auto& job : plan.jobs) {
         json::object kwargs;
         kwargs["relative_path"] = job.path;
-        const json::value* entry = server.manifest->files().if_contains(job.path);
-        kwargs["kind"] = entry ? kind_of(*entry) : std::string();
-        const json::value* sha = entry && entry->is_object() ? entry->get_object().if_contains("sha256") : nullptr;
-        kwargs["sha256"] = sha && sha->is_string() ? *sha : json::value("");
+        std::optional<ManifestFiles::Entry> entry = server.manifest->files().find(job.path);
+        kwargs["kind"] = entry ? std::string(entry->kind()) : std::string();
+        kwargs["sha256"] = entry ? entry->sha256() : std::string();
         host().call_method(guard, "record_sync_update", {}, kwargs);
       }
     }
@@ -623,7 +614,7 @@ class SyncPipeline {
   SyncResult commit(Commit c) {
     if (c.body_sha) {
       sync_file_system(m_.settings_.data_dir);  // what the manifest vouches for is durable first
-      write_manifest_json(m_.settings_.data_dir, c.manifest->data(), *c.body_sha, *c.body_sha);
+      write_manifest_json(m_.settings_.data_dir, *c.manifest, *c.body_sha, *c.body_sha);
       m_.hash_cache_.persist();
     }
     if (c.clear_progress) remove_sync_progress_json(m_.settings_.data_dir);

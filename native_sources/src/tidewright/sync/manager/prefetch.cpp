@@ -54,7 +54,7 @@ std::vector<SyncManager::PrefetchedFeatureFile> SyncManager::request_feature_fil
   ManifestPtr manifest = get_manifest();
   if (!manifest) throw StateError("No local manifest: run sync() before request_feature_files_for_sync");
   ManifestSiblings siblings = host().manifest_siblings();
-  const json::object& files = manifest->files();
+  const ManifestFiles& files = manifest->files();
   std::optional<std::string_view> universe;
   if (named_universe) universe = *named_universe;
 
@@ -65,17 +65,17 @@ std::vector<SyncManager::PrefetchedFeatureFile> SyncManager::request_feature_fil
     std::string name = strip_ws(given);
     if (name.empty()) continue;
     for (auto& path : manifest_feature_prefetch_relative_paths(files, name, expression_type, universe, siblings.epochs)) {
-      const json::value* info = files.if_contains(path);
-      if (!info || manifest_file_is_sync_excluded(path, *info, siblings)) continue;
+      std::optional<ManifestFiles::Entry> info = files.find(path);
+      if (!info || manifest_file_is_sync_excluded(*info, siblings)) continue;
       if (seen.insert(path).second) wanted.emplace_back(name, std::move(path));
     }
   }
 
   DownloadSet to_download;
   for (const auto& [name, path] : wanted) {
-    const json::value& info = files.at(path);
+    const ManifestFiles::Entry info = *files.find(path);
     if (local_file_matches_manifest(path, manifest_local_path(settings_.data_dir, path), info, true)) continue;
-    to_download.push_back(DownloadJob::for_manifest(*manifest, path, info));
+    to_download.push_back(DownloadJob::for_manifest(*manifest, info));
   }
 
   const std::int64_t needed = require_disk_space(settings_.data_dir, to_download, manifest->files(), free_disk_bytes(settings_.data_dir), siblings);

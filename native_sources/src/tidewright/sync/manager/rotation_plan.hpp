@@ -43,6 +43,10 @@ struct RotationCoverage {
     if (!active || active->count(path)) return false;
     return siblings.feature_artifact_kinds.count(siblings.manifest_file_kind(path, info)) != 0;
   }
+  bool leaves_out(const std::string& path, const ManifestFiles::Entry& entry, const ManifestSiblings& siblings) const {
+    if (!active || active->count(path)) return false;
+    return siblings.feature_artifact_kinds.count(manifest_entry_kind(siblings, entry)) != 0;
+  }
 };
 
 // Copies the selection's "active_relative_paths", the relative paths of its

@@ -2,6 +2,7 @@
 // selection a sync works from, its promotion once the files are in place,
 // and the per-era set of prefetched feature files that rotation keeps.
 #include "tidewright/sync/common/fs.hpp"
+#include "tidewright/sync/common/url.hpp"
 #include "tidewright/sync/manager/cleanup.hpp"
 #include "tidewright/sync/manager/rotation_sync.hpp"
 #include "tidewright/sync/manifest/paths.hpp"
@@ -39,6 +40,31 @@ bool rotation_known_off(const std::string& data_dir) {
   if (!host().rotation_settings_loader_is_default()) return false;
   struct stat st {};
   return ::stat(path_join(data_dir, ROTATION_SETTINGS_FILENAME).c_str(), &st) != 0 && errno == ENOENT;
+}
+
+// The manifest object as the rotation settings read it: its fields, with
+// "files" holding only the entries its rotation artifacts name (all the
+// catalogue looks up), not a copy of every file.
+json::object rotation_artifacts_view(const Manifest& manifest) {
+  json::object view = manifest.fields();
+  if (!manifest.files_held()) return view;
+  json::object files;
+  const json::value* artifacts = view.if_contains("artifacts");
+  if (artifacts && artifacts->is_array()) {
+    for (const auto& artifact : artifacts->get_array()) {
+      const json::object* entry = as_object(&artifact);
+      if (!entry) continue;
+      for (const char* key : {"relative_path", "path"}) {
+        const json::value* path = entry->if_contains(key);
+        if (!path || path->is_null()) continue;
+        // Looked up as the catalogue does, as stripped text.
+        const std::string text = strip_ws(python_str(*path));
+        if (auto listed = manifest.files().find(text)) files[text] = listed->info();
+      }
+    }
+  }
+  view["files"] = std::move(files);
+  return view;
 }
 
 // The user's rotation settings for the data directory, validated against
@@ -159,7 +185,7 @@ std::optional<json::object> RotationSync::active_state() const {
 std::optional<json::object> RotationSync::settings_for_manifest(const Manifest& manifest,
                                                                std::int64_t free_disk_bytes) {
   if (rotation_known_off(data_dir_)) return std::nullopt;
-  auto loaded = load_rotation_settings(data_dir_, manifest.data(), host().manifest_siblings(), free_disk_bytes);
+  auto loaded = load_rotation_settings(data_dir_, rotation_artifacts_view(manifest), host().manifest_siblings(), free_disk_bytes);
   if (!loaded) return std::nullopt;
   return std::move(loaded->settings);
 }
@@ -168,9 +194,9 @@ RotationPlan RotationSync::plan(const Manifest& manifest, std::int64_t free_disk
   RotationPlan plan;
   if (rotation_known_off(data_dir_)) return plan;
   ManifestSiblings siblings = host().manifest_siblings();
-  auto loaded = load_rotation_settings(data_dir_, manifest.data(), siblings, free_disk_bytes);
+  auto loaded = load_rotation_settings(data_dir_, rotation_artifacts_view(manifest), siblings, free_disk_bytes);
   if (!loaded) return plan;
-  json::array rows = rotation_planning_rows(manifest.data(), siblings);
+  json::array rows = rotation_planning_rows(manifest.to_dict(), siblings);
 
   std::optional<json::object> state = load_feature_rotation_state(data_dir_);
   {
@@ -251,10 +277,10 @@ void RotationSync::complete_promotion(const Manifest& manifest, const RotationPl
   std::set<std::string> keep(kept.begin(), kept.end());
   std::int64_t removed = 0;
   std::int64_t freed = 0;
-  for (const auto& kv : manifest.files()) {
-    std::string path(kv.key());
+  for (const ManifestFiles::Entry entry : manifest.files()) {
+    std::string path(entry.path());
     if (plan.active.count(path) || keep.count(path)) continue;
-    if (!siblings.feature_artifact_kinds.count(siblings.manifest_file_kind(path, kv.value()))) continue;
+    if (!siblings.feature_artifact_kinds.count(manifest_entry_kind(siblings, entry))) continue;
     std::string local;
     try {
       local = manifest_local_path(data_dir_, path);
@@ -281,7 +307,7 @@ void RotationSync::complete_promotion(const Manifest& manifest, const RotationPl
 bool RotationSync::needs_sync(const Manifest& manifest) {
   try {
     if (rotation_known_off(data_dir_)) return false;
-    auto loaded = load_rotation_settings(data_dir_, manifest.data(), host().manifest_siblings(), 0);
+    auto loaded = load_rotation_settings(data_dir_, rotation_artifacts_view(manifest), host().manifest_siblings(), 0);
     if (!loaded) return false;
     std::optional<json::object> state = load_feature_rotation_state(data_dir_);
     if (!state || !same_era(*state, manifest_era_number_or_none(&manifest))) return true;

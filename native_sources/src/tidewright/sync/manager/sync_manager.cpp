@@ -12,6 +12,8 @@
 #include "tidewright/sync/transport/http_request.hpp"
 #include "tidewright/sync/transport/settings.hpp"
 
+#include <malloc.h>
+
 #include <exception>
 #include <utility>
 
@@ -52,6 +54,9 @@ SyncManager::SyncManager(SyncManagerArgs args)
   load_local_manifest();
   rotation_.load_state();
   load_local_vocabulary();
+  // What loading parsed and let go goes back to the system now, not at the
+  // first sync's downloads.
+  malloc_trim(0);
 }
 
 std::optional<json::value> SyncManager::held_manifest_era_number() const {
@@ -87,7 +92,11 @@ void SyncManager::load_local_manifest() {
   std::string path = path_join(settings_.data_dir, "manifest.json");
   if (!path_exists(path)) return;
   try {
-    json::value raw = parse_json(read_file(path));
+    // Parsed as it is read: the text of a large manifest is tens of
+    // megabytes, and its parsed form is held only until the table is built.
+    JsonStreamParser parser;
+    read_file_in_pieces(path, [&](std::string_view piece) { parser.write(piece); });
+    json::value raw = parser.finish();
     if (!raw.is_object()) throw ManifestError("manifest.json must contain a JSON object");
     ManifestSiblings siblings = host().manifest_siblings();
     // Sanitised as a server manifest is: one written by an older version of
@@ -95,8 +104,8 @@ void SyncManager::load_local_manifest() {
     bool changed = false;
     std::vector<RejectedManifestEntry> rejected;
     json::object data = sanitize_manifest_data_for_sync(std::move(raw.get_object()), siblings, &changed, &rejected);
-    if (changed) write_manifest_json(settings_.data_dir, data);
     ManifestPtr manifest = Manifest::from_sanitized(std::move(data), std::move(rejected));
+    if (changed) write_manifest_json(settings_.data_dir, *manifest);
     // Consumers read membership straight after get_or_create, before any
     // sync. A missing or broken index still keeps the manifest (with empty
     // membership): the next sync fetches the index.
@@ -132,7 +141,7 @@ void SyncManager::load_local_vocabulary() {
 ManifestPtr SyncManager::with_local_signals_index(const ManifestPtr& manifest) {
   std::optional<SignalsIndexMembership> membership = read_manifest_signals_index(settings_.data_dir, *manifest);
   if (!membership || *membership == SignalsIndexMembership::of(*manifest)) return manifest;
-  ManifestPtr fresh = Manifest::from_sanitized(manifest->data());
+  ManifestPtr fresh = manifest->without_membership();
   std::move(*membership).apply_to(*fresh);
   return fresh;
 }

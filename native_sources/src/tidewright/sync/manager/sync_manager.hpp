@@ -165,6 +165,13 @@ class SyncManager : public std::enable_shared_from_this<SyncManager>, public Era
   bool local_file_matches_manifest(const std::string& file_path, const std::string& local_path,
                                    const json::value& file_info, bool cache_allowed = true,
                                    const std::optional<StatKey>& identity = std::nullopt);
+  bool local_file_matches_manifest(const std::string& file_path, const std::string& local_path,
+                                   const ManifestFiles::Entry& entry, bool cache_allowed = true);
+  // The check itself, for an entry's expected size (-1: any) and digest
+  // (empty: any).
+  bool local_file_matches(const std::string& file_path, const std::string& local_path, std::int64_t expected_size,
+                          const std::string& expected_sha, bool cache_allowed = true,
+                          const std::optional<StatKey>& identity = std::nullopt);
   // The first file of `manifest` kept locally by sync (not a vocabulary,
   // not sync-excluded, not a vault module) whose local copy does not match
   // its entry, hash cache allowed; nothing when all match. Large manifests
@@ -174,7 +181,7 @@ class SyncManager : public std::enable_shared_from_this<SyncManager>, public Era
   // an empty one keeps every file. With `feature_count`, also counts the
   // manifest's files of kind "feature" on the way (every file, skipped or
   // not; the count is complete only when nothing mismatches).
-  using FileFilter = std::function<bool(const std::string&, const json::value&)>;
+  using FileFilter = std::function<bool(const std::string&, const ManifestFiles::Entry&)>;
   std::optional<std::string> first_local_mismatch(const Manifest& manifest, const ManifestSiblings& siblings,
                                                   const FileFilter& skip = {},
                                                   std::int64_t* feature_count = nullptr);

@@ -287,6 +287,11 @@ DownloadJob DownloadJob::for_manifest(const Manifest& manifest, std::string path
   return job;
 }
 
+DownloadJob DownloadJob::for_manifest(const Manifest& manifest, const ManifestFiles::Entry& entry) {
+  // Any field of the entry may matter (its own "base_url"): read off the whole entry.
+  return for_manifest(manifest, std::string(entry.path()), entry.info());
+}
+
 DownloadJob DownloadJob::from_entry(std::string path, const json::object& entry) {
   DownloadJob job;
   job.path = std::move(path);

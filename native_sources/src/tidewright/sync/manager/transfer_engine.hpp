@@ -48,6 +48,7 @@ struct DownloadJob {
   static DownloadJob for_manifest(const Manifest& manifest, std::string path, const json::value& info) {
     return for_manifest(manifest, std::move(path), info.if_object());
   }
+  static DownloadJob for_manifest(const Manifest& manifest, const ManifestFiles::Entry& entry);
   // The job for an entry given by a caller as one object: the entry's keys
   // plus "_manifest_base_url", "_manifest_version", "_manifest_era_number".
   static DownloadJob from_entry(std::string path, const json::object& entry);

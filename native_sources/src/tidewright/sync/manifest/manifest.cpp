@@ -9,16 +9,6 @@ namespace tidewright::sync {
 
 namespace {
 
-const json::value& empty_files_value() {
-  static const json::value empty = json::object();
-  return empty;
-}
-
-const json::object& empty_files() {
-  static const json::object empty;
-  return empty;
-}
-
 json::value get_or(const json::object& data, std::string_view key, json::value fallback) {
   if (const auto* v = data.if_contains(key)) return *v;
   return fallback;
@@ -77,6 +67,13 @@ std::shared_ptr<Manifest> Manifest::from_sanitized(json::object data,
 
 Manifest::Manifest(Key, json::object data, std::vector<RejectedManifestEntry> rejected_entries)
     : data_(std::move(data)), rejected_entries_(std::move(rejected_entries)) {
+  // The entries move into the table one by one, each freed as it is taken,
+  // so that the parsed map and the table are never both whole.
+  if (json::value* files = data_.if_contains("files"); files && files->is_object()) {
+    files_ = ManifestFiles::from_object(std::move(files->get_object()));
+    *files = nullptr;
+    files_held_ = true;
+  }
   era_number_ = data_.at("era_number");
   version_ = get_or(data_, "version", 0);
   market_id_ = get_or(data_, "market_id", nullptr);
@@ -88,20 +85,27 @@ Manifest::Manifest(Key, json::object data, std::vector<RejectedManifestEntry> re
   functions_ = get_or(data_, "functions", nullptr);
 }
 
-const json::value& Manifest::files_value() const {
-  if (const auto* v = data_.if_contains("files")) return *v;
-  return empty_files_value();
+json::object Manifest::to_dict() const {
+  json::object out = data_;
+  if (files_held_) out["files"] = files_.to_object();
+  return out;
 }
 
-const json::object& Manifest::files() const {
-  const json::value& v = files_value();
-  return v.is_object() ? v.get_object() : empty_files();
+ManifestFiles& Manifest::mutable_files() {
+  if (!files_held_) {
+    data_["files"] = nullptr;
+    files_held_ = true;
+  }
+  return files_;
 }
 
-json::object& Manifest::mutable_files() {
-  json::value& v = data_["files"];
-  if (!v.is_object()) v = json::object();
-  return v.get_object();
+std::shared_ptr<Manifest> Manifest::without_membership() const {
+  auto copy = std::make_shared<Manifest>(*this);
+  copy->found_signals = {};
+  copy->found_strategies = {};
+  copy->useful_signals = {};
+  copy->rejected_entries_.clear();
+  return copy;
 }
 
 std::int64_t Manifest::era_number_int() const { return to_int(era_number_).value_or(-1); }

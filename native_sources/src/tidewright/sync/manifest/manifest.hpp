@@ -9,6 +9,7 @@
 
 #include "tidewright/sync/common/json.hpp"
 #include "tidewright/sync/host/host.hpp"
+#include "tidewright/sync/manifest/manifest_files_table.hpp"
 #include "tidewright/sync/manifest/sanitize.hpp"
 
 #include <cstdint>
@@ -41,10 +42,15 @@ class Manifest {
   static std::shared_ptr<Manifest> from_sanitized(json::object data,
                                                   std::vector<RejectedManifestEntry> rejected_entries = {});
 
-  // The sanitised object itself; never handed to the host directly.
-  const json::object& data() const { return data_; }
-  // A fresh top-level copy of the sanitised object.
-  json::object to_dict() const { return data_; }
+  // The sanitised object's fields in its order, except that a "files" map
+  // is held by files() and stands here as null. Never handed to the host.
+  const json::object& fields() const { return data_; }
+  // Whether "files" is a map (held by files()); otherwise it is in fields()
+  // as it came, or absent.
+  bool files_held() const { return files_held_; }
+  // The sanitised object as one JSON object (built: the files map of a
+  // large era is tens of megabytes as JSON).
+  json::object to_dict() const;
 
   // Attributes, as the decoder produced them (defaults where absent).
   const json::value& era_number() const { return era_number_; }
@@ -56,16 +62,18 @@ class Manifest {
   const json::value& pnl_column_count() const { return pnl_column_count_; }
   const json::value& signals_index() const { return signals_index_; }
   const json::value& functions() const { return functions_; }
-  // The raw "files" value (a new empty map when absent).
-  const json::value& files_value() const;
   // The files map; empty when "files" is not a map.
-  const json::object& files() const;
+  const ManifestFiles& files() const { return files_; }
   // Mutable access for the owner of an unpublished manifest.
-  json::object& mutable_files();
+  ManifestFiles& mutable_files();
 
   json::object found_signals;
   json::object found_strategies;
   json::object useful_signals;
+
+  // A copy with empty membership sections and no rejected entries, as
+  // from_sanitized builds from this manifest's object.
+  std::shared_ptr<Manifest> without_membership() const;
 
   // The server's entries that sanitising refused one by one (they are not in
   // files()), in the manifest's order.
@@ -85,6 +93,8 @@ class Manifest {
 
  private:
   json::object data_;
+  ManifestFiles files_;
+  bool files_held_ = false;
   std::vector<RejectedManifestEntry> rejected_entries_;
   json::value era_number_;
   json::value version_;

@@ -62,24 +62,86 @@ std::optional<std::string> local_manifest_sha256(const std::string& data_dir) {
 
 }  // namespace
 
-void write_manifest_json(const std::string& data_dir, const json::object& manifest_data,
-                         const std::optional<std::string>& server_manifest_sha256,
-                         const std::optional<std::string>& server_manifest_body_sha256) {
+namespace {
+
+// Renders `fields` ("files" taken from `files` when given) into manifest.json.
+void write_manifest_text(const std::string& data_dir, const json::object& fields, const ManifestFiles* files) {
   // The host's encoder would write NaN and Infinity, which strict JSON
   // readers of manifest.json refuse; a Manifest never holds them.
-  for (const auto& field : manifest_data) {
-    if (holds_non_finite_number(field.value())) {
-      throw ManifestError("manifest.json not written: field " + python_repr(std::string_view(field.key())) +
-                          " holds a number that is not finite (NaN or Infinity)");
+  auto refuse = [](std::string_view key) {
+    throw ManifestError("manifest.json not written: field " + python_repr(key) +
+                        " holds a number that is not finite (NaN or Infinity)");
+  };
+  for (const auto& field : fields) {
+    if (holds_non_finite_number(field.value())) refuse(field.key());
+  }
+  if (files) {
+    for (const ManifestFiles::Entry entry : *files) {
+      if (const json::value* info = entry.verbatim(); info && holds_non_finite_number(*info)) refuse("files");
     }
   }
   // Written as it is rendered: the text of a large manifest is tens of
   // megabytes.
   atomic_write_in_pieces(manifest_json_path(data_dir), [&](const std::function<void(std::string_view)>& write) {
-    write_json_in_pieces(manifest_data, {}, write);
+    if (!files) {
+      write_json_in_pieces(fields, {}, write);
+      return;
+    }
+    constexpr std::size_t kPiece = 1 << 20;
+    std::string out;
+    out.reserve(kPiece + 4096);
+    auto spill = [&] {
+      if (out.size() >= kPiece) {
+        write(out);
+        out.clear();
+      }
+    };
+    out.push_back('{');
+    bool first = true;
+    for (const auto& field : fields) {
+      if (!first) out += ", ";
+      first = false;
+      append_json_string(out, field.key());
+      out += ": ";
+      if (field.key() != "files") {
+        append_json(out, field.value());
+        spill();
+        continue;
+      }
+      out.push_back('{');
+      bool first_file = true;
+      for (const ManifestFiles::Entry entry : *files) {
+        if (!first_file) out += ", ";
+        first_file = false;
+        append_json_string(out, entry.path());
+        out += ": ";
+        files->append_entry_json(out, entry, {});
+        spill();
+      }
+      out.push_back('}');
+    }
+    out.push_back('}');
+    if (!out.empty()) write(out);
   });
+}
+
+}  // namespace
+
+void write_manifest_json(const std::string& data_dir, const json::object& manifest_data,
+                         const std::optional<std::string>& server_manifest_sha256,
+                         const std::optional<std::string>& server_manifest_body_sha256) {
+  write_manifest_text(data_dir, manifest_data, nullptr);
   if (given(server_manifest_sha256) || given(server_manifest_body_sha256)) {
     write_manifest_sync_metadata(data_dir, manifest_data, server_manifest_sha256, server_manifest_body_sha256);
+  }
+}
+
+void write_manifest_json(const std::string& data_dir, const Manifest& manifest,
+                         const std::optional<std::string>& server_manifest_sha256,
+                         const std::optional<std::string>& server_manifest_body_sha256) {
+  write_manifest_text(data_dir, manifest.fields(), manifest.files_held() ? &manifest.files() : nullptr);
+  if (given(server_manifest_sha256) || given(server_manifest_body_sha256)) {
+    write_manifest_sync_metadata(data_dir, manifest.fields(), server_manifest_sha256, server_manifest_body_sha256);
   }
 }
 

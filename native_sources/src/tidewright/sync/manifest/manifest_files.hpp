@@ -19,6 +19,7 @@
 #pragma once
 
 #include "tidewright/sync/common/json.hpp"
+#include "tidewright/sync/manifest/manifest.hpp"
 
 #include <cstdint>
 #include <optional>
@@ -35,6 +36,11 @@ inline constexpr std::string_view MANIFEST_SYNC_METADATA_FILENAME = ".manifest_s
 // is not written: ManifestError "manifest.json not written: field <repr>
 // holds a number that is not finite (NaN or Infinity)".
 void write_manifest_json(const std::string& data_dir, const json::object& manifest_data,
+                         const std::optional<std::string>& server_manifest_sha256 = {},
+                         const std::optional<std::string>& server_manifest_body_sha256 = {});
+// The same for a Manifest: the text of manifest.to_dict(), rendered straight
+// from its files table.
+void write_manifest_json(const std::string& data_dir, const Manifest& manifest,
                          const std::optional<std::string>& server_manifest_sha256 = {},
                          const std::optional<std::string>& server_manifest_body_sha256 = {});
 

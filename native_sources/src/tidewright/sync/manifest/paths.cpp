@@ -272,7 +272,28 @@ std::string feature_epoch_for_expression_type(std::string_view expression_type_t
   return lower_ascii(expression_type_text) == "strategy" ? epochs.strategy_is : epochs.signal_is;
 }
 
-std::optional<std::string> manifest_feature_relative_path(const json::object& files,
+std::optional<std::string> feature_artifact_family_prefix(std::string_view feature_name) {
+  std::string_view stem = strip_text(feature_name);
+  if (stem.empty()) return std::nullopt;
+  if (stem.ends_with(kArrow)) stem.remove_suffix(kArrow.size());
+  // Split on "__" left to right without overlaps, as the host's split does.
+  constexpr std::string_view kSep = "__";
+  const std::size_t first = stem.find(kSep);
+  if (first == std::string_view::npos) return std::nullopt;
+  const std::size_t second = stem.find(kSep, first + kSep.size());
+  if (second == std::string_view::npos) return std::nullopt;
+  if (stem.find(kSep, second + kSep.size()) == std::string_view::npos) return std::nullopt;
+  if (first == 0 || second == first + kSep.size()) return std::nullopt;
+  return std::string(stem.substr(0, second + kSep.size()));
+}
+
+namespace {
+
+std::string_view path_of(const json::key_value_pair& entry) { return entry.key(); }
+std::string_view path_of(const ManifestFiles::Entry& entry) { return entry.path(); }
+
+template <typename Files>
+std::optional<std::string> feature_relative_path_in(const Files& files,
                                                           std::string_view feature_name,
                                                           std::string_view expression_type,
                                                           std::optional<std::string_view> named_universe,
@@ -299,7 +320,7 @@ std::optional<std::string> manifest_feature_relative_path(const json::object& fi
   }
   if (files.contains(direct)) return direct;
   for (const auto& entry : files) {
-    const std::string_view path = entry.key();
+    const std::string_view path = path_of(entry);
     if (!path.starts_with(kFeaturesDir) || !path.ends_with(tail)) continue;
     const std::size_t segments = segment_count(path);
     if (segments >= min_segments && segments <= max_segments) return std::string(path);
@@ -307,22 +328,8 @@ std::optional<std::string> manifest_feature_relative_path(const json::object& fi
   return std::nullopt;
 }
 
-std::optional<std::string> feature_artifact_family_prefix(std::string_view feature_name) {
-  std::string_view stem = strip_text(feature_name);
-  if (stem.empty()) return std::nullopt;
-  if (stem.ends_with(kArrow)) stem.remove_suffix(kArrow.size());
-  // Split on "__" left to right without overlaps, as the host's split does.
-  constexpr std::string_view kSep = "__";
-  const std::size_t first = stem.find(kSep);
-  if (first == std::string_view::npos) return std::nullopt;
-  const std::size_t second = stem.find(kSep, first + kSep.size());
-  if (second == std::string_view::npos) return std::nullopt;
-  if (stem.find(kSep, second + kSep.size()) == std::string_view::npos) return std::nullopt;
-  if (first == 0 || second == first + kSep.size()) return std::nullopt;
-  return std::string(stem.substr(0, second + kSep.size()));
-}
-
-std::vector<std::string> manifest_feature_companion_relative_paths(const json::object& files,
+template <typename Files>
+std::vector<std::string> companion_relative_paths_in(const Files& files,
                                                                    std::string_view relative_path) {
   std::vector<std::string> companions;
   std::string own;
@@ -336,7 +343,7 @@ std::vector<std::string> manifest_feature_companion_relative_paths(const json::o
 
   std::string candidate;
   for (const auto& entry : files) {
-    const std::string_view key = entry.key();
+    const std::string_view key = path_of(entry);
     // Normalising keeps segment text, so a key without the prefix anywhere
     // cannot be a companion; skip it before the full check.
     if (key.find(*prefix) == std::string_view::npos) continue;
@@ -349,20 +356,61 @@ std::vector<std::string> manifest_feature_companion_relative_paths(const json::o
   return companions;
 }
 
-std::vector<std::string> manifest_feature_prefetch_relative_paths(const json::object& files,
+template <typename Files>
+std::vector<std::string> prefetch_relative_paths_in(const Files& files,
                                                                   std::string_view feature_name,
                                                                   std::string_view expression_type,
                                                                   std::optional<std::string_view> named_universe,
                                                                   const EpochNames& epochs) {
   std::vector<std::string> paths;
   std::optional<std::string> path =
-      manifest_feature_relative_path(files, feature_name, expression_type, named_universe, epochs);
+      feature_relative_path_in(files, feature_name, expression_type, named_universe, epochs);
   if (!path) return paths;
-  std::vector<std::string> companions = manifest_feature_companion_relative_paths(files, *path);
+  std::vector<std::string> companions = companion_relative_paths_in(files, *path);
   paths.reserve(companions.size() + 1);
   paths.push_back(std::move(*path));
   std::move(companions.begin(), companions.end(), std::back_inserter(paths));
   return paths;
+}
+
+}  // namespace
+
+std::optional<std::string> manifest_feature_relative_path(const json::object& files, std::string_view feature_name,
+                                                          std::string_view expression_type,
+                                                          std::optional<std::string_view> named_universe,
+                                                          const EpochNames& epochs) {
+  return feature_relative_path_in(files, feature_name, expression_type, named_universe, epochs);
+}
+
+std::vector<std::string> manifest_feature_companion_relative_paths(const json::object& files,
+                                                                   std::string_view relative_path) {
+  return companion_relative_paths_in(files, relative_path);
+}
+
+std::vector<std::string> manifest_feature_prefetch_relative_paths(const json::object& files, std::string_view feature_name,
+                                                                  std::string_view expression_type,
+                                                                  std::optional<std::string_view> named_universe,
+                                                                  const EpochNames& epochs) {
+  return prefetch_relative_paths_in(files, feature_name, expression_type, named_universe, epochs);
+}
+
+std::optional<std::string> manifest_feature_relative_path(const ManifestFiles& files, std::string_view feature_name,
+                                                          std::string_view expression_type,
+                                                          std::optional<std::string_view> named_universe,
+                                                          const EpochNames& epochs) {
+  return feature_relative_path_in(files, feature_name, expression_type, named_universe, epochs);
+}
+
+std::vector<std::string> manifest_feature_companion_relative_paths(const ManifestFiles& files,
+                                                                   std::string_view relative_path) {
+  return companion_relative_paths_in(files, relative_path);
+}
+
+std::vector<std::string> manifest_feature_prefetch_relative_paths(const ManifestFiles& files, std::string_view feature_name,
+                                                                  std::string_view expression_type,
+                                                                  std::optional<std::string_view> named_universe,
+                                                                  const EpochNames& epochs) {
+  return prefetch_relative_paths_in(files, feature_name, expression_type, named_universe, epochs);
 }
 
 std::string manifest_file_url(std::string_view server_url, std::string_view file_path,

@@ -134,6 +134,11 @@ std::optional<std::string> manifest_feature_relative_path(const json::object& fi
                                                           std::string_view expression_type,
                                                           std::optional<std::string_view> named_universe,
                                                           const EpochNames& epochs);
+std::optional<std::string> manifest_feature_relative_path(const ManifestFiles& files,
+                                                          std::string_view feature_name,
+                                                          std::string_view expression_type,
+                                                          std::optional<std::string_view> named_universe,
+                                                          const EpochNames& epochs);
 
 // The stem prefix shared by the runtime companions of a feature: for a name
 // (blank-stripped, ".arrow" dropped) of at least four "__"-separated parts
@@ -146,10 +151,17 @@ std::optional<std::string> feature_artifact_family_prefix(std::string_view featu
 // ascending. Unsafe manifest paths are skipped; the file itself is excluded.
 std::vector<std::string> manifest_feature_companion_relative_paths(const json::object& files,
                                                                    std::string_view relative_path);
+std::vector<std::string> manifest_feature_companion_relative_paths(const ManifestFiles& files,
+                                                                   std::string_view relative_path);
 
 // The feature's path (as manifest_feature_relative_path) followed by its
 // companions; empty when the manifest does not have the feature.
 std::vector<std::string> manifest_feature_prefetch_relative_paths(const json::object& files,
+                                                                  std::string_view feature_name,
+                                                                  std::string_view expression_type,
+                                                                  std::optional<std::string_view> named_universe,
+                                                                  const EpochNames& epochs);
+std::vector<std::string> manifest_feature_prefetch_relative_paths(const ManifestFiles& files,
                                                                   std::string_view feature_name,
                                                                   std::string_view expression_type,
                                                                   std::optional<std::string_view> named_universe,

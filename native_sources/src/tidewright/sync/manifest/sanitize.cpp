@@ -394,6 +394,15 @@ bool rotation_file_is_platform_excluded(std::string_view path, const json::value
   return rotation_file_is_platform_excluded(path, info, siblings, current_platform());
 }
 
+bool manifest_file_is_sync_excluded(const ManifestFiles::Entry& entry, const ManifestSiblings& siblings) {
+  if (const json::value* info = entry.verbatim()) return manifest_file_is_sync_excluded(entry.path(), *info, siblings);
+  const std::string kind = manifest_entry_kind(siblings, entry);
+  if (unsupported_for_kind(kind, siblings)) return true;
+  // Only a runtime module's entry is read for its "platform".
+  return siblings.is_runtime_module_kind(kind) &&
+         platform_excluded_for_kind(kind, entry.info(), siblings, current_platform());
+}
+
 bool manifest_file_is_sync_excluded(std::string_view path, const json::value& info,
                                     const ManifestSiblings& siblings, std::string_view platform) {
   const std::string kind = siblings.manifest_file_kind(path, info);
@@ -508,6 +517,19 @@ bool manifest_has_retired_found_pnl_long_files(const json::object& data) {
   if (!files) return false;
   return std::any_of(files->begin(), files->end(),
                      [](const auto& entry) { return is_retired_found_pnl_long_file(entry.key()); });
+}
+
+bool manifest_has_agent_bundle_declarations(const ManifestFiles& files) {
+  return std::any_of(files.begin(), files.end(), [](const ManifestFiles::Entry& entry) {
+    if (entry.path().ends_with(".pxd")) return true;
+    const std::string_view kind = entry.kind();
+    return kind == "vault_declaration" || kind == "backtester_declaration";
+  });
+}
+
+bool manifest_has_retired_found_pnl_long_files(const ManifestFiles& files) {
+  return std::any_of(files.begin(), files.end(),
+                     [](const ManifestFiles::Entry& entry) { return is_retired_found_pnl_long_file(entry.path()); });
 }
 
 }  // namespace tidewright::sync

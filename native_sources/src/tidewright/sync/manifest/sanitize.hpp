@@ -88,6 +88,8 @@ bool manifest_file_is_sync_excluded(std::string_view path, const json::value& in
                                     const ManifestSiblings& siblings, std::string_view platform);
 bool manifest_file_is_sync_excluded(std::string_view path, const json::value& info,
                                     const ManifestSiblings& siblings);
+// The same for an entry of a manifest's files table.
+bool manifest_file_is_sync_excluded(const ManifestFiles::Entry& entry, const ManifestSiblings& siblings);
 
 // --- the engine's own files ---
 
@@ -204,5 +206,8 @@ json::object sanitize_manifest_data_for_sync(json::object&& data, const Manifest
 // Whether a stored manifest still holds entries that sanitising removes.
 bool manifest_has_agent_bundle_declarations(const json::object& data);
 bool manifest_has_retired_found_pnl_long_files(const json::object& data);
+// The same for a manifest's files table.
+bool manifest_has_agent_bundle_declarations(const ManifestFiles& files);
+bool manifest_has_retired_found_pnl_long_files(const ManifestFiles& files);
 
 }  // namespace tidewright::sync

@@ -106,12 +106,12 @@ std::optional<std::int64_t> manifest_era_number_or_none(const Manifest* manifest
 std::vector<std::string> manifest_prefetched_feature_paths(const Manifest& manifest,
                                                            const std::vector<std::string>& paths,
                                                            const ManifestSiblings& siblings) {
-  const json::object& files = manifest.files();
+  const ManifestFiles& files = manifest.files();
   std::vector<std::string> out;
   for (const auto& given : paths) {
     std::string path = strip_ws(given);
-    const json::value* info = files.if_contains(path);
-    if (!info || siblings.manifest_file_kind(path, *info) != "feature") continue;
+    std::optional<ManifestFiles::Entry> info = files.find(path);
+    if (!info || manifest_entry_kind(siblings, *info) != "feature") continue;
     out.push_back(std::move(path));
   }
   std::sort(out.begin(), out.end());

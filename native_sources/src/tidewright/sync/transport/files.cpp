@@ -229,11 +229,25 @@ std::string sync_progress_path(const std::string& data_dir) {
   return path_join(data_dir, SYNC_PROGRESS_FILENAME);
 }
 
+namespace {
+
+// The entry of a progress file: given, built from the table entry into
+// `built`, or an empty object.
+const json::value& progress_entry(const SyncProgressFile& file, json::value& built) {
+  static const json::value kNoEntry = json::object();
+  if (file.entry) return *file.entry;
+  if (!file.listed) return kNoEntry;
+  built = file.listed->info();
+  return built;
+}
+
+}  // namespace
+
 std::string sync_progress_text(std::int64_t era_number, std::int64_t version, const json::object& files_to_download,
                                const ManifestSiblings& siblings, double updated_at) {
   std::vector<SyncProgressFile> files;
   files.reserve(files_to_download.size());
-  for (const auto& kv : files_to_download) files.push_back({std::string_view(kv.key()), &kv.value()});
+  for (const auto& kv : files_to_download) files.push_back({std::string_view(kv.key()), &kv.value(), std::nullopt});
   return sync_progress_text(era_number, version, files, siblings, updated_at);
 }
 
@@ -242,8 +256,8 @@ std::string sync_progress_text(std::int64_t era_number, std::int64_t version,
                                double updated_at) {
   // Rendered directly, as dump_json renders the progress object with sorted
   // keys: a set of 100,000 files is not copied into JSON values first.
-  static const json::value kNoEntry = json::object();
   const std::size_t n = files_to_download.size();
+  json::value built;
   std::vector<std::size_t> by_path(n);
   for (std::size_t i = 0; i < n; ++i) by_path[i] = i;
   std::stable_sort(by_path.begin(), by_path.end(), [&](std::size_t a, std::size_t b) {
@@ -258,7 +272,7 @@ std::string sync_progress_text(std::int64_t era_number, std::int64_t version,
   bool all_known = true;
   for (std::size_t i = 0; i < n; ++i) {
     if (!counted[i]) continue;
-    const json::value& entry = files_to_download[i].entry ? *files_to_download[i].entry : kNoEntry;
+    const json::value& entry = progress_entry(files_to_download[i], built);
     if (siblings.manifest_file_size) sizes[i] = siblings.manifest_file_size(entry);
     if (sizes[i]) {
       // Saturates: sizes from a hostile manifest may add up past 64 bits.
@@ -277,7 +291,7 @@ std::string sync_progress_text(std::int64_t era_number, std::int64_t version,
     if (!counted[i]) continue;
     if (!first) out += ", ";
     first = false;
-    const json::value& entry = files_to_download[i].entry ? *files_to_download[i].entry : kNoEntry;
+    const json::value& entry = progress_entry(files_to_download[i], built);
     const json::object* object = as_object(&entry);
     append_json_string(out, files_to_download[i].path);
     out += ": {\"kind\": ";

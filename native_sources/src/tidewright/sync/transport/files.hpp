@@ -107,6 +107,7 @@ std::string sync_progress_text(std::int64_t era_number, std::int64_t version, co
 struct SyncProgressFile {
   std::string_view path;
   const json::value* entry = nullptr;
+  std::optional<ManifestFiles::Entry> listed;  // read when `entry` is not given
 };
 void write_sync_progress_json(const std::string& data_dir, std::int64_t era_number, std::int64_t version,
                               const std::vector<SyncProgressFile>& files_to_download, const ManifestSiblings& siblings);
