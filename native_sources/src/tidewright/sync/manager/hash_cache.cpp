@@ -1,5 +1,6 @@
 #include "tidewright/sync/manager/hash_cache.hpp"
 
+#include "tidewright/sync/common/digest.hpp"
 #include "tidewright/sync/common/fs.hpp"
 #include "tidewright/sync/host/host.hpp"
 #include "tidewright/sync/reporting/errors.hpp"
@@ -12,7 +13,6 @@ namespace tidewright::sync {
 
 namespace {
 
-constexpr char kHexDigits[] = "0123456789abcdef";
 
 json::object entry_for(const std::string& sha, const StatKey& key) {
   json::object e;
@@ -28,32 +28,6 @@ std::optional<std::int64_t> int_field(const json::object& e, const char* name) {
   const json::value* v = e.if_contains(name);
   if (!v) return std::nullopt;
   return to_int(*v);
-}
-
-int hex_value(char c) {
-  if (c >= '0' && c <= '9') return c - '0';
-  if (c >= 'a' && c <= 'f') return c - 'a' + 10;
-  return -1;  // upper case too: such a digest is kept as written
-}
-
-// The 32 bytes of a lower-case hex SHA-256 digest.
-std::optional<std::array<unsigned char, 32>> digest_bytes(std::string_view hex) {
-  if (hex.size() != 64) return std::nullopt;
-  std::array<unsigned char, 32> out{};
-  for (std::size_t i = 0; i < 32; ++i) {
-    const int high = hex_value(hex[2 * i]);
-    const int low = hex_value(hex[2 * i + 1]);
-    if (high < 0 || low < 0) return std::nullopt;
-    out[i] = static_cast<unsigned char>(high * 16 + low);
-  }
-  return out;
-}
-
-void append_hex(std::string& out, const std::array<unsigned char, 32>& digest) {
-  for (unsigned char b : digest) {
-    out.push_back(kHexDigits[b >> 4]);
-    out.push_back(kHexDigits[b & 15]);
-  }
 }
 
 // The "files" object of a parsed cache file; none when the file is not a
@@ -72,19 +46,12 @@ json::object* cache_files(json::value& payload) {
 
 bool HashCache::Entry::digest_equals(std::string_view sha) const {
   if (verbatim) return verbatim->sha256 == sha;
-  if (!has_key || sha.size() != 64) return false;
-  for (std::size_t i = 0; i < 32; ++i) {
-    if (sha[2 * i] != kHexDigits[digest[i] >> 4] || sha[2 * i + 1] != kHexDigits[digest[i] & 15]) return false;
-  }
-  return true;
+  return has_key && sha256_hex_equals(sha, digest);
 }
 
 std::string HashCache::Entry::digest_text() const {
   if (verbatim) return verbatim->sha256;
-  std::string out;
-  out.reserve(64);
-  append_hex(out, digest);
-  return out;
+  return sha256_hex(digest);
 }
 
 json::value HashCache::Entry::stored() const {
@@ -105,7 +72,7 @@ void HashCache::Entry::append_json(std::string& out) const {
   out += ", \"mtime_ns\": ";
   out += std::to_string(key.mtime_ns);
   out += ", \"sha256\": \"";
-  append_hex(out, digest);
+  append_sha256_hex(out, digest);
   out += "\", \"size_bytes\": ";
   out += std::to_string(key.size);
   out.push_back('}');
@@ -114,7 +81,7 @@ void HashCache::Entry::append_json(std::string& out) const {
 HashCache::HashCache(std::string path) : path_(std::move(path)) {}
 
 std::optional<HashCache::Entry> HashCache::compact_entry(const std::string& sha, const StatKey& key) {
-  std::optional<std::array<unsigned char, 32>> digest = digest_bytes(sha);
+  std::optional<std::array<unsigned char, 32>> digest = sha256_digest_bytes(sha);
   if (!digest) return std::nullopt;
   Entry entry;
   entry.key = key;

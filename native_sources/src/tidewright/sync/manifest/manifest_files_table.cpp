@@ -1,5 +1,7 @@
 #include "tidewright/sync/manifest/manifest_files_table.hpp"
 
+#include "tidewright/sync/common/digest.hpp"
+
 #include <algorithm>
 #include <cstring>
 #include <limits>
@@ -8,41 +10,9 @@ namespace tidewright::sync {
 
 namespace {
 
-constexpr char kHexDigits[] = "0123456789abcdef";
 constexpr std::size_t kTextBlockSize = 64 * 1024;
 constexpr std::size_t kMaxCompactFields = 64;
 
-int hex_value(char c) {
-  if (c >= '0' && c <= '9') return c - '0';
-  if (c >= 'a' && c <= 'f') return c - 'a' + 10;
-  return -1;  // upper case too: such a digest is kept as written
-}
-
-std::optional<std::array<unsigned char, 32>> digest_bytes(std::string_view hex) {
-  if (hex.size() != 64) return std::nullopt;
-  std::array<unsigned char, 32> out{};
-  for (std::size_t i = 0; i < 32; ++i) {
-    const int high = hex_value(hex[2 * i]);
-    const int low = hex_value(hex[2 * i + 1]);
-    if (high < 0 || low < 0) return std::nullopt;
-    out[i] = static_cast<unsigned char>(high * 16 + low);
-  }
-  return out;
-}
-
-void append_hex(std::string& out, const std::array<unsigned char, 32>& digest) {
-  for (unsigned char b : digest) {
-    out.push_back(kHexDigits[b >> 4]);
-    out.push_back(kHexDigits[b & 15]);
-  }
-}
-
-std::string hex_of(const std::array<unsigned char, 32>& digest) {
-  std::string out;
-  out.reserve(64);
-  append_hex(out, digest);
-  return out;
-}
 
 }  // namespace
 
@@ -61,7 +31,7 @@ std::string ManifestFiles::Entry::sha256() const {
     const json::value* sha = e ? e->if_contains("sha256") : nullptr;
     return sha && sha->is_string() ? std::string(sha->get_string()) : std::string();
   }
-  return hex_of(row().digest);
+  return sha256_hex(row().digest);
 }
 
 std::string_view ManifestFiles::Entry::kind() const {
@@ -90,7 +60,7 @@ json::value ManifestFiles::Entry::info() const {
     if (value == kSizeValue) {
       e.emplace(key, row().size);
     } else if (value == kDigestValue) {
-      e.emplace(key, hex_of(row().digest));
+      e.emplace(key, sha256_hex(row().digest));
     } else {
       e.emplace(key, table_->strings_[value]);
     }
@@ -205,7 +175,7 @@ bool ManifestFiles::assign_compact(Row& row, const json::value& info) {
       if (!v.is_int64()) return false;
       has_size = true;
     } else if (kv.key() == "sha256") {
-      if (!v.is_string() || !digest_bytes(v.get_string())) return false;
+      if (!v.is_string() || !sha256_digest_bytes(v.get_string())) return false;
       has_digest = true;
     } else if (!v.is_string()) {
       return false;
@@ -221,7 +191,7 @@ bool ManifestFiles::assign_compact(Row& row, const json::value& info) {
       row.size = kv.value().get_int64();
       value = kSizeValue;
     } else if (kv.key() == "sha256") {
-      row.digest = *digest_bytes(kv.value().get_string());
+      row.digest = *sha256_digest_bytes(kv.value().get_string());
       value = kDigestValue;
     } else {
       value = intern(kv.value().get_string());
@@ -285,7 +255,7 @@ void ManifestFiles::append_entry_json(std::string& out, const Entry& entry, cons
       out += std::to_string(entry.row().size);
     } else if (value == kDigestValue) {
       out.push_back('"');
-      append_hex(out, entry.row().digest);
+      append_sha256_hex(out, entry.row().digest);
       out.push_back('"');
     } else {
       append_json_string(out, strings_[value]);
